@@ -1,0 +1,90 @@
+// The host player's media interfaces. Of these the library needs MediaBuffer::ContentInfo and its
+// two enumerations; MediaBuffer and BufferStream themselves are the host's, neither implemented nor
+// called here.
+
+#ifndef PELA_MEDIA_PLAYER_H
+#define PELA_MEDIA_PLAYER_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "PELAStatus.h"
+#include "PELATypes.h"
+
+namespace PELA {
+
+/// A stream of bytes of the host.
+class BufferStream {
+public:
+    /// Moves by offset from whence (0 start, 1 position, 2 end); the new position or -1.
+    virtual int64_t seek(int64_t offset, int whence) = 0;
+    /// Reads up to size bytes to buffer; their number, 0 at the end, negative on failure.
+    virtual int read(uint8_t *buffer, int size) = 0;
+    /// Position in bytes from the start, or -1.
+    virtual int64_t tell() = 0;
+    /// Stores the first position and the one behind the last that can be read now.
+    virtual bool bounds(int64_t *first, int64_t *end) = 0;
+    virtual ~BufferStream() {}
+};
+
+/// A medium that the host has opened.
+class MediaBuffer {
+public:
+    enum AspectRatioInfo {
+        ASPECT_INFO_ENCODED = 0,
+        ASPECT_WIDE_WITH_BLACK_BARS = 1,
+        ASPECT_NORMAL_WITH_BLACK_BARS = 2
+    };
+
+    enum Dimensionality {
+        DIM_2D = 0,
+        DIM_3D_LEFT_RIGHT = 1,
+        DIM_3D_TOP_BOTTOM = 2,
+        DIM_3D_BOTTOM_TOP = 3,
+        DIM_3D_LEFT_THEN_RIGHT = 4,
+        DIM_3D_RIGHT_THEN_LEFT = 5
+    };
+
+    /// Description of a stream, in the host's vocabulary.
+    struct ContentInfo {
+        Containers containerType;
+        AudioCodecs audioCodec;
+        uint32_t audioPid;
+        VideoCodecs videoCodec;
+        uint32_t videoPid;
+        AspectRatioInfo arInfo;
+        uint32_t duration;  ///< milliseconds
+        uint32_t width;     ///< pixels
+        uint32_t height;    ///< pixels
+        uint32_t pixelAspectNumerator;
+        uint32_t pixelAspectDenominator;
+        uint32_t numNavTableEntries;  ///< entries in each of the two tables
+        uint64_t *offsetTable;        ///< bytes
+        uint32_t *ptsTable;           ///< ticks of 90 kHz
+        bool isEncryped;
+        uint32_t pingPeriod;
+        uint32_t pingPeriodFast;
+        uint32_t numAudioChannels;
+        uint32_t audioSampleRate;       ///< hertz
+        uint32_t framesPerKiloSeconds;  ///< frames in 1000 seconds
+        Dimensionality dimensionality;
+    };
+
+    struct BufferInfo {
+        uint64_t length;     ///< bytes
+        uint64_t bytesLeft;  ///< bytes
+        bool completelyDownloaded;
+    };
+
+    virtual Status GetContentInfo(ContentInfo *info) = 0;
+    virtual Status GetBufferInfo(BufferInfo *info) = 0;
+    virtual Status OpenMediaStream(IBufferStream *stream) = 0;
+    virtual Status CloseMediaStream(IBufferStream stream) = 0;
+    virtual Status OpenNavigationStream(IBufferStream *stream) = 0;
+    virtual Status CloseNavigationStream(IBufferStream stream) = 0;
+    virtual ~MediaBuffer() {}
+};
+
+}  // namespace PELA
+
+#endif

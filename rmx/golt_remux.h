@@ -1,0 +1,14 @@
+// What a remuxer tells of its output.
+
+#ifndef GOLT_REMUX_H
+#define GOLT_REMUX_H
+
+#include <cstdint>
+
+/// PIDs of the elementary streams.
+struct GOLT_remuxInfo_t {
+    uint32_t audioPid;
+    uint32_t videoPid;
+};
+
+#endif

@@ -1,0 +1,136 @@
+// A host over bytes in memory: the source of a demuxer, with its faults, and the sink of a muxer.
+
+#ifndef GOLT_TEST_HOST_DOUBLE_H
+#define GOLT_TEST_HOST_DOUBLE_H
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "bytes.h"
+#include "golt.h"
+#include "golt_mem.h"
+
+/// A source. Faults are fields: set them before the call that is to meet them.
+class Source : public PELA::AVDemuxer::Listener {
+public:
+    explicit Source(Bytes file)
+        : m_file(std::move(file))
+    {
+    }
+
+    int max_read = 0;        ///< most bytes a read delivers, 0: no limit
+    int64_t fail_from = -1;  ///< reads that reach this offset deliver nothing of it, -1: never
+    bool refuse_seeks = false;
+    int reads = 0;
+    int seeks = 0;
+
+    int read(uint8_t *buffer, int size) override
+    {
+        ++reads;
+        const auto end = static_cast<int64_t>(m_file.size());
+        const int64_t limit = fail_from >= 0 ? std::min(fail_from, end) : end;
+        int64_t count = std::min<int64_t>(size, limit - m_pos);
+        if (max_read > 0) count = std::min<int64_t>(count, max_read);
+        if (count <= 0) return 0;
+        memcpy(buffer, m_file.data() + m_pos, static_cast<size_t>(count));
+        m_pos += count;
+        return static_cast<int>(count);
+    }
+
+    int64_t seek(int64_t offset, int whence) override
+    {
+        ++seeks;
+        if (refuse_seeks || offset < 0 || whence != 0) return -1;
+        m_pos = offset;
+        return 0;
+    }
+
+    int64_t size() const { return static_cast<int64_t>(m_file.size()); }
+    int64_t position() const { return m_pos; }
+
+    /// The source as a demuxer module sees it; the handle is the Source.
+    static uint32_t read_proc(void *source, uint8_t *buffer, uint32_t size)
+    {
+        auto *self = static_cast<Source *>(source);
+        uint32_t total = 0;
+        while (total < size) {
+            const int got = self->read(buffer + total, static_cast<int>(size - total));
+            if (got <= 0) break;
+            total += static_cast<uint32_t>(got);
+        }
+        return total;
+    }
+
+    static int32_t seek_proc(void *source, int64_t offset)
+    {
+        return static_cast<int32_t>(static_cast<Source *>(source)->seek(offset, 0));
+    }
+
+private:
+    Bytes m_file;
+    int64_t m_pos = 0;
+};
+
+/// A sink that keeps what is written.
+class Sink : public PELA::AVMuxer::Listener {
+public:
+    Bytes stream;
+    std::vector<int> sizes;  ///< of each write
+
+    int write(uint8_t *buffer, int size) override
+    {
+        stream.insert(stream.end(), buffer, buffer + size);
+        sizes.push_back(size);
+        return size;
+    }
+
+    /// The sink as the remuxer sees it; the handle is the Sink.
+    static uint32_t write_proc(void *sink, uint8_t *buffer, uint32_t size)
+    {
+        return static_cast<uint32_t>(
+            static_cast<Sink *>(sink)->write(buffer, static_cast<int>(size)));
+    }
+};
+
+/// The one driver, for as long as the object lives.
+class Driver {
+public:
+    Driver()
+        : m_driver(GOLT_CreateRemuxerDriver())
+    {
+    }
+    ~Driver() { GOLT_DestroyRemuxerDriver(); }
+    Driver(const Driver &) = delete;
+    Driver &operator=(const Driver &) = delete;
+
+    PELA::RemuxerDriver *operator->() const { return m_driver; }
+
+private:
+    PELA::IRemuxerDriver m_driver;
+};
+
+/// What a frame holds, copied out of it.
+struct Frame {
+    uint64_t time_ms;
+    uint32_t type;
+    Bytes data;
+};
+
+/// Calls read(GOLT_frame_t *) until it is false or most frames have come, and keeps what came.
+template <typename Read> std::vector<Frame> read_frames(Read read, size_t most = SIZE_MAX)
+{
+    std::vector<Frame> frames;
+    while (frames.size() < most) {
+        GOLT_frame_t frame = {};
+        const bool ok = read(&frame);
+        if (ok)
+            frames.push_back({frame.ui8_timestamp, frame.ui4_frametype,
+                              Bytes(frame.pb_data, frame.pb_data + frame.ui4_size)});
+        GOLT_freeMem(frame.pb_data);
+        if (!ok) break;
+    }
+    return frames;
+}
+
+#endif
