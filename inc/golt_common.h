@@ -12,7 +12,7 @@
 /// Marks a function that the shared object exports, with C linkage. Everything else stays hidden.
 #define GOLT_EXPORT extern "C" __attribute__((visibility("default")))
 
-enum GOLT_frametypes_t : int {
+enum GOLT_frametypes_t : uint32_t {
     GOLT_FT_VIDEO = 0,    ///< one video access unit
     GOLT_FT_AUDIO = 1,    ///< one audio frame
     GOLT_FT_MPEG2TS = 2,  ///< ready-made transport packets, which the remuxer passes on unchanged

@@ -8,8 +8,8 @@
 
 namespace {
 
-// Which block of the pool serves a request shows only in what is served next, so the cases take blocks, give
-// them back, and look at which addresses come again.
+// Which block of the pool serves a request shows only in what is served next, so the cases take
+// blocks, give them back, and look at which addresses come again.
 class Pool : public ::testing::Test {
 protected:
     Pool() { GOLT_memInit(); }
@@ -40,7 +40,8 @@ TEST_F(Pool, ServesTheSmallestFreeBlockThatFits)
     uint8_t *large = GOLT_allocMem(0x14001);
     give({middle, large});
 
-    EXPECT_EQ(GOLT_allocMem(24), middle) << "a small request takes a larger block rather than the heap";
+    EXPECT_EQ(GOLT_allocMem(24), middle)
+        << "a small request takes a larger block rather than the heap";
     EXPECT_EQ(GOLT_allocMem(0x20000), large);
     GOLT_freeMem(small[2]);
     EXPECT_EQ(GOLT_allocMem(0), small[2]);

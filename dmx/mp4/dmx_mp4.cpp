@@ -1,0 +1,1061 @@
+#include "dmx_mp4.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "golt_endian.h"
+#include "golt_mem.h"
+
+namespace {
+
+constexpr uint32_t BOX_HEADER_SIZE = 8;  // bytes: size and type
+constexpr uint32_t NO_POSITION = 0xFFFFFFFF;
+constexpr uint32_t LENGTH_SIZE = 4;  // bytes of a NAL unit's length, and of a start code
+constexpr uint32_t START_CODE = 0x00000001;
+
+// A block of this many bytes is allocated on the file's word. For a larger one the file first has
+// to show that it has the bytes that fill it, so that a small file can't ask for more than a few of
+// these.
+constexpr uint64_t UNPROVEN_BLOCK = 2 * 1024 * 1024;
+
+// Searches for "stbl" in one "mdia", each of which may run to that box's end. A sound file needs
+// one.
+constexpr int MAX_STBL_SEARCHES = 8;
+
+constexpr uint32_t box_type(const char (&letters)[5])
+{
+    uint32_t ui4_type = 0;
+    for (int i = 0; i < 4; ++i)
+        ui4_type = ui4_type << 8 | static_cast<uint8_t>(letters[i]);
+    return ui4_type;
+}
+
+// A block from the general heap, zero-filled when it is made.
+struct heap_free {
+    void operator()(void *pv_block) const { std::free(pv_block); }
+};
+template <typename T> using heap_array = std::unique_ptr<T[], heap_free>;
+
+// Never empty, so that no memory can be told from no entries.
+template <typename T> heap_array<T> make_array(uint32_t ui4_count)
+{
+    return heap_array<T>(static_cast<T *>(std::calloc(ui4_count != 0 ? ui4_count : 1, sizeof(T))));
+}
+
+// What video and audio tracks have in common. The tables are blocks of the general heap that the
+// track owns; each has at least ui4_num_samples entries if it is there.
+struct s_track {
+    uint32_t ui4_track_id;  // 0: there is no such track
+    uint32_t ui4_format;    // one of GOLT_codecs_t
+    uint32_t ui4_num_samples;
+    uint32_t ui4_sample_size;       // bytes of every sample; 0: they differ
+    uint32_t *pui4_sample_sizes;    // bytes; null when all are equal
+    uint32_t *pui4_sample_offsets;  // positions in the file
+    uint32_t ui4_num_sync_samples;
+    uint32_t *pui4_sync_samples;  // indices, counted from 0
+    uint32_t ui4_duration;        // ms
+    uint32_t *pui4_ts;            // ms; null when the interval is constant
+    double db_interval;           // ms per sample
+    uint32_t ui4_sample_idx;      // the next sample to deliver
+};
+
+struct s_st_v {
+    s_track tr;
+    uint16_t ui2_width;
+    uint16_t ui2_height;
+    uint32_t ui4_pix_ar_nr;
+    uint32_t ui4_pix_ar_dr;
+    uint8_t *pb_hdr;  // "avcC" from its count of sequence parameter sets on
+    bool b_header_sent;
+    uint32_t ui4_hdr_block_size;  // bytes at pb_hdr
+};
+
+struct s_st_a {
+    s_track tr;
+    uint32_t ui4_sfreq;  // Hz
+    uint32_t ui2_channels;
+};
+
+struct dmx_mp4_t {
+    tpf_seek pf_seek;
+    tpf_read pf_read;
+    void *pv_handle;
+    s_st_v st_v;
+    s_st_a st_a;
+};
+
+dmx_mp4_t dmx_mp4;
+
+enum { TRACK_UNKNOWN = 0, TRACK_VIDEO = 1, TRACK_AUDIO = 2, BOTH_TRACKS = 3 };
+
+// What is known while one "trak" is open.
+struct s_parse_ctx {
+    uint32_t *pui4_tracks;  // kinds that have been completed
+    s_track *p_tr;          // null until "hdlr" has named the kind
+    uint32_t ui4_track;     // TRACK_UNKNOWN until then
+    uint32_t ui4_tscale;    // ticks per second
+    uint32_t ui4_track_id;
+};
+
+// Entries of the sample tables, in the layout of the file.
+struct s_stsc_entry {
+    uint32_t ui4_start_chunk;  // counted from 1
+    uint32_t ui4_num_samples;  // in each chunk of the run
+    uint32_t ui4_sample_did;   // left in the file's byte order
+};
+
+struct s_xtts_entry {
+    uint32_t ui4_num_samples;
+    uint32_t ui4_delta;  // ticks
+};
+
+struct s_xtts {
+    uint32_t ui4_num_entries;
+    heap_array<s_xtts_entry> ps_entries;
+};
+
+enum : uint32_t {
+    STBL_STSD = 0x1,
+    STBL_STSZ = 0x2,
+    STBL_STCO = 0x4,
+    STBL_STSC = 0x8,
+    STBL_NEEDED = 0xF,
+    STBL_STSS = 0x10,
+    STBL_STTS = 0x20,
+    STBL_CTTS = 0x40
+};
+
+// The tables of one "stbl" as they stand in the file.
+struct s_stbl {
+    uint32_t ui4_boxes;  // those read
+    uint32_t ui4_sample_size;
+    uint32_t ui4_num_sizes;
+    heap_array<uint32_t> pui4_sizes;
+    uint32_t ui4_num_chunks;
+    heap_array<uint32_t> pui4_co;
+    uint32_t ui4_stsc_entries;
+    heap_array<s_stsc_entry> p_stsc;
+    uint32_t ui4_num_sync_samples;
+    heap_array<uint32_t> pui4_sync_samples;
+    s_xtts stts;
+    s_xtts ctts;
+};
+
+bool _dmx_mp4_parse();
+bool _dmx_mp4_parse_tracks(uint32_t ui4_pos, uint32_t ui4_end);
+bool _dmx_mp4_parse_track(uint32_t ui4_pos, uint32_t *pui4_tracks, uint32_t ui4_end);
+bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx);
+bool _dmx_mp4_parse_stbl(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx);
+bool _dmx_mp4_parse_stsd(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx);
+bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame);
+bool _dmx_mp4_get_a_frame(GOLT_frame_t *pt_frame);
+bool has_next(const s_st_v &st_v);
+bool has_next(const s_st_a &st_a);
+void release(s_track *p_tr);
+uint64_t nominal_time(const s_track &tr);
+uint32_t index_at(const s_track &tr, uint64_t ui8_time);
+uint64_t time_of_double(double db);
+
+}  // namespace
+
+GOLT_EXPORT bool GOLT_DMX_MP4Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle)
+{
+    GOLT_DMX_MP4Destroy();
+    dmx_mp4.pf_read = pf_read;
+    dmx_mp4.pf_seek = pf_seek;
+    dmx_mp4.pv_handle = pv_handle;
+    if (_dmx_mp4_parse()) return true;
+    GOLT_DMX_MP4Destroy();
+    return false;
+}
+
+GOLT_EXPORT bool GOLT_DMX_MP4Destroy()
+{
+    std::free(dmx_mp4.st_v.pb_hdr);
+    release(&dmx_mp4.st_v.tr);
+    release(&dmx_mp4.st_a.tr);
+    dmx_mp4 = {};
+    return true;
+}
+
+GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame)
+{
+    const bool f_video_ok = has_next(dmx_mp4.st_v);
+    const bool f_audio_ok = has_next(dmx_mp4.st_a);
+    if (!f_audio_ok) return f_video_ok && _dmx_mp4_get_v_frame(pt_frame);
+    if (!f_video_ok) return _dmx_mp4_get_a_frame(pt_frame);
+
+    const s_track &video = dmx_mp4.st_v.tr;
+    const s_track &audio = dmx_mp4.st_a.tr;
+    const uint64_t ui8_next_ts_v = nominal_time(video);
+    const uint64_t ui8_next_ts_a = nominal_time(audio);
+    const uint32_t ui4_offset_v = video.pui4_sample_offsets[video.ui4_sample_idx];
+    const uint32_t ui4_offset_a = audio.pui4_sample_offsets[audio.ui4_sample_idx];
+    // Of samples due at the same time the one that lies earlier in the file goes first.
+    const bool f_video_first = ui8_next_ts_a != ui8_next_ts_v ? ui8_next_ts_a > ui8_next_ts_v
+                                                              : ui4_offset_v < ui4_offset_a;
+    return f_video_first ? _dmx_mp4_get_v_frame(pt_frame) : _dmx_mp4_get_a_frame(pt_frame);
+}
+
+GOLT_EXPORT bool GOLT_DMX_MP4SeekToBytes(int64_t)
+{
+    return true;
+}
+
+GOLT_EXPORT bool GOLT_DMX_MP4SeekToTime(uint64_t ui8_time)
+{
+    s_track &video = dmx_mp4.st_v.tr;
+    s_track &audio = dmx_mp4.st_a.tr;
+    if (video.db_interval > 0) {
+        const uint32_t ui4_index = index_at(video, ui8_time);
+        video.ui4_sample_idx = ui4_index;
+        for (uint32_t i = 0; i < video.ui4_num_sync_samples; ++i) {
+            const uint32_t ui4_sync = video.pui4_sync_samples[i];
+            if (ui4_sync < ui4_index) continue;
+            video.ui4_sample_idx = ui4_sync;
+            ui8_time = time_of_double(static_cast<double>(ui8_time) +
+                                      video.db_interval * (ui4_sync - ui4_index));
+            break;
+        }
+    }
+    if (audio.db_interval > 0) audio.ui4_sample_idx = index_at(audio, ui8_time);
+    printf("GOLT/mp4: seek: v(%d), a(%d)\n", static_cast<int>(video.ui4_sample_idx),
+           static_cast<int>(audio.ui4_sample_idx));
+    return true;
+}
+
+GOLT_EXPORT bool GOLT_DMX_MP4GetStreamInfo(GOLT_streamInfo_t *sinfo)
+{
+    const s_st_a &st_a = dmx_mp4.st_a;
+    sinfo->audioCodec = GOLT_CODEC_UNKNOWN;
+    if (st_a.tr.ui4_track_id != 0) {
+        sinfo->audioCodec = static_cast<GOLT_codecs_t>(st_a.tr.ui4_format);
+        sinfo->aud_numChannels = st_a.ui2_channels;
+        sinfo->aud_sampleRate = st_a.ui4_sfreq;
+        sinfo->duration = st_a.tr.ui4_duration;
+    }
+
+    const s_st_v &st_v = dmx_mp4.st_v;
+    sinfo->videoCodec = GOLT_CODEC_UNKNOWN;
+    if (st_v.tr.ui4_track_id == 0) return true;
+    sinfo->videoCodec = static_cast<GOLT_codecs_t>(st_v.tr.ui4_format);
+    sinfo->vid_arInfo = GOLT_AR_ENCODED;
+    sinfo->vid_width = st_v.ui2_width;
+    sinfo->vid_height = st_v.ui2_height;
+    sinfo->vid_pixelAspectNumerator = st_v.ui4_pix_ar_nr;
+    sinfo->vid_pixelAspectDenominator = st_v.ui4_pix_ar_dr;
+    sinfo->vid_dimensionality = GOLT_DIM_2D;
+    if (st_v.tr.ui4_duration == 0) return true;
+    // The rate counts in whole seconds; only a track under a second is measured by its
+    // milliseconds.
+    const uint64_t ui8_kilo_samples = uint64_t{1000} * st_v.tr.ui4_num_samples;
+    const uint32_t ui4_seconds = st_v.tr.ui4_duration / 1000;
+    sinfo->vid_framesPerKiloSeconds =
+        static_cast<uint32_t>(ui4_seconds != 0 ? ui8_kilo_samples / ui4_seconds
+                                               : ui8_kilo_samples * 1000 / st_v.tr.ui4_duration);
+    sinfo->duration = st_v.tr.ui4_duration;
+    return true;
+}
+
+namespace {
+
+// Reading
+
+// A seek and a read of ui4_size bytes, all of them or false. Positions end at 4 GiB.
+bool read_at(uint64_t ui8_pos, void *pv_data, uint32_t ui4_size)
+{
+    if (ui8_pos + ui4_size > UINT32_MAX) return false;
+    if (dmx_mp4.pf_seek(dmx_mp4.pv_handle, static_cast<int64_t>(ui8_pos)) != 0) return false;
+    return dmx_mp4.pf_read(dmx_mp4.pv_handle, static_cast<uint8_t *>(pv_data), ui4_size) ==
+           ui4_size;
+}
+
+bool read_be32_at(uint64_t ui8_pos, uint32_t *pui4)
+{
+    if (!read_at(ui8_pos, pui4, sizeof *pui4)) return false;
+    *pui4 = bswap_32(*pui4);
+    return true;
+}
+
+bool read_be16_at(uint64_t ui8_pos, uint16_t *pui2)
+{
+    if (!read_at(ui8_pos, pui2, sizeof *pui2)) return false;
+    *pui2 = bswap_16(*pui2);
+    return true;
+}
+
+// Whether a block may be allocated for ui8_size bytes that the file claims to have at ui8_pos.
+bool is_proven(uint64_t ui8_pos, uint64_t ui8_size)
+{
+    if (ui8_size <= UNPROVEN_BLOCK) return true;
+    uint8_t ui1_last = 0;
+    return ui8_size <= UINT32_MAX && read_at(ui8_pos + ui8_size - 1, &ui1_last, 1);
+}
+
+// Boxes (ISO/IEC 14496-12). A box is named by the position of its header; an end is the position of
+// the last byte of the enclosing box.
+
+bool _dmx_mp4_get_box_header(uint32_t ui4_pos, uint32_t *pui4_size, uint32_t *pui4_type)
+{
+    uint8_t ab_header[BOX_HEADER_SIZE];
+    if (!read_at(ui4_pos, ab_header, BOX_HEADER_SIZE)) return false;
+    *pui4_size = get_be32(ab_header);
+    *pui4_type = get_be32(ab_header + 4);
+    return true;
+}
+
+// Moves behind a box. False where no box can follow: a size below that of a header (0 and 1 have
+// meanings that are not handled) leads nowhere, and positions end at 4 GiB. The walk of that level
+// then ends, as it does where a header can't be read.
+bool step_over(uint32_t *pui4_pos, uint32_t ui4_size)
+{
+    if (ui4_size < BOX_HEADER_SIZE || ui4_size > UINT32_MAX - *pui4_pos) return false;
+    *pui4_pos += ui4_size;
+    return true;
+}
+
+// Last byte of a box inside an enclosing one. No child reaches into what follows its parent, so
+// that however the sizes lie, each byte of the file is looked at only a few times.
+uint32_t last_byte(uint32_t ui4_pos, uint32_t ui4_size, uint32_t ui4_end)
+{
+    const uint64_t ui8_last = uint64_t{ui4_pos} + ui4_size - 1;
+    return ui8_last < ui4_end ? static_cast<uint32_t>(ui8_last) : ui4_end;
+}
+
+// Finds a sibling from *pui4_pos on and returns its size, or 0; ui4_end 0 means no bound.
+uint32_t _dmx_mp4_goto_box(uint32_t ui4_box_type, uint32_t *pui4_pos, uint32_t ui4_end)
+{
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    while (_dmx_mp4_get_box_header(*pui4_pos, &ui4_size, &ui4_type)) {
+        if (ui4_type == ui4_box_type) return ui4_size >= BOX_HEADER_SIZE ? ui4_size : 0;
+        if (!step_over(pui4_pos, ui4_size)) return 0;
+        if (ui4_end != 0 && *pui4_pos >= ui4_end) return 0;
+    }
+    return 0;
+}
+
+bool has_all_boxes(const char *walker, uint32_t ui4_expected, uint32_t ui4_got)
+{
+    if (ui4_got == ui4_expected) return true;
+    printf("GOLT/mp4: %s: expected 0x%x boxes, got 0x%x\n", walker, ui4_expected, ui4_got);
+    return false;
+}
+
+// Track walk
+
+// "ftyp" first, then to the first moment when both "moov" and "mdat" have been seen.
+bool _dmx_mp4_parse()
+{
+    constexpr uint32_t MOOV = 0x1;
+    constexpr uint32_t MDAT = 0x2;
+    uint32_t ui4_boxes = 0;
+    uint32_t ui4_mdat_box = NO_POSITION;
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    if (!_dmx_mp4_get_box_header(0, &ui4_size, &ui4_type)) {
+        puts("GOLT/mp4: Header read error");
+        return false;
+    }
+    if (ui4_type != box_type("ftyp")) {
+        puts("GOLT/mp4: 'ftyp' box not found");
+        return false;
+    }
+
+    uint32_t ui4_pos = 0;
+    while (step_over(&ui4_pos, ui4_size) &&
+           _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
+        if (ui4_type == box_type("moov")) {
+            // Whether there was anything of use in it shows in the track records.
+            _dmx_mp4_parse_tracks(ui4_pos + BOX_HEADER_SIZE,
+                                  last_byte(ui4_pos, ui4_size, UINT32_MAX));
+            ui4_boxes |= MOOV;
+        } else if (ui4_type == box_type("mdat")) {
+            if ((ui4_boxes & MOOV) == 0) ui4_mdat_box = ui4_pos;
+            ui4_boxes |= MDAT;
+        }
+        if (ui4_boxes == (MOOV | MDAT)) break;
+    }
+
+    // A source that was read to its end is brought back to the media data.
+    if ((ui4_boxes & MOOV) != 0 && ui4_mdat_box != NO_POSITION) {
+        uint32_t tmp = 0;
+        if (!read_at(ui4_mdat_box, &tmp, sizeof tmp)) return false;
+    }
+    return has_all_boxes("_dmx_mp4_parse", MOOV, ui4_boxes & MOOV);
+}
+
+// The "trak" boxes of a "moov", until one track of each kind is complete or one fails.
+bool _dmx_mp4_parse_tracks(uint32_t ui4_pos, uint32_t ui4_end)
+{
+    uint32_t ui4_tracks = 0;
+    uint32_t ui4_track_start = ui4_pos;
+    for (;;) {
+        const uint32_t ui4_box_size =
+            _dmx_mp4_goto_box(box_type("trak"), &ui4_track_start, ui4_end);
+        if (ui4_box_size == 0) return false;
+        if (!_dmx_mp4_parse_track(ui4_track_start + BOX_HEADER_SIZE, &ui4_tracks,
+                                  last_byte(ui4_track_start, ui4_box_size, ui4_end)))
+            return false;
+        if (ui4_tracks == BOTH_TRACKS) return true;
+        if (!step_over(&ui4_track_start, ui4_box_size)) return false;
+    }
+}
+
+bool _dmx_mp4_parse_track(uint32_t ui4_pos, uint32_t *pui4_tracks, uint32_t ui4_end)
+{
+    constexpr uint32_t TKHD = 0x1;
+    constexpr uint32_t MDIA = 0x2;
+    uint32_t ui4_boxes = 0;
+    s_parse_ctx ctx = {};
+    ctx.pui4_tracks = pui4_tracks;
+
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    while (ui4_pos < ui4_end && _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
+        if (ui4_type == box_type("tkhd")) {
+            if (!read_be32_at(uint64_t{ui4_pos} + 20, &ctx.ui4_track_id)) return false;
+            ui4_boxes |= TKHD;
+        } else if (ui4_type == box_type("mdia")) {
+            if (_dmx_mp4_parse_mdia(ui4_pos + BOX_HEADER_SIZE,
+                                    last_byte(ui4_pos, ui4_size, ui4_end), &ctx))
+                ui4_boxes |= MDIA;
+        }
+        if (!step_over(&ui4_pos, ui4_size)) break;
+    }
+    return has_all_boxes("_dmx_mp4_parse_track", TKHD | MDIA, ui4_boxes);
+}
+
+// "hdlr" at ui4_pos: opens the record of the track that it names. *pf_track: whether there is one;
+// false as result: a failed read.
+bool open_track(uint32_t ui4_pos, uint32_t ui4_duration, s_parse_ctx *p_ctx, bool *pf_track)
+{
+    uint32_t ui4_handler = 0;
+    if (!read_be32_at(uint64_t{ui4_pos} + 16, &ui4_handler)) return false;
+    const bool f_video = ui4_handler == box_type("vide");
+    // Without a time scale, be it 0 or still to come, no time can be told: such a track isn't
+    // opened.
+    *pf_track = (f_video || ui4_handler == box_type("soun")) && p_ctx->ui4_tscale != 0;
+    if (!*pf_track) return true;
+    p_ctx->ui4_track = f_video ? TRACK_VIDEO : TRACK_AUDIO;
+    p_ctx->p_tr = f_video ? &dmx_mp4.st_v.tr : &dmx_mp4.st_a.tr;
+    p_ctx->p_tr->ui4_sample_idx = 0;
+    p_ctx->p_tr->ui4_track_id = p_ctx->ui4_track_id;
+    p_ctx->p_tr->ui4_duration =
+        static_cast<uint32_t>(uint64_t{ui4_duration} * 1000 / p_ctx->ui4_tscale);
+    return true;
+}
+
+// "minf" at ui4_pos. The search for "stbl" is bounded by ui4_end, the end of "mdia".
+bool parse_minf(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
+{
+    if (p_ctx->p_tr == nullptr || p_ctx->ui4_tscale == 0) return false;
+    uint32_t ui4_boxpos = ui4_pos + BOX_HEADER_SIZE;
+    const uint32_t ui4_boxsiz = _dmx_mp4_goto_box(box_type("stbl"), &ui4_boxpos, ui4_end);
+    if (ui4_boxsiz == 0) return false;
+    if (!_dmx_mp4_parse_stbl(ui4_boxpos + BOX_HEADER_SIZE,
+                             last_byte(ui4_boxpos, ui4_boxsiz, ui4_end), p_ctx))
+        return false;
+    *p_ctx->pui4_tracks |= p_ctx->ui4_track;
+    return true;
+}
+
+bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
+{
+    constexpr uint32_t MDHD = 0x1;
+    constexpr uint32_t HDLR = 0x2;
+    constexpr uint32_t MINF = 0x4;
+    uint32_t ui4_boxes = 0;
+    uint32_t ui4_duration = 0;
+    int searches = 0;
+    p_ctx->ui4_track = TRACK_UNKNOWN;
+
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    while (ui4_pos < ui4_end && _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
+        if (ui4_type == box_type("mdhd")) {
+            if (!read_be32_at(uint64_t{ui4_pos} + 20, &p_ctx->ui4_tscale)) return false;
+            if (!read_be32_at(uint64_t{ui4_pos} + 24, &ui4_duration)) return false;
+            ui4_boxes |= MDHD;
+        } else if (ui4_type == box_type("hdlr")) {
+            bool f_track = false;
+            if (!open_track(ui4_pos, ui4_duration, p_ctx, &f_track)) return false;
+            if (!f_track) break;
+            ui4_boxes |= HDLR;
+        } else if (ui4_type == box_type("minf") && searches < MAX_STBL_SEARCHES) {
+            ++searches;
+            if (parse_minf(ui4_pos, ui4_end, p_ctx)) ui4_boxes |= MINF;
+        }
+        if (!step_over(&ui4_pos, ui4_size)) break;
+    }
+    return has_all_boxes("_dmx_mp4_parse_mdia", MDHD | HDLR | MINF, ui4_boxes);
+}
+
+// Sample tables
+
+// Number of 32-bit words of an entry that are turned into the processor's order.
+template <typename T> constexpr uint32_t SWAPPED_WORDS = sizeof(T) / 4;
+template <> constexpr uint32_t SWAPPED_WORDS<s_stsc_entry> = 2;
+
+// Reads the ui4_count entries at ui4_pos of a box that ends at ui4_last.
+template <typename T>
+bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, heap_array<T> *p_table)
+{
+    // A table that its box can't hold is damaged; what the box can't hold isn't allocated either.
+    const uint64_t ui8_size = uint64_t{ui4_count} * sizeof(T);
+    if (ui8_pos + ui8_size > uint64_t{ui4_last} + 1 || !is_proven(ui8_pos, ui8_size)) return false;
+    *p_table = make_array<T>(ui4_count);
+    if (*p_table == nullptr) return false;
+    auto *pui4_words = reinterpret_cast<unaligned_32 *>(p_table->get());
+    if (!read_at(ui8_pos, pui4_words, static_cast<uint32_t>(ui8_size))) return false;
+    for (uint32_t i = 0; i < ui4_count; ++i, pui4_words += sizeof(T) / 4) {
+        for (uint32_t word = 0; word < SWAPPED_WORDS<T>; ++word)
+            pui4_words[word].l = bswap_32(pui4_words[word].l);
+    }
+    return true;
+}
+
+// A table box whose entries stand behind their count.
+template <typename T>
+bool read_table(uint32_t ui4_pos, uint32_t ui4_last, uint32_t *pui4_count, heap_array<T> *p_table)
+{
+    return read_be32_at(uint64_t{ui4_pos} + 12, pui4_count) &&
+           read_entries(uint64_t{ui4_pos} + 16, ui4_last, *pui4_count, p_table);
+}
+
+bool read_stsz(uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+{
+    p_stbl->pui4_sizes.reset();
+    if (!read_be32_at(uint64_t{ui4_pos} + 12, &p_stbl->ui4_sample_size)) return false;
+    if (p_stbl->ui4_sample_size != 0) return true;
+    return read_be32_at(uint64_t{ui4_pos} + 16, &p_stbl->ui4_num_sizes) &&
+           read_entries(uint64_t{ui4_pos} + 20, ui4_last, p_stbl->ui4_num_sizes,
+                        &p_stbl->pui4_sizes);
+}
+
+bool read_stss(uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+{
+    if (!read_table(ui4_pos, ui4_last, &p_stbl->ui4_num_sync_samples, &p_stbl->pui4_sync_samples))
+        return false;
+    for (uint32_t i = 0; i < p_stbl->ui4_num_sync_samples; ++i)
+        p_stbl->pui4_sync_samples[i] -= 1;
+    return true;
+}
+
+// One child of "stbl" but "stsd"; sets its bit in ui4_boxes. False when it couldn't be read whole.
+bool read_table_box(uint32_t ui4_type, uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+{
+    uint32_t ui4_box = 0;
+    bool f_ok = true;
+    switch (ui4_type) {
+    case box_type("stsz"):
+        ui4_box = STBL_STSZ;
+        f_ok = read_stsz(ui4_pos, ui4_last, p_stbl);
+        break;
+    case box_type("stco"):
+        ui4_box = STBL_STCO;
+        f_ok = read_table(ui4_pos, ui4_last, &p_stbl->ui4_num_chunks, &p_stbl->pui4_co);
+        break;
+    case box_type("stsc"):
+        ui4_box = STBL_STSC;
+        f_ok = read_table(ui4_pos, ui4_last, &p_stbl->ui4_stsc_entries, &p_stbl->p_stsc);
+        break;
+    case box_type("stss"):
+        ui4_box = STBL_STSS;
+        f_ok = read_stss(ui4_pos, ui4_last, p_stbl);
+        break;
+    case box_type("stts"):
+        ui4_box = STBL_STTS;
+        f_ok =
+            read_table(ui4_pos, ui4_last, &p_stbl->stts.ui4_num_entries, &p_stbl->stts.ps_entries);
+        break;
+    case box_type("ctts"):
+        ui4_box = STBL_CTTS;
+        f_ok =
+            read_table(ui4_pos, ui4_last, &p_stbl->ctts.ui4_num_entries, &p_stbl->ctts.ps_entries);
+        break;
+    default: break;
+    }
+    p_stbl->ui4_boxes |= ui4_box;
+    return f_ok;
+}
+
+// The only source of the number of samples; sums as the format's 32-bit numbers do.
+uint32_t count_samples(const s_stbl &stbl)
+{
+    uint32_t ui4_count = 0;
+    for (uint32_t i = 0; i < stbl.ui4_stsc_entries; ++i) {
+        const s_stsc_entry &run = stbl.p_stsc[i];
+        const uint32_t ui4_next_chunk = i + 1 < stbl.ui4_stsc_entries
+                                            ? stbl.p_stsc[i + 1].ui4_start_chunk
+                                            : stbl.ui4_num_chunks + 1;
+        ui4_count += run.ui4_num_samples * (ui4_next_chunk - run.ui4_start_chunk);
+    }
+    return ui4_count;
+}
+
+// Number of samples that offsets are allocated for: as many as there are sizes, which came from the
+// file. With a constant size the count stands on two numbers of the file alone; above the limit for
+// unproven blocks the file has to be as long as that many samples.
+uint32_t limit_samples(const s_stbl &stbl, uint32_t ui4_count)
+{
+    if (stbl.ui4_sample_size == 0)
+        return ui4_count < stbl.ui4_num_sizes ? ui4_count : stbl.ui4_num_sizes;
+    if (uint64_t{ui4_count} * sizeof(uint32_t) <= UNPROVEN_BLOCK) return ui4_count;
+    const uint64_t ui8_bytes = uint64_t{ui4_count} * stbl.ui4_sample_size;
+    uint8_t ui1_last = 0;
+    return read_at(ui8_bytes - 1, &ui1_last, 1) ? ui4_count : 0;
+}
+
+// Samples of one chunk lie back to back. Returns the number of samples placed: it is short of
+// ui4_num_samples where the tables contradict each other or lead past 4 GiB, and the track ends
+// there. Chunks that don't exist hold no samples. Runs have to rise, so that each chunk is visited
+// once at most.
+uint32_t expand_offsets(const s_stbl &stbl, uint32_t ui4_num_samples, uint32_t *pui4_offsets)
+{
+    uint32_t ui4_si = 0;
+    for (uint32_t i = 0; i < stbl.ui4_stsc_entries; ++i) {
+        const s_stsc_entry &run = stbl.p_stsc[i];
+        uint32_t ui4_last_chunk = stbl.ui4_num_chunks;
+        if (i + 1 < stbl.ui4_stsc_entries) {
+            const uint32_t ui4_next_chunk = stbl.p_stsc[i + 1].ui4_start_chunk;
+            if (ui4_next_chunk <= run.ui4_start_chunk) return ui4_si;
+            if (ui4_next_chunk - 1 < ui4_last_chunk) ui4_last_chunk = ui4_next_chunk - 1;
+        }
+        if (run.ui4_start_chunk == 0) return ui4_si;
+        for (uint32_t ui4_chunk = run.ui4_start_chunk; ui4_chunk <= ui4_last_chunk; ++ui4_chunk) {
+            uint64_t ui8_offset = stbl.pui4_co[ui4_chunk - 1];
+            for (uint32_t n = 0; n < run.ui4_num_samples; ++n) {
+                if (ui4_si == ui4_num_samples || ui8_offset > UINT32_MAX) return ui4_si;
+                pui4_offsets[ui4_si] = static_cast<uint32_t>(ui8_offset);
+                ui8_offset +=
+                    stbl.ui4_sample_size != 0 ? stbl.ui4_sample_size : stbl.pui4_sizes[ui4_si];
+                ++ui4_si;
+            }
+        }
+    }
+    return ui4_si;
+}
+
+// Presentation times in ms, in decoding order, of ui4_num_samples samples. Samples behind the runs
+// of "stts" have the decoding time 0.
+heap_array<uint32_t> expand_timestamps(const s_stbl &stbl, uint32_t ui4_num_samples,
+                                       uint32_t ui4_tscale)
+{
+    heap_array<uint32_t> pui4_ts = make_array<uint32_t>(ui4_num_samples);
+    if (pui4_ts == nullptr) return pui4_ts;
+    uint32_t ui4_next_ts = 0;
+    uint32_t ui4_si = 0;
+    for (uint32_t i = 0; i < stbl.stts.ui4_num_entries; ++i) {
+        const s_xtts_entry &run = stbl.stts.ps_entries[i];
+        for (uint32_t n = 0; n < run.ui4_num_samples && ui4_si < ui4_num_samples; ++n) {
+            pui4_ts[ui4_si++] = ui4_next_ts;
+            ui4_next_ts += run.ui4_delta;
+        }
+    }
+    ui4_si = 0;
+    for (uint32_t i = 0; i < stbl.ctts.ui4_num_entries; ++i) {
+        const s_xtts_entry &run = stbl.ctts.ps_entries[i];
+        for (uint32_t n = 0; n < run.ui4_num_samples && ui4_si < ui4_num_samples; ++n)
+            pui4_ts[ui4_si++] += run.ui4_delta;
+    }
+    for (ui4_si = 0; ui4_si < ui4_num_samples; ++ui4_si) {
+        const double db_ms = pui4_ts[ui4_si] * 1000.0 / ui4_tscale;
+        pui4_ts[ui4_si] = static_cast<uint32_t>(static_cast<uint64_t>(db_ms));
+    }
+    return pui4_ts;
+}
+
+void replace(uint32_t **ppui4_table, heap_array<uint32_t> *p_new)
+{
+    std::free(*ppui4_table);
+    *ppui4_table = p_new->release();
+}
+
+// Turns the tables into the track's arrays. All that depend on each other are replaced together,
+// those of an earlier track of the kind included. False without memory: the track is then as it
+// was.
+bool flatten(s_stbl *p_stbl, const s_parse_ctx &ctx)
+{
+    s_track *p_tr = ctx.p_tr;
+    constexpr uint32_t FOR_OFFSETS = STBL_STSZ | STBL_STCO | STBL_STSC;
+    const bool f_offsets = (p_stbl->ui4_boxes & FOR_OFFSETS) == FOR_OFFSETS;
+    const bool f_constant = p_stbl->stts.ui4_num_entries <= 1 && p_stbl->ctts.ui4_num_entries == 0;
+    uint32_t ui4_num_samples =
+        (p_stbl->ui4_boxes & STBL_STSC) != 0 ? count_samples(*p_stbl) : p_tr->ui4_num_samples;
+    heap_array<uint32_t> pui4_offsets;
+    heap_array<uint32_t> pui4_ts;
+    if (f_offsets) {
+        ui4_num_samples = limit_samples(*p_stbl, ui4_num_samples);
+        pui4_offsets = make_array<uint32_t>(ui4_num_samples);
+        if (pui4_offsets == nullptr) return false;
+        ui4_num_samples = expand_offsets(*p_stbl, ui4_num_samples, pui4_offsets.get());
+        if (!f_constant) {
+            pui4_ts = expand_timestamps(*p_stbl, ui4_num_samples, ctx.ui4_tscale);
+            if (pui4_ts == nullptr) return false;
+        }
+    }
+
+    p_tr->ui4_num_samples = ui4_num_samples;
+    // Without offsets the track delivers nothing, whatever its other tables hold.
+    replace(&p_tr->pui4_sample_offsets, &pui4_offsets);
+    replace(&p_tr->pui4_ts, &pui4_ts);
+    if ((p_stbl->ui4_boxes & STBL_STSZ) != 0) {
+        p_tr->ui4_sample_size = p_stbl->ui4_sample_size;
+        replace(&p_tr->pui4_sample_sizes, &p_stbl->pui4_sizes);
+    }
+    if ((p_stbl->ui4_boxes & STBL_STSS) != 0) {
+        p_tr->ui4_num_sync_samples = p_stbl->ui4_num_sync_samples;
+        replace(&p_tr->pui4_sync_samples, &p_stbl->pui4_sync_samples);
+    }
+    if (f_constant && p_stbl->stts.ui4_num_entries == 1)
+        p_tr->db_interval = p_stbl->stts.ps_entries[0].ui4_delta * (1000.0 / ctx.ui4_tscale);
+    if (p_tr->db_interval == 0 && ui4_num_samples != 0)
+        p_tr->db_interval = static_cast<double>(p_tr->ui4_duration) / ui4_num_samples;
+    return true;
+}
+
+bool _dmx_mp4_parse_stbl(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
+{
+    s_stbl stbl = {};
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    while (ui4_pos < ui4_end && _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
+        const uint32_t ui4_last = last_byte(ui4_pos, ui4_size, ui4_end);
+        if (ui4_type == box_type("stsd")) {
+            if (!_dmx_mp4_parse_stsd(ui4_pos + 16, ui4_last, p_ctx)) break;
+            stbl.ui4_boxes |= STBL_STSD;
+        } else if (!read_table_box(ui4_type, ui4_pos, ui4_last, &stbl)) {
+            return false;
+        }
+        if (!step_over(&ui4_pos, ui4_size)) break;
+    }
+    if (!flatten(&stbl, *p_ctx)) return false;
+
+    const char *const walker = "_dmx_mp4_parse_stbl";
+    if (!has_all_boxes(walker, STBL_NEEDED, stbl.ui4_boxes & STBL_NEEDED)) return false;
+    static const struct {
+        uint32_t ui4_box;
+        const char *name;
+    } optional_boxes[] = {{STBL_STSS, "stss"}, {STBL_STTS, "stts"}, {STBL_CTTS, "ctts"}};
+    for (const auto &row : optional_boxes) {
+        if ((stbl.ui4_boxes & row.ui4_box) == 0)
+            printf("GOLT/mp4: %s: Sync Sample Box '%s' not found\n", walker, row.name);
+    }
+    return true;
+}
+
+// Sample descriptions
+
+int32_t _dmx_mp4_gcd(int32_t i4_num_1, int32_t i4_num_2)
+{
+    if (i4_num_1 == 0) return i4_num_2;
+    while (i4_num_2 != 0) {
+        // Wider than the numbers: the smallest one has no counterpart to be divided by -1.
+        const auto i4_rest = static_cast<int32_t>(int64_t{i4_num_1} % i4_num_2);
+        i4_num_1 = i4_num_2;
+        i4_num_2 = i4_rest;
+    }
+    return i4_num_1;
+}
+
+// The ratio of the entry's two resolutions in lowest terms; square pixels where both are 0.
+void set_pixel_aspect(s_st_v *p_st)
+{
+    const auto ui4_gcd = static_cast<uint32_t>(_dmx_mp4_gcd(
+        static_cast<int32_t>(p_st->ui4_pix_ar_nr), static_cast<int32_t>(p_st->ui4_pix_ar_dr)));
+    if (ui4_gcd == 0) {
+        p_st->ui4_pix_ar_nr = 1;
+        p_st->ui4_pix_ar_dr = 1;
+        return;
+    }
+    p_st->ui4_pix_ar_nr /= ui4_gcd;
+    p_st->ui4_pix_ar_dr /= ui4_gcd;
+}
+
+// "avcC" (ISO/IEC 14496-15) inside an entry that ends at ui4_end: the parameter sets are kept as
+// they stand.
+bool read_avcc(uint32_t ui4_pos, uint32_t ui4_end, s_st_v *p_st)
+{
+    constexpr uint32_t HEAD =
+        13;  // box header, version, profile, compatibility, level, length size
+    const uint32_t ui4_size = _dmx_mp4_goto_box(box_type("avcC"), &ui4_pos, ui4_end);
+    if (ui4_size == 0) {
+        puts("GOLT/mp4: 'avcC' box not found");
+        return false;
+    }
+    const uint32_t ui4_block = ui4_size - HEAD;
+    heap_array<uint8_t> pb_hdr;
+    if (ui4_size >= HEAD) {
+        if (ui4_pos > ui4_end || ui4_size - 1 > ui4_end - ui4_pos ||
+            !is_proven(uint64_t{ui4_pos} + HEAD, ui4_block))
+            return false;
+        pb_hdr = make_array<uint8_t>(ui4_block);
+    }
+    if (pb_hdr == nullptr) {
+        printf("GOLT/mp4: Couldn't alloc %d bytes for 'avcC' header\n",
+               static_cast<int>(ui4_block));
+        return false;
+    }
+    if (!read_at(uint64_t{ui4_pos} + HEAD, pb_hdr.get(), ui4_block)) return false;
+    std::free(p_st->pb_hdr);
+    p_st->pb_hdr = pb_hdr.release();
+    p_st->ui4_hdr_block_size = ui4_block;
+    return true;
+}
+
+bool parse_video_entry(uint32_t ui4_pos, uint32_t ui4_end, uint32_t ui4_type, s_st_v *p_st)
+{
+    if (ui4_type != box_type("avc1")) {
+        printf("GOLT/mp4: Unsupported Video Codec format '%c%c%c%c'\n",
+               static_cast<int>(ui4_type >> 24), static_cast<int>(ui4_type >> 16 & 0xFF),
+               static_cast<int>(ui4_type >> 8 & 0xFF), static_cast<int>(ui4_type & 0xFF));
+        return false;
+    }
+    p_st->tr.ui4_format = GOLT_VCODEC_H264;
+    const uint64_t ui8_pos = ui4_pos;
+    if (!read_be16_at(ui8_pos + 32, &p_st->ui2_width)) return false;
+    if (!read_be16_at(ui8_pos + 34, &p_st->ui2_height)) return false;
+    if (!read_be32_at(ui8_pos + 36, &p_st->ui4_pix_ar_nr)) return false;
+    if (!read_be32_at(ui8_pos + 40, &p_st->ui4_pix_ar_dr)) return false;
+    set_pixel_aspect(p_st);
+    return read_avcc(ui4_pos + 86, ui4_end, p_st);
+}
+
+// Sampling frequency of an AudioSpecificConfig (ISO/IEC 14496-3), of which at least five bytes can
+// be read.
+uint32_t sampling_frequency(const uint8_t *pb)
+{
+    static const uint32_t aui4_sr_table[16] = {96000, 88200, 64000, 48000, 44100, 32000,
+                                               24000, 22050, 16000, 12000, 11025, 8000,
+                                               7350,  0,     0,     0};
+    constexpr uint32_t ESCAPE_TYPE = 31;
+    constexpr uint32_t ESCAPE_INDEX = 15;
+    const uint32_t b0 = pb[0], b1 = pb[1], b2 = pb[2], b3 = pb[3], b4 = pb[4];
+    const uint32_t ui4_base_object_type = b0 >> 3;
+    if (ui4_base_object_type == ESCAPE_TYPE) {
+        const uint32_t ui4_sr_index = b1 >> 1 & 0xF;
+        return ui4_sr_index == ESCAPE_INDEX ? b2 << 15 | b3 << 7 | b4 >> 1
+                                            : aui4_sr_table[ui4_sr_index];
+    }
+    const uint32_t ui4_sr_index = (b0 & 7) << 1 | b1 >> 7;
+    return ui4_sr_index == ESCAPE_INDEX ? b2 << 9 | b3 << 1 | b4 >> 7 : aui4_sr_table[ui4_sr_index];
+}
+
+// "esds" (ISO/IEC 14496-14): the descriptors are walked by fixed steps, for lengths of one or four
+// bytes.
+bool parse_esds(uint32_t ui4_pos, uint32_t ui4_end, s_st_a *p_st, const char *walker)
+{
+    constexpr uint32_t DESCRIPTORS = 12;  // bytes from the start of the box
+    constexpr uint8_t LONG_LENGTH = 0x80;
+    constexpr uint8_t OBJECT_TYPE_AAC = 0x40;
+    constexpr uint8_t OBJECT_TYPE_MP3 = 0x6B;
+    uint8_t ab_buf[256] = {};
+    const uint32_t ui4_size = _dmx_mp4_goto_box(box_type("esds"), &ui4_pos, ui4_end);
+    if (ui4_size == 0) return false;
+    const uint64_t ui8_pos = uint64_t{ui4_pos} + DESCRIPTORS;
+    if (!read_at(ui8_pos, ab_buf, ui4_size < sizeof ab_buf ? ui4_size : sizeof ab_buf))
+        return false;
+
+    uint8_t ui1_pos = ab_buf[1] == LONG_LENGTH ? 9 : 6;  // length of the decoder configuration
+    if (ab_buf[ui1_pos] == LONG_LENGTH) ui1_pos = static_cast<uint8_t>(ui1_pos + 3);
+    const uint8_t ui1_object_type = ab_buf[++ui1_pos];
+    if (ui1_object_type == OBJECT_TYPE_AAC) {
+        printf("GOLT/mp4: %s: Audio format: AAC\n", walker);
+        p_st->tr.ui4_format = GOLT_ACODEC_AAC;
+    } else if (ui1_object_type == OBJECT_TYPE_MP3) {
+        printf("GOLT/mp4: %s: Audio format: MP3\n", walker);
+        p_st->tr.ui4_format = GOLT_ACODEC_MP3;
+    }
+
+    ui1_pos =
+        static_cast<uint8_t>(ui1_pos + 14);  // length of what follows the configuration's 13 bytes
+    if (ab_buf[ui1_pos] == LONG_LENGTH) ui1_pos = static_cast<uint8_t>(ui1_pos + 3);
+    const uint8_t ui1_size = ab_buf[ui1_pos];
+    memset(ab_buf, 0, sizeof ab_buf);
+    if (!read_at(ui8_pos + ui1_pos + 1, ab_buf, ui1_size)) return false;
+    // Only AAC has such a block, and it takes two bytes; all else keeps the rate of the sample
+    // entry.
+    if (ui1_object_type == OBJECT_TYPE_AAC && ui1_size >= 2)
+        p_st->ui4_sfreq = sampling_frequency(ab_buf);
+    return true;
+}
+
+bool parse_audio_entry(uint32_t ui4_pos, uint32_t ui4_end, uint32_t ui4_type, s_st_a *p_st)
+{
+    const char *const walker = "_dmx_mp4_parse_stsd";
+    switch (ui4_type) {
+    case box_type("mp4a"): break;
+    case box_type("ac-3"):
+        printf("GOLT/mp4: %s: Audio format: AC3\n", walker);
+        p_st->tr.ui4_format = GOLT_ACODEC_AC3;
+        break;
+    case box_type("ec-3"):
+        printf("GOLT/mp4: %s: Audio format: EAC3\n", walker);
+        p_st->tr.ui4_format = GOLT_ACODEC_EAC3;
+        break;
+    default:
+        printf("GOLT/mp4: %s: Audio format: '%c%c%c%c' unsupported\n", walker,
+               static_cast<int>(ui4_type >> 24), static_cast<int>(ui4_type >> 16 & 0xFF),
+               static_cast<int>(ui4_type >> 8 & 0xFF), static_cast<int>(ui4_type & 0xFF));
+        return false;
+    }
+    uint16_t ui2_channels = 0;
+    uint16_t ui2_rate = 0;
+    if (!read_be16_at(uint64_t{ui4_pos} + 24, &ui2_channels)) return false;
+    p_st->ui2_channels = ui2_channels;
+    if (!read_be16_at(uint64_t{ui4_pos} + 32, &ui2_rate)) return false;
+    p_st->ui4_sfreq = ui2_rate;
+    return ui4_type != box_type("mp4a") || parse_esds(ui4_pos + 36, ui4_end, p_st, walker);
+}
+
+// The first sample entry of "stsd", at ui4_pos. The kind of the track tells how it is read.
+bool _dmx_mp4_parse_stsd(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
+{
+    uint32_t ui4_size = 0;
+    uint32_t ui4_type = 0;
+    if (!_dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) return false;
+    const uint32_t ui4_last = last_byte(ui4_pos, ui4_size, ui4_end);
+    return p_ctx->ui4_track == TRACK_VIDEO
+               ? parse_video_entry(ui4_pos, ui4_last, ui4_type, &dmx_mp4.st_v)
+               : parse_audio_entry(ui4_pos, ui4_last, ui4_type, &dmx_mp4.st_a);
+}
+
+// Frame delivery
+
+bool has_next(const s_track &tr)
+{
+    return tr.ui4_track_id != 0 && tr.ui4_sample_idx < tr.ui4_num_samples &&
+           tr.pui4_sample_offsets != nullptr &&
+           (tr.ui4_sample_size != 0 || tr.pui4_sample_sizes != nullptr);
+}
+
+bool has_next(const s_st_a &st_a)
+{
+    return has_next(st_a.tr);
+}
+
+bool has_next(const s_st_v &st_v)
+{
+    return has_next(st_v.tr) && st_v.pb_hdr != nullptr;
+}
+
+uint32_t next_size(const s_track &tr)
+{
+    return tr.ui4_sample_size != 0 ? tr.ui4_sample_size : tr.pui4_sample_sizes[tr.ui4_sample_idx];
+}
+
+// Truncated; what lies outside of the range is cut to it.
+uint64_t time_of_double(double db)
+{
+    if (!(db > 0)) return 0;
+    return db < 18446744073709551616.0 ? static_cast<uint64_t>(db) : UINT64_MAX;
+}
+
+uint64_t nominal_time(const s_track &tr)
+{
+    return time_of_double(tr.ui4_sample_idx * tr.db_interval);
+}
+
+uint32_t index_at(const s_track &tr, uint64_t ui8_time)
+{
+    const uint64_t ui8_index = time_of_double(static_cast<double>(ui8_time) / tr.db_interval);
+    return ui8_index < UINT32_MAX ? static_cast<uint32_t>(ui8_index) : UINT32_MAX;
+}
+
+// Takes a block of ui4_head bytes and the next sample behind them, and reads the sample. The frame
+// owns the block from here on, also when the read fails.
+bool read_sample(const s_track &tr, uint32_t ui4_head, GOLT_frame_t *pt_frame)
+{
+    const uint32_t ui4_sample_size = next_size(tr);
+    const uint32_t ui4_offset = tr.pui4_sample_offsets[tr.ui4_sample_idx];
+    if (ui4_sample_size > UINT32_MAX - ui4_head || !is_proven(ui4_offset, ui4_sample_size))
+        return false;
+    pt_frame->ui4_size = ui4_head + ui4_sample_size;
+    pt_frame->pb_data = GOLT_allocMem(pt_frame->ui4_size);
+    return pt_frame->pb_data != nullptr &&
+           read_at(ui4_offset, pt_frame->pb_data + ui4_head, ui4_sample_size);
+}
+
+bool finish_frame(s_track *p_tr, GOLT_frametypes_t frametype, GOLT_frame_t *pt_frame)
+{
+    pt_frame->ui4_frametype = frametype;
+    pt_frame->ui8_timestamp =
+        p_tr->pui4_ts != nullptr ? p_tr->pui4_ts[p_tr->ui4_sample_idx] : nominal_time(*p_tr);
+    ++p_tr->ui4_sample_idx;
+    return true;
+}
+
+// Parameter sets of a block as a byte stream to pb_dst, if it isn't null; the size of that stream.
+// A set that runs over the block's end is left out, with all behind it.
+uint32_t put_parameter_sets(const uint8_t *pb_avc_dcr, uint32_t ui4_left, uint8_t *pb_dst)
+{
+    uint32_t ui4_hdr_size = 0;
+    // Five bits count the sequence parameter sets, eight the picture parameter sets.
+    static const uint8_t aui1_masks[] = {0x1F, 0xFF};
+    for (const uint8_t ui1_mask : aui1_masks) {
+        if (ui4_left < 1) return ui4_hdr_size;
+        uint32_t ui4_count = *pb_avc_dcr & ui1_mask;
+        ++pb_avc_dcr;
+        --ui4_left;
+        for (; ui4_count > 0; --ui4_count) {
+            if (ui4_left < 2 || get_be16(pb_avc_dcr) > ui4_left - 2) return ui4_hdr_size;
+            const uint32_t ui4_length = get_be16(pb_avc_dcr);
+            if (pb_dst != nullptr) {
+                put_be32(pb_dst + ui4_hdr_size, START_CODE);
+                memcpy(pb_dst + ui4_hdr_size + LENGTH_SIZE, pb_avc_dcr + 2, ui4_length);
+            }
+            ui4_hdr_size += LENGTH_SIZE + ui4_length;
+            pb_avc_dcr += 2 + ui4_length;
+            ui4_left -= 2 + ui4_length;
+        }
+    }
+    return ui4_hdr_size;
+}
+
+// Lengths of NAL units become start codes. A unit that runs over the sample's end is the last;
+// fewer bytes than a length has stay as they are.
+void rewrite_lengths(uint8_t *pb_sample, uint32_t ui4_left)
+{
+    while (ui4_left >= LENGTH_SIZE) {
+        const uint32_t ui4_length = get_be32(pb_sample);
+        put_be32(pb_sample, START_CODE);
+        if (ui4_length > ui4_left - LENGTH_SIZE) return;
+        pb_sample += LENGTH_SIZE + ui4_length;
+        ui4_left -= LENGTH_SIZE + ui4_length;
+    }
+}
+
+// The first frame after the start brings the parameter sets; they count as sent whether or not it
+// can be read.
+bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame)
+{
+    s_st_v *p_st = &dmx_mp4.st_v;
+    uint32_t ui4_hdr_size = 0;
+    if (!p_st->b_header_sent)
+        ui4_hdr_size = put_parameter_sets(p_st->pb_hdr, p_st->ui4_hdr_block_size, nullptr);
+    p_st->b_header_sent = true;
+    if (!read_sample(p_st->tr, ui4_hdr_size, pt_frame)) return false;
+    if (ui4_hdr_size != 0)
+        put_parameter_sets(p_st->pb_hdr, p_st->ui4_hdr_block_size, pt_frame->pb_data);
+    rewrite_lengths(pt_frame->pb_data + ui4_hdr_size, pt_frame->ui4_size - ui4_hdr_size);
+    return finish_frame(&p_st->tr, GOLT_FT_VIDEO, pt_frame);
+}
+
+bool _dmx_mp4_get_a_frame(GOLT_frame_t *pt_frame)
+{
+    s_track *p_tr = &dmx_mp4.st_a.tr;
+    return read_sample(*p_tr, 0, pt_frame) && finish_frame(p_tr, GOLT_FT_AUDIO, pt_frame);
+}
+
+void release(s_track *p_tr)
+{
+    std::free(p_tr->pui4_sample_sizes);
+    std::free(p_tr->pui4_sample_offsets);
+    std::free(p_tr->pui4_sync_samples);
+    std::free(p_tr->pui4_ts);
+}
+
+}  // namespace
