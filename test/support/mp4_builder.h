@@ -251,7 +251,7 @@ private:
     }
 };
 
-/// The file. Chunks of the tracks take turns in "mdat", in the order in which the tracks were added.
+/// The file: chunks of the tracks take turns in "mdat", in the order of add().
 class Mp4File {
 public:
     std::vector<std::string> order = {"ftyp", "moov", "mdat"};
@@ -312,16 +312,18 @@ private:
     Offsets lay_out(uint32_t start, Bytes *mdat) const
     {
         mdat->clear();
-        Offsets offsets(m_tracks.size());
-        bool is_done = false;
-        for (size_t turn = 0; !is_done; ++turn) {
-            is_done = true;
-            for (size_t i = 0; i < m_tracks.size(); ++i) {
-                const auto chunks = m_tracks[i].chunked();
-                if (turn >= chunks.size()) continue;
-                is_done = false;
+        std::vector<std::vector<std::vector<Bytes>>> tracks;
+        size_t turns = 0;
+        for (const Mp4Track &track : m_tracks) {
+            tracks.push_back(track.chunked());
+            turns = std::max(turns, tracks.back().size());
+        }
+        Offsets offsets(tracks.size());
+        for (size_t turn = 0; turn < turns; ++turn) {
+            for (size_t i = 0; i < tracks.size(); ++i) {
+                if (turn >= tracks[i].size()) continue;
                 offsets[i].push_back(start + static_cast<uint32_t>(mdat->size()));
-                for (const Bytes &sample : chunks[turn])
+                for (const Bytes &sample : tracks[i][turn])
                     *mdat += sample;
             }
         }
