@@ -210,9 +210,10 @@ TEST(Muxer, ReportsUnknownCodecsForATransportStream)
 
     // Frames stay whole until they are destroyed, however many the host holds.
     std::vector<IAVFrame> frames;
-    for (IAVFrame frame = driver->createNewFrame(); demux->readFrame(frame);
-         frame = driver->createNewFrame())
-        frames.push_back(frame);
+    IAVFrame next = driver->createNewFrame();
+    for (; demux->readFrame(next); next = driver->createNewFrame())
+        frames.push_back(next);
+    driver->destroyFrame(next);
     ASSERT_EQ(frames.size(), 5u);
     for (size_t i = 0; i < frames.size(); ++i) {
         EXPECT_TRUE(mux->writeFrame(frames[i]));
