@@ -10,10 +10,11 @@ namespace {
 
 constexpr int TS_PACKET_SIZE = 188;
 constexpr int TS_HEADER_SIZE = 4;
+constexpr int FULL_PAYLOAD_SIZE = TS_PACKET_SIZE - TS_HEADER_SIZE;
 constexpr uint8_t SYNC_BYTE = 0x47;
-constexpr uint32_t UNIT_START = 0x4000;  // payload_unit_start_indicator, beside the PID
-constexpr int PAYLOAD_ONLY = 0x10;       // adaptation_field_control
-constexpr int ADAPTATION_FIELD = 0x20;   // adaptation_field_control
+constexpr uint32_t UNIT_START = 0x4000;      // payload_unit_start_indicator, beside the PID
+constexpr uint32_t PAYLOAD = 0x10;           // adaptation_field_control
+constexpr uint32_t ADAPTATION_FIELD = 0x20;  // adaptation_field_control
 constexpr uint8_t STUFFING_BYTE = 0xFF;
 constexpr int FRESH_COUNTER = 15;  // the first packet bears 0
 constexpr int PSI_INTERVAL = 40;   // packets
@@ -187,7 +188,7 @@ bool mpeg2ts_write_section(MPEG2TSSection_t *s, uint8_t *pbuf, int n)
         s->continuity_counter = (s->continuity_counter + 1) & 0xF;
         packet[0] = SYNC_BYTE;
         put_be16(packet + 1, static_cast<uint16_t>(s->PID | (f_first ? UNIT_START : 0)));
-        packet[3] = static_cast<uint8_t>(PAYLOAD_ONLY | s->continuity_counter);
+        packet[3] = static_cast<uint8_t>(PAYLOAD | s->continuity_counter);
         int head = TS_HEADER_SIZE;
         if (f_first) packet[head++] = 0;  // pointer_field
 
@@ -335,17 +336,33 @@ uint8_t stream_id_of(GOLT_frametypes_t frametype)
                                                                  : STREAM_ID_AUDIO;
 }
 
-// Headers of a frame's first packet, behind the four bytes that all packets have. size: bytes of
-// the frame; stuffing: bytes to put between the PCR and the PES header.
-void write_start_headers(uint8_t *packet, GOLT_frametypes_t frametype, bool f_adts, int size,
-                         int stuffing, uint64_t pts)
+// The four bytes that every media packet starts with. unit_start: UNIT_START or 0.
+void write_header(MPEG2TSWriteStream_t *stream, uint32_t unit_start, uint32_t control)
 {
-    packet[4] = static_cast<uint8_t>(PCR_FIELD_END - 5 + stuffing);  // adaptation_field_length
-    packet[5] = 0x10;                                                // PCR_flag
-    ms2pcr(packet + 6, pts);
-    memset(packet + PCR_FIELD_END, STUFFING_BYTE, static_cast<size_t>(stuffing));
+    stream->continuity_counter = (stream->continuity_counter + 1) & 0xF;
+    put_be32(remux_context.packet, uint32_t{SYNC_BYTE} << 24 |
+                                       (unit_start | static_cast<uint32_t>(stream->PID)) << 8 |
+                                       control | static_cast<uint32_t>(stream->continuity_counter));
+}
 
-    uint8_t *pb_pes = packet + PCR_FIELD_END + stuffing;
+// A frame's first packet. Returns the number of the frame's bytes in it.
+int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype,
+                       const uint8_t *pbuf, int size, uint64_t pts)
+{
+    const bool f_adts = frametype == GOLT_FT_AUDIO && stream->stream_type == STREAM_TYPE_AAC_ADTS;
+    const int pes_header_size = PES_HEADER_SIZE + (f_adts ? ADTS_HEADER_SIZE : 0);
+    const int room = TS_PACKET_SIZE - PCR_FIELD_END - pes_header_size;
+    const int packet_payload_size = size < room ? size : room;
+    const int stuffing_size = room - packet_payload_size;
+
+    uint8_t *packet = remux_context.packet;
+    write_header(stream, UNIT_START, PAYLOAD | ADAPTATION_FIELD);
+    packet[4] = static_cast<uint8_t>(PCR_FIELD_END - 5 + stuffing_size);  // its length
+    packet[5] = 0x10;                                                     // PCR_flag
+    ms2pcr(packet + 6, pts);
+    memset(packet + PCR_FIELD_END, STUFFING_BYTE, static_cast<size_t>(stuffing_size));
+
+    uint8_t *pb_pes = packet + PCR_FIELD_END + stuffing_size;
     put_be32(pb_pes, 0x00000100u | stream_id_of(frametype));
     // PES_packet_length has 16 bits; of a larger frame the low ones are stored.
     const uint32_t pes_size =
@@ -356,17 +373,33 @@ void write_start_headers(uint8_t *packet, GOLT_frametypes_t frametype, bool f_ad
     pb_pes[8] = 5;     // PES_header_data_length
     write_pts(pb_pes + 9, pts);
     if (f_adts) write_adts_header(pb_pes + PES_HEADER_SIZE, size);
+    memcpy(pb_pes + pes_header_size, pbuf, static_cast<size_t>(packet_payload_size));
+    send_packet();
+    return packet_payload_size;
 }
 
-// Adaptation field of a later packet, which only fills it up: stuffing bytes, 1 or more, the first
-// two being its length and its flags as far as there is room.
-void write_stuffing_field(uint8_t *packet, int stuffing)
+// A packet that the frame's bytes fill.
+void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
 {
-    packet[3] = static_cast<uint8_t>(packet[3] | ADAPTATION_FIELD);
-    packet[4] = static_cast<uint8_t>(stuffing - 1);
-    if (stuffing == 1) return;
-    packet[5] = 0;
-    memset(packet + 6, STUFFING_BYTE, static_cast<size_t>(stuffing - 2));
+    write_header(stream, 0, PAYLOAD);
+    memcpy(remux_context.packet + TS_HEADER_SIZE, pbuf, FULL_PAYLOAD_SIZE);
+    send_packet();
+}
+
+// A frame's last packet, which its size bytes don't fill: an adaptation field makes up for the rest, its first
+// two bytes being its length and its flags as far as there is room.
+void write_last_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf, int size)
+{
+    uint8_t *packet = remux_context.packet;
+    const int stuffing_size = FULL_PAYLOAD_SIZE - size;
+    write_header(stream, 0, PAYLOAD | ADAPTATION_FIELD);
+    packet[4] = static_cast<uint8_t>(stuffing_size - 1);
+    if (stuffing_size > 1) {
+        packet[5] = 0;
+        memset(packet + 6, STUFFING_BYTE, static_cast<size_t>(stuffing_size - 2));
+    }
+    memcpy(packet + TS_PACKET_SIZE - size, pbuf, static_cast<size_t>(size));
+    send_packet();
 }
 
 bool mpeg2ts_write_pes(uint8_t *pbuf, int size, GOLT_frametypes_t frametype, int64_t timestamp)
@@ -380,39 +413,21 @@ bool mpeg2ts_write_pes(uint8_t *pbuf, int size, GOLT_frametypes_t frametype, int
         return true;
     default: printf("Bad frame type: %d\n", static_cast<int>(frametype)); return false;
     }
+    if (size <= 0) return true;
 
     const uint64_t pts = static_cast<uint64_t>(timestamp) * TICKS_PER_MS;
-    const bool f_adts = frametype == GOLT_FT_AUDIO && stream->stream_type == STREAM_TYPE_AAC_ADTS;
-    int packet_header_size = PCR_FIELD_END + PES_HEADER_SIZE + (f_adts ? ADTS_HEADER_SIZE : 0);
-    bool start = true;
-    for (int remaining_payload_size = size; remaining_payload_size > 0;) {
+    mpeg2ts_resend_psi();
+    const int sent = write_start_packet(stream, frametype, pbuf, size, pts);
+    pbuf += sent;
+    int remaining_payload_size = size - sent;
+    for (; remaining_payload_size >= FULL_PAYLOAD_SIZE; pbuf += FULL_PAYLOAD_SIZE) {
         mpeg2ts_resend_psi();
-        uint8_t *packet = remux_context.packet;
-        const int room = TS_PACKET_SIZE - packet_header_size;
-        const int packet_payload_size =
-            remaining_payload_size < room ? remaining_payload_size : room;
-        const int stuffing_size = room - packet_payload_size;
-
-        stream->continuity_counter = (stream->continuity_counter + 1) & 0xF;
-        packet[0] = SYNC_BYTE;
-        put_be16(packet + 1, static_cast<uint16_t>(static_cast<uint32_t>(stream->PID) |
-                                                   (start ? UNIT_START : 0)));
-        packet[3] = static_cast<uint8_t>(PAYLOAD_ONLY | stream->continuity_counter);
-        if (start) {
-            packet[3] |= ADAPTATION_FIELD;
-            write_start_headers(packet, frametype, f_adts, size, stuffing_size, pts);
-        } else if (stuffing_size > 0) {
-            write_stuffing_field(packet, stuffing_size);
-        }
-        memcpy(packet + TS_PACKET_SIZE - packet_payload_size, pbuf,
-               static_cast<size_t>(packet_payload_size));
-        send_packet();
-
-        pbuf += packet_payload_size;
-        remaining_payload_size -= packet_payload_size;
-        packet_header_size = TS_HEADER_SIZE;
-        start = false;
+        write_full_packet(stream, pbuf);
+        remaining_payload_size -= FULL_PAYLOAD_SIZE;
     }
+    if (remaining_payload_size == 0) return true;
+    mpeg2ts_resend_psi();
+    write_last_packet(stream, pbuf, remaining_payload_size);
     return true;
 }
 
