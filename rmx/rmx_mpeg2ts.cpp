@@ -225,27 +225,28 @@ bool mpeg2ts_send_pat()
     return mpeg2ts_write_section(&remux_context.pat, ab_section, PAT_SIZE);
 }
 
-// Registration descriptor of an audio codec (ATSC A/52), six bytes, or null.
-const char *registration_descriptor(GOLT_codecs_t codec)
+constexpr size_t REGISTRATION_SIZE = 6;
+
+// Registration descriptor of an audio codec (ATSC A/52), or null.
+const uint8_t *registration_descriptor(GOLT_codecs_t codec)
 {
+    static const uint8_t ac3[REGISTRATION_SIZE] = {0x05, 0x04, 'A', 'C', '-', '3'};
+    static const uint8_t eac3[REGISTRATION_SIZE] = {0x05, 0x04, 'E', 'A', 'C', '3'};
     switch (codec) {
-    case GOLT_ACODEC_AC3:
-        return "\x05\x04"
-               "AC-3";
-    case GOLT_ACODEC_EAC3:
-        return "\x05\x04"
-               "EAC3";
+    case GOLT_ACODEC_AC3: return ac3;
+    case GOLT_ACODEC_EAC3: return eac3;
     default: return nullptr;
     }
 }
 
-uint8_t *put_stream_entry(uint8_t *pb, const MPEG2TSWriteStream_t &stream, const char *descriptor)
+uint8_t *put_stream_entry(uint8_t *pb, const MPEG2TSWriteStream_t &stream,
+                          const uint8_t *descriptor)
 {
-    const size_t size = descriptor != nullptr ? strlen(descriptor) : 0;
+    const size_t size = descriptor != nullptr ? REGISTRATION_SIZE : 0;
     pb[0] = stream.stream_type;
     put_be16(pb + 1, static_cast<uint16_t>(0xE000 | stream.PID));
     put_be16(pb + 3, static_cast<uint16_t>(0xF000 | size));
-    if (size != 0) memcpy(pb + 5, descriptor, size);
+    if (descriptor != nullptr) memcpy(pb + 5, descriptor, size);
     return pb + 5 + size;
 }
 
