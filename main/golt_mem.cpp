@@ -48,7 +48,7 @@ bool g_bucketsInitialised = false;
 
 bucket_mem *make_bucket(int size)
 {
-    auto *bucket = new (std::nothrow) bucket_mem{};
+    bucket_mem *bucket = new (std::nothrow) bucket_mem();
     if (bucket == nullptr) return nullptr;
     bucket->memptr = static_cast<uint8_t *>(std::malloc(static_cast<size_t>(size)));
     bucket->m_size = size;
