@@ -3,22 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-// With the address sanitizer a block ends where the request ended: the rest of it, and the whole of
-// a block that isn't out, is poisoned.
-#if defined(__SANITIZE_ADDRESS__)
-#define GOLT_POISON_POOL 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define GOLT_POISON_POOL 1
-#endif
-#endif
-
-#ifdef GOLT_POISON_POOL
-#include <sanitizer/asan_interface.h>
-#else
-#define ASAN_POISON_MEMORY_REGION(addr, size) ((void)(addr), (void)(size))
-#define ASAN_UNPOISON_MEMORY_REGION(addr, size) ((void)(addr), (void)(size))
-#endif
+#include "golt_poison.h"
 
 namespace {
 
@@ -36,7 +21,7 @@ const bucket_def buckets[] = {
 
 struct bucket_mem {
     bucket_mem *m_next;
-    uint8_t *memptr;
+    uint8_t *memptr;  // poisoned, but for the bytes requested while the block is out
     int m_size;
     bool m_fAvail;
 };
