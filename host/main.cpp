@@ -1,0 +1,118 @@
+// golt, the host program: the command line and the exit status. The work is in one file for each
+// subcommand.
+
+#include <csignal>
+#include <filesystem>
+#include <new>
+
+#include <CLI/CLI.hpp>
+
+#include "golt.h"
+#include "message.h"
+#include "remux.h"
+#include "time_text.h"
+
+namespace {
+
+const char *const FOOTER = R"(
+TIME is in milliseconds or hh:mm:ss.mmm; hours and fraction may be left out.
+
+OUT is written as OUT.part and gets its name when it is complete; when the work
+can't be done, OUT.part is removed. Pipes and devices are written to directly.
+What the library reports goes to the standard error, and with -q nowhere.
+
+Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
+output can't be written; 2 bad usage; 3 done, but the stream ended early or
+something else was wrong with the input.)";
+
+int run(int argc, char **argv);
+void add_remux(CLI::App &app, RemuxOptions &options);
+void add_time(CLI::App &command, const char *name, std::optional<uint32_t> &time_ms,
+              const char *help);
+void complete_options(RemuxOptions &options);
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const BadUsage &error) {
+        say(std::string("golt: ") + error.what());
+        return EXIT_BAD_USAGE;
+    } catch (const std::bad_alloc &) {
+        say("golt: out of memory");
+    } catch (const std::exception &error) {
+        say(std::string("golt: ") + error.what());
+    }
+    return EXIT_NOT_DONE;
+}
+
+namespace {
+
+int run(int argc, char **argv)
+{
+    CLI::App app("Remuxes media files into MPEG-2 transport streams.", "golt");
+    app.set_version_flag("--version", GOLT_version());
+    app.require_subcommand(1);
+    RemuxOptions options;
+    add_remux(app, options);
+    try {
+        app.parse(argc, argv);
+        complete_options(options);
+    } catch (const CLI::Success &request) {
+        return app.exit(request);
+    } catch (const CLI::ParseError &error) {
+        throw BadUsage(std::string(error.what()) + "; golt remux --help tells more");
+    }
+
+    // A reader that went away and a file that may not grow are told by the write that fails.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    Descriptor standard_output = take_standard_output(options.f_quiet);
+    return remux(options, std::move(standard_output));
+}
+
+void add_remux(CLI::App &app, RemuxOptions &options)
+{
+    CLI::App *command = app.add_subcommand("remux", "Writes IN as a transport stream to OUT");
+    command->footer(FOOTER);
+    command->add_option("IN", options.input, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command->add_option("OUT", options.output,
+                        "Default: IN's name with .ts; - is the standard output");
+    command->add_option(
+        "--format", options.format,
+        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+    add_time(*command, "--start", options.start_ms, "Seek there first");
+    add_time(*command, "--to", options.to_ms, "Stop before the first frame at or behind it");
+    command->add_option("--frames", options.frames, "Stop after so many frames")
+        ->check(CLI::PositiveNumber);
+    command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
+    command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
+}
+
+void add_time(CLI::App &command, const char *name, std::optional<uint32_t> &time_ms,
+              const char *help)
+{
+    command
+        .add_option_function<std::string>(
+            name,
+            [&time_ms, name](const std::string &text) {
+                uint32_t value = 0;
+                if (!parse_time(text, &value))
+                    throw BadUsage(std::string(name) + ": " + text + " is no time");
+                time_ms = value;
+            },
+            help)
+        ->type_name("TIME");
+}
+
+void complete_options(RemuxOptions &options)
+{
+    if (options.to_ms && *options.to_ms <= options.start_ms.value_or(0))
+        throw BadUsage("--to has to lie behind --start");
+    if (options.output.empty())
+        options.output = std::filesystem::path(options.input).replace_extension(".ts").string();
+}
+
+}  // namespace

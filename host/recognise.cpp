@@ -1,0 +1,81 @@
+#include "recognise.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace {
+
+bool is_mp4(const uint8_t *head, size_t size);
+bool is_matroska(const uint8_t *head, size_t size);
+bool is_m2ts(const uint8_t *head, size_t size);
+bool is_mpeg_audio(const uint8_t *head, size_t size);
+
+// The stamps of M2TS may look like a frame of MPEG audio, so that it is tried first.
+const struct {
+    Format format;
+    bool (*is_it)(const uint8_t *head, size_t size);
+    const char *names;  // with a blank around each
+} rows[] = {
+    {{"mp4", 0, true}, is_mp4, " mp4 m4a m4v mov 3gp video/mp4 audio/mp4 "},
+    {{"mkv", 0, true},
+     is_matroska,
+     " mkv mka mk3d webm audio/x-matroska video/x-matroska video/x-matroska-3d "},
+    {{"m2ts", 192, false}, is_m2ts, " m2ts mts video/ts "},
+    {{"mp3", 0, true}, is_mpeg_audio, " mp3 audio/mpeg "},
+};
+
+}  // namespace
+
+const Format *format_of_bytes(const uint8_t *head, size_t size)
+{
+    for (const auto &row : rows) {
+        if (row.is_it(head, size)) return &row.format;
+    }
+    return nullptr;
+}
+
+const Format *format_of_name(const std::string &name)
+{
+    if (name.empty() || name.find(' ') != std::string::npos) return nullptr;
+    std::string wanted = " " + name + " ";
+    std::transform(wanted.begin(), wanted.end(), wanted.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    for (const auto &row : rows) {
+        if (strstr(row.names, wanted.c_str()) != nullptr) return &row.format;
+    }
+    return nullptr;
+}
+
+namespace {
+
+// ISO/IEC 14496-12: the first box is "ftyp".
+bool is_mp4(const uint8_t *head, size_t size)
+{
+    return size >= 8 && memcmp(head + 4, "ftyp", 4) == 0;
+}
+
+// RFC 8794: the ID of the EBML header.
+bool is_matroska(const uint8_t *head, size_t size)
+{
+    return size >= 4 && memcmp(head, "\x1A\x45\xDF\xA3", 4) == 0;
+}
+
+// Sync bytes of three packets (ISO/IEC 13818-1), each behind a stamp of four bytes.
+bool is_m2ts(const uint8_t *head, size_t size)
+{
+    constexpr uint8_t SYNC_BYTE = 0x47;
+    return size >= RECOGNISE_SIZE && head[4] == SYNC_BYTE && head[4 + 192] == SYNC_BYTE &&
+           head[4 + 2 * 192] == SYNC_BYTE;
+}
+
+// An ID3v2 tag, or the header of a frame (ISO/IEC 11172-3): syncword, a layer that isn't reserved,
+// and neither of the forbidden values of bitrate_index and sampling_frequency.
+bool is_mpeg_audio(const uint8_t *head, size_t size)
+{
+    if (size >= 3 && memcmp(head, "ID3", 3) == 0) return true;
+    return size >= 4 && head[0] == 0xFF && (head[1] & 0xE0) == 0xE0 && (head[1] & 0x06) != 0 &&
+           (head[2] & 0xF0) != 0xF0 && (head[2] & 0x0C) != 0x0C;
+}
+
+}  // namespace

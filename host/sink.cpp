@@ -1,0 +1,64 @@
+#include "sink.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t BUFFER_SIZE = 128 * 1024;  // bytes in a write
+
+int write_all(int fd, const uint8_t *data, size_t size);
+
+}  // namespace
+
+Sink::Sink(int fd)
+    : m_fd(fd)
+    , m_buffer(new uint8_t[BUFFER_SIZE])
+{
+}
+
+int Sink::write(uint8_t *buffer, int size)
+{
+    for (int done = 0; done < size && m_error == 0;) {
+        const size_t part = std::min(static_cast<size_t>(size - done), BUFFER_SIZE - m_held);
+        memcpy(m_buffer.get() + m_held, buffer + done, part);
+        m_held += part;
+        m_bytes += part;
+        done += static_cast<int>(part);
+        if (m_held == BUFFER_SIZE) flush();
+    }
+    return m_error == 0 ? size : -1;
+}
+
+void Sink::flush()
+{
+    if (m_error == 0) m_error = write_all(m_fd, m_buffer.get(), m_held);
+    m_held = 0;
+}
+
+namespace {
+
+// Returns 0 or an errno value.
+int write_all(int fd, const uint8_t *data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t count = ::write(fd, data, size);
+        if (count > 0) {
+            data += count;
+            size -= static_cast<size_t>(count);
+        } else if (count < 0 && errno == EAGAIN) {
+            // Whoever shares the pipe may have made it non-blocking.
+            pollfd ready = {fd, POLLOUT, 0};
+            poll(&ready, 1, -1);
+        } else if (count == 0 || errno != EINTR) {
+            return count == 0 ? EIO : errno;
+        }
+    }
+    return 0;
+}
+
+}  // namespace

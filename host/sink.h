@@ -1,0 +1,34 @@
+// Where the library's packets go: gathered in a buffer, then written to a descriptor.
+
+#ifndef HOST_SINK_H
+#define HOST_SINK_H
+
+#include <cstddef>
+#include <memory>
+
+#include "golt.h"
+
+class Sink : public PELA::AVMuxer::Listener {
+public:
+    /// fd stays the caller's.
+    explicit Sink(int fd);
+
+    int write(uint8_t *buffer, int size) override;
+    /// Writes what is still in the buffer.
+    void flush();
+
+    /// Bytes taken from the library.
+    uint64_t bytes() const { return m_bytes; }
+    /// The errno value of the first write that failed, 0 when none has. After it everything is
+    /// dropped: the library goes on, since it doesn't look at the result of a write.
+    int error() const { return m_error; }
+
+private:
+    int m_fd;
+    std::unique_ptr<uint8_t[]> m_buffer;
+    size_t m_held = 0;  // bytes in the buffer
+    uint64_t m_bytes = 0;
+    int m_error = 0;
+};
+
+#endif

@@ -1,0 +1,54 @@
+#include "source.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "message.h"
+
+Source::Source(const std::string &path)
+    : m_path(path)
+{
+    if (path == "-") throw NotDone("standard input", "can't be sought in; name a file");
+    // A pipe without a writer would block here; to a regular file O_NONBLOCK means nothing.
+    m_file = Descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!m_file.is_open() || fstat(m_file.get(), &m_status) != 0)
+        throw NotDone(path, error_text(errno));
+    if (S_ISDIR(m_status.st_mode)) throw NotDone(path, error_text(EISDIR));
+    if (!S_ISREG(m_status.st_mode)) throw NotDone(path, "not a regular file");
+    if (m_status.st_size == 0) throw NotDone(path, "the file is empty");
+    posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
+int Source::read(uint8_t *buffer, int size)
+{
+    if (size <= 0) return 0;
+    ssize_t count = 0;
+    do {
+        count = pread(m_file.get(), buffer, static_cast<size_t>(size), m_position);
+    } while (count < 0 && errno == EINTR);
+
+    if (count < 0 && m_fault.empty())
+        m_fault = fmt::format("{} at offset {}", error_text(errno), m_position);
+    if (count == 0 && m_position < m_status.st_size && m_fault.empty())
+        m_fault = "the file became shorter while it was read";
+    if (count <= 0) return 0;
+    m_position += count;
+    if (m_position > m_furthest) m_furthest = m_position;
+    return static_cast<int>(count);
+}
+
+int64_t Source::seek(int64_t offset, int whence)
+{
+    if (offset < 0 || whence != SEEK_SET) return -1;
+    m_position = offset;
+    return 0;
+}
+
+uint64_t Source::unread() const
+{
+    return m_furthest < m_status.st_size ? static_cast<uint64_t>(m_status.st_size - m_furthest) : 0;
+}
