@@ -1,9 +1,11 @@
 #include "rmx_mpeg2ts.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "golt_crc.h"
 #include "host_double.h"
+#include "ts_checker.h"
 
 namespace {
 
@@ -28,6 +30,13 @@ public:
         GOLT_RMX_init(Sink::write_proc, &m_sink, false);
         GOLT_RMX_setStreamInfo(&info);
     }
+    ~Output()
+    {
+        const TsReport report = check_ts(m_sink.stream.data(), m_sink.stream.size());
+        EXPECT_THAT(report.problems, ::testing::IsEmpty());
+    }
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
 
     bool write(uint32_t type, Bytes data, uint64_t time_ms)
     {
@@ -213,7 +222,8 @@ TEST(Pes, WritesNothingForEmptyUnknownAndPassesTransportPackets)
     EXPECT_FALSE(out.write(0xFFFFFFFF, Bytes(5), 0));
     EXPECT_TRUE(out.sink().sizes.empty());
 
-    const Bytes packets = pattern(2 * PACKET, 4);
+    // Two packets without payload.
+    const Bytes packets = filled(hex("4701002F B7 00")) + filled(hex("4701002F B7 00"));
     EXPECT_TRUE(out.write(GOLT_FT_MPEG2TS, packets, 0));
     EXPECT_EQ(out.sink().stream, packets);
     EXPECT_EQ(out.sink().sizes, std::vector<int>{2 * PACKET});
