@@ -6,6 +6,8 @@
 #include <cstring>
 #include <vector>
 
+#include "golt_poison.h"
+
 namespace {
 
 // Which block of the pool serves a request shows only in what is served next, so the cases take
@@ -63,6 +65,17 @@ TEST_F(Pool, FallsBackToTheHeapAndStaysAsItWas)
     EXPECT_EQ(again, pool) << "the order of the search is that of the table";
     give(again);
 }
+
+#ifdef GOLT_POISONING
+TEST_F(Pool, LetsTheSanitizerSeeTheEndOfARequest)
+{
+    uint8_t *block = GOLT_allocMem(101);
+    EXPECT_FALSE(__asan_address_is_poisoned(block + 100));
+    EXPECT_TRUE(__asan_address_is_poisoned(block + 101));
+    GOLT_freeMem(block);
+    EXPECT_TRUE(__asan_address_is_poisoned(block));
+}
+#endif
 
 TEST(PoolThatIsDown, ServesFromTheHeap)
 {

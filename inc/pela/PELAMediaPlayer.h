@@ -85,6 +85,18 @@ public:
     virtual ~MediaBuffer() {}
 };
 
+// Hosts are compiled elsewhere: the places of the fields never change. All of them have 32 bits but
+// the two pointers and the flag behind these.
+static_assert(offsetof(MediaBuffer::ContentInfo, videoPid) == 16, "binary interface");
+static_assert(offsetof(MediaBuffer::ContentInfo, numNavTableEntries) == 44, "binary interface");
+static_assert(offsetof(MediaBuffer::ContentInfo, offsetTable) == 48, "binary interface");
+static_assert(offsetof(MediaBuffer::ContentInfo, isEncryped) == 48 + 2 * sizeof(void *),
+              "binary interface");
+static_assert(offsetof(MediaBuffer::ContentInfo, pingPeriod) == 52 + 2 * sizeof(void *),
+              "binary interface");
+static_assert(sizeof(MediaBuffer::ContentInfo) == (sizeof(void *) == 8 ? 96 : 84),
+              "binary interface");
+
 }  // namespace PELA
 
 #endif
