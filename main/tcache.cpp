@@ -1,17 +1,327 @@
 #include "tcache.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <new>
+
+#include "golt_poison.h"
+
+// Keeps what is rarely called out of the code of its callers.
+#define GOLT_RARE __attribute__((noinline, cold))
 
 bool g_TCacheEnabled = true;
 
-cachebuf_list_t::cachebuf_list_t(Listener *listener, uint64_t)
-    : m_listener(listener)
+namespace {
+
+constexpr int NUM_BUFFERS = 16;
+constexpr int MIN_BUFFERS = 2;  // one to read from and one to fill
+constexpr uint32_t READ_AHEAD_STEP = 0x8000;
+constexpr uint64_t READ_THROUGH_WINDOW = 0x40000;  // from the start of the host's block
+constexpr int MAX_EOF_RETRIES = 9;
+
+constexpr unsigned RETRY_SLEEP_USEC = 10;
+constexpr unsigned MAX_SLEEP_USEC = 50000;
+
+constexpr uint64_t END_OF_ANY_BLOCK = UINT64_MAX;
+
+unsigned low32(uint64_t offset)
 {
+    return static_cast<uint32_t>(offset);
+}
+
+}  // namespace
+
+// cachebuf_t
+
+cachebuf_t::cachebuf_t(uint32_t cachesize)
+    : m_buf(cachesize != 0 ? new (std::nothrow) uint8_t[cachesize] : nullptr)
+    , m_siz(cachesize)
+    , m_len(0)
+    , m_off(INVALID_OFFSET)
+    , m_used(0)
+{
+    setLength(0);
+}
+
+cachebuf_t::~cachebuf_t()
+{
+    delete[] m_buf;
+}
+
+void cachebuf_t::setup(uint64_t off)
+{
+    m_off = startOffset(off);
+    setLength(0);
+    m_used = 0;
+}
+
+void cachebuf_t::invalidate()
+{
+    m_off = INVALID_OFFSET;
+    setLength(0);
+}
+
+int cachebuf_t::read(uint64_t off, uint8_t *buf, int size)
+{
+    if (!incache(off) || size <= 0) return 0;
+    const auto start = static_cast<uint32_t>(off - m_off);
+    if (start >= m_len) return 0;
+    const uint32_t nbytes = std::min(static_cast<uint32_t>(size), m_len - start);
+    copyOut(start, buf, nbytes);
+    return static_cast<int>(nbytes);
+}
+
+bool cachebuf_t::readHeld(uint64_t off, uint8_t *buf, int size)
+{
+    const uint64_t start = off - m_off;
+    if (start >= m_len || size <= 0) return false;
+    if (m_len - static_cast<uint32_t>(start) < static_cast<uint32_t>(size)) return false;
+    copyOut(static_cast<uint32_t>(start), buf, static_cast<uint32_t>(size));
+    return true;
+}
+
+uint32_t cachebuf_t::fill(uint64_t tgtOffset, Listener *listener, bool fCompleteFill)
+{
+    const uint32_t min_len = minFill(tgtOffset);
+    if (listener == nullptr || m_len >= min_len) return 0;
+    if (fCompleteFill) return fillWaiting(min_len, listener);
+    return static_cast<uint32_t>(std::max(readHost(listener), 0));
+}
+
+int cachebuf_t::getDbgInfo(char *str, int maxsize) const
+{
+    return snprintf(str, static_cast<size_t>(std::max(maxsize, 0)), "{0x%x,0x%05x,0x%05x}",
+                    low32(m_off), m_len, m_used);
+}
+
+void cachebuf_t::copyOut(uint32_t start, uint8_t *buf, uint32_t nbytes)
+{
+    m_used += nbytes;
+    memcpy(buf, m_buf + start, nbytes);
+}
+
+GOLT_RARE uint32_t cachebuf_t::fillWaiting(uint32_t min_len, Listener *listener)
+{
+    const uint32_t start_len = m_len;
+    unsigned sleepTime_usec = 0;
+    int nread = 1;
+    while (nread != 0 && m_len < min_len && sleepTime_usec < MAX_SLEEP_USEC) {
+        nread = readHost(listener);
+        if (m_len >= min_len) break;
+        usleep(RETRY_SLEEP_USEC);
+        sleepTime_usec += RETRY_SLEEP_USEC;
+    }
+    if (sleepTime_usec >= MAX_SLEEP_USEC)
+        printf("GOLT/TCACHE: \t   fill @ 0x%08x: %5d got %5d [timeout:%d us]\n",
+               low32(m_off + start_len), static_cast<int>(m_siz - start_len),
+               static_cast<int>(m_len - start_len), static_cast<int>(sleepTime_usec));
+    return m_len - start_len;
+}
+
+// One read of the host, of all the room that is left; the result is the host's.
+int cachebuf_t::readHost(Listener *listener)
+{
+    const auto room = static_cast<int>(m_siz - m_len);
+    ASAN_UNPOISON_MEMORY_REGION(m_buf + m_len, m_siz - m_len);
+    int nread = listener->read(m_buf + m_len, room);
+    // A host that claims more than it was offered can't have delivered it. Which of the bytes are
+    // the file's nobody knows, so that none of them counts.
+    if (nread > room) nread = 0;
+    setLength(nread > 0 ? m_len + static_cast<uint32_t>(nread) : m_len);
+    return nread;
+}
+
+// The one place that sets m_len, so that bytes that were never delivered can't be read unseen.
+void cachebuf_t::setLength(uint32_t len)
+{
+    m_len = len;
+    if (m_buf != nullptr) ASAN_POISON_MEMORY_REGION(m_buf + m_len, m_siz - m_len);
+}
+
+// cbuflist_t
+
+cbuflist_t::cbuflist_t(uint32_t bufsize)
+    : cachebuf_t(bufsize)
+    , m_next(nullptr)
+    , m_prev(nullptr)
+    , m_tail(nullptr)
+    , m_count(0)
+{
+}
+
+cbuflist_t *cbuflist_t::detach()
+{
+    if (m_prev != nullptr) m_prev->m_next = m_next;
+    if (m_next != nullptr) m_next->m_prev = m_prev;
+    m_next = nullptr;
+    m_prev = nullptr;
+    return this;
+}
+
+cbuflist_t *cbuflist_t::insertAfter(cbuflist_t *pItem)
+{
+    if (pItem == nullptr) return nullptr;
+    pItem->m_next = m_next;
+    pItem->m_prev = this;
+    if (m_next != nullptr) m_next->m_prev = pItem;
+    m_next = pItem;
+    return pItem;
+}
+
+void cbuflist_t::list_create(int numItems, uint32_t bufsize)
+{
+    m_count = 0;
+    for (int i = 0; i < numItems; ++i) {
+        auto *pItem = new (std::nothrow) cbuflist_t(bufsize);
+        if (pItem != nullptr && pItem->isAvail())
+            list_insertAfter(pItem, m_tail);
+        else
+            delete pItem;
+    }
+}
+
+void cbuflist_t::list_destroy()
+{
+    for (cbuflist_t *pItem = m_next; pItem != nullptr;) {
+        cbuflist_t *pDone = pItem;
+        pItem = pItem->m_next;
+        delete pDone;
+    }
+}
+
+cbuflist_t *cbuflist_t::list_detach(cbuflist_t *pItem)
+{
+    if (pItem == nullptr) pItem = m_next;
+    if (pItem == nullptr) return nullptr;
+    if (pItem == m_tail) m_tail = pItem->m_prev != this ? pItem->m_prev : nullptr;
+    --m_count;
+    return pItem->detach();
+}
+
+cbuflist_t *cbuflist_t::list_insertAfter(cbuflist_t *pItem, cbuflist_t *prevItem)
+{
+    if (pItem == nullptr) return nullptr;
+    (prevItem != nullptr ? prevItem : this)->insertAfter(pItem);
+    if (pItem->m_next == nullptr) m_tail = pItem;
+    ++m_count;
+    return pItem;
+}
+
+cbuflist_t *cbuflist_t::list_search(uint64_t offset) const
+{
+    cbuflist_t *pItem = m_next;
+    while (pItem != nullptr && !pItem->incache(offset))
+        pItem = pItem->m_next;
+    return pItem;
+}
+
+int cbuflist_t::list_getDbgInfo(char *str, int maxsize, bool fVerbose) const
+{
+    if (maxsize <= 0) return 0;
+    // What snprintf reports may be more than there was room for.
+    const int most = maxsize - 1;
+    const auto room = [&](int len) { return static_cast<size_t>(maxsize - len); };
+    int len = fVerbose ? snprintf(str, room(0), "0x%p (%d), tail=0x%p:\n",
+                                  static_cast<const void *>(this), m_count,
+                                  static_cast<const void *>(m_tail))
+                       : snprintf(str, room(0), "[%d] ", m_count);
+    len = std::min(len, most);
+    for (const cbuflist_t *pItem = m_next; pItem != nullptr; pItem = pItem->m_next) {
+        const bool f_last = pItem == m_tail;
+        if (fVerbose)
+            len += snprintf(str + len, room(len), "   %2s 0x%p: prev=0x%p, next=0x%p, ",
+                            f_last ? "T>" : "", static_cast<const void *>(pItem),
+                            static_cast<const void *>(pItem->m_prev),
+                            static_cast<const void *>(pItem->m_next));
+        len = std::min(len, most);
+        len = std::min(len + pItem->getDbgInfo(str + len, maxsize - len), most);
+        if (len < most) str[len++] = fVerbose ? '\n' : f_last ? '*' : ',';
+    }
+    str[len] = '\0';
+    return len + 1;
+}
+
+// cachebuf_list_t
+
+cachebuf_list_t::cachebuf_list_t(Listener *listener, uint64_t maxFilesize)
+    : m_listener(listener)
+    , m_cbuflist(new (std::nothrow) cbuflist_t(0))
+    , m_freelist(new (std::nothrow) cbuflist_t(0))
+    , m_maxFilesize(maxFilesize)
+    , m_inpOffset(0)
+    , m_currFillBuffer(nullptr)
+    , m_fEof(false)
+    , m_eof_retries(0)
+{
+    // Buffers are of use only where both heads are there.
+    if (m_cbuflist != nullptr && m_freelist != nullptr)
+        m_freelist->list_create(NUM_BUFFERS, cachebuf_t::BLOCK_SIZE);
+}
+
+cachebuf_list_t::~cachebuf_list_t()
+{
+    for (cbuflist_t *head : {m_cbuflist, m_freelist}) {
+        if (head != nullptr) head->list_destroy();
+        delete head;
+    }
+}
+
+cbuflist_t *cachebuf_list_t::search_setup(uint64_t offset)
+{
+    // Sequential reads find their buffer where the last one left it.
+    cbuflist_t *pFront = m_cbuflist->front();
+    return pFront != nullptr && pFront->incache(offset) ? pFront : reuseBuffer(offset);
+}
+
+bool cachebuf_list_t::readHeld(uint64_t offset, uint8_t *buf, int size)
+{
+    // Behind a known end of the file every read makes sure of it.
+    const uint64_t tgtOffset = offset + static_cast<uint32_t>(size);
+    if (m_maxFilesize != 0 && tgtOffset > m_maxFilesize) return false;
+    cbuflist_t *pFront = m_cbuflist->front();
+    if (pFront == nullptr || !pFront->readHeld(offset, buf, size)) return false;
+    if (pFront->consumed()) release(pFront);
+    return true;
+}
+
+GOLT_RARE void cachebuf_list_t::release(cbuflist_t *pCache)
+{
+    pCache->invalidate();
+    m_freelist->list_insertAfter(m_cbuflist->list_detach(pCache), nullptr);
+}
+
+int cachebuf_list_t::fillCache(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
+{
+    if (m_maxFilesize != 0 && tgtOffset > m_maxFilesize) tgtOffset = m_maxFilesize;
+    if (m_fEof && m_inpOffset < tgtOffset) return 0;
+    if (!pCache->needsFill(tgtOffset)) return 0;
+    return fillFromHost(pCache, tgtOffset, fCompleteFill);
+}
+
+void cachebuf_list_t::seek(uint64_t offset)
+{
+    const uint64_t destOffset = cachebuf_t::startOffset(offset);
+    const uint64_t currOffset = cachebuf_t::startOffset(m_inpOffset);
+    if (destOffset == currOffset || m_cbuflist->list_search(offset) != nullptr) return;
+    if (destOffset > m_inpOffset && destOffset - currOffset <= READ_THROUGH_WINDOW) {
+        readThrough(destOffset);
+    } else {
+        m_inpOffset = destOffset;
+        printf("GOLT/TCACHE:  seek: 0x%08x\n", low32(destOffset));
+        pt_seek(static_cast<int64_t>(destOffset));
+    }
+    clearEof();
 }
 
 int cachebuf_list_t::numbuffers() const
 {
-    return 0;
+    int count = 0;
+    for (const cbuflist_t *head : {m_cbuflist, m_freelist})
+        count += head != nullptr ? head->count() : 0;
+    return count;
 }
 
 int cachebuf_list_t::pt_read(uint8_t *buf, int size)
@@ -24,11 +334,110 @@ int64_t cachebuf_list_t::pt_seek(int64_t offset)
     return m_listener != nullptr ? m_listener->seek(offset, 0) : -1;
 }
 
+// The buffer for the block of offset, where that isn't the first in use.
+GOLT_RARE cbuflist_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
+{
+    cbuflist_t *pCache = m_cbuflist->list_search(offset);
+    if (pCache != nullptr) {
+        m_cbuflist->list_detach(pCache);
+    } else {
+        pCache = m_freelist->list_detach(nullptr);
+        // What was read ahead farthest is needed last.
+        if (pCache == nullptr) pCache = m_cbuflist->list_detach(m_cbuflist->tail());
+    }
+    m_cbuflist->list_insertAfter(pCache, nullptr);
+    if (!pCache->incache(offset)) pCache->setup(offset);
+    return pCache;
+}
+
+// One round of read-ahead; the number of bytes that it brought.
+int cachebuf_list_t::readAhead()
+{
+    cbuflist_t *pFillBuffer = m_currFillBuffer;
+    if (pFillBuffer == nullptr || !pFillBuffer->needsFill(END_OF_ANY_BLOCK))
+        pFillBuffer = appendBuffer();
+    if (pFillBuffer == nullptr) return 0;
+    const uint32_t len = std::min(pFillBuffer->len() + READ_AHEAD_STEP, cachebuf_t::BLOCK_SIZE);
+    return fillCache(pFillBuffer, pFillBuffer->off() + len, false);
+}
+
+// A free buffer for the block of the host's position, at the back of those in use; null when none
+// is free.
+cbuflist_t *cachebuf_list_t::appendBuffer()
+{
+    cbuflist_t *pCache = m_freelist->list_detach(nullptr);
+    if (pCache == nullptr) return nullptr;
+    pCache->setup(m_inpOffset);
+    return m_cbuflist->list_insertAfter(pCache, m_cbuflist->tail());
+}
+
+int cachebuf_list_t::fillFromHost(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
+{
+    // A buffer goes on exactly where its bytes end, whatever was read since.
+    if (m_inpOffset != pCache->off() + pCache->len()) seekToEndOf(*pCache);
+    const uint32_t nFilled = pCache->fill(tgtOffset, m_listener, fCompleteFill);
+    m_inpOffset += nFilled;
+    noteFill(nFilled);
+    m_currFillBuffer = pCache;
+    return static_cast<int>(nFilled);
+}
+
+GOLT_RARE void cachebuf_list_t::seekToEndOf(const cbuflist_t &cache)
+{
+    m_inpOffset = cache.off() + cache.len();
+    printf("GOLT/TCACHE:  seek>> 0x%08x [0x%08x,0x%04x]\n", low32(m_inpOffset), low32(cache.off()),
+           cache.len());
+    pt_seek(static_cast<int64_t>(m_inpOffset));
+    clearEof();
+}
+
+// Learns from a fill whether the end of the file has been reached.
+void cachebuf_list_t::noteFill(uint32_t nFilled)
+{
+    if (m_maxFilesize != 0) {
+        if (m_inpOffset >= m_maxFilesize) setEof("GOLT/TCACHE:  fillCache: eof[1]");
+    } else if (nFilled == 0) {
+        // The count stands still above the limit: near the end of the 64-bit range fills are tried
+        // without end.
+        if (m_eof_retries <= MAX_EOF_RETRIES) ++m_eof_retries;
+        if (m_eof_retries > MAX_EOF_RETRIES) setEof("GOLT/TCACHE:  fillCache: eof[2]");
+    }
+    if (nFilled > 0) clearEof();
+}
+
+GOLT_RARE void cachebuf_list_t::setEof(const char *message)
+{
+    puts(message);
+    m_fEof = true;
+}
+
+// Reads up to the block of destOffset, which lies ahead. Each turn brings bytes or is the last.
+void cachebuf_list_t::readThrough(uint64_t destOffset)
+{
+    printf("GOLT/TCACHE:  seek:: 0x%08x-0x%08x (0x%08x)\n", low32(m_inpOffset), low32(destOffset),
+           low32(destOffset - m_inpOffset));
+    cbuflist_t *pCache = nullptr;
+    int nFilled = 0;
+    do {
+        pCache = search_setup(m_inpOffset);
+        nFilled = fillCache(pCache, destOffset, true);
+    } while (nFilled != 0 && destOffset - pCache->off() > cachebuf_t::BLOCK_SIZE);
+    if (nFilled == 0) puts("GOLT/TCACHE:  seek:: nofill");
+}
+
+void cachebuf_list_t::clearEof()
+{
+    m_fEof = false;
+    m_eof_retries = 0;
+}
+
+// TCache
+
 TCache::TCache(Listener *listener, uint64_t maxFilesize)
     : m_cacheList(new (std::nothrow) cachebuf_list_t(listener, maxFilesize))
     , m_outOffset(0)
 {
-    if (m_cacheList == nullptr || m_cacheList->numbuffers() < 2) g_TCacheEnabled = false;
+    if (m_cacheList == nullptr || m_cacheList->numbuffers() < MIN_BUFFERS) g_TCacheEnabled = false;
 }
 
 TCache::~TCache()
@@ -36,23 +445,57 @@ TCache::~TCache()
     delete m_cacheList;
 }
 
-int TCache::read(uint8_t *buf, int size)
+// Flat: a read of a few bytes is mostly calls otherwise.
+__attribute__((flatten)) int TCache::read(uint8_t *buf, int size)
 {
-    int total = 0;
-    while (size > 0 && m_cacheList != nullptr) {
-        int nread = m_cacheList->pt_read(buf, size);
-        // A host that claims more than it was offered can't have delivered it.
-        if (nread <= 0 || nread > size) break;
-        total += nread;
-        m_outOffset += static_cast<uint64_t>(nread);
-        buf += nread;
-        size -= nread;
-    }
-    return total;
+    if (!g_TCacheEnabled) return readPassThrough(buf, size);
+    // Nearly all reads want a few bytes that the first buffer holds.
+    if (!m_cacheList->readHeld(m_outOffset, buf, size)) return readCached(buf, size);
+    m_outOffset += static_cast<uint32_t>(size);
+    m_cacheList->fillBuffers(0);
+    return size;
 }
 
 int64_t TCache::seek(int64_t offset)
 {
     m_outOffset = static_cast<uint64_t>(offset);
-    return m_cacheList != nullptr ? m_cacheList->pt_seek(offset) : -1;
+    if (!g_TCacheEnabled) return m_cacheList != nullptr ? m_cacheList->pt_seek(offset) : -1;
+    m_cacheList->seek(m_outOffset);
+    return 0;
+}
+
+GOLT_RARE int TCache::readCached(uint8_t *buf, int size)
+{
+    int totalread = 0;
+    int fillCount = 0;
+    while (size > 0) {
+        cbuflist_t *pCache = m_cacheList->search_setup(m_outOffset);
+        const uint64_t tgtOffset = m_outOffset + static_cast<uint32_t>(size);
+        if (m_cacheList->fillCache(pCache, tgtOffset, true) > 0) ++fillCount;
+        const int nread = pCache->read(m_outOffset, buf, size);
+        if (nread == 0) break;
+        m_outOffset += static_cast<uint32_t>(nread);
+        size -= nread;
+        totalread += nread;
+        buf += nread;
+        if (pCache->consumed()) m_cacheList->release(pCache);
+    }
+    // Who was served from memory pays for one round of read-ahead; who waited has waited enough.
+    if (fillCount == 0) m_cacheList->fillBuffers(0);
+    return totalread;
+}
+
+GOLT_RARE int TCache::readPassThrough(uint8_t *buf, int size)
+{
+    int total = 0;
+    while (size > 0 && m_cacheList != nullptr) {
+        const int nread = m_cacheList->pt_read(buf, size);
+        // A host that claims more than it was offered can't have delivered it.
+        if (nread <= 0 || nread > size) break;
+        total += nread;
+        m_outOffset += static_cast<uint32_t>(nread);
+        buf += nread;
+        size -= nread;
+    }
+    return total;
 }
