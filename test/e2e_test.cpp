@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host_double.h"
 #include "mp4_builder.h"
+#include "tcache.h"
 #include "tools.h"
 #include "ts_checker.h"
 
@@ -33,7 +35,7 @@ void set_channels(Bytes &mp4, uint8_t channels)
 
 struct Case {
     const char *name;
-    const char *file;
+    const char *file;            // one letter and the format as extension
     std::string arguments;       // of ffmpeg, which makes the file
     void (*patch)(Bytes &file);  // may be null
     const char *decoding;        // options of ffmpeg for the source
@@ -93,6 +95,11 @@ protected:
         m_report = check_ts(m_output.data(), m_output.size());
         EXPECT_THAT(m_report.problems, IsEmpty());
         EXPECT_EQ(run("ffprobe -v error '" + out + "' 2>&1").output, "");
+
+        // Straight from the host, without the read-ahead, it is the same stream.
+        g_TCacheEnabled = false;
+        EXPECT_TRUE(remux_file(test.file + 2, m_source) == m_output);
+        g_TCacheEnabled = true;
     }
 };
 

@@ -133,4 +133,22 @@ template <typename Read> std::vector<Frame> read_frames(Read read, size_t most =
     return frames;
 }
 
+/// A whole file through the library, as a host does it; empty when it is refused.
+inline Bytes remux_file(const std::string &format, const Bytes &file)
+{
+    Driver driver;
+    Source source(file);
+    Sink sink;
+    PELA::IAVDemuxer demux = driver->createDemuxer(format.c_str(), &source, source.size());
+    PELA::IAVMuxer mux = driver->createMuxer(PELA::CONTAINER_TS, demux, &sink, false);
+    for (bool more = mux != nullptr; more;) {
+        PELA::IAVFrame frame = driver->createNewFrame();
+        more = demux->readFrame(frame) && mux->writeFrame(frame);
+        driver->destroyFrame(frame);
+    }
+    driver->destroyMuxer(mux);
+    driver->destroyDemuxer(demux);
+    return sink.stream;
+}
+
 #endif
