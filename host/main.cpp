@@ -1,11 +1,13 @@
 // golt, the host program: the command line and the exit status. The work is in one file for each
 // subcommand.
 
+#include <charconv>
 #include <csignal>
 #include <filesystem>
 #include <new>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 #include "golt.h"
 #include "message.h"
@@ -15,7 +17,8 @@
 namespace {
 
 const char *const FOOTER = R"(
-TIME is in milliseconds or hh:mm:ss.mmm; hours and fraction may be left out.
+TIME is a number of milliseconds, or hh:mm:ss.mmm, of which hours and fraction
+may be left out. N is 1 or more.
 
 OUT is written as OUT.part and gets its name when it is complete; when the work
 can't be done, OUT.part is removed. Pipes and devices are written to directly.
@@ -27,9 +30,22 @@ something else was wrong with the input.)";
 
 int run(int argc, char **argv);
 void add_remux(CLI::App &app, RemuxOptions &options);
-void add_time(CLI::App &command, const char *name, std::optional<uint32_t> &time_ms,
-              const char *help);
+bool parse_count(const std::string &text, uint64_t *count);
 void complete_options(RemuxOptions &options);
+
+/// An option whose value parse reads, or else refuses.
+template <typename Value>
+void add_value(CLI::App &command, const char *name, const char *type,
+               bool (*parse)(const std::string &text, Value *value), std::optional<Value> &value,
+               const char *help)
+{
+    const auto take = [=, &value](const std::string &text) {
+        Value parsed = 0;
+        if (!parse(text, &parsed)) throw BadUsage(fmt::format("{}: {} is no {}", name, text, type));
+        value = parsed;
+    };
+    command.add_option_function<std::string>(name, take, help)->type_name(type);
+}
 
 }  // namespace
 
@@ -83,28 +99,20 @@ void add_remux(CLI::App &app, RemuxOptions &options)
     command->add_option(
         "--format", options.format,
         "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
-    add_time(*command, "--start", options.start_ms, "Seek there first");
-    add_time(*command, "--to", options.to_ms, "Stop before the first frame at or behind it");
-    command->add_option("--frames", options.frames, "Stop after so many frames")
-        ->check(CLI::PositiveNumber);
+    add_value(*command, "--start", "TIME", parse_time, options.start_ms, "Seek there first");
+    add_value(*command, "--to", "TIME", parse_time, options.to_ms,
+              "Stop before the first frame at or behind it");
+    add_value(*command, "--frames", "N", parse_count, options.frames, "Stop after so many frames");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
     command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
 }
 
-void add_time(CLI::App &command, const char *name, std::optional<uint32_t> &time_ms,
-              const char *help)
+// CLI11's own conversion takes "-1" for a large number.
+bool parse_count(const std::string &text, uint64_t *count)
 {
-    command
-        .add_option_function<std::string>(
-            name,
-            [&time_ms, name](const std::string &text) {
-                uint32_t value = 0;
-                if (!parse_time(text, &value))
-                    throw BadUsage(std::string(name) + ": " + text + " is no time");
-                time_ms = value;
-            },
-            help)
-        ->type_name("TIME");
+    const char *end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, *count);
+    return result.ec == std::errc() && result.ptr == end && *count != 0;
 }
 
 void complete_options(RemuxOptions &options)

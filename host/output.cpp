@@ -28,13 +28,13 @@ Output::Output(const std::string &path, Descriptor standard_output, const struct
     // By its name in the file system the standard output would be what stdio prints to by now.
     if (path == "-" || path == "/dev/stdout") {
         m_name = "standard output";
+        if (!standard_output.is_open()) throw NotDone(m_name, error_text(EBADF));
         m_file = std::move(standard_output);
     } else {
         open_file(path, input, f_force);
     }
     struct stat status = {};
-    if (!m_file.is_open() || fstat(m_file.get(), &status) != 0)
-        throw NotDone(m_name, error_text(errno));
+    if (fstat(m_file.get(), &status) != 0) throw NotDone(m_name, error_text(errno));
     if (is_same_file(status, input)) throw NotDone(m_name, "is the input itself");
 }
 
@@ -79,7 +79,7 @@ void Output::open_file(const std::string &path, const struct stat &input, bool f
         unlink(part.c_str());
     }
     m_file = Descriptor(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!m_file.is_open()) throw NotDone(part, error_text(errno));
+    if (!m_file.is_open()) throw NotDone(path, error_text(errno));
     m_part = part;
     g_part = m_part.c_str();
     remove_part_at_signals();

@@ -190,14 +190,14 @@ std::string Job::fault_of_ending() const
     if (m_format.record_size != 0) {
         const uint64_t used = m_frames * m_format.record_size;
         if (used >= m_source.size()) return "";
-        return fmt::format("ended early: {} of its {} bytes are in no whole packet",
+        return fmt::format("{} of its {} bytes are in none of the packets read",
                            m_source.size() - used, m_source.size());
     }
 
     // Where the duration isn't known, only a large part of the file that nobody asked for says
     // something. A little of it is tags behind the last frame.
     constexpr uint64_t UNREAD_TAIL = 4;  // a fourth of the file
-    if (end_ms() == 0) {
+    if (m_content.duration == 0) {
         if (m_source.unread() <= m_source.size() / UNREAD_TAIL) return "";
         return fmt::format("ended early: the last {} of its {} bytes were not read",
                            m_source.unread(), m_source.size());
@@ -206,7 +206,7 @@ std::string Job::fault_of_ending() const
     // The last frame begins before the end, by its own length, and the duration may be that of a
     // track that isn't chosen, like subtitles that run into the credits. Sound without a frame
     // length, whose frames all have one time, tells nothing.
-    const int64_t slack_ms = std::clamp<int64_t>(end_ms() / 10, 500, 10000);
+    const int64_t slack_ms = std::clamp<int64_t>(end_ms() / 20, 500, 5000);
     const int64_t missing_ms = end_ms() - m_clock.reached_ms();
     if (m_clock.longest_step_ms() == 0) return "";
     if (missing_ms <= slack_ms + 2 * m_clock.longest_step_ms()) return "";
