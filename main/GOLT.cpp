@@ -6,6 +6,7 @@
 
 #include "build_time.h"
 #include "dmx_m2ts.h"
+#include "dmx_mp3.h"
 #include "dmx_mp4.h"
 #include "golt_mem.h"
 #include "rmx_mpeg2ts.h"
@@ -31,7 +32,8 @@ GOLT_frame_t *frame_behind(IAVFrame frame)
 const GOLT_DMX_handler_t GOLT::g_dmx_handlers[] = {
     {"m2ts\0video/ts\0", GOLT_DMX_M2TSInit, GOLT_DMX_M2TSDestroy, GOLT_DMX_M2TSReadFrame,
      GOLT_DMX_M2TSSeekToBytes, GOLT_DMX_M2TSSeekToTime, GOLT_DMX_M2TSGetStreamInfo},
-    {"", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {"mp3\0audio/mpeg\0", GOLT_DMX_MP3Init, GOLT_DMX_MP3Destroy, GOLT_DMX_MP3ReadFrame,
+     GOLT_DMX_MP3SeekToBytes, GOLT_DMX_MP3SeekToTime, GOLT_DMX_MP3GetStreamInfo},
     {"mp4\0m4a\0m4v\0mov\0003gp\0video/mp4\0audio/mp4\0", GOLT_DMX_MP4Init, GOLT_DMX_MP4Destroy,
      GOLT_DMX_MP4ReadFrame, GOLT_DMX_MP4SeekToBytes, GOLT_DMX_MP4SeekToTime,
      GOLT_DMX_MP4GetStreamInfo},
