@@ -6,6 +6,7 @@
 
 #include "build_time.h"
 #include "dmx_m2ts.h"
+#include "dmx_mkv.h"
 #include "dmx_mp3.h"
 #include "dmx_mp4.h"
 #include "golt_mem.h"
@@ -37,7 +38,9 @@ const GOLT_DMX_handler_t GOLT::g_dmx_handlers[] = {
     {"mp4\0m4a\0m4v\0mov\0003gp\0video/mp4\0audio/mp4\0", GOLT_DMX_MP4Init, GOLT_DMX_MP4Destroy,
      GOLT_DMX_MP4ReadFrame, GOLT_DMX_MP4SeekToBytes, GOLT_DMX_MP4SeekToTime,
      GOLT_DMX_MP4GetStreamInfo},
-    {"", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
+    {"mkv\0mka\0mk3d\0audio/x-matroska\0video/x-matroska\0video/x-matroska-3d\0", GOLT_DMX_MKVInit,
+     GOLT_DMX_MKVDestroy, GOLT_DMX_MKVReadFrame, GOLT_DMX_MKVSeekToBytes, GOLT_DMX_MKVSeekToTime,
+     GOLT_DMX_MKVGetStreamInfo},
     {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
