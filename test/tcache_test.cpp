@@ -23,17 +23,17 @@ extern "C" int usleep(useconds_t usec)
     return g_sleeps_told ? printf("z%u ", usec) : 0;
 }
 
-// How many allocations with std::nothrow are still granted.
-static int g_news_left = INT32_MAX;
+// Allocations with std::nothrow: how many are granted, and how many behind those are refused.
+static int g_news_granted = INT32_MAX, g_news_refused = 0;
 
 void *operator new(std::size_t size, const std::nothrow_t &) noexcept
 {
-    return g_news_left-- > 0 ? ::operator new(size) : nullptr;
+    return g_news_granted-- > 0 || g_news_refused-- <= 0 ? ::operator new(size) : nullptr;
 }
 
 void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
 {
-    return g_news_left-- > 0 ? ::operator new[](size) : nullptr;
+    return g_news_granted-- > 0 || g_news_refused-- <= 0 ? ::operator new[](size) : nullptr;
 }
 
 namespace {
@@ -77,11 +77,7 @@ struct Cache : public ::testing::Test {
     int64_t pos = 0;  // of the reader
 
     Cache() { g_sleeps_told = true; }
-    ~Cache() override
-    {
-        g_sleeps_told = false;
-        g_TCacheEnabled = true;
-    }
+    ~Cache() override { g_sleeps_told = false, g_TCacheEnabled = true; }
 
     void open(uint64_t declared)
     {
@@ -151,7 +147,10 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
              "seek:: 0x000003e8-0x00040000 (0x0003fc18)\n" + nofill + t +
              "seek>> 0x00040000 [0x00040000,0x0000]\ns262144 r65536=0 z10 " + eof + "r65536=0 " +
              eof + ">0 "},
-        {"more than declared", 100, 200, "150 10 0", "r65536=200 " + eof + ">150 >10 >0 "},
+        {"more than declared", 100, ALL, "<200 150 10 0 @0x10000 <50 <0 <-1 1 1",
+         "r65536=200 " + eof + ">150 >10 >0 " + t + "seek:: 0x000000c8-0x00010000 (0x0000ff38)\n" +
+             nofill + t + "seek>> 0x00010000 [0x00010000,0x0000]\ns65536 r65536=50 z10 r65486=0 " +
+             "z10 " + eof + ">1 r65486=-1 z10 r65486=65486 " + eof + ">1 "},
         {"a short way forward is read", 0, ALL, "<100 4 @0x10003 @0x50003 1 @0x40008 4",
          "r65536=100 >4 " + t + "seek:: 0x00000064-0x00010000 (0x0000ff9c)\nr65436=65436 " + t +
              "seek:: 0x00010000-0x00050000 (0x00040000)\nR R R R R >1 R >4 "},
@@ -183,11 +182,14 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
 TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
 {
     // In this order: the manager, its two heads, the first item, its buffer, the second item.
-    for (int granted = 0; granted <= 6; ++granted) {
+    for (int granted = 0; granted <= 7; ++granted) {
         g_TCacheEnabled = true;
-        g_news_left = granted;
+        g_news_granted = granted;
+        g_news_refused = granted < 3 ? 1 : 100;
         open(0);
-        g_news_left = INT32_MAX;
+        g_news_granted = INT32_MAX;
+        ASSERT_EQ(g_TCacheEnabled, granted == 7) << granted;
+        if (g_TCacheEnabled) break;
         EXPECT_EQ(run("<10 <10 <5 <-1 <6 25 5 5 0 @7 3 @-9"),
                   granted == 0 ? ">0 >0 >0 >0 !-1 >0 !-1 "
                                : "r25=10 r15=10 r5=5 >25 r5=-1 >0 r5=6 >0 >0 s7 r3=3 >3 s-9 !-1 ")
@@ -239,7 +241,9 @@ TEST(CacheList, TellsItsItemsInOrder)
     char text[64];
     EXPECT_EQ(head.list_getDbgInfo(text, sizeof text, false), 54);
     EXPECT_STREQ(text, "[2] {0x20000,0x00000,0x00000},{0xff,0x00000,0x00000}*");
-    head.list_destroy();
+    while (const cbuflist_t *item = head.list_detach(nullptr))
+        delete item;
+    EXPECT_EQ(head.tail(), nullptr);
 }
 
 }  // namespace
