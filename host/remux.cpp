@@ -18,6 +18,9 @@
 
 namespace {
 
+// What getContentInfo reports as audioPid, always; the sink is made before the muxer can be asked.
+constexpr uint32_t AUDIO_PID = 0x101;
+
 Format choose_format(const RemuxOptions &options, Source &source);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
 
@@ -45,6 +48,7 @@ private:
     Library m_library;
     Demuxer m_demuxer;
     Output m_output;
+    StreamWatch m_sound{AUDIO_PID};
     Sink m_sink;
     Muxer m_muxer;
     FrameClock m_clock;
@@ -68,7 +72,7 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_format(choose_format(options, m_source))
     , m_demuxer(open_demuxer(m_library, m_format, m_source))
     , m_output(options.output, std::move(standard_output), m_source.status(), options.f_force)
-    , m_sink(m_output.descriptor())
+    , m_sink(m_output.descriptor(), m_sound)
     , m_muxer(m_library.make_muxer(m_demuxer, m_sink))
     , m_clock(options.start_ms.value_or(0))
 {
@@ -181,7 +185,11 @@ std::string Job::why_nothing_came() const
 std::string Job::fault_in_input() const
 {
     if (!m_source.fault().empty()) return m_source.fault();
-    return m_f_stopped ? "" : fault_of_ending();
+    const std::string ending = m_f_stopped ? "" : fault_of_ending();
+    if (!ending.empty() || !m_format.has_times || !m_sound.stands_still()) return ending;
+    // Matroska files by muxers that write no DefaultDuration.
+    return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
+                       m_sound.frames(), time_text(m_sound.first_ms()));
 }
 
 std::string Job::fault_of_ending() const

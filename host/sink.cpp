@@ -15,14 +15,16 @@ int write_all(int fd, const uint8_t *data, size_t size);
 
 }  // namespace
 
-Sink::Sink(int fd)
+Sink::Sink(int fd, StreamWatch &sound)
     : m_fd(fd)
+    , m_sound(sound)
     , m_buffer(new uint8_t[BUFFER_SIZE])
 {
 }
 
 int Sink::write(uint8_t *buffer, int size)
 {
+    m_sound.look(buffer, size);
     for (int done = 0; done < size && m_error == 0;) {
         const size_t part = std::min(static_cast<size_t>(size - done), BUFFER_SIZE - m_held);
         memcpy(m_buffer.get() + m_held, buffer + done, part);

@@ -7,11 +7,12 @@
 #include <memory>
 
 #include "golt.h"
+#include "stream_watch.h"
 
 class Sink : public PELA::AVMuxer::Listener {
 public:
-    /// fd stays the caller's.
-    explicit Sink(int fd);
+    /// fd stays the caller's. sound: gets to see everything; it has to outlive the sink.
+    Sink(int fd, StreamWatch &sound);
 
     int write(uint8_t *buffer, int size) override;
     /// Writes what is still in the buffer.
@@ -25,6 +26,7 @@ public:
 
 private:
     int m_fd;
+    StreamWatch &m_sound;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_held = 0;  // bytes in the buffer
     uint64_t m_bytes = 0;
