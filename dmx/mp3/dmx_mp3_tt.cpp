@@ -1,5 +1,6 @@
 #include "dmx_mp3_tt.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -306,7 +307,7 @@ bool PosList_timeWithin(PosList_t *pPosList, uint32_t pktno)
 bool PosList_seek(PosList_t *pPosList, uint32_t pktno, MP3Offset_t *newOffset)
 {
     if (pPosList == nullptr) return true;
-    if (pPosList->numEntries == 0 || pktno < pPosList->firstPktno) return false;
+    if (!PosList_timeWithin(pPosList, pktno)) return false;
     uint32_t foundIdx = 0;
     if (pPosList->interval != 0) foundIdx = (pktno - pPosList->firstPktno) / pPosList->interval;
     if (foundIdx > pPosList->numEntries) return false;
@@ -336,6 +337,7 @@ sample_t PosList_sample(const PosList_t *pPosList, uint32_t k)
 // which gives the quotient of the whole product, whatever its size.
 MP3Offset_t interpolate(sample_t from, sample_t to, uint32_t pktno)
 {
+    assert(from.pktno < pktno && pktno <= to.pktno);
     const uint32_t whole = to.pktno - from.pktno;
     uint32_t part = pktno - from.pktno;
     if (to.offset < from.offset) {
