@@ -185,7 +185,7 @@ std::string Job::why_nothing_came() const
 std::string Job::fault_in_input() const
 {
     if (!m_source.fault().empty()) return m_source.fault();
-    const std::string ending = m_f_stopped ? "" : fault_of_ending();
+    std::string ending = m_f_stopped ? "" : fault_of_ending();
     if (!ending.empty() || !m_format.has_times || !m_sound.stands_still()) return ending;
     // Matroska files by muxers that write no DefaultDuration.
     return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
