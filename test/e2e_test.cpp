@@ -92,7 +92,7 @@ protected:
         ASSERT_EQ(remuxed.status, 0) << remuxed.output;
         EXPECT_EQ(remuxed.output, "");
         m_output = read_file(out);
-        m_report = check_ts(m_output.data(), m_output.size());
+        m_report = check_ts(m_output);
         EXPECT_THAT(m_report.problems, IsEmpty());
         EXPECT_EQ(run("ffprobe -v error '" + out + "' 2>&1").output, "");
 

@@ -39,7 +39,7 @@ public:
         const auto at = sink.stream.begin() + static_cast<ptrdiff_t>(number * PACKET);
         return Bytes(at, at + static_cast<ptrdiff_t>(size));
     }
-    TsReport report() const { return check_ts(sink.stream.data(), sink.stream.size()); }
+    TsReport report() const { return check_ts(sink.stream); }
 
     Sink sink;
 };

@@ -5,6 +5,11 @@
 // fields, sections and PES headers that contradict themselves, wrong CRCs, tables and PES packets
 // that come before what announces them, and PES lengths that aren't kept.
 //
+// What a remuxer has no use for counts as a problem too, sound or not: scrambling, tables that
+// change or take more than a packet, a NIT, fields of adaptation fields other than the PCR and of
+// PES headers other than PTS and DTS, a repeated packet with another PCR, a clock that doesn't start
+// with its PES packets, streams without PES header.
+//
 // Two things pass that the standard would not have. Times may run in any order: frames in decoding
 // order without a DTS have no other. And a PES_packet_length may be the low 16 bits of one that
 // doesn't fit.
@@ -12,46 +17,24 @@
 #ifndef GOLT_TEST_TS_CHECKER_H
 #define GOLT_TEST_TS_CHECKER_H
 
-#include <cstddef>
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <vector>
 
-/// An elementary stream as a PMT lists it.
-struct TsStream {
-    uint8_t type = 0;
-    uint16_t pid = 0;
-    std::vector<uint8_t> descriptors;
-};
-
-struct TsProgram {
-    uint16_t number = 0;
-    uint16_t pmt_pid = 0;
-    uint16_t pcr_pid = 0;
-    std::vector<TsStream> streams;
-    std::vector<uint8_t> section;  ///< the PMT, empty until it has come
-};
+#include "bytes.h"
 
 struct TsPes {
-    size_t packet = 0;  ///< number of the packet in which it starts
     uint16_t pid = 0;
     uint8_t stream_id = 0;
-    std::optional<uint64_t> pts;   ///< 90 kHz
-    std::optional<uint64_t> dts;   ///< 90 kHz
-    std::optional<uint64_t> pcr;   ///< of the packet in which it starts, 27 MHz
-    std::vector<uint8_t> payload;  ///< behind the header
+    std::optional<uint64_t> pts;  ///< 90 kHz
+    std::optional<uint64_t> pcr;  ///< of the packet in which it starts, 27 MHz
+    Bytes payload;                ///< behind the header
 };
 
 struct TsReport {
-    std::vector<std::string> problems;  ///< in the stream's order; of very many the first ones
-    size_t packets = 0;                 ///< whole ones
-    std::vector<size_t> pat_packets;    ///< numbers of the packets in which a PAT starts
-    std::vector<TsProgram> programs;
-    std::vector<TsPes> pes;  ///< in the order of their starts
+    std::vector<std::string> problems;  ///< in the stream's order; a PES packet's where it ends
+    std::vector<size_t> pat_packets;    ///< numbers of the packets that hold a PAT, from 0
+    std::vector<TsPes> pes;             ///< of the streams in the PMT, in the order of their starts
 };
 
-/// Packets are numbered from 0.
-TsReport check_ts(const uint8_t *stream, size_t size);
+TsReport check_ts(const Bytes &stream);
 
 #endif
