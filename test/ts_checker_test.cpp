@@ -64,7 +64,7 @@ TEST(TsChecker, FindsAFault)
         {"0604B8", "fit its packet"}, {"060100", "fit its packet"},  {"066300", "bytes behind"},
         {"060902", "wrong CRC_32"},   {"020E02", "start_code"},      {"021163", "packet_length"},
         {"054A00", "packet_length"},  {"021200", "flags of a PES"},  {"021340", "flags of a PES"},
-        {"021404", "is too small"},   {"021406", "more than times"}, {"021531", "wrong prefix"},
+        {"021404", "is too small"},   {"021406", "fields of a PES"}, {"021531", "wrong prefix"},
         {"021920", "or marker bits"}, {"020500", "without PCR"},
     };
     for (const Row &row : changes)

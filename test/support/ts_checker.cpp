@@ -224,8 +224,9 @@ private:
         if (times >= 2) pes.pts = read_time(fields, times);
         if (times == 3) read_time(fields, 1);  // DTS
         if (fields.is_short) complain("a PES_header_data_length is too small");
-        if ((flags & 0x3F) != 0 || !fields.is_stuffing())
-            complain("more than times and stuffing in a PES header");
+        // AC-3 of M2TS files has PES_extension_flag set and the extension's fields.
+        if ((flags & 0x3E) != 0 || ((flags & 0x01) == 0 && !fields.is_stuffing()))
+            complain("unexpected fields of a PES header");
     }
 
     /// A PTS or DTS: the prefix, then 3, 15 and 15 bits, each with a marker bit behind it.

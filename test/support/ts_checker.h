@@ -6,9 +6,9 @@
 // that come before what announces them, and PES lengths that aren't kept.
 //
 // What a remuxer has no use for counts as a problem too, sound or not: scrambling, tables that
-// change or take more than a packet, a NIT, fields of adaptation fields other than the PCR and of
-// PES headers other than PTS and DTS, a repeated packet with another PCR, a clock that doesn't start
-// with its PES packets, streams without PES header.
+// change or take more than a packet, a NIT, any field of adaptation fields but the PCR and of PES
+// headers but PTS, DTS and an extension, a repeated packet with another PCR, a clock that doesn't
+// start with its PES packets, streams without PES header.
 //
 // Two things pass that the standard would not have. Times may run in any order: frames in decoding
 // order without a DTS have no other. And a PES_packet_length may be the low 16 bits of one that
