@@ -1,4 +1,4 @@
-// Other programs, run by tests: the host program, ffmpeg and ffprobe.
+// Other programs, run by tests: the host program, ffmpeg and its kin.
 
 #ifndef GOLT_TEST_TOOLS_H
 #define GOLT_TEST_TOOLS_H
@@ -6,12 +6,10 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <sstream>
 
 #include "bytes.h"
@@ -24,81 +22,74 @@ struct Outcome {
 /// Runs a command line of the shell.
 inline Outcome run(const std::string &command)
 {
-    Outcome outcome = {-1, {}};
     FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return outcome;
-    char chunk[4096];
-    for (size_t got; (got = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
-        outcome.output.append(chunk, got);
+    if (pipe == nullptr) return {-1, {}};
+    std::string output;
+    for (int byte; (byte = fgetc(pipe)) != EOF;)
+        output += static_cast<char>(byte);
     const int status = pclose(pipe);
-    if (status != -1 && WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-    return outcome;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
-/// A folder for the files of one test.
+/// A new folder, in which the test runs as long as the object lives.
 class TempFolder {
 public:
     TempFolder()
+        : m_home(std::filesystem::current_path())
     {
         std::string name = (std::filesystem::temp_directory_path() / "golt-XXXXXX").string();
-        if (mkdtemp(name.data()) != nullptr) m_folder = name;
+        std::filesystem::current_path(mkdtemp(name.data()));
     }
     ~TempFolder()
     {
-        std::error_code ignored;
-        if (!m_folder.empty()) std::filesystem::remove_all(m_folder, ignored);
+        const std::filesystem::path folder = std::filesystem::current_path();
+        std::filesystem::current_path(m_home);
+        std::filesystem::remove_all(folder);
     }
     TempFolder(const TempFolder &) = delete;
     TempFolder &operator=(const TempFolder &) = delete;
 
-    std::string operator/(const std::string &name) const { return (m_folder / name).string(); }
-
 private:
-    std::filesystem::path m_folder;
+    std::filesystem::path m_home;
 };
 
 inline Bytes read_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    return text(std::string(std::istreambuf_iterator<char>(file), {}));
+    return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
 inline void write_file(const std::string &path, const Bytes &bytes)
 {
-    std::ofstream file(path, std::ios::binary);
-    std::copy(bytes.begin(), bytes.end(), std::ostreambuf_iterator<char>(file));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
-/// Decodes a file with ffmpeg. For each stream, the video's first, what each frame holds: its size
-/// and MD5. options: of ffmpeg, in front of the input.
-inline std::map<std::string, std::vector<std::string>> decode(const std::string &path,
-                                                              const std::string &options = "")
+/// The lines that a command prints, without comments.
+inline std::vector<std::string> lines_of(const std::string &command)
 {
-    // Frames pass as they come out of the decoder: none is repeated or dropped to fit a rate.
-    std::istringstream lines(run("ffmpeg -v error -nostdin " + options + " -i '" + path +
-                                 "' -map 0:v? -map 0:a? -fps_mode passthrough -f framemd5 -")
-                                 .output);
-    std::map<std::string, std::vector<std::string>> streams;
-    for (std::string line; std::getline(lines, line);) {
-        // stream, dts, pts, duration, size, hash; in front of them comments
-        const size_t times = line.find(','), size = line.rfind(',', line.rfind(',') - 1);
-        if (line[0] != '#') streams[line.substr(0, times)].push_back(line.substr(size));
-    }
-    return streams;
+    std::istringstream output(run(command).output);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(output, line);)
+        if (!line.empty() && line[0] != '#') lines.push_back(line);
+    return lines;
 }
 
-/// The times in ms of the packets of one kind, "v" or "a", in the file's order.
-inline std::vector<double> packet_times(const std::string &path, const std::string &kind,
-                                        const std::string &options = "")
+/// Decodes the streams of one kind, "v" or "a", with ffmpeg: size and MD5 of each frame. Frames pass
+/// as they come out of the decoder: none is repeated or dropped to fit a rate. options: of ffmpeg, in
+/// front of the input.
+inline std::vector<std::string> decode(const std::string &path, const std::string &kind,
+                                       const std::string &options = "")
 {
-    std::istringstream lines(run("ffprobe -v error " + options + " -select_streams " + kind +
-                                 " -show_entries packet=pts_time -of csv=p=0 '" + path + "'")
-                                 .output);
-    std::vector<double> times;
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty()) times.push_back(atof(line.c_str()) * 1000);
-    }
-    return times;
+    const std::string without_other = kind == "v" ? " -an" : " -vn";
+    // stream, dts, pts, duration, size, hash
+    std::vector<std::string> frames =
+        lines_of("ffmpeg -v error -nostdin " + options + " -i " + path + without_other +
+                 " -fps_mode passthrough -f framemd5 -");
+    for (std::string &frame : frames)
+        frame = frame.substr(frame.rfind(',', frame.rfind(',') - 1));
+    return frames;
 }
 
 #endif
