@@ -11,6 +11,7 @@
 #include "dmx_mp4.h"
 #include "golt_mem.h"
 #include "rmx_mpeg2ts.h"
+#include "tcounter.h"
 
 using namespace PELA;
 
@@ -22,6 +23,10 @@ GOLT *g_GOLT_Driver = nullptr;
 // The muxer made last, which alone may write: the remuxer's context leads to its Listener. Null
 // when that muxer is gone, and its Listener perhaps with it.
 GOLT_RMX *g_GOLT_Muxer = nullptr;
+
+// Nothing feeds these: they are there for whoever measures the frames' way in and out.
+timecounter g_tcRdFrame("rdframe", 500);
+timecounter g_tcWrFrame("wrframe", 500);
 
 GOLT_frame_t *frame_behind(IAVFrame frame)
 {
