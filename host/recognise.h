@@ -8,9 +8,10 @@
 #include <string>
 
 struct Format {
-    const char *name;      ///< as the library calls it
-    uint32_t record_size;  ///< bytes of the file behind each frame; 0 where that differs
-    bool has_times;        ///< frames have times, and the file can be sought in by time
+    const char *name;          ///< as the library calls it
+    uint32_t record_size;      ///< bytes of the file behind each frame; 0 where that differs
+    bool has_times;            ///< frames have times, and the file can be sought in by time
+    bool has_duration_of_all;  ///< the duration is that of the longest track, chosen or not
 };
 
 /// Bytes of a file that have to be seen at most.

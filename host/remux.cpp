@@ -53,8 +53,9 @@ private:
     Muxer m_muxer;
     FrameClock m_clock;
     PELA::MediaBuffer::ContentInfo m_content = {};
-    uint64_t m_frames = 0;
-    bool m_f_stopped = false;  // by an option, before the stream's own end
+    int64_t m_leave_out_to_ms = INT64_MIN;  // frames before this time
+    uint64_t m_frames = 0;                  // written
+    bool m_f_stopped = false;               // by an option, before the stream's own end
 };
 
 }  // namespace
@@ -103,12 +104,18 @@ ExitStatus Job::run()
 
 void Job::seek_to_start()
 {
-    if (m_options.start_ms && !m_demuxer->seekToTime(*m_options.start_ms))
-        throw NotDone(m_source.path(),
-                      fmt::format("can't be sought to {}", time_text(*m_options.start_ms)));
+    const uint32_t start_ms = m_options.start_ms.value_or(0);
+    if (start_ms == 0 || m_demuxer->seekToTime(start_ms)) return;
+    // An MP3 file, which has no index, can be sought in only where it has been read. Sound alone
+    // can begin at any frame, so that the frames before are read and left out. A picture can't: it
+    // needs a key frame, and which ones are doesn't show here.
+    if (m_content.videoCodec != PELA::VIDEO_CODEC_UNKNOWN)
+        throw NotDone(m_source.path(), fmt::format("can't be sought to {}", time_text(start_ms)));
+    m_leave_out_to_ms = start_ms;
 }
 
-// False when there is no further frame, or none is wanted.
+// Reads a frame and writes it, unless it is to be left out. False when there is no further frame,
+// or none is wanted.
 bool Job::copy_frame()
 {
     m_f_stopped = m_options.frames && m_frames >= *m_options.frames;
@@ -122,6 +129,7 @@ bool Job::copy_frame()
         const int64_t time_ms = m_clock.follow(pts);
         m_f_stopped = m_options.to_ms && time_ms >= *m_options.to_ms;
         if (m_f_stopped) return false;
+        if (time_ms < m_leave_out_to_ms) return true;
         m_clock.count();
     }
     if (!m_muxer->writeFrame(frame.get()))
@@ -211,10 +219,12 @@ std::string Job::fault_of_ending() const
                            m_source.unread(), m_source.size());
     }
 
-    // The last frame begins before the end, by its own length, and the duration may be that of a
-    // track that isn't chosen, like subtitles that run into the credits. Sound without a frame
-    // length, whose frames all have one time, tells nothing.
-    const int64_t slack_ms = std::clamp<int64_t>(end_ms() / 20, 500, 5000);
+    // The last frame begins before the end, by its own length, and the tracks of a file differ a
+    // little; much where the duration is that of a track that isn't chosen, like subtitles or a
+    // second sound. Sound without a frame length, whose frames all have one time, tells nothing.
+    const int64_t slack_ms = m_format.has_duration_of_all
+                                 ? std::clamp<int64_t>(end_ms() / 5, 500, 20000)
+                                 : std::clamp<int64_t>(end_ms() / 20, 500, 5000);
     const int64_t missing_ms = end_ms() - m_clock.reached_ms();
     if (m_clock.longest_step_ms() == 0) return "";
     if (missing_ms <= slack_ms + 2 * m_clock.longest_step_ms()) return "";
@@ -229,7 +239,7 @@ Format choose_format(const RemuxOptions &options, Source &source)
     if (!options.format.empty()) {
         format = format_of_name(options.format);
         // The library decides about names that aren't known here.
-        if (format == nullptr) return {options.format.c_str(), 0, true};
+        if (format == nullptr) return {options.format.c_str(), 0, true, true};
     } else {
         uint8_t head[RECOGNISE_SIZE] = {};
         const int size = source.read(head, RECOGNISE_SIZE);

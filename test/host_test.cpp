@@ -9,6 +9,8 @@
 #include <iterator>
 
 #include "bytes.h"
+#include "mkv_builder.h"
+#include "mp3_builder.h"
 #include "mp4_builder.h"
 
 namespace {
@@ -41,6 +43,15 @@ Mp4Track track(Mp4Track kind, size_t samples)
         kind.chunks.push_back(1);
     }
     return kind;
+}
+
+// 10 s long by its duration; pictures every half second, the last one at last_ms.
+Bytes mkv(int last_ms)
+{
+    Bytes pictures;
+    for (int time = 0; time <= last_ms; time += 500)
+        pictures += simple_block(1, time, length_unit(pattern(50, 1)));
+    return MkvFile().track(H264_TRACK).cluster(0, {pictures}).build();
 }
 
 class HostProgram : public ::testing::Test {
@@ -201,21 +212,25 @@ TEST_F(HostProgram, KeepsToTheTimesAsked)
     Mp4Track video = track(Mp4Track::video(), 100);  // 40 ms each
     video.stss = {1, 51};
     put("in.mp4", Mp4File().add(video).build());
+    put("in.mp3", Mp3().frames(100).file);  // 0, 26, 52 ms and so on; frame 39 is at 1018
     const struct {
         const char *arguments;
         const char *report;
     } rows[] = {
-        {"", ": 100 frames, "},
-        {"--frames 7", ": 7 frames, "},
-        {"--to 1000", ": 25 frames, "},
-        {"--to 00:00:01.001", ": 26 frames, "},
-        {"--start 0:01.5", ": 50 frames, "},
-        {"--start 1500 --to 0:03", ": 25 frames, "},
-        {"--start 0 --frames 500", ": 100 frames, "},
+        {"in.mp4", ": 100 frames, "},
+        {"in.mp4 --frames 7", ": 7 frames, "},
+        {"in.mp4 --to 1000", ": 25 frames, "},
+        {"in.mp4 --to 00:00:01.001", ": 26 frames, "},
+        {"in.mp4 --start 0:01.5", ": 50 frames, "},
+        {"in.mp4 --start 1500 --to 0:03", ": 25 frames, "},
+        {"in.mp4 --start 0 --frames 500", ": 100 frames, "},
+        {"in.mp3 --start 0", ": 100 frames, "},
+        {"in.mp3 --start 1000", ": 61 frames, "},
+        {"in.mp3 --start 1000 --to 1100", ": 4 frames, "},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.arguments);
-        const Result result = golt(std::string("in.mp4 --force ") + row.arguments);
+        const Result result = golt(std::string("--force ") + row.arguments);
         EXPECT_EQ(result.status, DONE);
         EXPECT_THAT(result.err, HasSubstr(row.report));
     }
@@ -246,6 +261,8 @@ TEST_F(HostProgram, TellsASoundInputFromOneThatEndsEarly)
         {"long sound", Mp4File().add(video).add(track(Mp4Track::audio(), 500)).build(), DONE, ""},
         {"cut mp4", Bytes(mp4.begin(), mp4.end() - 2000), DONE_WITH_FAULTS,
          "ended early: at 00:00:02.440 of 00:00:04.000"},
+        {"mkv with longer subtitles", mkv(8000), DONE, ": 17 frames"},
+        {"mkv that breaks off", mkv(5000), DONE_WITH_FAULTS, "at 00:00:05.000 of 00:00:10.000"},
         {"whole m2ts", m2ts, DONE, ": 10 frames"},
         {"cut m2ts", Bytes(m2ts.begin(), m2ts.end() - 1), DONE_WITH_FAULTS,
          "191 of its 1919 bytes are in none"},
