@@ -95,7 +95,7 @@ public:
             out += (frame.type == GOLT_FT_VIDEO ? " v" : " a") + std::to_string(frame.time_ms);
         return out.empty() ? out : out.substr(1);
     }
-    GOLT_streamInfo_t info()
+    static GOLT_streamInfo_t info()
     {
         GOLT_streamInfo_t out = {};
         GOLT_DMX_MP4GetStreamInfo(&out);

@@ -19,7 +19,6 @@ public:
     {
     }
 
-    int max_read = 0;        ///< most bytes a read delivers, 0: no limit
     int64_t fail_from = -1;  ///< reads that reach this offset deliver nothing of it, -1: never
     bool refuse_seeks = false;
     int reads = 0;
@@ -30,8 +29,7 @@ public:
         ++reads;
         const auto end = static_cast<int64_t>(m_file.size());
         const int64_t limit = fail_from >= 0 ? std::min(fail_from, end) : end;
-        int64_t count = std::min<int64_t>(size, limit - m_pos);
-        if (max_read > 0) count = std::min<int64_t>(count, max_read);
+        const int64_t count = std::min<int64_t>(size, limit - m_pos);
         if (count <= 0) return 0;
         memcpy(buffer, m_file.data() + m_pos, static_cast<size_t>(count));
         m_pos += count;
@@ -52,14 +50,8 @@ public:
     /// The source as a demuxer module sees it; the handle is the Source.
     static uint32_t read_proc(void *source, uint8_t *buffer, uint32_t size)
     {
-        auto *self = static_cast<Source *>(source);
-        uint32_t total = 0;
-        while (total < size) {
-            const int got = self->read(buffer + total, static_cast<int>(size - total));
-            if (got <= 0) break;
-            total += static_cast<uint32_t>(got);
-        }
-        return total;
+        const int got = static_cast<Source *>(source)->read(buffer, static_cast<int>(size));
+        return static_cast<uint32_t>(got);
     }
 
     static int32_t seek_proc(void *source, int64_t offset)
