@@ -8,7 +8,6 @@
 #include <cmath>
 
 #include "host_double.h"
-#include "mp4_builder.h"
 #include "tcache.h"
 #include "tools.h"
 #include "ts_checker.h"
@@ -95,8 +94,9 @@ protected:
         ASSERT_EQ(run(test.making + " 2>&1").status, 0);
         m_source = read_file(test.file);
         if (test.channels != 0) {
-            constexpr size_t CHANNEL_COUNT_AT = 24;  // in an AudioSampleEntry, of 16 bits
-            m_source.at(find_box(m_source, "mp4a") + CHANNEL_COUNT_AT + 1) = test.channels;
+            constexpr size_t CHANNEL_COUNT_AT = 20;  // behind the name, of 16 bits
+            const std::string bytes(m_source.begin(), m_source.end());
+            m_source.at(bytes.find("mp4a") + CHANNEL_COUNT_AT + 1) = test.channels;
             write_file(test.file, m_source);
         }
         const Outcome remuxed =
