@@ -1,13 +1,17 @@
 #include "dmx_mp4.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <sstream>
 
 #include "host_double.h"
 #include "mp4_builder.h"
 
 namespace {
+
+using ::testing::ElementsAre;
 
 const Bytes START = hex("00000001");
 
@@ -29,9 +33,12 @@ public:
             const size_t end = word.find_first_of("=:");
             const std::string name = word.substr(0, end), value = word.substr(end + 1);
             std::vector<std::string> parts;
+            std::vector<uint32_t> numbers;
             std::istringstream list(value);
-            for (std::string part; std::getline(list, part, ',');)
+            for (std::string part; std::getline(list, part, ',');) {
                 parts.push_back(part);
+                numbers.push_back(static_cast<uint32_t>(strtoul(part.c_str(), nullptr, 0)));
+            }
             if (name == "order")
                 order = value;
             else if (name == "file")
@@ -41,7 +48,7 @@ public:
             else if (isdigit(value[0]) == 0)
                 v.order[name] = parts;
             else
-                v.put[name] = table_of(name, parts);
+                v.put[name] = table_box(name, numbers[0], {numbers.begin() + 1, numbers.end()});
         }
         return *this;
     }
@@ -64,53 +71,44 @@ private:
             track.sample(track.handler == "vide" ? nal({0x41, i}) : Bytes{0xAA, i});
         return track;
     }
-
-    static Bytes table_of(const std::string &name, const std::vector<std::string> &numbers)
-    {
-        std::vector<uint32_t> fields;
-        for (const std::string &number : numbers)
-            fields.push_back(static_cast<uint32_t>(std::stoul(number, nullptr, 0)));
-        return table_box(name, fields[0], {fields.begin() + 1, fields.end()});
-    }
 };
 
-// An opened demuxer with what it printed while it opened.
-class Demuxer {
-public:
+std::string printed_by(const std::function<bool()> &call)
+{
+    testing::internal::CaptureStdout();
+    call();
+    return testing::internal::GetCapturedStdout();
+}
+
+struct Demuxer {
+    Source source;
+    bool valid = false;
+    std::string printed;  // while it opened
+    GOLT_streamInfo_t info = {};
+
     explicit Demuxer(const Bytes &file)
         : source(file)
     {
-        testing::internal::CaptureStdout();
-        valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source);
-        printed = testing::internal::GetCapturedStdout();
+        printed = printed_by([this] {
+            return valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source);
+        });
+        GOLT_DMX_MP4GetStreamInfo(&info);
     }
     ~Demuxer() { GOLT_DMX_MP4Destroy(); }
 
-    std::vector<Frame> frames() { return read_frames(GOLT_DMX_MP4ReadFrame); }
+    static std::vector<Frame> frames() { return read_frames(GOLT_DMX_MP4ReadFrame); }
     // "v0 a21": kind and time of each frame that is left.
-    std::string times()
+    static std::string times()
     {
         std::string out;
         for (const Frame &frame : frames())
             out += (frame.type == GOLT_FT_VIDEO ? " v" : " a") + std::to_string(frame.time_ms);
-        return out.empty() ? out : out.substr(1);
+        return out.substr(out.empty() ? 0 : 1);
     }
-    static GOLT_streamInfo_t info()
+    static std::string seek(uint64_t time_ms)
     {
-        GOLT_streamInfo_t out = {};
-        GOLT_DMX_MP4GetStreamInfo(&out);
-        return out;
+        return printed_by([=] { return GOLT_DMX_MP4SeekToTime(time_ms); });
     }
-    std::string seek(uint64_t time_ms)
-    {
-        testing::internal::CaptureStdout();
-        EXPECT_TRUE(GOLT_DMX_MP4SeekToTime(time_ms));
-        return testing::internal::GetCapturedStdout();
-    }
-
-    Source source;
-    bool valid;
-    std::string printed;
 };
 
 struct Case {
@@ -253,8 +251,8 @@ TEST(Mp4, TellsTheAudioFormat)
             movie.a.rate = 32000;
             Demuxer demuxer(movie.build());
             SCOPED_TRACE(row.dsi + demuxer.printed);
-            EXPECT_EQ(demuxer.info().audioCodec, row.codec);
-            EXPECT_EQ(demuxer.info().aud_sampleRate, row.rate);
+            EXPECT_EQ(demuxer.info.audioCodec, row.codec);
+            EXPECT_EQ(demuxer.info.aud_sampleRate, row.rate);
             const size_t told = demuxer.printed.find(prefix + row.format + "\n");
             EXPECT_EQ(told, *row.format != '\0' ? 0 : std::string::npos);
         }
@@ -277,11 +275,11 @@ TEST(Mp4, TellsTheVideoFormat)
         movie.v.resolution_x = row.x;
         movie.v.resolution_y = row.y;
         movie.v.duration = row.duration;
-        const GOLT_streamInfo_t info = Demuxer(movie.build()).info();
-        EXPECT_EQ(info.vid_pixelAspectNumerator, row.numerator);
-        EXPECT_EQ(info.vid_pixelAspectDenominator, row.denominator);
-        EXPECT_EQ(info.duration, row.duration);
-        EXPECT_EQ(info.vid_framesPerKiloSeconds, row.rate);
+        const GOLT_streamInfo_t info = Demuxer(movie.build()).info;
+        EXPECT_THAT(
+            (std::vector<uint32_t>{info.vid_pixelAspectNumerator, info.vid_pixelAspectDenominator,
+                                   info.duration, info.vid_framesPerKiloSeconds}),
+            ElementsAre(row.numerator, row.denominator, row.duration, row.rate));
     }
 }
 

@@ -1,0 +1,144 @@
+#!/usr/bin/env bats
+# The host program as a user runs it: sources made by real encoders and muxers, remuxed, judged by
+# the checker of transport streams, and decoded again. What comes out decodes to the frames of the
+# source. GOLT and JUDGE are the programs, with what a foreign machine needs in front of them.
+
+bats_require_minimum_version 1.5.0
+
+# All channels of a sound differ, so that none can be taken for another. One thread: with several the
+# encoder cuts pictures into slices and rates them by chance.
+ffmpeg="ffmpeg -v error -nostdin -y -fflags +bitexact -flags +bitexact"
+picture="$ffmpeg -f lavfi -i testsrc2=s=176x144:r=25:d=2"
+noise="$ffmpeg -f lavfi -i nullsrc=s=640x480:r=5:d=1,geq=random(1)*255:128"
+mono="-f lavfi -i aevalsrc=sin(2800*t):d=2"
+stereo="-f lavfi -i aevalsrc=sin(2800*t)|sin(5000*t)/2:d=2"
+surround="-f lavfi -i aevalsrc=sin(2800*t)|sin(5e3*t)|sin(700*t)|sin(99*t)|sin(t)|sin(9*t):c=5.1:d=2"
+h264="-c:v libx264 -threads 1 -g 15 -bf 3"
+movie="$picture $stereo $h264"
+
+# ffmpeg's Matroska files don't tell how long a sound frame lasts, and the program says so.
+no_sound_clock=3
+
+setup() { cd "$BATS_TEST_TMPDIR"; }
+
+# How the source is decoded whole: no edit list and no trimming takes the encoder's delay away.
+whole() {
+    case $1 in
+    *.mp4) echo "-ignore_editlist 1" ;;
+    *.ts) ;;
+    *) echo "-flags2 +skip_manual" ;;
+    esac
+}
+
+# frames FILE -an|-vn: size and MD5 of each decoded frame of the kind that is left. None is repeated
+# or dropped to fit a rate.
+frames() {
+    ffmpeg -v error -nostdin $(whole "$1") -i "$1" "$2" -fps_mode passthrough -f framemd5 - \
+        2>/dev/null | grep -v '^#' | cut -d, -f5,6 || true
+}
+
+# Puts a number of channels into the MP4's sample entry, where ffmpeg writes 2 whatever there is.
+set_channels() {
+    local entry
+    entry=$(grep -obaF mp4a a.mp4 | head -n 1 | cut -d: -f1)
+    printf "\\x0$1" | dd of=a.mp4 bs=1 seek=$((entry + 21)) conv=notrunc status=none
+}
+
+# remuxed FILE STATUS [OPTION...]: runs the program and looks at what comes out.
+remuxed() {
+    local file=$1 expected=$2 status=0
+    shift 2
+    $GOLT remux -q --force "$@" "$file" out.ts 2>said || status=$?
+    cat said
+    [ "$status" -eq "$expected" ]
+    [ "$status" -ne 0 ] || [ ! -s said ]
+    $JUDGE times 0x100 out.ts >video_times
+    $JUDGE times 0x101 out.ts >audio_times
+    [ -z "$(ffprobe -v error out.ts 2>&1)" ]
+}
+
+# Each packet of the source has its PES packet, within a millisecond.
+same_times() { # FILE a|v TIMES
+    ffprobe -v error $(whole "$1") -show_entries packet=pts_time -of csv=p=0 \
+        -select_streams "$2" "$1" | grep . >expected_times || true
+    [ "$(wc -l <expected_times)" -eq "$(wc -l <"$3")" ]
+    paste expected_times "$3" | awk '{ d = $1 * 1000 - $2; if (d * d > 1.01) { print; exit 1 } }'
+}
+
+# same FILE [STATUS [INFO_FRAMES]]: the output decodes to the source. INFO_FRAMES: sound frames of the
+# encoder's own in front, which ffmpeg leaves out.
+same() {
+    local file=$1 status=${2:-0} info_frames=${3:-0}
+    remuxed "$file" "$status"
+    same_times "$file" v video_times
+    # ffmpeg counts an MP3 file's times from behind the encoder's delay.
+    [ "$status" -ne 0 ] || [[ $file = *.mp3 ]] || same_times "$file" a audio_times
+    [ $(($(wc -l <video_times) + $(wc -l <audio_times))) -gt 40 ]
+    diff <(frames "$file" -an) <(frames out.ts -an)
+    diff <(frames "$file" -vn) <(frames out.ts -vn | tail -n +$((info_frames + 1)))
+    # Straight from the host, without the read-ahead, it is the same stream.
+    $JUDGE uncached "${file##*.}" "$file" >/dev/null
+    cmp uncached.ts out.ts
+}
+
+# mkvmerge's files, from ffmpeg's sound of a kind.
+merged() { # CODEC [OPTION...]
+    local codec=$1
+    shift
+    $movie -c:a "$codec" t.mp4
+    mkvmerge -q -o a.mkv "$@" t.mp4
+}
+
+@test "mp4 aac 44100" { $movie -bf 0 -ar 44100 a.mp4 && same a.mp4; }
+@test "mp4 aac 48000 faststart" { $movie -ar 48000 -movflags +faststart a.mp4 && same a.mp4; }
+@test "mp4 slices" { $movie -slices 4 -ar 22050 a.mp4 && same a.mp4; }
+@test "mp4 aac mono" { $picture $mono $h264 a.mp4 && set_channels 1 && same a.mp4; }
+@test "mp4 aac surround" { $picture $surround $h264 a.mp4 && set_channels 6 && same a.mp4; }
+@test "mp4 mp3" { $movie -c:a libmp3lame a.mp4 && same a.mp4; }
+@test "mp4 ac3" { $movie -c:a ac3 -movflags +faststart a.mp4 && same a.mp4; }
+@test "mp4 ac3 surround" { $picture $surround $h264 -c:a ac3 a.mp4 && same a.mp4; }
+@test "mp4 eac3" { $movie -c:a eac3 a.mp4 && same a.mp4; }
+@test "mp4 pictures above 64 KiB" { $noise $stereo $h264 -qp 10 a.mp4 && same a.mp4; }
+@test "mp4 video only" { $picture $h264 a.mp4 && same a.mp4; }
+@test "mp4 audio only" { $ffmpeg $stereo a.mp4 && same a.mp4; }
+
+@test "mkv aac" { $movie -c:a aac a.mkv && same a.mkv $no_sound_clock; }
+@test "mkv mp3" { $movie -c:a libmp3lame a.mkv && same a.mkv $no_sound_clock; }
+@test "mkv cues in front" { $movie -c:a ac3 -cues_to_front 1 a.mkv && same a.mkv $no_sound_clock; }
+@test "mkvmerge aac" { merged aac && same a.mkv; }
+@test "mkvmerge mp3 xiph lacing" { merged libmp3lame --engage lacing_xiph && same a.mkv; }
+@test "mkvmerge ac3 block groups" { merged ac3 --engage no_simpleblocks && same a.mkv; }
+@test "mkvmerge audio only" {
+    $ffmpeg $stereo -c:a ac3 t.ac3
+    mkvmerge -q -o a.mka --timestamp-scale 1000000 --engage lacing_ebml t.ac3
+    same a.mka
+}
+
+@test "mp3 constant rate" { $ffmpeg $stereo -b:a 128k a.mp3 && same a.mp3 0 1; }
+@test "mp3 variable rate" { $ffmpeg $mono -q:a 4 -ar 48000 a.mp3 && same a.mp3 0 1; }
+@test "mp3 bare frames" { $ffmpeg $stereo -write_xing 0 -id3v2_version 0 a.mp3 && same a.mp3; }
+@test "mp3 layer two" { $ffmpeg $stereo -c:a mp2 -f mp2 a.mp3 && same a.mp3; }
+
+@test "m2ts packets pass as they are" {
+    $movie -c:a ac3 -mpegts_m2ts_mode 1 a.m2ts
+    remuxed a.m2ts 0
+    perl -e 'local $/ = \192; while (<>) { print substr $_, 4 }' a.m2ts | cmp - out.ts
+}
+
+@test "mkv starts at a picture that stands alone" {
+    merged ac3
+    for start in 600 1000 1799; do
+        remuxed a.mkv 0 --start $start
+        [ -z "$(ffmpeg -v error -nostdin -i out.ts -f null - 2>&1)" ]
+        [ "$(frames out.ts -an | wc -l)" -eq "$(wc -l <video_times)" ]
+        [ "$(wc -l <video_times)" -lt 40 ]
+    done
+}
+
+@test "mp3 seeks land within a frame" {
+    $ffmpeg -f lavfi -i anoisesrc=d=60 -b:a 128k a.mp3
+    $JUDGE seeks mp3 a.mp3 | grep '^landed ' >landed
+    cat landed
+    [ "$(wc -l <landed)" -eq 10 ]
+    awk '$2 < -27 || $2 > 27 { exit 1 }' landed
+}
