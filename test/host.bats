@@ -1,0 +1,205 @@
+#!/usr/bin/env bats
+# The program golt, run as a user runs it, in a directory of its own. GOLT is the command that runs
+# it: the program's whole path, behind an emulator's where it needs one.
+
+bats_require_minimum_version 1.5.0
+
+# clip OUT RATE FRAMES: a test picture without B-frames, every 50th frame a key frame, with all
+# that describes it in front.
+clip() {
+    ffmpeg -v error -nostdin -f lavfi -i "testsrc2=size=64x48:rate=$2" -frames:v "$3" \
+        -c:v libx264 -threads 1 -preset ultrafast -g 50 -keyint_min 50 -pix_fmt yuv420p \
+        -movflags +faststart "$1"
+}
+
+# with_sound OUT SECONDS: the picture of video.mp4, and a tone.
+with_sound() {
+    ffmpeg -v error -nostdin -i video.mp4 -f lavfi -i "sine=sample_rate=48000:duration=$2" \
+        -c:v copy -c:a aac "$1"
+}
+
+# with_subtitle OUT FRAMES: two frames a second, and words that stay to the end of a file of 10 s.
+with_subtitle() {
+    printf '1\n00:00:00,000 --> 00:00:10,000\nwords\n' >words.srt
+    ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=64x48:rate=2 -i words.srt -frames:v "$2" \
+        -c:v libx264 -threads 1 -preset ultrafast -pix_fmt yuv420p "$1"
+}
+
+setup_file() {
+    local samples=$BATS_TEST_DIRNAME/../samples
+    cd "$BATS_FILE_TMPDIR"
+    # More than one block read, more than one write, and more than a pipe holds.
+    for _ in {1..6}; do cat "$samples/short.m2ts"; done >in.m2ts
+    # The stream that has to come of it: packets of 188 bytes, without the stamps in front.
+    perl -0777 -ne 'print unpack "(x4 a188)*"' in.m2ts >in.expected
+    clip video.mp4 25 100
+}
+
+setup() {
+    cd "$BATS_TEST_TMPDIR"
+    cp "$BATS_FILE_TMPDIR"/* .
+}
+
+# golt ARGUMENTS: what the shell makes of them; a program that fails in a pipeline is told of.
+golt() {
+    set -o pipefail
+    eval "$GOLT remux $1"
+}
+
+# Tables of tests are calls of the functions below, a row each: bats prints the one that failed.
+
+# ends STATUS MESSAGE ARGUMENTS: golt ends with the status, and the message is in what it says.
+ends() {
+    run "-$1" golt "$3"
+    [[ $output == *"$2"* ]]
+}
+
+# writes STATUS OUT ARGUMENTS: OUT is the stream of in.m2ts, and nothing else is left.
+writes() {
+    ends "$1" '' "$3"
+    cmp "$2" in.expected
+    [ ! -e "$2.part" ]
+}
+
+# refuses STATUS MESSAGE ARGUMENTS: there is neither a file "out" nor a part of it.
+refuses() {
+    ends "$1" "golt: $2" "$3"
+    [ ! -e out ]
+    [ ! -e out.part ]
+}
+
+# judges FILE STATUS MESSAGE: an ending that is sound, or else told of; one that the user wants
+# before that is always sound.
+judges() {
+    ends "$2" "$3" "$1 $1.out"
+    [ -s "$1.out" ]
+    ends 0 '' "$1 - --frames 3 >/dev/null"
+}
+
+@test "writes the stream and nothing else" {
+    cp in.m2ts bytes_decide.mp4
+    { head -c 100 /dev/zero; cat in.m2ts; } >NAME_DECIDES.MTS
+    writes 0 in.ts           'in.m2ts'
+    writes 0 other           'in.m2ts other --frames 1152'
+    writes 0 stream          'in.m2ts - >stream'
+    writes 0 piped           'in.m2ts /dev/stdout | cat >piped'
+    writes 0 closed.ts       'in.m2ts closed.ts >&-'
+    writes 0 bare.ts         'in.m2ts bare.ts <&- >&- 2>&-'
+    writes 0 bytes_decide.ts 'bytes_decide.mp4'
+    writes 0 named.ts        '--format video/ts in.m2ts named.ts'
+    # What is in front of the first packet is told of.
+    writes 3 NAME_DECIDES.ts 'NAME_DECIDES.MTS'
+}
+
+@test "says what it has written, or nothing" {
+    ends 0 'out: 1152 frames, 216576 bytes' 'in.m2ts out'
+    ends 0 '' '-q in.m2ts quiet'
+    [ -z "$output" ]
+    # The reader goes away.
+    ends 1 '' '-q in.m2ts - | true'
+    [ "$output" = 'golt: standard output: Broken pipe' ]
+}
+
+@test "refuses and leaves no file behind" {
+    printf old >old.ts
+    printf old >begun.ts.part
+    : >empty.mp4
+    printf 'no medium at all' | tee text.txt >text.m2ts
+    perl -pe 's/trak/free/' video.mp4 >tracks.mp4
+    cp in.m2ts kept.m2ts
+    ln in.m2ts linked.ts
+
+    refuses 2 'IN is required' ''
+    refuses 2 '--frames: 0 is no N' 'in.m2ts out --frames 0'
+    refuses 2 '--frames: -1 is no N' 'in.m2ts out --frames -1'
+    refuses 2 '--start: 1:60 is no TIME' 'in.m2ts out --start 1:60'
+    refuses 2 '--to: 4294967296 is no TIME' 'in.m2ts out --to 4294967296'
+    refuses 2 '--to has to lie behind --start' 'in.m2ts out --start 2000 --to 0:02'
+    refuses 2 'in.m2ts: the frames of m2ts have no times' 'in.m2ts out --start 0'
+    refuses 1 "standard input: can't be sought in" '- out < <(cat in.m2ts)'
+    refuses 1 'gone.mp4: No such file' 'gone.mp4 out'
+    refuses 1 '.: Is a directory' '. out'
+    refuses 1 '/dev/null: not a regular file' '/dev/null out'
+    refuses 1 'empty.mp4: the file is empty' 'empty.mp4 out'
+    refuses 1 'text.txt: format not recognised' 'text.txt out'
+    refuses 1 'text.m2ts: not a sound m2ts file' 'text.m2ts out'
+    refuses 1 'in.m2ts: format avi not supported' 'in.m2ts out --format avi'
+    refuses 1 'tracks.mp4: no video or sound' 'tracks.mp4 out'
+    refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4001'
+    refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
+    refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
+    refuses 1 'begun.ts.part: is being written' 'in.m2ts begun.ts'
+    refuses 1 'linked.ts: is the input itself' 'in.m2ts linked.ts --force'
+    refuses 1 'standard output: is the input itself' 'in.m2ts - >>in.m2ts'
+    refuses 1 'standard output: Bad file descriptor' 'in.m2ts - >&-'
+    refuses 1 '/dev/full: No space left on device' 'in.m2ts /dev/full'
+    refuses 1 'standard output: No space left on device' 'in.m2ts - >/dev/full'
+
+    [ "$(cat old.ts begun.ts.part)" = oldold ]
+    cmp in.m2ts kept.m2ts
+}
+
+@test "replaces only by force" {
+    printf old | tee old.ts >old.ts.part
+    ln -s old.ts link.ts
+    writes 0 old.ts '--force in.m2ts link.ts'
+    [ -L link.ts ]
+}
+
+@test "knows formats by their first bytes" {
+    local head
+    for head in '\x1A\x45\xDF\xA3' 'ID3\x03' '\xFF\xFB\x90\x64' '\x00\x00\x00\x10ftypisom'; do
+        { printf '%b' "$head"; head -c 64 /dev/zero; } >file
+        echo "$head"  # bats shows it where the check fails
+        run golt 'file out --force'
+        [[ -n $output && $output != *'not recognised'* ]]
+    done
+}
+
+@test "keeps to the times asked" {
+    # Frames of 1152 samples: 0, 26, 52 ms and so on; frame 39 is at 1018.
+    ffmpeg -v error -nostdin -f lavfi -i sine=sample_rate=44100 -frames:a 100 -write_xing 0 \
+        -id3v2_version 0 sound.mp3
+    ends 0 ': 100 frames, ' 'video.mp4 1'
+    ends 0 ': 7 frames, '   'video.mp4 2 --frames 7'
+    ends 0 ': 25 frames, '  'video.mp4 3 --to 1000'
+    ends 0 ': 26 frames, '  'video.mp4 4 --to 00:00:01.001'
+    ends 0 ': 50 frames, '  'video.mp4 5 --start 0:01.5'
+    ends 0 ': 25 frames, '  'video.mp4 6 --start 1500 --to 0:03'
+    ends 0 ': 100 frames, ' 'video.mp4 7 --start 0 --frames 500'
+    ends 0 ': 100 frames, ' 'sound.mp3 8 --start 0'
+    ends 0 ': 61 frames, '  'sound.mp3 9 --start 1000'
+    ends 0 ': 4 frames, '   'sound.mp3 10 --start 1000 --to 1100'
+}
+
+@test "tells a sound input from one that ends early" {
+    clip slides.mp4 1/10 6
+    clip day.mp4 1/1000 100
+    # The duration in "mdhd" of version 0 (ISO/IEC 14496-12).
+    perl -0777 -pe 's/mdhd.{16}\K.{4}/\0\0\0\0/s' video.mp4 >untimed.mp4
+    with_sound short_sound.mp4 0.4
+    with_sound long_sound.mp4 10
+    # One byte is left of the frame behind that of 2.44 s.
+    local at
+    at=$(ffprobe -v error -show_entries packet=pos -of csv=p=0 video.mp4 | sed -n 63p)
+    head -c $((at + 1)) video.mp4 >cut.mp4
+    with_subtitle longer_subtitle.mkv 17
+    with_subtitle breaks_off.mkv 11
+    head -c 1920 in.m2ts >whole.m2ts
+    head -c 1919 in.m2ts >cut.m2ts
+    { cat whole.m2ts; head -c 192 /dev/zero; cat whole.m2ts; } >sync_lost.m2ts
+
+    judges video.mp4           0 ': 100 frames'
+    judges slides.mp4          0 ': 6 frames'
+    judges day.mp4             0 ', 27:30:00.000'
+    judges untimed.mp4         0 ': 100 frames'
+    judges short_sound.mp4     0 ''
+    judges long_sound.mp4      0 ''
+    judges cut.mp4             3 'ended early: at 00:00:02.440 of 00:00:04.000'
+    judges longer_subtitle.mkv 0 ': 17 frames'
+    judges breaks_off.mkv      3 'ended early: at 00:00:05.000 of 00:00:10.000'
+    judges whole.m2ts          0 ': 10 frames'
+    judges cut.m2ts            3 '191 of its 1919 bytes are in none'
+    judges sync_lost.m2ts      3 '2112 of its 4032 bytes'
+    ends 0 '' 'untimed.mp4 out --to 1:00'  # an end that isn't there
+}
