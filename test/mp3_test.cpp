@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <sstream>
 
 #include "dmx_mp3_tt.h"
 #include "host_double.h"
@@ -23,104 +24,121 @@ struct Player {
     }
     ~Player() { EXPECT_TRUE(GOLT_DMX_MP3Destroy()); }
 
+    // "i": whether there is stream info, its codecs (GOLT_codecs_t), hertz and channels. "@500": a
+    // seek, with the packet "@19" to which it led, or the offset ">417" where none starts, or "!"
+    // if it was false. "9": frames to read; "9:500-709" are their number and the times of the first
+    // and the last.
+    std::string run(const std::string &steps)
+    {
+        std::ostringstream out;
+        std::istringstream words(steps);
+        for (std::string word; words >> word;) {
+            GOLT_streamInfo_t info = {};
+            if (word == "i")
+                out << ' ' << GOLT_DMX_MP3GetStreamInfo(&info) << ' ' << info.audioCodec << ' '
+                    << info.videoCodec << ' ' << info.aud_sampleRate << ' ' << info.aud_numChannels;
+            else if (word[0] == '@')
+                out << ' ' << (GOLT_DMX_MP3SeekToTime(std::stoull(word.substr(1))) ? place() : "!");
+            else
+                out << ' ' << read(std::stoul(word));
+        }
+        return out.str().substr(1);
+    }
+
     size_t offset() const { return static_cast<size_t>(source.position()); }
 
     // Whatever is read has to begin at a frame's start and to be what the file has from there on.
-    std::vector<Frame> read(size_t most = SIZE_MAX)
+    std::string read(size_t most)
     {
         size_t at = offset();
-        std::vector<Frame> frames = read_frames(GOLT_DMX_MP3ReadFrame, most);
+        const std::vector<Frame> frames = read_frames(GOLT_DMX_MP3ReadFrame, most);
         for (const Frame &frame : frames) {
             EXPECT_TRUE(std::binary_search(mp3.starts.begin(), mp3.starts.end(), at)) << at;
             EXPECT_EQ(memcmp(frame.data.data(), mp3.file.data() + at, frame.data.size()), 0) << at;
             at += frame.data.size();
         }
-        return frames;
+        if (frames.empty()) return "0";
+        return std::to_string(frames.size()) + ':' + std::to_string(frames[0].time_ms) + '-' +
+               std::to_string(frames.back().time_ms);
+    }
+
+    std::string place() const
+    {
+        const auto packet = std::lower_bound(mp3.starts.begin(), mp3.starts.end(), offset());
+        const bool f_start = packet != mp3.starts.end() && *packet == offset();
+        return f_start ? '@' + std::to_string(packet - mp3.starts.begin())
+                       : '>' + std::to_string(offset());
     }
 };
 
-TEST(Mp3Frames, AreMeasuredByTheirHeader)
+TEST(Mp3, WalksFromHeaderToHeaderAndLooksForOne)
 {
-    // Layer III, padded and mono, with CRC and measured as MPEG-1, with the forbidden bit rate;
-    // Layer II; Layer I, padded by a slot.
-    const struct {
-        uint32_t header, size, second_ms, rate, channels;
-    } rows[] = {
-        {0xFFFB9000, 417, 26, 44100, 2},  {0xFFFB92C0, 418, 26, 44100, 1},
-        {0xFFF29000, 417, 26, 44100, 2},  {0xFFFBF400, 2997, 24, 48000, 2},
-        {0xFFFDE400, 1152, 24, 48000, 2}, {0xFFFF1800, 48, 12, 32000, 2},
-        {0xFFFFE200, 488, 9, 44100, 2},
+    // Ten frames are read, and a seek to packet 20, which starts at 522.5 ms, estimates 8340. The
+    // search starts a quarter of a frame in front of it, at 8236, and takes 208 bytes at a time:
+    // the first chunk ends at 8444. A true header, of packet 10, stands at 8700.
+    const auto with = [](const char *candidate, size_t at) {
+        Bytes gap = Bytes(at - 4170) + hex(candidate);
+        gap.resize(4530);
+        return Mp3().frames(10).raw(gap).frames(1);
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.header);
-        const Mp3 mp3 = Mp3().frames(3, row.header, row.size);
-        Player player(mp3);
-        GOLT_streamInfo_t info = {};
-        ASSERT_TRUE(GOLT_DMX_MP3GetStreamInfo(&info));
-        EXPECT_EQ(info.audioCodec + info.videoCodec, GOLT_ACODEC_MP3 + GOLT_CODEC_NONE);
-        EXPECT_EQ(info.aud_sampleRate, row.rate);
-        EXPECT_EQ(info.aud_numChannels, row.channels);
-        EXPECT_EQ(player.read(2).at(1).time_ms, row.second_ms);
-        EXPECT_EQ(player.read().size(), 1u);
-    }
-}
+    const struct {
+        const char *name;
+        Mp3 file;
+        const char *steps, *trace;
+    } rows[] = {
+        {"Layer III", Mp3().frames(3), "i 9", "1 101 1 44100 2 3:0-52"},
+        {"padded, mono", Mp3().frames(3, 0xFFFB92C0, 418), "i 9", "1 101 1 44100 1 3:0-52"},
+        {"CRC, as MPEG-1", Mp3().frames(3, 0xFFF29000, 417), "i 9", "1 101 1 44100 2 3:0-52"},
+        {"forbidden rate", Mp3().frames(3, 0xFFFBF400, 2997), "i 9", "1 101 1 48000 2 3:0-48"},
+        {"Layer II", Mp3().frames(3, 0xFFFDE400, 1152), "i 9", "1 101 1 48000 2 3:0-48"},
+        {"Layer I", Mp3().frames(3, 0xFFFF1800, 48), "i 9", "1 101 1 32000 2 3:0-24"},
+        {"padded by a slot", Mp3().frames(3, 0xFFFFE200, 488), "i 9", "1 101 1 44100 2 3:0-17"},
+        // 7 * 106997 / 4096 = 182.86; behind the eighth frame each takes 36 ms.
+        {"another rate", Mp3().frames(8).frames(3, 0xFFFB1800, 144), "8 3", "8:0-183 3:209-281"},
+        {"no frame in front", Mp3().raw(Bytes(4)).frames(3), "i @5000 9 9", "0 0 0 0 0 ! 0 0"},
 
-TEST(Mp3Frames, KeepTheirTimesWithoutDrift)
-{
-    // 7 * 106997 / 4096 = 182.86; behind the eighth frame the rate changes, and each takes 36 ms.
-    const Mp3 mp3 = Mp3().frames(8).frames(3, 0xFFFB1800, 144);
-    std::vector<uint64_t> times;
-    for (const Frame &frame : Player(mp3).read())
-        times.push_back(frame.time_ms);
-    EXPECT_EQ(times, (std::vector<uint64_t>{0, 26, 52, 78, 104, 131, 157, 183, 209, 245, 281}));
-}
+        {"in front of the search", with("FFFB90", 8235), "10 @522", "10:0-235 @10"},
+        {"with another bit rate", with("FFFBE2", 8236), "10 @522", "10:0-235 >8236"},
+        {"just within a chunk", with("FFFB90", 8441), "10 @522", "10:0-235 >8441"},
+        {"across two chunks", with("FFFB90", 8442), "10 @522", "10:0-235 @10"},
+        {"another protection_bit", with("FFFA90", 8300), "10 @522", "10:0-235 @10"},
+        {"another sampling frequency", with("FFFB94", 8300), "10 @522", "10:0-235 @10"},
+        {"behind a lone byte", with("FFFFFB90", 8300), "10 @522", "10:0-235 >8301"},
 
-TEST(Mp3Frames, EndWhereTheNextHeaderIsMissing)
-{
+        {"no way to estimate", Mp3().frames(6), "@0 @5000 1", "! ! 1:0-0"},
+        {"the next", Mp3().frames(600), "400 @10449 1", "400:0-10423 ! 1:10449-10449"},
+        // The estimate less a quarter, 765 * 417 - 104; then there is no average, so no search.
+        {"the end", Mp3().frames(600), "401 @20000 9 @13000", "401:0-10449 >318901 0 @401"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(Player(row.file).run(row.steps), row.trace) << row.name;
+
     // A short header, a tag, no sync, no layer, two free rates, no sampling frequency.
     for (const char *tail :
-         {"FFFB90", "54414700", "FFEB9000", "FFF99000", "FFFB0000", "FFFF0200", "FFFB9C00"}) {
-        SCOPED_TRACE(tail);
-        const Mp3 mp3 = Mp3().frames(2).raw(hex(tail));
-        Player player(mp3);
-        EXPECT_EQ(player.read().size(), 2u);
-        EXPECT_TRUE(GOLT_DMX_MP3SeekToTime(0)) << "the tables still know the frames";
-        EXPECT_EQ(player.read().size(), 2u);
-    }
+         {"FFFB90", "54414700", "FFEB9000", "FFF99000", "FFFB0000", "FFFF0200", "FFFB9C00"})
+        EXPECT_EQ(Player(Mp3().frames(2).raw(hex(tail))).run("9 @0 9"), "2:0-26 @0 2:0-26") << tail;
 }
 
-TEST(Mp3Frames, CutShortAreFilledWithZeros)
+TEST(Mp3, FillsAFrameThatIsCutWithZeros)
 {
     // Of the bytes of a tag's size the top bits don't count: this one has 1 byte.
     Mp3 mp3 = Mp3().raw(hex("49443303000080808081 00")).frames(2);
     std::fill(mp3.file.begin() + 500, mp3.file.end(), uint8_t{0});
     Player player(mp3);
     player.source.fail_from = 500;
-    EXPECT_EQ(player.read().size(), 2u);
+    EXPECT_EQ(player.run("9"), "2:0-26");
 }
 
-TEST(Mp3Source, WithoutAFrameInFrontHasNoStream)
-{
-    const Mp3 mp3 = Mp3().raw(Bytes(4)).frames(3);
-    Player player(mp3);
-    GOLT_streamInfo_t info = {};
-    EXPECT_FALSE(GOLT_DMX_MP3GetStreamInfo(&info));
-    EXPECT_FALSE(GOLT_DMX_MP3SeekToTime(5000));
-    EXPECT_TRUE(player.read().empty());
-    EXPECT_TRUE(player.read().empty()) << "also where a frame begins four bytes on";
-}
-
-TEST(Mp3Source, ThatIsGivenUpIsNotTouched)
+TEST(Mp3, LeavesASourceAloneThatIsGivenUp)
 {
     const Mp3 mp3 = Mp3().frames(3);
     Player player(mp3);
     ASSERT_TRUE(GOLT_DMX_MP3Init(Source::read_proc, Source::seek_proc, &player.source));
     EXPECT_FALSE(GOLT_DMX_MP3ReadFrame(nullptr) || GOLT_DMX_MP3SeekToBytes(417));
-    EXPECT_EQ(player.read(2).size(), 2u);
+    EXPECT_EQ(player.run("2"), "2:0-26");
     const int calls = player.source.reads + player.source.seeks;
     EXPECT_FALSE(GOLT_DMX_MP3Init(nullptr, Source::seek_proc, &player.source));
-    EXPECT_FALSE(GOLT_DMX_MP3SeekToTime(0));
-    EXPECT_TRUE(player.read().empty());
+    EXPECT_EQ(player.run("@0 9"), "! 0");
     EXPECT_EQ(player.source.reads + player.source.seeks, calls);
 
     // Without memory, as they are now, the tables take nothing.
@@ -132,124 +150,52 @@ TEST(Mp3Source, ThatIsGivenUpIsNotTouched)
 // straight line of time and offset is wrong by several frames. 57000 frames are more than the fine
 // list holds: it begins at packet 1728, its last entry is that of 56997. The coarse list has 0,
 // 1666, 3332 and so on. The tracker has 95616 bytes in 256 packets, from 56744 on, 373.5 each.
-TEST(Mp3Seek, LandsByWhatIsKnownAndIsPutRight)
+TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
 {
-    // via: packet of a seek before, behind which 750 frames are read, or 0. From packet sync + 1
-    // on, the time stays behind the truth by as many packets as behind tells. The last three rows
-    // read on past 57000, so that more is known after them.
+    // Packet n starts at n * 36 ms. The frame that turns out to be a known one still has its time by
+    // what was asked for, the next one has the true time. What lies behind all that was read has
+    // its time by the estimate, 45 packets behind the truth.
     const struct {
-        const char *name;
-        int via, target, landed, sync, behind;
+        const char *name, *before, *steps, *trace;
     } rows[] = {
-        {"fine, on an entry", 0, 13500, 13500, 0, 0},
-        {"fine, between entries", 0, 13513, 13518, 13527, 0},
-        {"coarse, on an entry", 0, 1666, 1666, 0, 0},
-        {"coarse, put right at its next entry", 0, 1000, 998, 1666, 0},
-        {"coarse, put right where the fine list begins", 0, 1700, 1698, 1728, 0},
-        {"in the window since it was put right", 1000, 1681, 1681, 0, 0},
-        {"at the place where it was put right", 1000, 1666, 1666, 0, 0},
-        {"in the second fine list, on an entry", 1000, 1027, 1025, 0, -2},
-        {"behind all that was read", 0, 60000, 60045, 0, 45},
-        {"there, between entries", 60000, 60040, 60090, 60099, 45},
-        {"fine, behind the last entry", 60000, 56998, 56998, 0, 0},
-        {"just in front of the tracker's window", 0, 56743, 56747, 56754, 0},
-        {"the tracker's oldest", 0, 56744, 56744, 0, 0},
-    };
-    // Only the low 32 bits of a time count.
-    const auto seek = [](int packet) {
-        return GOLT_DMX_MP3SeekToTime((uint64_t{1} << 32) + static_cast<uint64_t>(packet) * 36);
+        {"fine, an entry", "", "@486000 750", "@13500 750:486000-512964"},
+        {"to entry 13527", "", "@486468 10 740", "@13518 10:486468-486792 740:487008-513612"},
+        {"coarse, an entry", "", "@59976 750", "@1666 750:59976-86940"},
+        {"to entry 1666", "", "@36000 669 81", "@998 669:36000-60048 81:60012-62892"},
+        {"to the fine list", "", "@61524 19 731", "@1710 19:61524-62172 731:62244-88524"},
+        {"tracker since entry 1666", "@36000 750", "@60516 750", "@1681 750:60516-87480"},
+        {"its begin", "@36000 750", "@59976 750", "@1666 750:59976-86940"},
+        {"second fine list, an entry", "@36000 750", "@36972 750", "@1025 750:36972-63936"},
+        {"behind all", "", "@2160000 750", "@60045 750:2160000-2186964"},
+        {"there, to entry 60099", "@2160000 750", "@2161440 10 740",
+         "@60090 10:2161440-2161764 740:2161980-2188584"},
+        {"behind the last entry", "@2160000 750", "@2051928 750", "@56998 750:2051928-2078892"},
+        {"to the tracker", "", "@2042748 8 742", "@56747 8:2042748-2043000 742:2043180-2069856"},
+        // Only the low 32 bits of a time count.
+        {"the tracker's oldest", "", "@4297010080 750", "@56744 750:2042784-2069748"},
     };
     Mp3 mp3;
     for (int second = 0; second < 2280; ++second)
         mp3.frames(13, 0xFFFB1800, 144).frames(14, 0xFFFB9800, 576);
     Player player(mp3);
-    player.read(57000);
+    player.run("57000");
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
         // The second fine list and the tracker start again, and the tracker is sought in.
-        ASSERT_TRUE(seek(100000) && seek(56700));
-        player.read(200);
-        ASSERT_TRUE(seek(56800));
-        player.read(200);
-        if (row.via > 0 && seek(row.via)) player.read(750);
-        ASSERT_TRUE(seek(row.target));
-        EXPECT_EQ(player.offset(), mp3.starts[static_cast<size_t>(row.landed)]);
-        int packet = row.landed;
-        for (const Frame &frame : player.read(750)) {
-            const int late = packet > row.sync ? row.behind : row.landed - row.target;
-            ASSERT_EQ(frame.time_ms, static_cast<uint64_t>(packet - late) * 36) << packet;
-            ++packet;
-        }
-        EXPECT_EQ(packet, row.landed + 750);
+        player.run(std::string("@3600000 @2041200 200 @2044800 200 ") + row.before);
+        EXPECT_EQ(player.run(row.steps), row.trace) << row.name;
     }
 }
 
-TEST(Mp3Seek, AtRandomDeliversFramesThatEndInTrueTimes)
+TEST(Mp3, DeliversNothingButFramesWhateverTheTablesBelieve)
 {
     const Mp3 mp3 = Mp3().raw(hex("494433030000 00000200") + Bytes(256)).variable_rate(3000, 1);
     std::mt19937 random(2);
     for (int turn = 0; turn < 50; ++turn) {
-        Player player(mp3);
-        player.read();
-        const uint64_t time_ms = random() % 70000;
-        ASSERT_TRUE(GOLT_DMX_MP3SeekToTime(time_ms));
-        const auto landed = std::lower_bound(mp3.starts.begin(), mp3.starts.end(), player.offset());
-        const std::vector<Frame> frames = player.read(120);
-        EXPECT_LT(time_ms - frames.at(0).time_ms + 1, 28u) << "in the packet that plays then";
-        const auto last = static_cast<double>(landed - mp3.starts.begin() + 119);
-        EXPECT_NEAR(static_cast<double>(frames.at(119).time_ms), last * 106997 / 4096, 0.5);
-
-        // Whatever the tables have come to believe, no seek delivers anything but frames.
-        for (int seek = 0; seek < 30; ++seek) {
-            GOLT_DMX_MP3SeekToTime(random() % 90000);
-            if (player.read(random() % 300 + 1).empty()) GOLT_DMX_MP3SeekToTime(0);
-        }
+        std::string steps = "9999";
+        for (int seek = 0; seek < 30; ++seek)
+            steps += " @" + std::to_string(random() % 90000) + " " + std::to_string(random() % 300);
+        Player(mp3).run(steps);
     }
-}
-
-// Ten frames are read, and a seek to packet 20, which starts at 522.5 ms, estimates 8340. The
-// search starts a quarter of a frame in front of it, at 8236, and takes 208 bytes at a time: the
-// first chunk ends at 8444. A true header stands at 8700.
-TEST(Mp3Seek, LooksForAHeaderOfTheStream)
-{
-    const struct {
-        const char *name, *candidate;
-        size_t at, landed;
-    } rows[] = {
-        {"in front of the search", "FFFB90", 8235, 8700},
-        {"at its start, with another bit rate", "FFFBE2", 8236, 8236},
-        {"just within a chunk", "FFFB90", 8441, 8441},
-        {"across two chunks", "FFFB90", 8442, 8700},
-        {"another protection_bit", "FFFA90", 8300, 8700},
-        {"another sampling frequency", "FFFB94", 8300, 8700},
-        {"behind a lone byte", "FFFFFB90", 8300, 8301},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        Mp3 mp3 = Mp3().frames(10).raw(Bytes(4530)).frames(1);
-        const Bytes candidate = hex(row.candidate);
-        std::copy(candidate.begin(), candidate.end(), mp3.file.data() + row.at);
-        Player player(mp3);
-        player.read(10);
-        ASSERT_TRUE(GOLT_DMX_MP3SeekToTime(522));
-        EXPECT_EQ(player.offset(), row.landed);
-    }
-}
-
-TEST(Mp3Seek, GoesNowhereOrBehindTheEnd)
-{
-    const Mp3 mp3 = Mp3().frames(600);
-    Player player(mp3);
-    EXPECT_FALSE(GOLT_DMX_MP3SeekToTime(0)) << "there already";
-    EXPECT_FALSE(GOLT_DMX_MP3SeekToTime(5000)) << "nothing to estimate by";
-    player.read(400);
-    EXPECT_FALSE(GOLT_DMX_MP3SeekToTime(10449)) << "the next frame, at 10448.9 ms";
-    EXPECT_EQ(player.read(1).at(0).time_ms, 10449u);
-    ASSERT_TRUE(GOLT_DMX_MP3SeekToTime(20000));
-    EXPECT_EQ(player.offset(), 765u * 417 - 104) << "the estimate less a quarter";
-    EXPECT_TRUE(player.read().empty());
-    ASSERT_TRUE(GOLT_DMX_MP3SeekToTime(13000));
-    EXPECT_EQ(player.offset(), 401u * 417) << "no average, so no search";
 }
 
 }  // namespace

@@ -18,9 +18,7 @@ struct Mp3 {
     {
         for (; count > 0; --count) {
             starts.push_back(file.size());
-            file += be32(header);
-            for (uint8_t byte : pattern(size - 4, static_cast<uint32_t>(starts.size())))
-                file.push_back(byte & 0x7F);
+            file += be32(header) + Bytes(size - 4, static_cast<uint8_t>(starts.size() & 0x7F));
         }
         return *this;
     }
