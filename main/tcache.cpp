@@ -104,7 +104,14 @@ int cachebuf_t::getDbgInfo(char *str, int maxsize) const
 void cachebuf_t::copyOut(uint32_t start, uint8_t *buf, uint32_t nbytes)
 {
     m_used += nbytes;
-    memcpy(buf, m_buf + start, nbytes);
+    const uint8_t *from = m_buf + start;
+    // Most reads are of a field or a header: these sizes need no call.
+    switch (nbytes) {
+    case 1: *buf = *from; break;
+    case 4: memcpy(buf, from, 4); break;
+    case 8: memcpy(buf, from, 8); break;
+    default: memcpy(buf, from, nbytes);
+    }
 }
 
 GOLT_RARE uint32_t cachebuf_t::fillWaiting(uint32_t min_len, Listener *listener)
