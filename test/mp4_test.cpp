@@ -129,6 +129,8 @@ TEST(Mp4, DeliversWhatIsSound)
         {"two of a kind", "order=vvat", "v0 a0 a21 v40 v80"},
         {"clock behind the kind", "mdia=hdlr,mdhd,minf", ""},
         {"tables ahead of the kind", "mdia=mdhd,minf,hdlr", ""},
+        {"a second mdia without its kind",
+         "trak=tkhd,mdia,more more:000000186D646961000000106D696E66000000087374626C", "v0 v40 v80"},
         {"no time scale", "mdhd=0,0,0,0,0,0", ""},
         {"an ID of 0 is no track", "order=va tkhd=0,0,0,0", "a0 a21"},
 

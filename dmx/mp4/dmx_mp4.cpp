@@ -471,6 +471,7 @@ bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
     uint32_t ui4_duration = 0;
     int searches = 0;
     p_ctx->ui4_track = TRACK_UNKNOWN;
+    p_ctx->p_tr = nullptr;
 
     uint32_t ui4_size = 0;
     uint32_t ui4_type = 0;
