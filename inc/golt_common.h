@@ -71,24 +71,24 @@ struct GOLT_frame_t {
     /// source packet as it stands, in no particular unit.
     uint64_t ui8_timestamp;
     uint32_t ui4_frametype;  ///< one of GOLT_frametypes_t
-    uint8_t *pb_data;
+    uint8_t *pb_data;        ///< the bytes; null as long as the frame is empty
     uint32_t ui4_size;  ///< valid bytes at pb_data; 0 is a legal frame for which nothing is written
 };
 
 /// Description of one source. A field that a demuxer doesn't know keeps what the caller put there.
 struct GOLT_streamInfo_t {
-    GOLT_codecs_t audioCodec;
-    GOLT_codecs_t videoCodec;
-    uint32_t duration;  ///< milliseconds, 0 where unknown
-    uint32_t aud_numChannels;
-    uint32_t aud_sampleRate;  ///< hertz
-    GOLT_info_AR_t vid_arInfo;
-    uint32_t vid_width;   ///< pixels
-    uint32_t vid_height;  ///< pixels
-    uint32_t vid_pixelAspectNumerator;
-    uint32_t vid_pixelAspectDenominator;
-    uint32_t vid_framesPerKiloSeconds;  ///< frames in 1000 seconds
-    GOLT_info_dim_t vid_dimensionality;
+    GOLT_codecs_t audioCodec;             ///< of the one audio stream
+    GOLT_codecs_t videoCodec;             ///< of the one video stream
+    uint32_t duration;                    ///< milliseconds, 0 where unknown
+    uint32_t aud_numChannels;             ///< as the container tells
+    uint32_t aud_sampleRate;              ///< hertz
+    GOLT_info_AR_t vid_arInfo;            ///< GOLT_AR_ENCODED
+    uint32_t vid_width;                   ///< pixels
+    uint32_t vid_height;                  ///< pixels
+    uint32_t vid_pixelAspectNumerator;    ///< width of a pixel, in its smallest whole numbers
+    uint32_t vid_pixelAspectDenominator;  ///< height of a pixel; both 0 where unknown
+    uint32_t vid_framesPerKiloSeconds;    ///< frames in 1000 seconds
+    GOLT_info_dim_t vid_dimensionality;   ///< GOLT_DIM_2D
 };
 
 /// Places up to ui4_size bytes at pb_data, from the current position onward, and returns their

@@ -7,8 +7,8 @@
 
 /// PIDs of the elementary streams.
 struct GOLT_remuxInfo_t {
-    uint32_t audioPid;
-    uint32_t videoPid;
+    uint32_t audioPid;  ///< of the audio stream, 0x101
+    uint32_t videoPid;  ///< of the video stream, 0x100
 };
 
 #endif

@@ -11,20 +11,20 @@
 
 namespace {
 
-// Seeks to ten times of an MP3 file of a minute, some frames read in between. What a seek lands on
-// is found by its bytes in the plain run. Prints how far from the time asked for it lies, in ms.
-void seek_around(const Bytes &file)
+// Seeks to ten times of a file of a minute, some frames read in between. What a seek lands on is
+// found by its bytes in the plain run. Prints how far from the time asked for it lies, in ms.
+void seek_around(const char *format, const Bytes &file)
 {
     Driver driver;
     Source source(file);
-    PELA::IAVDemuxer demux = driver->createDemuxer("mp3", &source, source.size());
+    PELA::IAVDemuxer demux = driver->createDemuxer(format, &source, source.size());
     const auto next = [&](GOLT_frame_t *frame) {
         return demux->readFrame(reinterpret_cast<PELA::IAVFrame>(frame));
     };
     const std::vector<Frame> plain = read_frames(next);
     driver->destroyDemuxer(demux);
     source.seek(0, 0);  // where a new demuxer takes it to stand
-    demux = driver->createDemuxer("mp3", &source, source.size());
+    demux = driver->createDemuxer(format, &source, source.size());
     for (const uint32_t time_ms :
          {0u, 30000u, 2000u, 58000u, 57000u, 500u, 45000u, 44900u, 12345u, 33333u}) {
         read_frames(next, 40);
@@ -43,12 +43,12 @@ void seek_around(const Bytes &file)
 int main(int argc, char **argv)
 {
     const std::string verb = argc > 3 ? argv[1] : "";
-    if (verb == "uncached") {  // FORMAT IN: the stream that comes of it, to uncached.ts
-        g_TCacheEnabled = false;
-        write_file("uncached.ts", remux_file(argv[2], read_file(argv[3])));
+    if (verb == "uncached" || verb == "cached") {  // FORMAT IN: what comes of it, to VERB.ts
+        g_TCacheEnabled = verb == "cached";
+        write_file(verb + ".ts", remux_file(argv[2], read_file(argv[3])));
         return 0;
     }
-    if (verb == "seeks") seek_around(read_file(argv[3]));  // mp3 FILE
+    if (verb == "seeks") seek_around(argv[2], read_file(argv[3]));  // FORMAT FILE
     if (verb != "times") return verb == "seeks" ? 0 : 2;
     // PID FILE: the time in ms of each PES packet of that PID
     const TsReport report = check_ts(read_file(argv[3]));

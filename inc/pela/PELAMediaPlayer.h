@@ -30,12 +30,14 @@ public:
 /// A medium that the host has opened.
 class MediaBuffer {
 public:
+    /// How the picture's aspect ratio is to be read.
     enum AspectRatioInfo {
         ASPECT_INFO_ENCODED = 0,
         ASPECT_WIDE_WITH_BLACK_BARS = 1,
         ASPECT_NORMAL_WITH_BLACK_BARS = 2
     };
 
+    /// Whether, and how, two views lie in one picture.
     enum Dimensionality {
         DIM_2D = 0,
         DIM_3D_LEFT_RIGHT = 1,
@@ -47,40 +49,47 @@ public:
 
     /// Description of a stream, in the host's vocabulary.
     struct ContentInfo {
-        Containers containerType;
-        AudioCodecs audioCodec;
-        uint32_t audioPid;
-        VideoCodecs videoCodec;
-        uint32_t videoPid;
-        AspectRatioInfo arInfo;
-        uint32_t duration;  ///< milliseconds
-        uint32_t width;     ///< pixels
-        uint32_t height;    ///< pixels
-        uint32_t pixelAspectNumerator;
-        uint32_t pixelAspectDenominator;
-        uint32_t numNavTableEntries;  ///< entries in each of the two tables
-        uint64_t *offsetTable;        ///< bytes
-        uint32_t *ptsTable;           ///< ticks of 90 kHz
-        bool isEncryped;
-        uint32_t pingPeriod;
-        uint32_t pingPeriodFast;
-        uint32_t numAudioChannels;
-        uint32_t audioSampleRate;       ///< hertz
-        uint32_t framesPerKiloSeconds;  ///< frames in 1000 seconds
-        Dimensionality dimensionality;
+        Containers containerType;         ///< of the output
+        AudioCodecs audioCodec;           ///< unknown also where there is no audio
+        uint32_t audioPid;                ///< of the audio stream in a transport stream
+        VideoCodecs videoCodec;           ///< unknown also where there is no video
+        uint32_t videoPid;                ///< of the video stream in a transport stream
+        AspectRatioInfo arInfo;           ///< what the aspect ratio follows from
+        uint32_t duration;                ///< milliseconds
+        uint32_t width;                   ///< pixels
+        uint32_t height;                  ///< pixels
+        uint32_t pixelAspectNumerator;    ///< width of a pixel
+        uint32_t pixelAspectDenominator;  ///< height of a pixel; both 0 where unknown
+        uint32_t numNavTableEntries;      ///< entries in each of the two tables
+        uint64_t *offsetTable;            ///< bytes
+        uint32_t *ptsTable;               ///< ticks of 90 kHz
+        bool isEncryped;                  ///< whether keys are needed
+        uint32_t pingPeriod;              ///< the host's own
+        uint32_t pingPeriodFast;          ///< the host's own
+        uint32_t numAudioChannels;        ///< as the source tells
+        uint32_t audioSampleRate;         ///< hertz
+        uint32_t framesPerKiloSeconds;    ///< frames in 1000 seconds
+        Dimensionality dimensionality;    ///< views in the picture
     };
 
+    /// How far a medium has come.
     struct BufferInfo {
-        uint64_t length;     ///< bytes
-        uint64_t bytesLeft;  ///< bytes
-        bool completelyDownloaded;
+        uint64_t length;            ///< bytes
+        uint64_t bytesLeft;         ///< bytes still to come
+        bool completelyDownloaded;  ///< nothing more will come
     };
 
+    /// Describes the medium.
     virtual Status GetContentInfo(ContentInfo *info) = 0;
+    /// Tells how much of it is there.
     virtual Status GetBufferInfo(BufferInfo *info) = 0;
+    /// Opens its bytes.
     virtual Status OpenMediaStream(IBufferStream *stream) = 0;
+    /// Closes what OpenMediaStream has opened.
     virtual Status CloseMediaStream(IBufferStream stream) = 0;
+    /// Opens its navigation tables.
     virtual Status OpenNavigationStream(IBufferStream *stream) = 0;
+    /// Closes what OpenNavigationStream has opened.
     virtual Status CloseNavigationStream(IBufferStream stream) = 0;
     virtual ~MediaBuffer() {}
 };

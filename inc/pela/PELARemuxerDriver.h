@@ -54,11 +54,15 @@ public:
         virtual ~Listener() {}
     };
 
+    /// Whether the muxer could be set up; all other operations are false on one that couldn't.
     virtual bool isValid() const = 0;
     /// Stores the frame's presentation time in ticks of 90 kHz, cut to 32 bits.
     virtual bool getPts(IAVFrame fr, uint32_t &pts) const = 0;
+    /// No effect on a transport stream, which has no header; true.
     virtual bool writeHeader() = 0;
+    /// No effect on a transport stream, which simply stops; true.
     virtual bool writeTrailer() = 0;
+    /// No effect: frames are written as they were read; true.
     virtual bool convertFrame(IAVFrame frame, bool fAdjustPts) = 0;
     /// Writes one frame through the Listener.
     virtual bool writeFrame(IAVFrame frame) = 0;
@@ -81,11 +85,13 @@ public:
     /// destroyDemuxer.
     virtual IAVDemuxer createDemuxer(const char *format, AVDemuxer::Listener *listener,
                                      int64_t fileSize) = 0;
+    /// Releases a demuxer, valid or not; null is ignored.
     virtual void destroyDemuxer(IAVDemuxer demux) = 0;
     /// Makes the output for a demuxer of this driver, or null. container: CONTAINER_TS. listener
     /// may be null: the output is then dropped. The demuxer may be destroyed before the muxer.
     virtual IAVMuxer createMuxer(Containers container, IAVDemuxer demux,
                                  AVMuxer::Listener *listener, bool fApplyFilters) = 0;
+    /// Releases a muxer; null is ignored.
     virtual void destroyMuxer(IAVMuxer remux) = 0;
     virtual ~RemuxerDriver() {}
 };

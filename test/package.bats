@@ -1,0 +1,84 @@
+#!/usr/bin/env bats
+# The library as those get it who build on it: an unchanged binary interface, an installed tree, and a
+# host's guide whose program works. BUILD is the build tree, CXX its compiler.
+
+bats_require_minimum_version 1.5.0
+
+setup_file() {
+    export PREFIX=$BATS_FILE_TMPDIR/prefix
+    cmake --install "$BUILD" --prefix "$PREFIX"
+    export PKG_CONFIG_PATH=$(dirname "$(find "$PREFIX" -name golt.pc)")
+    export LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
+    export TOP=$BATS_TEST_DIRNAME/..
+}
+
+setup() { cd "$BATS_TEST_TMPDIR"; }
+
+# golt.abi is what `./dev abi` wrote. Whoever means to change the interface runs it again.
+@test "Keeps the binary interface that golt.abi tells" {
+    abidiff "$TOP/golt.abi" "$(readlink -f "$LD_LIBRARY_PATH/libgolt.so")"
+}
+
+# Ten lines that somebody else writes.
+consumer() {
+    cat >consumer.cpp <<'CPP'
+#include <cstdio>
+
+#include "golt.h"
+
+int main()
+{
+    PELA::IRemuxerDriver driver = GOLT_CreateRemuxerDriver();
+    const bool knows_capitals = driver->createDemuxer("MKV", nullptr, 0) != nullptr;
+    GOLT_DestroyRemuxerDriver();
+    return knows_capitals || std::printf("%s\n", GOLT_version()) <= 0;
+}
+CPP
+}
+
+@test "Serves a program that finds it by pkg-config" {
+    consumer
+    [ "$(pkg-config --modversion golt)" = 0.8 ]
+    "$CXX" consumer.cpp $(pkg-config --cflags --libs golt) -o consumer
+    ./consumer | grep ' v0\.8$'
+}
+
+@test "Serves a program that finds it by CMake" {
+    consumer
+    cat >CMakeLists.txt <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(consumer CXX)
+find_package(golt 0.8 REQUIRED)
+add_executable(consumer consumer.cpp)
+target_link_libraries(consumer golt::golt)
+CMAKE
+    cmake -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" . && cmake --build .
+    # The tree can be moved as a whole.
+    LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
+}
+
+@test "Installs headers each of which stands alone" {
+    local header count=0
+    cd "$PREFIX/include/golt"
+    for header in *.h pela/*.h; do
+        echo "#include \"$header\"" | "$CXX" -std=c++11 -Wall -Wextra -Wpedantic -Werror -I . -x c++ \
+            -fsyntax-only -
+        count=$((count + 1))
+    done
+    [ "$count" -ge 17 ]
+}
+
+@test "Installs the program where it finds the library" {
+    LD_LIBRARY_PATH='' "$PREFIX/bin/golt" --version | grep ' v0\.8$'
+}
+
+# The program in the guide is what a reader copies: it is taken from there.
+@test "Has a guide for hosts whose program makes the stream that golt makes" {
+    sed -n '/^```cpp/,/^```$/p' "$TOP/docs/host.md" | grep -v '^```' >host.cpp
+    "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -o host
+    ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
+    "$PREFIX/bin/golt" remux -q "$TOP/samples/h264_aac.mp4" golt.ts
+    cmp mine.ts golt.ts
+    run -1 ./host mp4 /dev/null none.ts
+    run -1 ./host mkv "$TOP/samples/short.m2ts" none.ts
+}
