@@ -14,12 +14,15 @@
 // order without a DTS have no other. And a PES_packet_length may be the low 16 bits of one that
 // doesn't fit.
 
-#ifndef GOLT_TEST_TS_CHECKER_H
-#define GOLT_TEST_TS_CHECKER_H
+#ifndef HOST_TS_CHECKER_H
+#define HOST_TS_CHECKER_H
 
+#include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
-#include "bytes.h"
+using Bytes = std::vector<uint8_t>;
 
 struct TsPes {
     uint16_t pid = 0;

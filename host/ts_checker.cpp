@@ -200,7 +200,8 @@ private:
             if (std::exchange(state.lacks_pcr, false) && !m_pcr) complain("PCR_PID without PCR");
         }
         if (!state.pes) return complain("payload in front of the first PES packet");
-        m_report.pes[*state.pes].payload += in.bytes();
+        Bytes &payload = m_report.pes[*state.pes].payload;
+        payload.insert(payload.end(), in.at, in.at + in.left);
     }
 
     void finish_pes(const PidState &state)
