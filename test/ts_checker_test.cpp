@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "bytes.h"
+
 namespace {
 
 using ::testing::Contains;
