@@ -9,31 +9,23 @@ namespace {
 
 uint64_t heap_calls = 0;
 
-// The library tells what it finds on the standard output, where the results go too.
-class QuietOutput {
-public:
-    QuietOutput()
-        : m_kept(dup(STDOUT_FILENO))
-    {
-        fflush(stdout);
-        const int nowhere = open("/dev/null", O_WRONLY);
-        dup2(nowhere, STDOUT_FILENO);
-        close(nowhere);
-    }
-    ~QuietOutput()
-    {
-        fflush(stdout);
-        dup2(m_kept, STDOUT_FILENO);
-        close(m_kept);
-    }
-    QuietOutput(const QuietOutput &) = delete;
-    QuietOutput &operator=(const QuietOutput &) = delete;
-
-private:
-    int m_kept;
-};
-
 }  // namespace
+
+QuietOutput::QuietOutput()
+    : m_kept(dup(STDOUT_FILENO))
+{
+    fflush(stdout);
+    const int nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDOUT_FILENO);
+    close(nowhere);
+}
+
+QuietOutput::~QuietOutput()
+{
+    fflush(stdout);
+    dup2(m_kept, STDOUT_FILENO);
+    close(m_kept);
+}
 
 // The C library's own allocator, counted. operator new comes here too.
 extern "C" {

@@ -9,6 +9,18 @@
 
 #include "host_double.h"
 
+/// As long as it lives, the library's diagnostics go nowhere: the results stand on the same output.
+class QuietOutput {
+public:
+    QuietOutput();
+    ~QuietOutput();
+    QuietOutput(const QuietOutput &) = delete;
+    QuietOutput &operator=(const QuietOutput &) = delete;
+
+private:
+    int m_kept;
+};
+
 /// Calls of malloc, calloc, realloc and operator new so far.
 uint64_t allocation_count();
 

@@ -19,17 +19,19 @@ public:
     void flush();
 
     /// Bytes taken from the library.
-    uint64_t bytes() const { return m_bytes; }
+    uint64_t bytes() const { return m_flushed + m_held; }
     /// The errno value of the first write that failed, 0 when none has. After it everything is
     /// dropped: the library goes on, since it doesn't look at the result of a write.
     int error() const { return m_error; }
 
 private:
+    int write_piecewise(const uint8_t *data, size_t size);
+
     int m_fd;
     StreamWatch &m_sound;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_held = 0;  // bytes in the buffer
-    uint64_t m_bytes = 0;
+    uint64_t m_flushed = 0;
     int m_error = 0;
 };
 

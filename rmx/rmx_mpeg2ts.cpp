@@ -27,6 +27,7 @@ constexpr int ADTS_HEADER_SIZE = 7;
 
 constexpr int CRC_SIZE = 4;
 constexpr int SECTION_HEAD_SIZE = 3;  // table_id and section_length
+constexpr int PSI_HEADER_SIZE = 5;    // of a packet, with pointer_field
 
 constexpr uint8_t STREAM_TYPE_MPEG2_VIDEO = 0x02;
 constexpr uint8_t STREAM_TYPE_MPEG1_AUDIO = 0x03;
@@ -70,12 +71,19 @@ struct GOLT_RMX_context_t {
     int tsid;
     GOLT_streamInfo_t sinfo;
     unsigned char packet[TS_PACKET_SIZE];  // the one under assembly
+    // What a stream description decides is made once, with it: PAT and PMT as packets that lack
+    // only their counter, and the ADTS header without the frame's length.
+    unsigned char pat_packet[TS_PACKET_SIZE];
+    unsigned char pmt_packet[TS_PACKET_SIZE];
+    unsigned char adts_header[ADTS_HEADER_SIZE];
 };
 
 GOLT_RMX_context_t remux_context;
 
 uint8_t video_stream_type(GOLT_codecs_t codec);
 uint8_t audio_stream_type(GOLT_codecs_t codec);
+void make_psi();
+void make_adts_header();
 bool mpeg2ts_write_packet(GOLT_frame_t *pt_frame);
 
 }  // namespace
@@ -93,6 +101,7 @@ GOLT_EXPORT bool GOLT_RMX_init(tpf_write pf_write, void *pv_handle, bool)
     remux_context.pat_packet_interval = PSI_INTERVAL;
     remux_context.pat_packet_count = PSI_INTERVAL;
     remux_context.tsid = 1;
+    make_psi();
     return true;
 }
 
@@ -107,6 +116,8 @@ GOLT_EXPORT bool GOLT_RMX_setStreamInfo(GOLT_streamInfo_t *pt_sinfo)
     // The audio entry stands in the PMT whatever the codec, also where the source has no audio.
     remux_context.audio.stream_type = audio_stream_type(pt_sinfo->audioCodec);
     remux_context.audio.is_present = true;
+    make_psi();
+    make_adts_header();
     return true;
 }
 
@@ -177,31 +188,6 @@ void send_packet()
 
 // Program-specific information
 
-// pbuf: a section of n bytes whose last four are free for the CRC.
-bool mpeg2ts_write_section(MPEG2TSSection_t *s, uint8_t *pbuf, int n)
-{
-    put_be32(pbuf + n - CRC_SIZE, golt_crc32(pbuf, static_cast<uint32_t>(n - CRC_SIZE)));
-
-    for (int sent = 0; sent < n;) {
-        const bool f_first = sent == 0;
-        uint8_t *packet = remux_context.packet;
-        s->continuity_counter = (s->continuity_counter + 1) & 0xF;
-        packet[0] = SYNC_BYTE;
-        put_be16(packet + 1, static_cast<uint16_t>(s->PID | (f_first ? UNIT_START : 0)));
-        packet[3] = static_cast<uint8_t>(PAYLOAD | s->continuity_counter);
-        int head = TS_HEADER_SIZE;
-        if (f_first) packet[head++] = 0;  // pointer_field
-
-        const int room = TS_PACKET_SIZE - head;
-        const int part = n - sent < room ? n - sent : room;
-        memcpy(packet + head, pbuf + sent, static_cast<size_t>(part));
-        memset(packet + head + part, STUFFING_BYTE, static_cast<size_t>(room - part));
-        send_packet();
-        sent += part;
-    }
-    return true;
-}
-
 // Head of a section of n bytes, its CRC included; version 0, valid now, the only section of its
 // table.
 uint8_t *put_section_head(uint8_t *pb, uint8_t table_id, int n, int id)
@@ -215,14 +201,26 @@ uint8_t *put_section_head(uint8_t *pb, uint8_t table_id, int n, int id)
     return pb + 8;
 }
 
-bool mpeg2ts_send_pat()
+// Puts a CRC behind a section, which ends at pb_end, and makes up the rest of its packet. A section
+// of this program is far smaller than a packet.
+void finish_psi_packet(uint8_t *packet, uint8_t *pb_end, uint32_t PID)
+{
+    put_be32(packet, uint32_t{SYNC_BYTE} << 24 | (UNIT_START | PID) << 8 | PAYLOAD);
+    packet[TS_HEADER_SIZE] = 0;  // pointer_field
+    const uint8_t *section = packet + PSI_HEADER_SIZE;
+    put_be32(pb_end, golt_crc32(section, static_cast<uint32_t>(pb_end - section)));
+    pb_end += CRC_SIZE;
+    memset(pb_end, STUFFING_BYTE, static_cast<size_t>(packet + TS_PACKET_SIZE - pb_end));
+}
+
+void make_pat()
 {
     constexpr int PAT_SIZE = 16;
-    uint8_t ab_section[32] = {};
-    uint8_t *pb = put_section_head(ab_section, 0x00, PAT_SIZE, remux_context.tsid);
+    uint8_t *packet = remux_context.pat_packet;
+    uint8_t *pb = put_section_head(packet + PSI_HEADER_SIZE, 0x00, PAT_SIZE, remux_context.tsid);
     put_be16(pb, static_cast<uint16_t>(remux_context.service.sid));
     put_be16(pb + 2, static_cast<uint16_t>(0xE000 | remux_context.service.pmt.PID));
-    return mpeg2ts_write_section(&remux_context.pat, ab_section, PAT_SIZE);
+    finish_psi_packet(packet, pb + 4, remux_context.pat.PID);
 }
 
 constexpr size_t REGISTRATION_SIZE = 6;
@@ -250,21 +248,38 @@ uint8_t *put_stream_entry(uint8_t *pb, const MPEG2TSWriteStream_t &stream,
     return pb + 5 + size;
 }
 
-bool mpeg2ts_send_pmt()
+void make_pmt()
 {
-    uint8_t ab_section[512] = {};
     constexpr int ENTRIES = 12;
-    uint8_t *pb = ab_section + ENTRIES;
-    if (remux_context.video.is_present) pb = put_stream_entry(pb, remux_context.video, nullptr);
+    uint8_t *section = remux_context.pmt_packet + PSI_HEADER_SIZE;
+    uint8_t *pb_end = section + ENTRIES;
+    if (remux_context.video.is_present)
+        pb_end = put_stream_entry(pb_end, remux_context.video, nullptr);
     if (remux_context.audio.is_present)
-        pb = put_stream_entry(pb, remux_context.audio,
-                              registration_descriptor(remux_context.sinfo.audioCodec));
+        pb_end = put_stream_entry(pb_end, remux_context.audio,
+                                  registration_descriptor(remux_context.sinfo.audioCodec));
 
-    const int n = static_cast<int>(pb - ab_section) + CRC_SIZE;
-    pb = put_section_head(ab_section, 0x02, n, remux_context.service.sid);
+    const int n = static_cast<int>(pb_end - section) + CRC_SIZE;
+    uint8_t *pb = put_section_head(section, 0x02, n, remux_context.service.sid);
     put_be16(pb, static_cast<uint16_t>(0xE000 | remux_context.service.pcr_pid));
     put_be16(pb + 2, 0xF000);  // no program descriptors
-    return mpeg2ts_write_section(&remux_context.service.pmt, ab_section, n);
+    finish_psi_packet(remux_context.pmt_packet, pb_end, remux_context.service.pmt.PID);
+}
+
+void make_psi()
+{
+    make_pat();
+    make_pmt();
+}
+
+// made: the section's packet.
+bool mpeg2ts_write_section(MPEG2TSSection_t *s, const uint8_t *made)
+{
+    s->continuity_counter = (s->continuity_counter + 1) & 0xF;
+    memcpy(remux_context.packet, made, TS_PACKET_SIZE);
+    remux_context.packet[3] = static_cast<uint8_t>(PAYLOAD | s->continuity_counter);
+    send_packet();
+    return true;
 }
 
 // Called before each media packet is assembled: it uses the same packet buffer.
@@ -274,8 +289,8 @@ bool mpeg2ts_resend_psi()
         ++remux_context.pat_packet_count;
         return true;
     }
-    mpeg2ts_send_pat();
-    mpeg2ts_send_pmt();
+    mpeg2ts_write_section(&remux_context.pat, remux_context.pat_packet);
+    mpeg2ts_write_section(&remux_context.service.pmt, remux_context.pmt_packet);
     remux_context.pat_packet_count = 0;
     return true;
 }
@@ -312,19 +327,26 @@ uint32_t sampling_frequency_index(uint32_t sample_rate)
     return INDEX_48000;
 }
 
-// ADTS header (ISO/IEC 13818-7) of a raw frame of size bytes.
-void write_adts_header(uint8_t *pb, int size)
+// ADTS header (ISO/IEC 13818-7), all but frame_length.
+void make_adts_header()
 {
     // MPEG-2, layer 0, no CRC, profile LC, buffer fullness all ones, one raw data block.
     static const uint8_t AAC_SYNC_Header[ADTS_HEADER_SIZE] = {0xFF, 0xF9, 0x58, 0x40,
                                                               0x03, 0x1F, 0xFC};
     const uint32_t index = sampling_frequency_index(remux_context.sinfo.aud_sampleRate);
     const uint32_t channels = remux_context.sinfo.aud_numChannels;
-    const uint32_t frame_length = static_cast<uint32_t>(size) + ADTS_HEADER_SIZE;
-
+    uint8_t *pb = remux_context.adts_header;
     memcpy(pb, AAC_SYNC_Header, ADTS_HEADER_SIZE);
     pb[2] = static_cast<uint8_t>((pb[2] & 0xC2) | index << 2 | (channels >> 2 & 0x1));
-    pb[3] = static_cast<uint8_t>((channels & 0x3) << 6 | (frame_length >> 11 & 0x3));
+    pb[3] = static_cast<uint8_t>((channels & 0x3) << 6);
+}
+
+// The header of a raw frame of size bytes.
+void write_adts_header(uint8_t *pb, int size)
+{
+    const uint32_t frame_length = static_cast<uint32_t>(size) + ADTS_HEADER_SIZE;
+    memcpy(pb, remux_context.adts_header, ADTS_HEADER_SIZE);
+    pb[3] = static_cast<uint8_t>(pb[3] | (frame_length >> 11 & 0x3));
     pb[4] = static_cast<uint8_t>(frame_length >> 3);
     pb[5] = static_cast<uint8_t>((frame_length & 0x7) << 5 | 0x1F);
 }
@@ -346,6 +368,26 @@ void write_header(MPEG2TSWriteStream_t *stream, uint32_t unit_start, uint32_t co
                                        control | static_cast<uint32_t>(stream->continuity_counter));
 }
 
+// A size as a number of which the compiler knows nothing. Where it knows that a copy is short, g++
+// makes a string instruction of it, which on x86 takes three times as long as a call of memcpy.
+size_t opaque(int size)
+{
+    auto hidden = static_cast<size_t>(size);
+    __asm__("" : "+r"(hidden));
+    return hidden;
+}
+
+// Part of a packet's payload.
+void copy_part(uint8_t *pb, const uint8_t *pbuf, int size)
+{
+    memcpy(pb, pbuf, opaque(size));
+}
+
+void stuff(uint8_t *pb, int size)
+{
+    memset(pb, STUFFING_BYTE, opaque(size));
+}
+
 // A frame's first packet. Returns the number of the frame's bytes in it.
 int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype,
                        const uint8_t *pbuf, int size, uint64_t pts)
@@ -361,7 +403,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
     packet[4] = static_cast<uint8_t>(PCR_FIELD_END - 5 + stuffing_size);  // its length
     packet[5] = 0x10;                                                     // PCR_flag
     ms2pcr(packet + 6, pts);
-    memset(packet + PCR_FIELD_END, STUFFING_BYTE, static_cast<size_t>(stuffing_size));
+    stuff(packet + PCR_FIELD_END, stuffing_size);
 
     uint8_t *pb_pes = packet + PCR_FIELD_END + stuffing_size;
     put_be32(pb_pes, 0x00000100u | stream_id_of(frametype));
@@ -374,7 +416,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
     pb_pes[8] = 5;     // PES_header_data_length
     write_pts(pb_pes + 9, pts);
     if (f_adts) write_adts_header(pb_pes + PES_HEADER_SIZE, size);
-    memcpy(pb_pes + pes_header_size, pbuf, static_cast<size_t>(packet_payload_size));
+    copy_part(pb_pes + pes_header_size, pbuf, packet_payload_size);
     send_packet();
     return packet_payload_size;
 }
@@ -397,9 +439,9 @@ void write_last_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf, int si
     packet[4] = static_cast<uint8_t>(stuffing_size - 1);
     if (stuffing_size > 1) {
         packet[5] = 0;
-        memset(packet + 6, STUFFING_BYTE, static_cast<size_t>(stuffing_size - 2));
+        stuff(packet + 6, stuffing_size - 2);
     }
-    memcpy(packet + TS_PACKET_SIZE - size, pbuf, static_cast<size_t>(size));
+    copy_part(packet + TS_PACKET_SIZE - size, pbuf, size);
     send_packet();
 }
 
