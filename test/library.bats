@@ -55,5 +55,5 @@ section() {
     [ "$MACHINE" != arm ] || limit=100000
     [ "$stripped" -lt "$limit" ]
     [ "$(section .data .bss)" -gt 0 ]
-    [ "$(section .data .bss)" -le 3072 ]
+    [ "$(section .data .bss)" -le 4096 ]
 }
