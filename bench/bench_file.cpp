@@ -15,7 +15,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 
 #include "bench_host.h"
 
@@ -115,6 +114,15 @@ double run_floor(Source &source, const std::vector<uint32_t> &frames, Bytes &blo
     return processor_seconds() - start;
 }
 
+Bytes read_file(const char *path)
+{
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    Bytes file(in.good() ? static_cast<size_t>(in.tellg()) : 0);
+    in.seekg(0);
+    in.read(reinterpret_cast<char *>(file.data()), static_cast<std::streamsize>(file.size()));
+    return file;
+}
+
 double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
@@ -129,8 +137,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: golt_bench_file FORMAT FILE [ROUNDS]\n");
         return 2;
     }
-    std::ifstream in(argv[2], std::ios::binary);
-    Source source(Bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()});
+    Source source(read_file(argv[2]));
     const int rounds = argc > 3 ? atoi(argv[3]) : 9;
     run_t first = {};
     std::vector<double> library, floor;

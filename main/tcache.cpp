@@ -29,7 +29,31 @@ constexpr int MAX_EOF_RETRIES = 9;
 constexpr unsigned RETRY_SLEEP_USEC = 10;
 constexpr unsigned MAX_SLEEP_USEC = 50000;
 
-constexpr uint64_t END_OF_ANY_BLOCK = UINT64_MAX;
+// A copy of size bytes as two of width bytes that overlap, or touch.
+template <size_t width> void copyEnds(uint8_t *to, const uint8_t *from, uint32_t size)
+{
+    uint8_t head[width];
+    uint8_t tail[width];
+    memcpy(head, from, width);
+    memcpy(tail, from + size - width, width);
+    memcpy(to, head, width);
+    memcpy(to + size - width, tail, width);
+}
+
+// Most reads are of a field or a header, for which a call takes longer than the copy.
+void copyBytes(uint8_t *to, const uint8_t *from, uint32_t size)
+{
+    if (size > 16)
+        memcpy(to, from, size);
+    else if (size >= 8)
+        copyEnds<8>(to, from, size);
+    else if (size >= 4)
+        copyEnds<4>(to, from, size);
+    else if (size >= 2)
+        copyEnds<2>(to, from, size);
+    else
+        *to = *from;
+}
 
 unsigned low32(uint64_t offset)
 {
@@ -74,17 +98,17 @@ int cachebuf_t::read(uint64_t off, uint8_t *buf, int size)
     const auto start = static_cast<uint32_t>(off - m_off);
     if (start >= m_len) return 0;
     const uint32_t nbytes = std::min(static_cast<uint32_t>(size), m_len - start);
-    copyOut(start, buf, nbytes);
+    copyBytes(buf, m_buf + start, nbytes);
+    countOut(nbytes);
     return static_cast<int>(nbytes);
 }
 
-bool cachebuf_t::readHeld(uint64_t off, uint8_t *buf, int size)
+uint32_t cachebuf_t::unconsumed(uint64_t off, const uint8_t **pb_at) const
 {
     const uint64_t start = off - m_off;
-    if (start >= m_len || size <= 0) return false;
-    if (m_len - static_cast<uint32_t>(start) < static_cast<uint32_t>(size)) return false;
-    copyOut(static_cast<uint32_t>(start), buf, static_cast<uint32_t>(size));
-    return true;
+    if (start >= m_len || m_used >= m_len) return 0;
+    *pb_at = m_buf + start;
+    return std::min(m_len - static_cast<uint32_t>(start), m_len - m_used - 1);
 }
 
 uint32_t cachebuf_t::fill(uint64_t tgtOffset, Listener *listener, bool fCompleteFill)
@@ -99,19 +123,6 @@ int cachebuf_t::getDbgInfo(char *str, int maxsize) const
 {
     return snprintf(str, static_cast<size_t>(std::max(maxsize, 0)), "{0x%x,0x%05x,0x%05x}",
                     low32(m_off), m_len, m_used);
-}
-
-void cachebuf_t::copyOut(uint32_t start, uint8_t *buf, uint32_t nbytes)
-{
-    m_used += nbytes;
-    const uint8_t *from = m_buf + start;
-    // Most reads are of a field or a header: these sizes need no call.
-    switch (nbytes) {
-    case 1: *buf = *from; break;
-    case 4: memcpy(buf, from, 4); break;
-    case 8: memcpy(buf, from, 8); break;
-    default: memcpy(buf, from, nbytes);
-    }
 }
 
 GOLT_RARE uint32_t cachebuf_t::fillWaiting(uint32_t min_len, Listener *listener)
@@ -287,15 +298,15 @@ cbuflist_t *cachebuf_list_t::search_setup(uint64_t offset)
     return pFront != nullptr && pFront->incache(offset) ? pFront : reuseBuffer(offset);
 }
 
-bool cachebuf_list_t::readHeld(uint64_t offset, uint8_t *buf, int size)
+uint32_t cachebuf_list_t::quietBytes(uint64_t offset, const uint8_t **pb_at) const
 {
+    const cbuflist_t *pFront = m_cbuflist->front();
+    if (pFront == nullptr || canReadAhead()) return 0;
+    const uint32_t nbytes = pFront->unconsumed(offset, pb_at);
+    if (m_maxFilesize == 0) return nbytes;
     // Behind a known end of the file every read makes sure of it.
-    const uint64_t tgtOffset = offset + static_cast<uint32_t>(size);
-    if (m_maxFilesize != 0 && tgtOffset > m_maxFilesize) return false;
-    cbuflist_t *pFront = m_cbuflist->front();
-    if (pFront == nullptr || !pFront->readHeld(offset, buf, size)) return false;
-    if (pFront->consumed()) release(pFront);
-    return true;
+    const uint64_t left = m_maxFilesize - std::min(offset, m_maxFilesize);
+    return static_cast<uint32_t>(std::min<uint64_t>(nbytes, left));
 }
 
 GOLT_RARE void cachebuf_list_t::release(cbuflist_t *pCache)
@@ -361,12 +372,21 @@ GOLT_RARE cbuflist_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
     return pCache;
 }
 
+// False where a round of read-ahead would do nothing: all buffers are full, as they are most of the
+// time, or the one being filled ends where the file is known to end.
+bool cachebuf_list_t::canReadAhead() const
+{
+    const cbuflist_t *pFill = m_currFillBuffer;
+    if (pFill == nullptr || !pFill->hasRoom()) return m_freelist->front() != nullptr;
+    return m_maxFilesize == 0 || pFill->off() > m_maxFilesize ||
+           pFill->off() + pFill->len() < m_maxFilesize;
+}
+
 // One round of read-ahead; the number of bytes that it brought.
-int cachebuf_list_t::readAhead()
+GOLT_RARE int cachebuf_list_t::readAhead()
 {
     cbuflist_t *pFillBuffer = m_currFillBuffer;
-    if (pFillBuffer == nullptr || !pFillBuffer->needsFill(END_OF_ANY_BLOCK))
-        pFillBuffer = appendBuffer();
+    if (pFillBuffer == nullptr || !pFillBuffer->hasRoom()) pFillBuffer = appendBuffer();
     if (pFillBuffer == nullptr) return 0;
     const uint32_t len = std::min(pFillBuffer->len() + READ_AHEAD_STEP, cachebuf_t::BLOCK_SIZE);
     return fillCache(pFillBuffer, pFillBuffer->off() + len, false);
@@ -447,6 +467,9 @@ void cachebuf_list_t::clearEof()
 TCache::TCache(Listener *listener, uint64_t maxFilesize)
     : m_cacheList(new (std::nothrow) cachebuf_list_t(listener, maxFilesize))
     , m_outOffset(0)
+    , m_run(nullptr)
+    , m_runLeft(0)
+    , m_runTaken(0)
 {
     if (m_cacheList == nullptr || m_cacheList->numbuffers() < MIN_BUFFERS) g_TCacheEnabled = false;
 }
@@ -456,26 +479,41 @@ TCache::~TCache()
     delete m_cacheList;
 }
 
-// Flat: a read of a few bytes is mostly calls otherwise.
-__attribute__((flatten)) int TCache::read(uint8_t *buf, int size)
+int TCache::read(uint8_t *buf, int size)
 {
-    if (!g_TCacheEnabled) return readPassThrough(buf, size);
-    // Nearly all reads want a few bytes that the first buffer holds.
-    if (!m_cacheList->readHeld(m_outOffset, buf, size)) return readCached(buf, size);
-    m_outOffset += static_cast<uint32_t>(size);
-    m_cacheList->fillBuffers(0);
+    const auto wanted = static_cast<uint32_t>(size);
+    // A size of 0 or below counts as a large one here.
+    if (wanted - 1 >= m_runLeft || !g_TCacheEnabled) return readOn(buf, size);
+    copyBytes(buf, m_run, wanted);
+    m_run += wanted;
+    m_runLeft -= wanted;
+    m_runTaken += wanted;
     return size;
 }
 
 int64_t TCache::seek(int64_t offset)
 {
-    m_outOffset = static_cast<uint64_t>(offset);
+    // To where the reader stands, amid bytes that are held: demuxers often say so to be sure.
+    const uint64_t dest = static_cast<uint64_t>(offset);
+    if (m_runLeft != 0 && dest == m_outOffset + m_runTaken && g_TCacheEnabled) return 0;
+    closeRun();
+    m_outOffset = dest;
     if (!g_TCacheEnabled) return m_cacheList != nullptr ? m_cacheList->pt_seek(offset) : -1;
     m_cacheList->seek(m_outOffset);
     return 0;
 }
 
-GOLT_RARE int TCache::readCached(uint8_t *buf, int size)
+// A read that the run doesn't serve, and the next run.
+int TCache::readOn(uint8_t *buf, int size)
+{
+    closeRun();
+    if (!g_TCacheEnabled) return readPassThrough(buf, size);
+    const int nread = readCached(buf, size);
+    m_runLeft = m_cacheList->quietBytes(m_outOffset, &m_run);
+    return nread;
+}
+
+int TCache::readCached(uint8_t *buf, int size)
 {
     int totalread = 0;
     int fillCount = 0;
@@ -509,4 +547,12 @@ GOLT_RARE int TCache::readPassThrough(uint8_t *buf, int size)
         size -= nread;
     }
     return total;
+}
+
+void TCache::closeRun()
+{
+    m_outOffset += m_runTaken;
+    if (m_runTaken != 0) m_cacheList->countQuiet(m_runTaken);
+    m_runLeft = 0;
+    m_runTaken = 0;
 }

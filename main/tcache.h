@@ -39,8 +39,10 @@ public:
     void setup(uint64_t off);
     /// Copies up to size bytes from offset off on and returns their number, 0 where it holds none.
     int read(uint64_t off, uint8_t *buf, int size);
-    /// Copies size bytes from offset off on, or, false, nothing when it doesn't hold them all.
-    bool readHeld(uint64_t off, uint8_t *buf, int size);
+    /// Number of bytes held from offset off on that can go out before all are consumed, and
+    /// in *pb_at where they stand. Who hands them out has to count them.
+    uint32_t unconsumed(uint64_t off, const uint8_t **pb_at) const;
+    void countOut(uint32_t nbytes) { m_used += nbytes; }
     /// Reads from the host until the bytes up to tgtOffset or the end of the block are there, and
     /// returns how many bytes came. Without fCompleteFill the host is asked once; with it again and
     /// again, with sleeps of 50 ms in total, until it says 0. Every time it is offered all the room
@@ -48,6 +50,8 @@ public:
     uint32_t fill(uint64_t tgtOffset, Listener *listener, bool fCompleteFill);
     /// Whether a fill up to tgtOffset would ask the host.
     bool needsFill(uint64_t tgtOffset) const { return m_len < minFill(tgtOffset) && isValid(); }
+    /// Whether it stands for a block that it doesn't hold whole.
+    bool hasRoom() const { return m_len < m_siz && isValid(); }
     /// Block, bytes held and bytes handed out as a text; the result is that of snprintf.
     int getDbgInfo(char *str, int maxsize) const;
 
@@ -72,7 +76,6 @@ private:
         const auto wanted = static_cast<uint32_t>(tgtOffset - m_off);
         return wanted < m_siz ? wanted : m_siz;
     }
-    void copyOut(uint32_t start, uint8_t *buf, uint32_t nbytes);
     uint32_t fillWaiting(uint32_t min_len, Listener *listener);
     int readHost(Listener *listener);
     void setLength(uint32_t len);
@@ -137,9 +140,12 @@ public:
     /// The buffer for the block of offset, at the front of those in use. The one that holds bytes
     /// of it, or else an empty one, for which the last in use is given up when none is free.
     cbuflist_t *search_setup(uint64_t offset);
-    /// Serves a read for which the first buffer in use is enough, without a call to the host; false
-    /// when it isn't, and nothing has happened.
-    bool readHeld(uint64_t offset, uint8_t *buf, int size);
+    /// Number of bytes from offset on whose reading changes nothing but the count of the first
+    /// buffer in use, and in *pb_at where they stand: the host isn't asked, and no buffer becomes
+    /// free.
+    uint32_t quietBytes(uint64_t offset, const uint8_t **pb_at) const;
+    /// Counts quiet bytes that were handed out.
+    void countQuiet(uint32_t nbytes) { m_cbuflist->front()->countOut(nbytes); }
     /// Gives back a buffer that is in use; its bytes are gone.
     void release(cbuflist_t *pCache);
     /// Brings pCache up to tgtOffset, as cachebuf_t::fill does, with the host sent to where its
@@ -149,7 +155,7 @@ public:
     /// ends when the host has nothing or all the buffers are full.
     void fillBuffers(int minFill)
     {
-        while (readAhead() > 0 && minFill > 0)
+        while (canReadAhead() && readAhead() > 0 && minFill > 0)
             --minFill;
     }
     /// Prepares for reads at offset. A short way forward is read rather than sought, as a seek may
@@ -166,6 +172,7 @@ public:
 
 private:
     cbuflist_t *reuseBuffer(uint64_t offset);
+    bool canReadAhead() const;
     int readAhead();
     cbuflist_t *appendBuffer();
     int fillFromHost(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill);
@@ -205,11 +212,18 @@ public:
     void printState() const {}
 
 private:
+    int readOn(uint8_t *buf, int size);
     int readCached(uint8_t *buf, int size);
     int readPassThrough(uint8_t *buf, int size);
+    void closeRun();
 
     cachebuf_list_t *m_cacheList;  // null only in pass-through mode
-    uint64_t m_outOffset;          // of the next byte that the demuxer gets
+    uint64_t m_outOffset;          // of the next byte that the demuxer gets, less those of the run
+    // A run of quiet bytes, out of which nearly all reads are served. What was taken of it is
+    // counted when it is closed.
+    const uint8_t *m_run;  // the next of them
+    uint32_t m_runLeft;
+    uint32_t m_runTaken;
 };
 
 #endif

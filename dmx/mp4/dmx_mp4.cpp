@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 
 #include "golt_endian.h"
 #include "golt_mem.h"
@@ -103,10 +104,10 @@ struct s_parse_ctx {
 struct s_stsc_entry {
     uint32_t ui4_start_chunk;  // counted from 1
     uint32_t ui4_num_samples;  // in each chunk of the run
-    uint32_t ui4_sample_did;   // left in the file's byte order
+    uint32_t ui4_sample_did;
 };
 
-struct s_xtts_entry {
+struct s_xtts_entry {  // in the file's byte order
     uint32_t ui4_num_samples;
     uint32_t ui4_delta;  // ticks
 };
@@ -496,9 +497,20 @@ bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
 
 // Sample tables
 
-// Number of 32-bit words of an entry that are turned into the processor's order.
-template <typename T> constexpr uint32_t SWAPPED_WORDS = sizeof(T) / 4;
-template <> constexpr uint32_t SWAPPED_WORDS<s_stsc_entry> = 2;
+// Turns words into the processor's order, two at a time as far as it goes: the tables of a long film
+// have millions.
+void swap_words(uint32_t *pui4_words, uint32_t ui4_count)
+{
+    uint32_t *const pui4_last = pui4_words + (ui4_count & ~1u);
+    for (; pui4_words < pui4_last; pui4_words += 2) {
+        uint64_t ui8_pair = 0;
+        memcpy(&ui8_pair, pui4_words, sizeof ui8_pair);
+        ui8_pair = __builtin_bswap64(ui8_pair);
+        ui8_pair = ui8_pair << 32 | ui8_pair >> 32;
+        memcpy(pui4_words, &ui8_pair, sizeof ui8_pair);
+    }
+    if ((ui4_count & 1) != 0) *pui4_last = bswap_32(*pui4_last);
+}
 
 // Reads the ui4_count entries at ui4_pos of a box that ends at ui4_last.
 template <typename T>
@@ -509,12 +521,11 @@ bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, heap_
     if (ui8_pos + ui8_size > uint64_t{ui4_last} + 1 || !is_proven(ui8_pos, ui8_size)) return false;
     *p_table = make_array<T>(ui4_count);
     if (*p_table == nullptr) return false;
-    auto *pui4_words = reinterpret_cast<unaligned_32 *>(p_table->get());
-    if (!read_at(ui8_pos, pui4_words, static_cast<uint32_t>(ui8_size))) return false;
-    for (uint32_t i = 0; i < ui4_count; ++i, pui4_words += sizeof(T) / 4) {
-        for (uint32_t word = 0; word < SWAPPED_WORDS<T>; ++word)
-            pui4_words[word].l = bswap_32(pui4_words[word].l);
-    }
+    if (!read_at(ui8_pos, p_table->get(), static_cast<uint32_t>(ui8_size))) return false;
+    // Entries are nothing but words. Those of runs are read once, in order, and turned then.
+    if constexpr (!std::is_same_v<T, s_xtts_entry>)
+        swap_words(reinterpret_cast<uint32_t *>(p_table->get()),
+                   static_cast<uint32_t>(ui8_size / sizeof(uint32_t)));
     return true;
 }
 
@@ -610,15 +621,37 @@ uint32_t limit_samples(const s_stbl &stbl, uint32_t ui4_count)
     return read_at(ui8_bytes - 1, &ui1_last, 1) ? ui4_count : 0;
 }
 
-// Samples of one chunk lie back to back. Returns the number of samples placed: it is short of
-// ui4_num_samples where the tables contradict each other or lead past 4 GiB, and the track ends
-// there. Chunks that don't exist hold no samples. Runs have to rise, so that each chunk is visited
-// once at most.
+// Samples of one chunk lie back to back from ui8_offset on. Places those from ui4_first up to ui4_end
+// and returns the first one not placed, which is ui4_end unless they lead past 4 GiB.
+uint32_t place_chunk(const s_stbl &stbl, uint64_t ui8_offset, uint32_t ui4_first, uint32_t ui4_end,
+                     uint32_t *pui4_offsets)
+{
+    const uint32_t ui4_constant = stbl.ui4_sample_size;
+    const uint32_t *const pui4_sizes = stbl.pui4_sizes.get();
+    const auto size_of = [=](uint32_t i) {
+        return ui4_constant != 0 ? ui4_constant : pui4_sizes[i];
+    };
+    for (uint32_t i = ui4_first; i < ui4_end; ++i) {
+        pui4_offsets[i] = static_cast<uint32_t>(ui8_offset);
+        ui8_offset += size_of(i);
+    }
+    // Looked at only here, as hardly a file comes near it: those behind 4 GiB are taken back.
+    while (ui8_offset > UINT32_MAX && ui4_end > ui4_first) {
+        ui8_offset -= size_of(ui4_end - 1);
+        if (ui8_offset <= UINT32_MAX) break;
+        --ui4_end;
+    }
+    return ui4_end;
+}
+
+// Returns the number of samples placed: it is short of ui4_num_samples where the tables contradict
+// each other or lead past 4 GiB, and the track ends there. Chunks that don't exist hold no samples.
+// Runs have to rise, so that each chunk is visited once at most.
 uint32_t expand_offsets(const s_stbl &stbl, uint32_t ui4_num_samples, uint32_t *pui4_offsets)
 {
     uint32_t ui4_si = 0;
     for (uint32_t i = 0; i < stbl.ui4_stsc_entries; ++i) {
-        const s_stsc_entry &run = stbl.p_stsc[i];
+        const s_stsc_entry run = stbl.p_stsc[i];
         uint32_t ui4_last_chunk = stbl.ui4_num_chunks;
         if (i + 1 < stbl.ui4_stsc_entries) {
             const uint32_t ui4_next_chunk = stbl.p_stsc[i + 1].ui4_start_chunk;
@@ -627,44 +660,67 @@ uint32_t expand_offsets(const s_stbl &stbl, uint32_t ui4_num_samples, uint32_t *
         }
         if (run.ui4_start_chunk == 0) return ui4_si;
         for (uint32_t ui4_chunk = run.ui4_start_chunk; ui4_chunk <= ui4_last_chunk; ++ui4_chunk) {
-            uint64_t ui8_offset = stbl.pui4_co[ui4_chunk - 1];
-            for (uint32_t n = 0; n < run.ui4_num_samples; ++n) {
-                if (ui4_si == ui4_num_samples || ui8_offset > UINT32_MAX) return ui4_si;
-                pui4_offsets[ui4_si] = static_cast<uint32_t>(ui8_offset);
-                ui8_offset +=
-                    stbl.ui4_sample_size != 0 ? stbl.ui4_sample_size : stbl.pui4_sizes[ui4_si];
-                ++ui4_si;
-            }
+            const uint32_t ui4_left = ui4_num_samples - ui4_si;
+            const uint32_t ui4_wanted = run.ui4_num_samples;
+            const uint32_t ui4_end = ui4_si + (ui4_wanted < ui4_left ? ui4_wanted : ui4_left);
+            ui4_si = place_chunk(stbl, stbl.pui4_co[ui4_chunk - 1], ui4_si, ui4_end, pui4_offsets);
+            if (ui4_si < ui4_end || ui4_wanted > ui4_left) return ui4_si;
         }
     }
     return ui4_si;
 }
 
+// A place in a table of runs.
+struct delta_walk_t {
+    const s_xtts_entry *p_next;
+    const s_xtts_entry *p_end;
+    uint32_t ui4_left;   // samples of the present run
+    uint32_t ui4_delta;  // of each of them
+
+    explicit delta_walk_t(const s_xtts &xtts)
+        : p_next(xtts.ps_entries.get())
+        , p_end(xtts.ps_entries.get() + xtts.ui4_num_entries)
+        , ui4_left(0)
+        , ui4_delta(0)
+    {
+    }
+
+    // Moves to the next run that has samples. Behind the last one, where it returns false, there is
+    // one of delta 0 for all the samples that a track can have.
+    bool next_run()
+    {
+        do {
+            if (p_next == p_end) {
+                ui4_left = UINT32_MAX;
+                ui4_delta = 0;
+                return false;
+            }
+            ui4_left = bswap_32(p_next->ui4_num_samples);
+            ui4_delta = bswap_32(p_next->ui4_delta);
+            ++p_next;
+        } while (ui4_left == 0);
+        return true;
+    }
+};
+
 // Presentation times in ms, in decoding order, of ui4_num_samples samples. Samples behind the runs
-// of "stts" have the decoding time 0.
+// of "stts" have the decoding time 0, those behind the runs of "ctts" no offset.
 heap_array<uint32_t> expand_timestamps(const s_stbl &stbl, uint32_t ui4_num_samples,
                                        uint32_t ui4_tscale)
 {
     heap_array<uint32_t> pui4_ts = make_array<uint32_t>(ui4_num_samples);
     if (pui4_ts == nullptr) return pui4_ts;
+    delta_walk_t t_durations(stbl.stts);
+    delta_walk_t t_offsets(stbl.ctts);
     uint32_t ui4_next_ts = 0;
-    uint32_t ui4_si = 0;
-    for (uint32_t i = 0; i < stbl.stts.ui4_num_entries; ++i) {
-        const s_xtts_entry &run = stbl.stts.ps_entries[i];
-        for (uint32_t n = 0; n < run.ui4_num_samples && ui4_si < ui4_num_samples; ++n) {
-            pui4_ts[ui4_si++] = ui4_next_ts;
-            ui4_next_ts += run.ui4_delta;
-        }
-    }
-    ui4_si = 0;
-    for (uint32_t i = 0; i < stbl.ctts.ui4_num_entries; ++i) {
-        const s_xtts_entry &run = stbl.ctts.ps_entries[i];
-        for (uint32_t n = 0; n < run.ui4_num_samples && ui4_si < ui4_num_samples; ++n)
-            pui4_ts[ui4_si++] += run.ui4_delta;
-    }
-    for (ui4_si = 0; ui4_si < ui4_num_samples; ++ui4_si) {
-        const double db_ms = pui4_ts[ui4_si] * 1000.0 / ui4_tscale;
-        pui4_ts[ui4_si] = static_cast<uint32_t>(static_cast<uint64_t>(db_ms));
+    for (uint32_t i = 0; i < ui4_num_samples; ++i) {
+        if (t_durations.ui4_left == 0 && !t_durations.next_run()) ui4_next_ts = 0;
+        if (t_offsets.ui4_left == 0) t_offsets.next_run();
+        --t_durations.ui4_left;
+        --t_offsets.ui4_left;
+        const double db_ms = (ui4_next_ts + t_offsets.ui4_delta) * 1000.0 / ui4_tscale;
+        pui4_ts[i] = static_cast<uint32_t>(static_cast<int64_t>(db_ms));
+        ui4_next_ts += t_durations.ui4_delta;
     }
     return pui4_ts;
 }
@@ -712,7 +768,8 @@ bool flatten(s_stbl *p_stbl, const s_parse_ctx &ctx)
         replace(&p_tr->pui4_sync_samples, &p_stbl->pui4_sync_samples);
     }
     if (f_constant && p_stbl->stts.ui4_num_entries == 1)
-        p_tr->db_interval = p_stbl->stts.ps_entries[0].ui4_delta * (1000.0 / ctx.ui4_tscale);
+        p_tr->db_interval =
+            bswap_32(p_stbl->stts.ps_entries[0].ui4_delta) * (1000.0 / ctx.ui4_tscale);
     if (p_tr->db_interval == 0 && ui4_num_samples != 0)
         p_tr->db_interval = static_cast<double>(p_tr->ui4_duration) / ui4_num_samples;
     return true;
