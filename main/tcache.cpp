@@ -469,7 +469,7 @@ TCache::TCache(Listener *listener, uint64_t maxFilesize)
     , m_outOffset(0)
     , m_run(nullptr)
     , m_runLeft(0)
-    , m_runTaken(0)
+    , m_runStart(0)
 {
     if (m_cacheList == nullptr || m_cacheList->numbuffers() < MIN_BUFFERS) g_TCacheEnabled = false;
 }
@@ -487,7 +487,7 @@ int TCache::read(uint8_t *buf, int size)
     copyBytes(buf, m_run, wanted);
     m_run += wanted;
     m_runLeft -= wanted;
-    m_runTaken += wanted;
+    m_outOffset += wanted;
     return size;
 }
 
@@ -495,9 +495,9 @@ int64_t TCache::seek(int64_t offset)
 {
     // To where the reader stands, amid bytes that are held: demuxers often say so to be sure.
     const uint64_t dest = static_cast<uint64_t>(offset);
-    if (m_runLeft != 0 && dest == m_outOffset + m_runTaken && g_TCacheEnabled) return 0;
+    if (m_runLeft != 0 && dest == m_outOffset && g_TCacheEnabled) return 0;
     closeRun();
-    m_outOffset = dest;
+    m_outOffset = m_runStart = dest;
     if (!g_TCacheEnabled) return m_cacheList != nullptr ? m_cacheList->pt_seek(offset) : -1;
     m_cacheList->seek(m_outOffset);
     return 0;
@@ -507,9 +507,9 @@ int64_t TCache::seek(int64_t offset)
 int TCache::readOn(uint8_t *buf, int size)
 {
     closeRun();
-    if (!g_TCacheEnabled) return readPassThrough(buf, size);
-    const int nread = readCached(buf, size);
-    m_runLeft = m_cacheList->quietBytes(m_outOffset, &m_run);
+    const int nread = g_TCacheEnabled ? readCached(buf, size) : readPassThrough(buf, size);
+    if (g_TCacheEnabled) m_runLeft = m_cacheList->quietBytes(m_outOffset, &m_run);
+    m_runStart = m_outOffset;
     return nread;
 }
 
@@ -551,8 +551,8 @@ GOLT_RARE int TCache::readPassThrough(uint8_t *buf, int size)
 
 void TCache::closeRun()
 {
-    m_outOffset += m_runTaken;
-    if (m_runTaken != 0) m_cacheList->countQuiet(m_runTaken);
+    if (m_outOffset != m_runStart)
+        m_cacheList->countQuiet(static_cast<uint32_t>(m_outOffset - m_runStart));
     m_runLeft = 0;
-    m_runTaken = 0;
+    m_runStart = m_outOffset;
 }

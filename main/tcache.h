@@ -218,12 +218,12 @@ private:
     void closeRun();
 
     cachebuf_list_t *m_cacheList;  // null only in pass-through mode
-    uint64_t m_outOffset;          // of the next byte that the demuxer gets, less those of the run
+    uint64_t m_outOffset;          // of the next byte that the demuxer gets
     // A run of quiet bytes, out of which nearly all reads are served. What was taken of it is
     // counted when it is closed.
     const uint8_t *m_run;  // the next of them
     uint32_t m_runLeft;
-    uint32_t m_runTaken;
+    uint64_t m_runStart;  // offset of its first byte; m_outOffset where nothing was taken
 };
 
 #endif
