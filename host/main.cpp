@@ -3,40 +3,56 @@
 
 #include <charconv>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <new>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "golt.h"
+#include "interrupt.h"
 #include "message.h"
 #include "remux.h"
 #include "time_text.h"
 
 namespace {
 
-const char *const FOOTER = R"(
+const char *const REMUX_FOOTER = R"(
 TIME is a number of milliseconds, or hh:mm:ss.mmm, of which hours and fraction
 may be left out. N is 1 or more.
 
 OUT is written as OUT.part and gets its name when it is complete; when the work
 can't be done, OUT.part is removed. Pipes and devices are written to directly.
-What the library reports goes to the standard error, and with -q nowhere.
+SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
 
 Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
 output can't be written; 2 bad usage; 3 done, but the stream ended early or
-something else was wrong with the input.)";
+something else was wrong with the input; 128 + its number after a signal.
+
+Examples:
+  golt remux movie.mp4
+  golt remux movie.mkv - --start 10:00 | player -)";
+
+/// The subcommands. run: does what the command line has chosen.
+struct Commands {
+    RemuxOptions remux;
+    bool f_verbose = false;
+    std::function<ExitStatus(Descriptor &)> run;
+};
 
 int run(int argc, char **argv);
-void add_remux(CLI::App &app, RemuxOptions &options);
+int run_command(const Commands &commands);
+void add_remux(CLI::App &app, Commands &commands);
+void add_input(CLI::App &command, InputOptions &input);
 bool parse_count(const std::string &text, uint64_t *count);
 void complete_options(RemuxOptions &options);
 
 /// An option whose value parse reads, or else refuses.
-template <typename Value>
+template <typename Value, typename Target>
 void add_value(CLI::App &command, const char *name, const char *type,
-               bool (*parse)(const std::string &text, Value *value), std::optional<Value> &value,
+               bool (*parse)(const std::string &text, Value *value), Target &value,
                const char *help)
 {
     const auto take = [=, &value](const std::string &text) {
@@ -53,9 +69,6 @@ int main(int argc, char **argv)
 {
     try {
         return run(argc, argv);
-    } catch (const BadUsage &error) {
-        say(std::string("golt: ") + error.what());
-        return EXIT_BAD_USAGE;
     } catch (const std::bad_alloc &) {
         say("golt: out of memory");
     } catch (const std::exception &error) {
@@ -71,40 +84,79 @@ int run(int argc, char **argv)
     CLI::App app("Remuxes media files into MPEG-2 transport streams.", "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
-    RemuxOptions options;
-    add_remux(app, options);
+    Commands commands;
+    add_remux(app, commands);
     try {
         app.parse(argc, argv);
-        complete_options(options);
+        complete_options(commands.remux);
     } catch (const CLI::Success &request) {
         return app.exit(request);
     } catch (const CLI::ParseError &error) {
-        throw BadUsage(std::string(error.what()) + "; golt remux --help tells more");
+        const auto chosen = app.get_subcommands();
+        const std::string name = chosen.empty() ? "" : chosen[0]->get_name() + " ";
+        const std::string text = fmt::format("{}; golt {}--help tells more", error.what(), name);
+        say("golt: " + text);
+        return EXIT_BAD_USAGE;
+    } catch (const BadUsage &error) {
+        say(std::string("golt: ") + error.what());
+        return EXIT_BAD_USAGE;
     }
 
     // A reader that went away and a file that may not grow are told by the write that fails.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    Descriptor standard_output = take_standard_output(options.f_quiet);
-    return remux(options, std::move(standard_output));
+    note_stop_signals();
+    const int status = run_command(commands);
+    die_of_stop_signal();
+    return status;
 }
 
-void add_remux(CLI::App &app, RemuxOptions &options)
+int run_command(const Commands &commands)
 {
+    Descriptor standard_output = take_standard_output(!commands.f_verbose);
+    ExitStatus status = EXIT_NOT_DONE;
+    std::string text = "out of memory";
+    try {
+        return commands.run(standard_output);
+    } catch (const BadUsage &error) {
+        text = error.what();
+        status = EXIT_BAD_USAGE;
+    } catch (const std::bad_alloc &) {
+    } catch (const std::exception &error) {
+        text = error.what();
+    }
+    say("golt: " + text);
+    return status;
+}
+
+void add_remux(CLI::App &app, Commands &commands)
+{
+    RemuxOptions &options = commands.remux;
     CLI::App *command = app.add_subcommand("remux", "Writes IN as a transport stream to OUT");
-    command->footer(FOOTER);
-    command->add_option("IN", options.input, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command->footer(REMUX_FOOTER);
+    add_input(*command, options.input);
     command->add_option("OUT", options.output,
                         "Default: IN's name with .ts; - is the standard output");
-    command->add_option(
-        "--format", options.format,
-        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
-    add_value(*command, "--start", "TIME", parse_time, options.start_ms, "Seek there first");
-    add_value(*command, "--to", "TIME", parse_time, options.to_ms,
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or behind it");
-    add_value(*command, "--frames", "N", parse_count, options.frames, "Stop after so many frames");
+    add_value(*command, "--frames", "N", parse_count, options.input.frames,
+              "Stop after so many frames");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
     command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
+    command->callback([&commands] {
+        commands.f_verbose = !commands.remux.f_quiet;
+        commands.run = [&commands](Descriptor &standard_output) {
+            return remux(commands.remux, std::move(standard_output));
+        };
+    });
+}
+
+void add_input(CLI::App &command, InputOptions &input)
+{
+    command.add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command.add_option("--format", input.format,
+                       "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
 }
 
 // CLI11's own conversion takes "-1" for a large number.
@@ -117,10 +169,12 @@ bool parse_count(const std::string &text, uint64_t *count)
 
 void complete_options(RemuxOptions &options)
 {
-    if (options.to_ms && *options.to_ms <= options.start_ms.value_or(0))
+    InputOptions &input = options.input;
+    if (input.to_ms && *input.to_ms <= input.start_ms.value_or(0))
         throw BadUsage("--to has to lie behind --start");
-    if (options.output.empty())
-        options.output = std::filesystem::path(options.input).replace_extension(".ts").string();
+    if (!options.output.empty() || input.path.empty()) return;
+    std::filesystem::path path = input.path;
+    options.output = path.replace_extension(".ts").string();
 }
 
 }  // namespace
