@@ -11,9 +11,12 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "check.h"
 #include "golt.h"
 #include "interrupt.h"
+#include "json_text.h"
 #include "message.h"
+#include "printer.h"
 #include "remux.h"
 #include "time_text.h"
 
@@ -35,19 +38,40 @@ Examples:
   golt remux movie.mp4
   golt remux movie.mkv - --start 10:00 | player -)";
 
+const char *const CHECK_FOOTER = R"(
+Remuxes to nowhere and reads what comes out. What counts as found:
+  Times that run backward: of sound at once; of pictures where one comes after
+    16 others that all are to be shown later. Times that come twice.
+  Jumps: sound that goes on 100 ms after the end of the frame before; pictures
+    10 s apart, if that is 10 times as long as usual in this stream.
+  A frame of one stream that comes behind ones of the other that are 1 s later.
+  A PCR that runs backward, or comes more than 100 ms after the one before.
+  Pictures in front of the first parameter sets; sound frames shorter than
+    their header tells; PES packets above 65535 bytes that tell a length.
+  Packets that break ISO/IEC 13818-1. An input that ended early.
+Exit status: 0 nothing was found, 3 something was; 1 and 2 as of remux.
+
+Examples:
+  golt check movie.mp4
+  golt check movie.mkv --json | jq '.findings[].code')";
+
 /// The subcommands. run: does what the command line has chosen.
 struct Commands {
     RemuxOptions remux;
+    CheckOptions check;
     bool f_verbose = false;
-    std::function<ExitStatus(Descriptor &)> run;
+    std::function<ExitStatus(Descriptor &, Printer &)> run;
 };
 
 int run(int argc, char **argv);
-int run_command(const Commands &commands);
+int run_command(const Commands &commands, bool f_json);
 void add_remux(CLI::App &app, Commands &commands);
+void add_check(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
+void add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
 void complete_options(RemuxOptions &options);
+bool asks_for_json(int argc, char **argv);
 
 /// An option whose value parse reads, or else refuses.
 template <typename Value, typename Target>
@@ -81,11 +105,13 @@ namespace {
 
 int run(int argc, char **argv)
 {
-    CLI::App app("Remuxes media files into MPEG-2 transport streams.", "golt");
+    CLI::App app("Remuxes media files into MPEG-2 transport streams, and looks into them.", "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
     Commands commands;
     add_remux(app, commands);
+    add_check(app, commands);
+    const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
         complete_options(commands.remux);
@@ -96,9 +122,11 @@ int run(int argc, char **argv)
         const std::string name = chosen.empty() ? "" : chosen[0]->get_name() + " ";
         const std::string text = fmt::format("{}; golt {}--help tells more", error.what(), name);
         say("golt: " + text);
+        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, text).c_str(), stdout);
         return EXIT_BAD_USAGE;
     } catch (const BadUsage &error) {
         say(std::string("golt: ") + error.what());
+        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, error.what()).c_str(), stdout);
         return EXIT_BAD_USAGE;
     }
 
@@ -106,18 +134,19 @@ int run(int argc, char **argv)
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     note_stop_signals();
-    const int status = run_command(commands);
+    const int status = run_command(commands, f_json);
     die_of_stop_signal();
     return status;
 }
 
-int run_command(const Commands &commands)
+int run_command(const Commands &commands, bool f_json)
 {
     Descriptor standard_output = take_standard_output(!commands.f_verbose);
+    Printer printer(standard_output.get(), "standard output");
     ExitStatus status = EXIT_NOT_DONE;
     std::string text = "out of memory";
     try {
-        return commands.run(standard_output);
+        return commands.run(standard_output, printer);
     } catch (const BadUsage &error) {
         text = error.what();
         status = EXIT_BAD_USAGE;
@@ -126,6 +155,12 @@ int run_command(const Commands &commands)
         text = error.what();
     }
     say("golt: " + text);
+    try {
+        if (f_json) printer.print(json_error(status, text));
+        printer.flush();
+    } catch (const NotDone &) {
+        // It has been told that the output can't be written.
+    }
     return status;
 }
 
@@ -146,8 +181,23 @@ void add_remux(CLI::App &app, Commands &commands)
     command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
     command->callback([&commands] {
         commands.f_verbose = !commands.remux.f_quiet;
-        commands.run = [&commands](Descriptor &standard_output) {
+        commands.run = [&commands](Descriptor &standard_output, Printer &) {
             return remux(commands.remux, std::move(standard_output));
+        };
+    });
+}
+
+void add_check(CLI::App &app, Commands &commands)
+{
+    CheckOptions &options = commands.check;
+    CLI::App *command = app.add_subcommand("check", "Finds what a strict receiver would trip over");
+    command->footer(CHECK_FOOTER);
+    add_input(*command, options.input);
+    command->add_flag("--json", options.f_json, "Print JSON");
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return check(commands.check, printer);
         };
     });
 }
@@ -157,6 +207,12 @@ void add_input(CLI::App &command, InputOptions &input)
     command.add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS")->required();
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+}
+
+void add_verbose(CLI::App &command, Commands &commands)
+{
+    command.add_flag("-v,--verbose", commands.f_verbose,
+                     "Let the library's messages through, to the standard error");
 }
 
 // CLI11's own conversion takes "-1" for a large number.
@@ -175,6 +231,12 @@ void complete_options(RemuxOptions &options)
     if (!options.output.empty() || input.path.empty()) return;
     std::filesystem::path path = input.path;
     options.output = path.replace_extension(".ts").string();
+}
+
+bool asks_for_json(int argc, char **argv)
+{
+    return std::any_of(argv, argv + argc,
+                       [](const char *word) { return std::strcmp(word, "--json") == 0; });
 }
 
 }  // namespace
