@@ -13,6 +13,7 @@
 
 #include "check.h"
 #include "golt.h"
+#include "info.h"
 #include "interrupt.h"
 #include "json_text.h"
 #include "message.h"
@@ -38,6 +39,13 @@ Examples:
   golt remux movie.mp4
   golt remux movie.mkv - --start 10:00 | player -)";
 
+const char *const INFO_FOOTER = R"(
+Without --scan the headers of IN alone are read. Exit status: as of remux.
+
+Examples:
+  golt info movie.mp4
+  golt info movie.mkv --scan --json | jq .scan.streams)";
+
 const char *const CHECK_FOOTER = R"(
 Remuxes to nowhere and reads what comes out. What counts as found:
   Times that run backward: of sound at once; of pictures where one comes after
@@ -58,6 +66,7 @@ Examples:
 /// The subcommands. run: does what the command line has chosen.
 struct Commands {
     RemuxOptions remux;
+    InfoOptions info;
     CheckOptions check;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
@@ -66,6 +75,7 @@ struct Commands {
 int run(int argc, char **argv);
 int run_command(const Commands &commands, bool f_json);
 void add_remux(CLI::App &app, Commands &commands);
+void add_info(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_verbose(CLI::App &command, Commands &commands);
@@ -110,6 +120,7 @@ int run(int argc, char **argv)
     app.require_subcommand(1);
     Commands commands;
     add_remux(app, commands);
+    add_info(app, commands);
     add_check(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
@@ -183,6 +194,22 @@ void add_remux(CLI::App &app, Commands &commands)
         commands.f_verbose = !commands.remux.f_quiet;
         commands.run = [&commands](Descriptor &standard_output, Printer &) {
             return remux(commands.remux, std::move(standard_output));
+        };
+    });
+}
+
+void add_info(CLI::App &app, Commands &commands)
+{
+    InfoOptions &options = commands.info;
+    CLI::App *command = app.add_subcommand("info", "Tells what IN is");
+    command->footer(INFO_FOOTER);
+    add_input(*command, options.input);
+    command->add_flag("--scan", options.f_scan, "Read all frames, and tell what they come to");
+    command->add_flag("--json", options.f_json, "Print JSON");
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return info(commands.info, printer);
         };
     });
 }
