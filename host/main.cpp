@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "check.h"
+#include "frames.h"
 #include "golt.h"
 #include "info.h"
 #include "interrupt.h"
@@ -46,6 +47,17 @@ Examples:
   golt info movie.mp4
   golt info movie.mkv --scan --json | jq .scan.streams)";
 
+const char *const FRAMES_FOOTER = R"(
+A line for each frame: number, stream, time, bytes, and the NAL units of a
+picture or the figures of a sound frame's header. With --json each line is a
+JSON object, the first one tells the schema. Of M2TS files the lines are PES
+packets, in the order in which they end. TIME and exit status: as of remux.
+
+Examples:
+  golt frames movie.mp4 --start 1:00 --count 50
+  golt frames movie.mkv --csv >frames.csv
+  golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
+
 const char *const CHECK_FOOTER = R"(
 Remuxes to nowhere and reads what comes out. What counts as found:
   Times that run backward: of sound at once; of pictures where one comes after
@@ -67,6 +79,7 @@ Examples:
 struct Commands {
     RemuxOptions remux;
     InfoOptions info;
+    FramesOptions frames;
     CheckOptions check;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
@@ -76,6 +89,7 @@ int run(int argc, char **argv);
 int run_command(const Commands &commands, bool f_json);
 void add_remux(CLI::App &app, Commands &commands);
 void add_info(CLI::App &app, Commands &commands);
+void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_verbose(CLI::App &command, Commands &commands);
@@ -121,6 +135,7 @@ int run(int argc, char **argv)
     Commands commands;
     add_remux(app, commands);
     add_info(app, commands);
+    add_frames(app, commands);
     add_check(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
@@ -210,6 +225,24 @@ void add_info(CLI::App &app, Commands &commands)
     command->callback([&commands] {
         commands.run = [&commands](Descriptor &, Printer &printer) {
             return info(commands.info, printer);
+        };
+    });
+}
+
+void add_frames(CLI::App &app, Commands &commands)
+{
+    FramesOptions &options = commands.frames;
+    CLI::App *command = app.add_subcommand("frames", "Lists the frames of IN");
+    command->footer(FRAMES_FOOTER);
+    add_input(*command, options.input);
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--count", "N", parse_count, options.count, "List so many frames");
+    CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object a line");
+    command->add_flag("--csv", options.f_csv, "Print comma-separated values")->excludes(json);
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return frames(commands.frames, printer);
         };
     });
 }
