@@ -3,40 +3,104 @@
 
 #include <charconv>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <new>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "check.h"
+#include "frames.h"
 #include "golt.h"
+#include "info.h"
+#include "interrupt.h"
+#include "json_text.h"
 #include "message.h"
+#include "printer.h"
 #include "remux.h"
 #include "time_text.h"
 
 namespace {
 
-const char *const FOOTER = R"(
+const char *const REMUX_FOOTER = R"(
 TIME is a number of milliseconds, or hh:mm:ss.mmm, of which hours and fraction
 may be left out. N is 1 or more.
 
 OUT is written as OUT.part and gets its name when it is complete; when the work
 can't be done, OUT.part is removed. Pipes and devices are written to directly.
-What the library reports goes to the standard error, and with -q nowhere.
+SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
 
 Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
 output can't be written; 2 bad usage; 3 done, but the stream ended early or
-something else was wrong with the input.)";
+something else was wrong with the input; 128 + its number after a signal.
+
+Examples:
+  golt remux movie.mp4
+  golt remux movie.mkv - --start 10:00 | player -)";
+
+const char *const INFO_FOOTER = R"(
+Without --scan the headers of IN alone are read. Exit status: as of remux.
+
+Examples:
+  golt info movie.mp4
+  golt info movie.mkv --scan --json | jq .scan.streams)";
+
+const char *const FRAMES_FOOTER = R"(
+A line for each frame: number, stream, time, bytes, and the NAL units of a
+picture or the figures of a sound frame's header. With --json each line is a
+JSON object, the first one tells the schema. Of M2TS files the lines are PES
+packets, in the order in which they end. TIME and exit status: as of remux.
+
+Examples:
+  golt frames movie.mp4 --start 1:00 --count 50
+  golt frames movie.mkv --csv >frames.csv
+  golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
+
+const char *const CHECK_FOOTER = R"(
+Remuxes to nowhere and reads what comes out. What counts as found:
+  Times that run backward: of sound at once; of pictures where one comes after
+    16 others that all are to be shown later. Times that come twice.
+  Jumps: sound that goes on 100 ms after the end of the frame before; pictures
+    10 s apart, if that is 10 times as long as usual in this stream.
+  A frame of one stream that comes behind ones of the other that are 1 s later.
+  A PCR that runs backward, or comes more than 100 ms after the one before.
+  Pictures in front of the first parameter sets; sound frames shorter than
+    their header tells; PES packets above 65535 bytes that tell a length.
+  Packets that break ISO/IEC 13818-1. An input that ended early.
+Exit status: 0 nothing was found, 3 something was; 1 and 2 as of remux.
+
+Examples:
+  golt check movie.mp4
+  golt check movie.mkv --json | jq '.findings[].code')";
+
+/// The subcommands. run: does what the command line has chosen.
+struct Commands {
+    RemuxOptions remux;
+    InfoOptions info;
+    FramesOptions frames;
+    CheckOptions check;
+    bool f_verbose = false;
+    std::function<ExitStatus(Descriptor &, Printer &)> run;
+};
 
 int run(int argc, char **argv);
-void add_remux(CLI::App &app, RemuxOptions &options);
+int run_command(const Commands &commands, bool f_json);
+void add_remux(CLI::App &app, Commands &commands);
+void add_info(CLI::App &app, Commands &commands);
+void add_frames(CLI::App &app, Commands &commands);
+void add_check(CLI::App &app, Commands &commands);
+void add_input(CLI::App &command, InputOptions &input);
+void add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
 void complete_options(RemuxOptions &options);
+bool asks_for_json(int argc, char **argv);
 
 /// An option whose value parse reads, or else refuses.
-template <typename Value>
+template <typename Value, typename Target>
 void add_value(CLI::App &command, const char *name, const char *type,
-               bool (*parse)(const std::string &text, Value *value), std::optional<Value> &value,
+               bool (*parse)(const std::string &text, Value *value), Target &value,
                const char *help)
 {
     const auto take = [=, &value](const std::string &text) {
@@ -53,9 +117,6 @@ int main(int argc, char **argv)
 {
     try {
         return run(argc, argv);
-    } catch (const BadUsage &error) {
-        say(std::string("golt: ") + error.what());
-        return EXIT_BAD_USAGE;
     } catch (const std::bad_alloc &) {
         say("golt: out of memory");
     } catch (const std::exception &error) {
@@ -68,43 +129,150 @@ namespace {
 
 int run(int argc, char **argv)
 {
-    CLI::App app("Remuxes media files into MPEG-2 transport streams.", "golt");
+    CLI::App app("Remuxes media files into MPEG-2 transport streams, and looks into them.", "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
-    RemuxOptions options;
-    add_remux(app, options);
+    Commands commands;
+    add_remux(app, commands);
+    add_info(app, commands);
+    add_frames(app, commands);
+    add_check(app, commands);
+    const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
-        complete_options(options);
+        complete_options(commands.remux);
     } catch (const CLI::Success &request) {
         return app.exit(request);
     } catch (const CLI::ParseError &error) {
-        throw BadUsage(std::string(error.what()) + "; golt remux --help tells more");
+        const auto chosen = app.get_subcommands();
+        const std::string name = chosen.empty() ? "" : chosen[0]->get_name() + " ";
+        const std::string text = fmt::format("{}; golt {}--help tells more", error.what(), name);
+        say("golt: " + text);
+        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, text).c_str(), stdout);
+        return EXIT_BAD_USAGE;
+    } catch (const BadUsage &error) {
+        say(std::string("golt: ") + error.what());
+        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, error.what()).c_str(), stdout);
+        return EXIT_BAD_USAGE;
     }
 
     // A reader that went away and a file that may not grow are told by the write that fails.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    Descriptor standard_output = take_standard_output(options.f_quiet);
-    return remux(options, std::move(standard_output));
+    note_stop_signals();
+    const int status = run_command(commands, f_json);
+    die_of_stop_signal();
+    return status;
 }
 
-void add_remux(CLI::App &app, RemuxOptions &options)
+int run_command(const Commands &commands, bool f_json)
 {
+    Descriptor standard_output = take_standard_output(!commands.f_verbose);
+    Printer printer(standard_output.get(), "standard output");
+    ExitStatus status = EXIT_NOT_DONE;
+    std::string text = "out of memory";
+    try {
+        return commands.run(standard_output, printer);
+    } catch (const BadUsage &error) {
+        text = error.what();
+        status = EXIT_BAD_USAGE;
+    } catch (const std::bad_alloc &) {
+    } catch (const std::exception &error) {
+        text = error.what();
+    }
+    say("golt: " + text);
+    try {
+        if (f_json) printer.print(json_error(status, text));
+        printer.flush();
+    } catch (const NotDone &) {
+        // It has been told that the output can't be written.
+    }
+    return status;
+}
+
+void add_remux(CLI::App &app, Commands &commands)
+{
+    RemuxOptions &options = commands.remux;
     CLI::App *command = app.add_subcommand("remux", "Writes IN as a transport stream to OUT");
-    command->footer(FOOTER);
-    command->add_option("IN", options.input, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command->footer(REMUX_FOOTER);
+    add_input(*command, options.input);
     command->add_option("OUT", options.output,
                         "Default: IN's name with .ts; - is the standard output");
-    command->add_option(
-        "--format", options.format,
-        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
-    add_value(*command, "--start", "TIME", parse_time, options.start_ms, "Seek there first");
-    add_value(*command, "--to", "TIME", parse_time, options.to_ms,
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or behind it");
-    add_value(*command, "--frames", "N", parse_count, options.frames, "Stop after so many frames");
+    add_value(*command, "--frames", "N", parse_count, options.input.frames,
+              "Stop after so many frames");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
     command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
+    command->callback([&commands] {
+        commands.f_verbose = !commands.remux.f_quiet;
+        commands.run = [&commands](Descriptor &standard_output, Printer &) {
+            return remux(commands.remux, std::move(standard_output));
+        };
+    });
+}
+
+void add_info(CLI::App &app, Commands &commands)
+{
+    InfoOptions &options = commands.info;
+    CLI::App *command = app.add_subcommand("info", "Tells what IN is");
+    command->footer(INFO_FOOTER);
+    add_input(*command, options.input);
+    command->add_flag("--scan", options.f_scan, "Read all frames, and tell what they come to");
+    command->add_flag("--json", options.f_json, "Print JSON");
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return info(commands.info, printer);
+        };
+    });
+}
+
+void add_frames(CLI::App &app, Commands &commands)
+{
+    FramesOptions &options = commands.frames;
+    CLI::App *command = app.add_subcommand("frames", "Lists the frames of IN");
+    command->footer(FRAMES_FOOTER);
+    add_input(*command, options.input);
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--count", "N", parse_count, options.count, "List so many frames");
+    CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object a line");
+    command->add_flag("--csv", options.f_csv, "Print comma-separated values")->excludes(json);
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return frames(commands.frames, printer);
+        };
+    });
+}
+
+void add_check(CLI::App &app, Commands &commands)
+{
+    CheckOptions &options = commands.check;
+    CLI::App *command = app.add_subcommand("check", "Finds what a strict receiver would trip over");
+    command->footer(CHECK_FOOTER);
+    add_input(*command, options.input);
+    command->add_flag("--json", options.f_json, "Print JSON");
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &printer) {
+            return check(commands.check, printer);
+        };
+    });
+}
+
+void add_input(CLI::App &command, InputOptions &input)
+{
+    command.add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command.add_option("--format", input.format,
+                       "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+}
+
+void add_verbose(CLI::App &command, Commands &commands)
+{
+    command.add_flag("-v,--verbose", commands.f_verbose,
+                     "Let the library's messages through, to the standard error");
 }
 
 // CLI11's own conversion takes "-1" for a large number.
@@ -117,10 +285,18 @@ bool parse_count(const std::string &text, uint64_t *count)
 
 void complete_options(RemuxOptions &options)
 {
-    if (options.to_ms && *options.to_ms <= options.start_ms.value_or(0))
+    InputOptions &input = options.input;
+    if (input.to_ms && *input.to_ms <= input.start_ms.value_or(0))
         throw BadUsage("--to has to lie behind --start");
-    if (options.output.empty())
-        options.output = std::filesystem::path(options.input).replace_extension(".ts").string();
+    if (!options.output.empty() || input.path.empty()) return;
+    std::filesystem::path path = input.path;
+    options.output = path.replace_extension(".ts").string();
+}
+
+bool asks_for_json(int argc, char **argv)
+{
+    return std::any_of(argv, argv + argc,
+                       [](const char *word) { return std::strcmp(word, "--json") == 0; });
 }
 
 }  // namespace

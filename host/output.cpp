@@ -1,21 +1,17 @@
 #include "output.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "interrupt.h"
 #include "message.h"
 
 namespace {
 
-// The file that a signal which ends the program has to take along, or null.
-const char *volatile g_part = nullptr;
-
-void remove_part_at_signals();
 bool is_same_file(const struct stat &one, const struct stat &other);
 std::string behind_links(const std::string &path);
 
@@ -40,7 +36,7 @@ Output::Output(const std::string &path, Descriptor standard_output, const struct
 
 Output::~Output()
 {
-    g_part = nullptr;
+    remove_at_second_signal(nullptr);
     if (!m_part.empty()) unlink(m_part.c_str());
 }
 
@@ -51,7 +47,7 @@ void Output::complete()
     if (m_part.empty()) return;
     if (std::rename(m_part.c_str(), m_target.c_str()) != 0)
         throw NotDone(m_name, error_text(errno));
-    g_part = nullptr;
+    remove_at_second_signal(nullptr);
     m_part.clear();
 }
 
@@ -81,30 +77,10 @@ void Output::open_file(const std::string &path, const struct stat &input, bool f
     m_file = Descriptor(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (!m_file.is_open()) throw NotDone(path, error_text(errno));
     m_part = part;
-    g_part = m_part.c_str();
-    remove_part_at_signals();
+    remove_at_second_signal(m_part.c_str());
 }
 
 namespace {
-
-extern "C" void remove_part(int signal)
-{
-    if (g_part != nullptr) unlink(g_part);
-    raise(signal);  // its own action again, see SA_RESETHAND
-}
-
-void remove_part_at_signals()
-{
-    struct sigaction action = {};
-    action.sa_handler = remove_part;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction before = {};
-        sigaction(signal, nullptr, &before);
-        // nohup and the like have it ignored.
-        if (before.sa_handler == SIG_DFL) sigaction(signal, &action, nullptr);
-    }
-}
 
 bool is_same_file(const struct stat &one, const struct stat &other)
 {

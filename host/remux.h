@@ -3,20 +3,15 @@
 #ifndef HOST_REMUX_H
 #define HOST_REMUX_H
 
-#include <cstdint>
-#include <optional>
 #include <string>
 
 #include "descriptor.h"
+#include "input.h"
 #include "message.h"
 
 struct RemuxOptions {
-    std::string input;
+    InputOptions input;
     std::string output;  ///< "-": the standard output
-    std::string format;  ///< a name that the library knows; empty: found out
-    std::optional<uint32_t> start_ms;
-    std::optional<uint32_t> to_ms;
-    std::optional<uint64_t> frames;
     bool f_force = false;
     bool f_quiet = false;
 };

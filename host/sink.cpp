@@ -7,6 +7,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include "interrupt.h"
+
 namespace {
 
 constexpr size_t PACKET_SIZE = 188;
@@ -67,6 +69,9 @@ int write_all(int fd, const uint8_t *data, size_t size)
         if (count > 0) {
             data += count;
             size -= static_cast<size_t>(count);
+            if (size > 0 && stop_signal() != 0) return EINTR;
+        } else if (count < 0 && (errno == EINTR || errno == EAGAIN) && stop_signal() != 0) {
+            return EINTR;  // the reader of a pipe may never come
         } else if (count < 0 && errno == EAGAIN) {
             // Whoever shares the pipe may have made it non-blocking.
             pollfd ready = {fd, POLLOUT, 0};

@@ -9,8 +9,20 @@
 
 #include "message.h"
 
-Source::Source(const std::string &path)
-    : m_path(path)
+void Source::move_on(int64_t count)
+{
+    m_position += count;
+    if (m_position > m_furthest) m_furthest = m_position;
+}
+
+uint64_t Source::unread() const
+{
+    const auto furthest = static_cast<uint64_t>(m_furthest);
+    return furthest < size() ? size() - furthest : 0;
+}
+
+FileSource::FileSource(const std::string &path)
+    : Source(path)
 {
     if (path == "-") throw NotDone("standard input", "can't be sought in; name a file");
     // A pipe without a writer would block here; to a regular file O_NONBLOCK means nothing.
@@ -23,7 +35,7 @@ Source::Source(const std::string &path)
     posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
-int Source::read(uint8_t *buffer, int size)
+int FileSource::read(uint8_t *buffer, int size)
 {
     if (size <= 0) return 0;
     ssize_t count = 0;
@@ -36,19 +48,13 @@ int Source::read(uint8_t *buffer, int size)
     if (count == 0 && m_position < m_status.st_size && m_fault.empty())
         m_fault = "the file became shorter while it was read";
     if (count <= 0) return 0;
-    m_position += count;
-    if (m_position > m_furthest) m_furthest = m_position;
+    move_on(count);
     return static_cast<int>(count);
 }
 
-int64_t Source::seek(int64_t offset, int whence)
+int64_t FileSource::seek(int64_t offset, int whence)
 {
     if (offset < 0 || whence != SEEK_SET) return -1;
     m_position = offset;
     return 0;
-}
-
-uint64_t Source::unread() const
-{
-    return m_furthest < m_status.st_size ? static_cast<uint64_t>(m_status.st_size - m_furthest) : 0;
 }

@@ -204,3 +204,17 @@ judges() {
     judges sync_lost.m2ts      3 '2112 of its 4032 bytes'
     ends 0 '' 'untimed.mp4 out --to 1:00'  # an end that isn't there
 }
+
+@test "a signal ends a write to a reader that stands still" {
+    mkfifo pipe
+    sleep 60 <pipe &
+    local reader=$! status=0
+    $GOLT remux -q in.m2ts - >pipe 2>said &
+    local writer=$!
+    sleep 1
+    kill -TERM $writer
+    wait $writer || status=$?
+    kill $reader
+    [ "$status" -eq 143 ]
+    [ "$(cat said)" = 'golt: standard output: stopped by SIGTERM' ]
+}

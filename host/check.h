@@ -1,0 +1,19 @@
+// The subcommand check: what a strict receiver would trip over in the stream that comes of an
+// input.
+
+#ifndef HOST_CHECK_H
+#define HOST_CHECK_H
+
+#include "input.h"
+#include "message.h"
+#include "printer.h"
+
+struct CheckOptions {
+    InputOptions input;
+    bool f_json = false;
+};
+
+/// EXIT_DONE_WITH_FAULTS when something was found. Throws NotDone or BadUsage.
+ExitStatus check(const CheckOptions &options, Printer &printer);
+
+#endif

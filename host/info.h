@@ -1,0 +1,19 @@
+// The subcommand info: what an input is, by its headers, or by all of its frames.
+
+#ifndef HOST_INFO_H
+#define HOST_INFO_H
+
+#include "input.h"
+#include "message.h"
+#include "printer.h"
+
+struct InfoOptions {
+    InputOptions input;
+    bool f_scan = false;
+    bool f_json = false;
+};
+
+/// Throws NotDone or BadUsage.
+ExitStatus info(const InfoOptions &options, Printer &printer);
+
+#endif
