@@ -18,6 +18,7 @@
 #include "interrupt.h"
 #include "json_text.h"
 #include "message.h"
+#include "plot.h"
 #include "printer.h"
 #include "remux.h"
 #include "time_text.h"
@@ -75,12 +76,21 @@ Examples:
   golt check movie.mp4
   golt check movie.mkv --json | jq '.findings[].code')";
 
+const char *const PLOT_FOOTER = R"(
+The picture shows the bit rates of both streams, how late each comes behind the
+other in the file's order, and the sync points that seeks to 120 places came to
+(in files with pictures). Exit status: as of remux.
+
+Example:
+  golt plot movie.mp4 -o timeline.svg)";
+
 /// The subcommands. run: does what the command line has chosen.
 struct Commands {
     RemuxOptions remux;
     InfoOptions info;
     FramesOptions frames;
     CheckOptions check;
+    PlotOptions plot;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
 };
@@ -91,6 +101,7 @@ void add_remux(CLI::App &app, Commands &commands);
 void add_info(CLI::App &app, Commands &commands);
 void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
+void add_plot(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
@@ -137,6 +148,7 @@ int run(int argc, char **argv)
     add_info(app, commands);
     add_frames(app, commands);
     add_check(app, commands);
+    add_plot(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
@@ -258,6 +270,23 @@ void add_check(CLI::App &app, Commands &commands)
     command->callback([&commands] {
         commands.run = [&commands](Descriptor &, Printer &printer) {
             return check(commands.check, printer);
+        };
+    });
+}
+
+void add_plot(CLI::App &app, Commands &commands)
+{
+    PlotOptions &options = commands.plot;
+    CLI::App *command = app.add_subcommand("plot", "Draws bit rates and times of IN");
+    command->footer(PLOT_FOOTER);
+    add_input(*command, options.input);
+    command->add_option("-o,--output", options.output, "The SVG to write; - is the standard output")
+        ->required();
+    command->add_flag("--force", options.f_force, "Replace the file where it exists");
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &standard_output, Printer &) {
+            return plot(commands.plot, std::move(standard_output));
         };
     });
 }
