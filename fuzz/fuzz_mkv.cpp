@@ -1,0 +1,9 @@
+// The demuxer behind "mkv", without cache and driver.
+
+#include "target.h"
+
+int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
+{
+    run_demuxer(GOLT::g_dmx_handlers[3], Input(pb_data, size));
+    return 0;
+}

@@ -1,0 +1,209 @@
+// Writes the seeds of the fuzz targets, small files of every kind with the recipes of some runs, to
+// the folder that is named: DIR/TARGET/NAME. Further arguments are files, of whose contents seeds are
+// made too; their extension tells the format.
+
+#include <cstdio>
+#include <filesystem>
+
+#include "files.h"
+#include "mkv_builder.h"
+#include "mp3_builder.h"
+#include "mp4_builder.h"
+
+namespace {
+
+std::string g_dir;
+
+void write_seed(const std::string &target, const std::string &name, const Bytes &bytes)
+{
+    std::filesystem::create_directories(g_dir + "/" + target);
+    write_file(g_dir + "/" + target + "/" + name, bytes);
+}
+
+const std::string FORMATS[] = {"m2ts", "mp3", "mp4", "mkv"};
+
+// What comes behind the format in a recipe: how the size is told, the size of reads, the faults, their
+// period, the first of them (two bytes), a spare byte, then eight steps.
+const struct {
+    const char *name, *recipe;
+} RECIPES[] = {
+    {"plain", ""},
+    {"small_reads", "00 10"},
+    {"time_seeks", "00 00 00 00 00 00 00 03 60 02 41 1F 68 02 BF"},
+    {"unknown_size", "01 C8 00 00 00 00 00 04 50 05 43 20 C5 20 C0"},
+    {"half_size", "02 00 00 00 00 00 00 08 7F 03 40 C2 C3 C4 C1"},
+    {"zeros", "00 40 01 02 04 00 00 05 48 0A C5 05 44 10 C2"},
+    {"silence", "01 00 02 01 08 00 00 05 48 0A C0 05 44 10 C2"},
+    {"refused_seeks", "03 00 0C 03 02 00 00 05 48 0A C5 05 44 10 C2"},
+    {"lies", "04 30 10 05 03 00 00 05 48 0A C5 05 44 10 C2"},
+    {"no_memory", "00 00 20 04 00 10 00 05 48 0A C5 05 44 10 C2"},
+    {"no_cache", "05 22 44 04 05 00 00 05 48 0A C5 05 44 10 C2"},
+};
+
+Bytes with_recipe(size_t format, const std::string &recipe, const Bytes &file)
+{
+    // The second demuxer is of another format than the first.
+    Bytes out = {static_cast<uint8_t>(format | (format + 1) % 4 << 2)};
+    out += hex(recipe);
+    out.resize(16);
+    return out + file;
+}
+
+void write_seeds(size_t format, const std::string &name, const Bytes &file, bool f_all)
+{
+    for (const auto &row : RECIPES) {
+        const Bytes seed = with_recipe(format, row.recipe, file);
+        const std::string seed_name = name + "-" + row.name;
+        write_seed(FORMATS[format], seed_name, seed);
+        write_seed("file", FORMATS[format] + "-" + seed_name, seed);
+        if (!f_all && std::string(row.name) == "time_seeks") break;
+    }
+}
+
+void write_m2ts()
+{
+    Bytes file;
+    for (uint8_t i = 0; i < 12; ++i)
+        file += be32(i * 1000u) + Bytes{0x47} + Bytes(187, i);
+    write_seeds(0, "records", file, true);
+    write_seeds(0, "garbage_in_front", pattern(50, 1) + file, false);
+    write_seeds(0, "cut", Bytes(file.begin(), file.end() - 100), false);
+}
+
+void write_mp3()
+{
+    write_seeds(1, "constant", Mp3().frames(40).file, true);
+    write_seeds(1, "variable", Mp3().variable_rate(60, 5).file, false);
+    write_seeds(1, "tag", Mp3().raw(hex("49443303000000000009") + Bytes(9)).frames(9).file, false);
+    write_seeds(1, "layers",
+                Mp3().frames(3, 0xFFFDE400, 1152).frames(9, 0xFFFF1800, 48).frames(9).file, false);
+    write_seeds(1, "damaged", Mp3().frames(9).raw(Bytes(99, 0xFF)).frames(9).file, false);
+}
+
+Mp4Track pictures(size_t count)
+{
+    Mp4Track track = Mp4Track::video();
+    for (uint8_t i = 0; i < count; ++i)
+        track.sample(nal({0x65, i}) + nal({0x41, i, 7}));
+    track.stss = {1, 3};
+    track.chunks = {2, 1};
+    return track;
+}
+
+Mp4Track sound(size_t count)
+{
+    Mp4Track track = Mp4Track::audio();
+    for (uint8_t i = 0; i < count; ++i)
+        track.sample({0x21, i, 3});
+    track.chunks = {1, 2, 1};
+    return track;
+}
+
+void write_mp4()
+{
+    Mp4Track video = pictures(5), audio = sound(6);
+    write_seeds(2, "both", Mp4File().add(video).add(audio).build(), true);
+    Mp4File last;
+    last.order = {"ftyp", "mdat", "moov"};
+    write_seeds(2, "movie_last", last.add(audio).add(video).build(), false);
+    video.put["ctts"] = table_box("ctts", 2, {1, 80, 4, 0});
+    video.put["stts"] = table_box("stts", 2, {2, 40, 3, 41});
+    write_seeds(2, "reordered", Mp4File().add(video).build(), false);
+    audio.long_lengths = true;
+    audio.put["stsz"] = table_box("stsz", 3, {6});
+    write_seeds(2, "constant_size", Mp4File().add(audio).add(pictures(2)).build(), false);
+    Mp4Track ac3 = sound(3);
+    ac3.entry_type = "ac-3";
+    write_seeds(2, "ac3", Mp4File().add(ac3).add(sound(4)).add(pictures(2)).build(), false);
+    Mp4Track sets = pictures(3);
+    sets.sps = {{0x67, 1, 2, 3}, {0x67, 9}};
+    sets.pps = {{0x68}, {}, {0x68, 4, 5}};
+    write_seeds(2, "parameter_sets", Mp4File().add(sets).build(), false);
+}
+
+void write_mkv()
+{
+    const std::string avc = "t1['V_MPEG4/ISO/AVC']63A2[01640028FF.E1.0002.6711.01.0002.6801] ";
+    const std::string aac = "t2['A_AAC']23E383[#32000000]E1[B5[473B8000]9F[02]] ";
+    const std::string ac3 =
+        "t2['A_AC3']6D80[6240[5031[00]5032[01]5033[00]5034[4254[03]4255[0B77]]]] ";
+    const std::string scene = " l02.01.01.0102 v0(6701)(65*9) a0=03 v80(41)";
+    const auto seeds = [](const char *name, const std::string &words, bool f_all) {
+        write_seeds(3, name, MkvFile(words).build(), f_all);
+    };
+    seeds("scenes", "h0 d473B8000 " + avc + aac + "C2000" + scene + " C4000" + scene + " q6000 k",
+          true);
+    seeds("cues_in_front", avc + aac + "k C0" + scene + " C500" + scene + " C900" + scene, false);
+    seeds("laces",
+          aac +
+              "c0 l04.02.010203 l06.06.81.C0.5FFE.300000.17FFFFFE.0C00000000.01020203040405060607 "
+              "l02.02.FEFF00.01*254.02*255.03 l00.05*4",
+          false);
+    seeds("ac3", ac3 + "c0 a0=0B7701 a0=020304 a0=0B", false);
+    seeds("groups", avc + "c0 =A0[FB[01]A1[81.%5(65)]9B[28]FB[D8]] v40{41*9}{4199} =A7[05]AB[09]",
+          false);
+    seeds("other_codecs", "t1['V_VP8']E0[B0[0140]BA[F0]] t2['A_MPEG/L3'] c0 v0(4199) a0=08", false);
+    seeds("noise", "nEC[A3*9]4FFE[01] h0 d473B8000 " + avc + aac + " C0" + scene + " k", false);
+    seeds("unknown_sizes", avc + "=1F43B675.01FFFFFFFFFFFFFF.E7[00]A3.8A.81000000.00000002.6501",
+          false);
+}
+
+void write_mux()
+{
+    // Codecs, rate and channels, then frames: their kind, time and size.
+    const char *const heads[] = {"0307 00 00000002", "0406 01 00000006", "0207 00 00000001",
+                                 "0501 03 00000000", "0000 07 FFFFFFFF"};
+    const char *const frames[] = {
+        "00 000000 0001", "01 000001 0200",        "08 000028 FF",
+        "09 000029 10",   "00 00FFFF FFFF",        "1C FFFFFFFFFFFFFFFF 40",
+        "02 000000 00BC", "0B 12345678 000001 10", "21 000000 0100"};
+    int number = 0;
+    for (const char *head : heads) {
+        Bytes all = hex(head);
+        for (const char *frame : frames)
+            write_seed("mux", std::to_string(number++), all += hex(frame));
+    }
+}
+
+void write_tcache()
+{
+    int number = 0;
+    for (uint32_t mode = 0; mode < 8; ++mode) {
+        for (uint32_t faults = 0; faults < 0x40; faults = faults * 2 + (faults == 0)) {
+            const Bytes head = {static_cast<uint8_t>(mode),
+                                static_cast<uint8_t>(faults),
+                                0x20,
+                                0x11,
+                                0x05,
+                                0x10,
+                                0x02,
+                                0x01};
+            write_seed("tcache", std::to_string(number++), head + pattern(200, mode * 64 + faults));
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) {
+        fprintf(stderr, "usage: make_seeds DIR [FILE...]\n");
+        return 2;
+    }
+    g_dir = argv[1];
+    write_m2ts();
+    write_mp3();
+    write_mp4();
+    write_mkv();
+    write_mux();
+    write_tcache();
+    for (int i = 2; i < argc; ++i) {
+        const std::filesystem::path path = argv[i];
+        for (size_t format = 0; format < std::size(FORMATS); ++format) {
+            if (path.extension() == "." + FORMATS[format])
+                write_seeds(format, path.stem().string(), read_file(path.string()), false);
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,102 @@
+// What the fuzz targets share: the shape of an input that is a file, and the rules of a run.
+//
+// Such an input begins with a recipe, which says what is done with the file behind it and which
+// faults the host has; a recipe of zeros is a host without faults. A host that says "not yet" costs
+// the cache 50 ms at most; its sleeps take no time in these programs.
+
+#ifndef GOLT_FUZZ_TARGET_H
+#define GOLT_FUZZ_TARGET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "GOLT.h"
+#include "heap.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size);
+/// Of libFuzzer: changes the size bytes at pb_data in place, to max_size at most; the new size.
+extern "C" size_t LLVMFuzzerMutate(uint8_t *pb_data, size_t size, size_t max_size);
+
+/// Ends the program, with the reason on the standard error, unless f_ok.
+void require(bool f_ok, const char *reason);
+
+/// Makes the library new, as far as anything outlives a driver, and the watches too.
+void begin_input();
+
+constexpr size_t RECIPE_SIZE = 16;
+
+enum fault_t : uint8_t {
+    FAULT_ZERO = 0x01,      ///< reads that deliver nothing
+    FAULT_NEGATIVE = 0x02,  ///< and such that say "not yet"
+    FAULT_SHORT = 0x04,
+    FAULT_SEEK = 0x08,  ///< seeks that are refused
+    FAULT_LIE = 0x10,   ///< reads that claim more than they were offered
+    FAULT_MEMORY = 0x20,
+    FAULT_NO_CACHE = 0x40,
+};
+
+struct op_t {
+    enum kind_t { READ, SEEK_TIME, SEEK_BYTES, OTHER } kind;
+    uint32_t number;  ///< frames, milliseconds, bytes, or which other
+};
+
+/// An input, taken apart. The bytes of the file are in a block of their exact size.
+struct Input {
+    Input(const uint8_t *pb_data, size_t size);
+
+    unsigned format;         ///< row of the format table
+    unsigned second_format;  ///< of a demuxer that lives beside the first
+    uint8_t told_size;       ///< by which rule the host tells the size
+    int most_of_read;        ///< bytes that a read delivers at most
+    uint8_t faults;          ///< fault_t
+    unsigned fault_period;   ///< one call in so many has a fault
+    unsigned first_fault;    ///< number of the call from which on that is so
+    int granted;             ///< requests for memory in front of the one that is refused
+    std::vector<op_t> ops;
+    std::vector<uint8_t> file;
+};
+
+/// What a host sees of a frame. The bytes are summed up.
+struct seen_t {
+    uint64_t ui8_time_ms;
+    uint32_t ui4_type;
+    uint32_t ui4_size;
+    uint64_t ui8_sum;
+
+    bool operator==(const seen_t &other) const
+    {
+        return ui8_time_ms == other.ui8_time_ms && ui4_type == other.ui4_type &&
+               ui4_size == other.ui4_size && ui8_sum == other.ui8_sum;
+    }
+};
+
+/// Looks at every byte of a frame that a demuxer has delivered.
+seen_t look_at(const GOLT_frame_t &t_frame);
+
+/// Runs one demuxer over an input, without cache and driver. The frames of the undisturbed run.
+std::vector<seen_t> run_demuxer(const GOLT_DMX_handler_t &t_module, const Input &t_input);
+
+/// Frames that a file can have, by its size in bytes.
+uint64_t frames_limit(unsigned format, uint64_t ui8_size);
+/// Frames that one run looks at. Some formats tell very many in few bytes.
+constexpr size_t FRAMES_LOOKED_AT = 20000;
+
+/// Measures one call of the library, in the programs that fuzz: it mustn't take long, nor the heap
+/// grow large.
+class CallWatch {
+public:
+    CallWatch();
+    ~CallWatch();
+    CallWatch(const CallWatch &) = delete;
+    CallWatch &operator=(const CallWatch &) = delete;
+
+    /// Longest call since the program began.
+    static double s_longest;
+
+private:
+    LibraryCall m_call;
+    double m_start;
+};
+
+#endif

@@ -1,0 +1,103 @@
+#include "heap.h"
+
+#include <malloc.h>
+
+#include <new>
+
+HeapWatch g_heap;
+
+// The linker's names for what it has replaced, and for what stands in its place.
+#if defined(__LP64__)
+#define MANGLED_SIZE(head, tail) head##m##tail
+#else
+#define MANGLED_SIZE(head, tail) head##j##tail
+#endif
+#define REAL_NEW MANGLED_SIZE(__real__Znw, RKSt9nothrow_t)
+#define WRAP_NEW MANGLED_SIZE(__wrap__Znw, RKSt9nothrow_t)
+#define REAL_NEW_ARRAY MANGLED_SIZE(__real__Zna, RKSt9nothrow_t)
+#define WRAP_NEW_ARRAY MANGLED_SIZE(__wrap__Zna, RKSt9nothrow_t)
+#define REAL_DELETE_SIZED MANGLED_SIZE(__real__ZdlPv, )
+#define WRAP_DELETE_SIZED MANGLED_SIZE(__wrap__ZdlPv, )
+
+namespace {
+
+bool is_refused()
+{
+    if (!g_heap.f_watched) return false;
+    if (g_heap.granted > 0) {
+        --g_heap.granted;
+        return false;
+    }
+    return g_heap.refused-- > 0;
+}
+
+void *count(void *block)
+{
+    if (!g_heap.f_watched || block == nullptr) return block;
+    g_heap.held += malloc_usable_size(block);
+    if (g_heap.held > g_heap.most) g_heap.most = g_heap.held;
+    return block;
+}
+
+void discount(void *block)
+{
+    if (g_heap.f_watched && block != nullptr) g_heap.held -= malloc_usable_size(block);
+}
+
+}  // namespace
+
+extern "C" {
+
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void __real_free(void *block);
+void *REAL_NEW(size_t size, const std::nothrow_t &tag);
+void *REAL_NEW_ARRAY(size_t size, const std::nothrow_t &tag);
+void __real__ZdlPv(void *block);
+void REAL_DELETE_SIZED(void *block, size_t size);
+void __real__ZdaPv(void *block);
+
+void *__wrap_malloc(size_t size)
+{
+    return is_refused() ? nullptr : count(__real_malloc(size));
+}
+
+void *__wrap_calloc(size_t number, size_t size)
+{
+    return is_refused() ? nullptr : count(__real_calloc(number, size));
+}
+
+void __wrap_free(void *block)
+{
+    discount(block);
+    __real_free(block);
+}
+
+void *WRAP_NEW(size_t size, const std::nothrow_t &tag)
+{
+    return is_refused() ? nullptr : count(REAL_NEW(size, tag));
+}
+
+void *WRAP_NEW_ARRAY(size_t size, const std::nothrow_t &tag)
+{
+    return is_refused() ? nullptr : count(REAL_NEW_ARRAY(size, tag));
+}
+
+void __wrap__ZdlPv(void *block)
+{
+    discount(block);
+    __real__ZdlPv(block);
+}
+
+void WRAP_DELETE_SIZED(void *block, size_t size)
+{
+    discount(block);
+    REAL_DELETE_SIZED(block, size);
+}
+
+void __wrap__ZdaPv(void *block)
+{
+    discount(block);
+    __real__ZdaPv(block);
+}
+}
