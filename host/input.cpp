@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "http_source.h"
 #include "interrupt.h"
 #include "message.h"
 #include "time_text.h"
@@ -19,6 +20,19 @@ std::string extension_of(const std::string &path);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
 
 }  // namespace
+
+bool is_url(const std::string &path)
+{
+    for (const std::string scheme : {"http://", "https://"}) {
+        const bool f_same =
+            path.size() >= scheme.size() &&
+            std::equal(scheme.begin(), scheme.end(), path.begin(), [](int a, int b) {
+                return a == std::tolower(static_cast<unsigned char>(b));
+            });
+        if (f_same) return true;
+    }
+    return false;
+}
 
 Input::Input(const InputOptions &options)
     : m_options(options)
@@ -155,6 +169,7 @@ namespace {
 
 std::unique_ptr<Source> open_source(const InputOptions &options)
 {
+    if (is_url(options.path)) return open_http_source(options.path, options.timeout_s);
     return std::make_unique<FileSource>(options.path);
 }
 
@@ -200,7 +215,7 @@ size_t read_head(Source &source, uint8_t *head, size_t size)
 // Without its dot; of a URL's path.
 std::string extension_of(const std::string &path)
 {
-    const std::string name = path;
+    const std::string name = is_url(path) ? path.substr(0, path.find_first_of("?#")) : path;
     const std::string dotted = std::filesystem::path(name).extension().string();
     return dotted.size() > 1 ? dotted.substr(1) : "";
 }

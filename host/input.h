@@ -14,12 +14,15 @@
 #include "source.h"
 
 struct InputOptions {
-    std::string path;    ///< of a file
-    std::string format;  ///< a name that the library knows; empty: found out
+    std::string path;         ///< of a file, or a URL
+    std::string format;       ///< a name that the library knows; empty: found out
+    uint32_t timeout_s = 20;  ///< without data, after which a server is given up
     std::optional<uint32_t> start_ms;
     std::optional<uint32_t> to_ms;
     std::optional<uint64_t> frames;
 };
+
+bool is_url(const std::string &path);
 
 /// The input, opened, and its demuxer.
 class Input {

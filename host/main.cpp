@@ -39,7 +39,8 @@ something else was wrong with the input; 128 + its number after a signal.
 
 Examples:
   golt remux movie.mp4
-  golt remux movie.mkv - --start 10:00 | player -)";
+  golt remux movie.mkv - --start 10:00 | player -
+  golt remux https://example.org/movie.mp4 movie.ts)";
 
 const char *const INFO_FOOTER = R"(
 Without --scan the headers of IN alone are read. Exit status: as of remux.
@@ -79,7 +80,7 @@ Examples:
 const char *const PLOT_FOOTER = R"(
 The picture shows the bit rates of both streams, how late each comes behind the
 other in the file's order, and the sync points that seeks to 120 places came to
-(in files with pictures). Exit status: as of remux.
+(in files with pictures; not at URLs). Exit status: as of remux.
 
 Example:
   golt plot movie.mp4 -o timeline.svg)";
@@ -105,6 +106,7 @@ void add_plot(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
+bool parse_timeout(const std::string &text, uint32_t *seconds);
 void complete_options(RemuxOptions &options);
 bool asks_for_json(int argc, char **argv);
 
@@ -293,9 +295,13 @@ void add_plot(CLI::App &app, Commands &commands)
 
 void add_input(CLI::App &command, InputOptions &input)
 {
-    command.add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS")->required();
+    command
+        .add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS, or its http(s) URL")
+        ->required();
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+    add_value(command, "--timeout", "SECONDS", parse_timeout, input.timeout_s,
+              "Give a server up that sends nothing for so long (1 to 120; default: 20)");
 }
 
 void add_verbose(CLI::App &command, Commands &commands)
@@ -312,6 +318,16 @@ bool parse_count(const std::string &text, uint64_t *count)
     return result.ec == std::errc() && result.ptr == end && *count != 0;
 }
 
+bool parse_timeout(const std::string &text, uint32_t *seconds)
+{
+    // A source relies on the limit.
+    constexpr uint64_t LONGEST = 120;
+    uint64_t count = 0;
+    if (!parse_count(text, &count) || count > LONGEST) return false;
+    *seconds = static_cast<uint32_t>(count);
+    return true;
+}
+
 void complete_options(RemuxOptions &options)
 {
     InputOptions &input = options.input;
@@ -319,6 +335,11 @@ void complete_options(RemuxOptions &options)
         throw BadUsage("--to has to lie behind --start");
     if (!options.output.empty() || input.path.empty()) return;
     std::filesystem::path path = input.path;
+    if (is_url(input.path)) {
+        path =
+            std::filesystem::path(input.path.substr(0, input.path.find_first_of("?#"))).filename();
+        if (path.empty()) throw BadUsage("OUT is required: the URL names no file");
+    }
     options.output = path.replace_extension(".ts").string();
 }
 

@@ -94,8 +94,8 @@ ExitStatus plot(const PlotOptions &options, Descriptor standard_output)
     if (plotter.timeline.is_empty()) throw NotDone(path, "no frame in it has a time");
     const std::string fault = pump.fault_in_input();
 
-    // Sound can begin anywhere.
-    const bool f_probe = input.format().has_times && stop_signal() == 0 &&
+    // At a server each seek would be a request. Sound can begin anywhere.
+    const bool f_probe = !is_url(path) && input.format().has_times && stop_signal() == 0 &&
                          pump.content().videoCodec != PELA::VIDEO_CODEC_UNKNOWN;
     if (f_probe) probe(pump, frames, plotter);
 
