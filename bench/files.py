@@ -34,10 +34,12 @@ def path_of(folder, form, rate):
     return os.path.join(folder, f"{name if form != 'mp3' else 'song'}_{rate}.{suffix}")
 
 
-def make_real_files(folder, size):
-    """Files of about size bytes in each format, of a high and of a low bit rate, unless they are there."""
+def make_real_files(folder, size, rates):
+    """Files of about size bytes in each format, of a high or a low bit rate or both, unless they are there."""
     os.makedirs(folder, exist_ok=True)
     for rate, seconds, picture, effect, video, sound in FILMS:
+        if rate not in rates:
+            continue
         out = path_of(folder, "mp4", rate)
         if not os.path.exists(out):
             seed = os.path.join(folder, f"seed_{rate}.mp4")
@@ -54,6 +56,8 @@ def make_real_files(folder, size):
         if not os.path.exists(path_of(folder, "mkvmerge", rate)):
             run("mkvmerge", "-q", "-o", path_of(folder, "mkvmerge", rate), out)
     for rate, seconds, bits in SONGS:
+        if rate not in rates:
+            continue
         out = path_of(folder, "mp3", rate)
         if not os.path.exists(out):
             seed = os.path.join(folder, f"seed_{rate}.mp3")

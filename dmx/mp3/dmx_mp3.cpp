@@ -88,6 +88,31 @@ constexpr int bitrate_table[3][16] = {
 // Hertz; by sampling_frequency.
 constexpr int sampling_frequency_table[4] = {44100, 48000, 32000, 0};
 
+// Bytes of a frame without padding; rows and columns as above, and one for each sampling_frequency.
+// A table, because each frame needs its number and some processors have no division.
+struct framesize_table_t {
+    uint16_t size[3][16][3];
+};
+
+constexpr framesize_table_t make_framesize_table()
+{
+    framesize_table_t t_table = {};
+    for (uint32_t row = 0; row < 3; ++row) {
+        for (uint32_t index = 0; index < 16; ++index) {
+            for (uint32_t rate = 0; rate < 3; ++rate) {
+                const int bitrate = 1000 * bitrate_table[row][index];
+                const int sampfreq = sampling_frequency_table[rate];
+                // Layer I counts in slots of four bytes.
+                const int size = row == 0 ? 12 * bitrate / sampfreq * 4 : 144 * bitrate / sampfreq;
+                t_table.size[row][index][rate] = static_cast<uint16_t>(size);
+            }
+        }
+    }
+    return t_table;
+}
+
+constexpr framesize_table_t framesize_table = make_framesize_table();
+
 // Duration of a frame of 384 samples (Layer I) or 1152 samples, milliseconds with 12 fraction bits,
 // cut off; rows: Layer I, II, III; columns: sampling_frequency.
 constexpr uint32_t msec_per_packet[3][3] = {
@@ -269,9 +294,9 @@ bool measure_frame(MP3FrameInfo_t *pMP3Info)
     pMP3Info->layer = static_cast<int>(row);
     pMP3Info->bitrate = bitrate;
     pMP3Info->sampfreq = sampfreq;
-    // Layer I counts in slots of four bytes.
+    const uint32_t slot = row == 0 ? 4 : 1;
     pMP3Info->framesize =
-        row == 0 ? 4 * (12 * bitrate / sampfreq + padding) : 144 * bitrate / sampfreq + padding;
+        framesize_table.size[row][bitrate_index][sampling_frequency] + slot * padding;
     pMP3Info->msec_per_pkt = static_cast<int>(msec_per_packet[row][sampling_frequency]);
     pMP3Info->channels = field(ui4_header, FIELD_MODE) == MP3_MODE_SINGLE_CHANNEL ? 1 : 2;
     return true;
