@@ -85,7 +85,8 @@ public:
     CacheRun(ScriptedHost &host, uint64_t told_size)
         : m_host(host)
         , m_exact(told_size == host.size && host.size != 0 &&
-                  (host.faults & (FAULT_ZERO | FAULT_NEGATIVE | FAULT_LIE | FAULT_SHORT)) == 0)
+                  (host.faults &
+                   (FAULT_ZERO | FAULT_NEGATIVE | FAULT_LIE | FAULT_SHORT | FAULT_MEMORY)) == 0)
     {
         const CallWatch watch;
         m_cache = new (std::nothrow) TCache(&host, told_size);

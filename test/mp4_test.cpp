@@ -155,6 +155,8 @@ TEST(Mp4, DeliversWhatIsSound)
         // Each of these would take gigabytes if it were believed.
         {"a table", "stsz:800000007374737A000000000000000010000000", ""},
         {"samples of a byte", "stsz=1,3 stsc=1,1,-9,1", ""},
+        {"half a million", "stsz=6,3 stsc=1,1,500000,1", "v0 v40 v80"},
+        {"half a million twice", "order=vv stsz=6,3 stsc=1,1,500000,1", ""},
         {"a sample", "stsz=0x7FFFFFFF,3", ""},
         {"parameter sets", "avcC:7FFFFFF061766343000000000000000000000000", ""},
     };

@@ -21,6 +21,9 @@ constexpr uint32_t START_CODE = 0x00000001;
 // these.
 constexpr uint64_t UNPROVEN_BLOCK = 2 * 1024 * 1024;
 
+// Samples of one size for all that are laid out on the file's word, in all tracks together.
+constexpr uint32_t UNPROVEN_SAMPLES = UNPROVEN_BLOCK / sizeof(uint32_t);
+
 // Searches for "stbl" in one "mdia", each of which may run to that box's end. A sound file needs
 // one.
 constexpr int MAX_STBL_SEARCHES = 8;
@@ -85,6 +88,8 @@ struct dmx_mp4_t {
     void *pv_handle;
     s_st_v st_v;
     s_st_a st_a;
+    uint64_t ui8_claimed_bytes;     // by tables whose samples have one size
+    uint32_t ui4_unproven_samples;  // of these tables; at most UNPROVEN_SAMPLES
 };
 
 dmx_mp4_t dmx_mp4;
@@ -610,15 +615,23 @@ uint32_t count_samples(const s_stbl &stbl)
 
 // Number of samples that offsets are allocated for: as many as there are sizes, which came from the
 // file. With a constant size the count stands on two numbers of the file alone; above the limit for
-// unproven blocks the file has to be as long as that many samples.
+// unproven samples the file has to be as long as all the samples that were claimed so. They count
+// for all tracks together, as a track of half a million samples takes but a few hundred bytes.
 uint32_t limit_samples(const s_stbl &stbl, uint32_t ui4_count)
 {
     if (stbl.ui4_sample_size == 0)
         return ui4_count < stbl.ui4_num_sizes ? ui4_count : stbl.ui4_num_sizes;
-    if (uint64_t{ui4_count} * sizeof(uint32_t) <= UNPROVEN_BLOCK) return ui4_count;
     const uint64_t ui8_bytes = uint64_t{ui4_count} * stbl.ui4_sample_size;
-    uint8_t ui1_last = 0;
-    return read_at(ui8_bytes - 1, &ui1_last, 1) ? ui4_count : 0;
+    if (ui4_count <= UNPROVEN_SAMPLES - dmx_mp4.ui4_unproven_samples) {
+        dmx_mp4.ui4_unproven_samples += ui4_count;
+    } else {
+        uint8_t ui1_last = 0;
+        if (ui8_bytes > UINT32_MAX ||
+            !read_at(dmx_mp4.ui8_claimed_bytes + ui8_bytes - 1, &ui1_last, 1))
+            return 0;
+    }
+    dmx_mp4.ui8_claimed_bytes += ui8_bytes;
+    return ui4_count;
 }
 
 // Samples of one chunk lie back to back from ui8_offset on. Places those from ui4_first up to ui4_end
