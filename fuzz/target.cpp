@@ -131,9 +131,9 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size)
     case 0: return ui8_size / 192;
     // The shortest frame that a header can tell, of Layer I; the last one may be cut.
     case 1: return ui8_size / 32 + 1;
-    // Two tracks: a size for each sample, or one for all, and then no more samples than bytes or than
-    // are taken on the file's word.
-    case 2: return 2 * (512 * 1024 + ui8_size);
+    // A size for each sample, or one for all, and then no more samples than bytes, but for half a
+    // million that are taken on the file's word.
+    case 2: return 512 * 1024 + 2 * ui8_size;
     // 255 empty frames in a laced block, which has seven bytes.
     default: return ui8_size / 7 * 255 + 255;
     }

@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
+#include "heap.h"
 #include "host_double.h"
+#include "mkv_builder.h"
+#include "mp3_builder.h"
 #include "mp4_builder.h"
 
 using namespace PELA;
@@ -199,6 +203,86 @@ TEST(SecondObject, LeavesTheFirstHarmless)
     EXPECT_FALSE(first.demux->readFrame(frame));
     first.driver->destroyFrame(frame);
     EXPECT_TRUE(first.sink->stream.empty());
+}
+
+TEST(Objects, AreDestroyedInAnyOrder)
+{
+    std::string order = "dfm";  // demuxer, frame, muxer
+    do {
+        SCOPED_TRACE(order);
+        Driver driver;
+        Source source(mp4_file());
+        Sink sink;
+        IAVDemuxer demux = driver->createDemuxer("mp4", &source, source.size());
+        IAVMuxer mux = driver->createMuxer(CONTAINER_TS, demux, &sink, false);
+        IAVFrame frame = driver->createNewFrame();
+        EXPECT_TRUE(demux->readFrame(frame));
+        for (const char next : order) {
+            if (next == 'd') driver->destroyDemuxer(demux);
+            if (next == 'f') driver->destroyFrame(frame);
+            if (next == 'm') driver->destroyMuxer(mux);
+            const bool f_left = next == 'd' && order[0] == 'd';
+            EXPECT_EQ(f_left && mux->writeFrame(frame), f_left);
+        }
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+// The whole way through the library, however little memory it gets; the number of frames.
+int remux_watched(const char *format, const Bytes &file)
+{
+    Source source(file);
+    const LibraryCall library;
+    IRemuxerDriver driver = GOLT_CreateRemuxerDriver();
+    if (driver == nullptr) return 0;
+    IAVDemuxer demux = driver->createDemuxer(format, &source, source.size());
+    IAVMuxer mux = driver->createMuxer(CONTAINER_TS, demux, nullptr, false);
+    int frames = 0;
+    for (const uint32_t time_ms : {40u, 0u}) {
+        for (bool f_more = demux != nullptr; f_more;) {
+            IAVFrame frame = driver->createNewFrame();
+            f_more = demux->readFrame(frame);
+            frames += f_more ? 1 : 0;
+            EXPECT_EQ(f_more && mux != nullptr && mux->writeFrame(frame), f_more && mux != nullptr);
+            if (frame != nullptr) driver->destroyFrame(frame);
+        }
+        if (demux != nullptr) demux->seekToTime(time_ms);
+    }
+    driver->destroyMuxer(mux);
+    driver->destroyDemuxer(demux);
+    GOLT_DestroyRemuxerDriver();
+    return frames;
+}
+
+TEST(NoMemory, EndsEarlyAndGivesAllBack)
+{
+    const std::string mkv =
+        "t1['V_MPEG4/ISO/AVC'] t2['A_AAC'] k C0 l02.01.01.0102 v0(65) C40 v0(41) q90";
+    const struct {
+        const char *format;
+        Bytes file;
+    } rows[] = {{"m2ts", m2ts_file()},
+                {"mp3", Mp3().frames(9).file},
+                {"mp4", mp4_file()},
+                {"mkv", MkvFile(mkv).build()}};
+    for (const auto &row : rows) {
+        g_heap = {};
+        const int frames = remux_watched(row.format, row.file);
+        EXPECT_GT(frames, 4);
+        // One request after the other is the first that is refused, or the only one.
+        for (const int refused : {1, INT_MAX}) {
+            int granted = 0;
+            do {
+                SCOPED_TRACE(row.format + (" " + std::to_string(granted)));
+                g_TCacheEnabled = true;
+                g_heap = {granted, refused};
+                EXPECT_LE(remux_watched(row.format, row.file), granted == 0 ? 0 : frames);
+                EXPECT_EQ(g_heap.held, 0u);
+                ++granted;
+            } while (g_heap.granted == 0);
+        }
+    }
+    g_TCacheEnabled = true;
+    g_heap = {};
 }
 
 TEST(DriverExports, WorkInAnyOrder)

@@ -11,6 +11,7 @@
 
 #include "bytes.h"
 #include "golt_poison.h"
+#include "heap.h"
 
 // What happens is told on the standard output, between the messages of the cache: "r65536=100 " is
 // a read of the host and its result, "R " one that filled a whole buffer, "s65536 " a seek of the
@@ -21,19 +22,6 @@ static bool g_sleeps_told = false;
 extern "C" int usleep(useconds_t usec)
 {
     return g_sleeps_told ? printf("z%u ", usec) : 0;
-}
-
-// Allocations with std::nothrow: how many are granted, and how many behind those are refused.
-static int g_news_granted = INT32_MAX, g_news_refused = 0;
-
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept
-{
-    return g_news_granted-- > 0 || g_news_refused-- <= 0 ? ::operator new(size) : nullptr;
-}
-
-void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
-{
-    return g_news_granted-- > 0 || g_news_refused-- <= 0 ? ::operator new[](size) : nullptr;
 }
 
 namespace {
@@ -184,10 +172,13 @@ TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
     // In this order: the manager, its two heads, the first item, its buffer, the second item.
     for (int granted = 0; granted <= 7; ++granted) {
         g_TCacheEnabled = true;
-        g_news_granted = granted;
-        g_news_refused = granted < 3 ? 1 : 100;
-        open(0);
-        g_news_granted = INT32_MAX;
+        g_heap.granted = granted;
+        g_heap.refused = granted < 3 ? 1 : 100;
+        {
+            const LibraryCall call;
+            open(0);
+        }
+        g_heap = {};
         ASSERT_EQ(g_TCacheEnabled, granted == 7) << granted;
         if (g_TCacheEnabled) break;
         EXPECT_EQ(run("<10 <10 <5 <-1 <6 25 5 5 0 @7 3 @-9"),
