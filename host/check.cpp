@@ -61,7 +61,6 @@ private:
     const size_t m_held_back;
     std::vector<int64_t> m_waiting;  // sorted, the last one first
     std::optional<int64_t> m_last;
-    int64_t m_latest = 0;
 };
 
 struct StreamJudge {

@@ -30,6 +30,7 @@ public:
     std::set<int64_t> sync_points;
     bool f_probing = false;
     bool has_landed = false;
+    int other_landings = 0;
 
     void on_frame(const StreamFrame &frame) override;
 
@@ -115,8 +116,14 @@ void Plotter::on_frame(const StreamFrame &frame)
 {
     const bool f_video = is_video(frame.codec);
     if (f_probing) {
-        if (f_video && !has_landed && frame.time) sync_points.insert(*frame.time);
-        has_landed = has_landed || f_video;
+        if (!f_video || has_landed || !frame.time) return;
+        has_landed = true;
+        // Open groups begin with parameter sets, but without an IDR picture.
+        const FrameContent &content = frame.content;
+        if (content.has(nal::IDR) || content.has(nal::SPS) || content.has(mpeg2::SEQUENCE))
+            sync_points.insert(*frame.time);
+        else
+            ++other_landings;
         return;
     }
     totals[frame.pes.pid].add(frame);
@@ -149,7 +156,7 @@ void probe(Pump &pump, StreamFrames &frames, Plotter &plotter)
 }
 
 // In units of the picture
-constexpr double WIDTH = 960, HEIGHT = 440, LEFT = 70, RIGHT = 940;
+constexpr double WIDTH = 960, HEIGHT = 440, LEFT = 70, RIGHT = 925;
 constexpr double RATE_TOP = 56, RATE_BOTTOM = 236, DISTANCE_TOP = 276, DISTANCE_BOTTOM = 356,
                  SYNC_TOP = 378, SYNC_BOTTOM = 392, AXIS = 402;
 
@@ -255,9 +262,10 @@ void Drawing::draw_sync_points(const Plotter &plotter, bool f_probed)
         line("sync", at, SYNC_TOP, at, SYNC_BOTTOM);
     }
     if (!f_probed) return;
-    text("sync-word\" text-anchor=\"end", RIGHT, HEIGHT - 6,
-         count == 0 ? "no seek came to a picture"
-                    : fmt::format("{} sync points that {} seeks came to", count, PROBES));
+    std::string words = fmt::format("{} sync points found by {} seeks", count, PROBES);
+    if (plotter.other_landings > 0)
+        words += fmt::format("; {} seeks came to other pictures", plotter.other_landings);
+    text("sync-word\" text-anchor=\"end", RIGHT, HEIGHT - 6, words);
 }
 
 void Drawing::draw_time_axis()

@@ -1,0 +1,33 @@
+# bash completion of golt: subcommands, their options, and file names.
+
+_golt() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+    local shared="--help --format --timeout" options=
+    COMPREPLY=()
+    case $before in
+    --format)
+        mapfile -t COMPREPLY < <(compgen -W "mp4 mkv mp3 m2ts" -- "$word")
+        return
+        ;;
+    --start | --to | --frames | --count | --timeout) return ;;
+    esac
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot --help --version" -- "$word")
+        return
+    fi
+    case ${COMP_WORDS[1]} in
+    remux) options="$shared --start --to --frames --force --quiet" ;;
+    info) options="$shared --scan --json --verbose" ;;
+    frames) options="$shared --start --count --json --csv --verbose" ;;
+    check) options="$shared --json --verbose" ;;
+    plot) options="$shared --output --force --verbose" ;;
+    esac
+    if [[ $word = -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+    else
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    fi
+}
+
+complete -F _golt golt

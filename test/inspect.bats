@@ -1,0 +1,172 @@
+#!/usr/bin/env bats
+# golt info, frames, check and plot, run as a user runs them, on files of real encoders.
+
+bats_require_minimum_version 1.5.0
+
+picture() { # OUT SECONDS [OPTION...]
+    local out=$1 seconds=$2
+    shift 2
+    ffmpeg -v error -nostdin -y -f lavfi -i "testsrc2=s=64x48:r=25:d=$seconds" \
+        -f lavfi -i "sine=sample_rate=48000:duration=$seconds" -c:v libx264 -threads 1 \
+        -preset ultrafast -g 25 -pix_fmt yuv420p -c:a ac3 -b:a 128k "$@" "$out"
+}
+
+setup_file() {
+    cd "$BATS_FILE_TMPDIR"
+    picture movie.mp4 4
+    picture movie.m2ts 4 -mpegts_m2ts_mode 1
+}
+
+setup() {
+    cd "$BATS_TEST_TMPDIR"
+    cp "$BATS_FILE_TMPDIR"/* .
+}
+
+# json FILTER COMMAND...: what jq makes of the program's standard output, on one line.
+json() {
+    local filter=$1
+    shift
+    { $GOLT "$@" 2>said || true; } | jq -c "$filter"
+}
+
+# is EXPECTED WORDS...: the words are what was expected.
+is() {
+    echo "$2"
+    [ "$1" = "$2" ]
+}
+
+@test "tells what a file is" {
+    is '["mp4",4000,"h264",64,48,25000,256,"ac3",48000,257]' "$(json '[.format, .duration_ms,
+        .video.codec, .video.width, .video.height, .video.frames_per_1000_s, .video.pid,
+        .sound.codec, .sound.sample_rate, .sound.pid]' info movie.mp4 --json)"
+    run -0 $GOLT info movie.mp4 --scan
+    [[ $output == *'H.264, 64 x 48 pixels, pixel aspect 1:1, 25.000 frames/s, PID 0x100'* ]]
+    [[ $output == *'H.264, 100 frames, '*' (4.000 s), '* ]]
+    [[ $output == *'AC-3, 125 frames, 64000 bytes, '*' (4.000 s), 128.0 kbit/s'* ]]
+    # Of M2TS files only the packets tell.
+    is '[null,null]' "$(json '[.video, .sound]' info movie.m2ts --json)"
+    is '["h264","ac3",100]' "$(json '[.video.codec, .sound.codec, .scan.streams[0].frames]' \
+        info movie.m2ts --json --scan)"
+}
+
+@test "lists frames" {
+    $GOLT frames movie.mp4 --csv >csv
+    is 226 "$(wc -l <csv)"
+    # Those that ffprobe finds.
+    ffprobe -v error -select_streams v -show_entries packet=pts_time,size -of csv=p=0 movie.mp4 |
+        awk -F, '{ printf "%.0f\n", $1 * 1000 }' >expected
+    awk -F, '$2 == "video" { print $5 }' csv | diff - expected
+    is 4 "$(awk -F, '$2 == "video" && $8 ~ /(^|^7 8 .*)5$/' csv | wc -l)"
+    is 125 "$(grep -c ',sound,257,ac3,.*,512,.*,48000,1,128000,1536$' csv)"
+
+    is '["golt.frames/1",[7,8,6,5]]' \
+        "$($GOLT frames movie.mp4 --json --count 2 |
+            jq -s -c '[.[0].schema, (map(.nal_types // empty) | .[0])]')"
+    is 3 "$($GOLT frames movie.mp4 --start 2000 --count 2 | wc -l)"
+    is 00:00:02.000 "$($GOLT frames movie.mp4 --start 2000 | awk '/SPS/ { print $3; exit }')"
+    is 100 "$($GOLT frames movie.m2ts | grep -c ' video ')"
+
+    # Readers that go away, and ones that can't take it.
+    run -0 bash -c "set -o pipefail; $GOLT frames movie.mp4 | head -n 1"
+    is '  number stream         time    bytes  content' "$output"
+    run -1 bash -c "$GOLT frames movie.mp4 >/dev/full"
+    is 'golt: standard output: No space left on device' "$output"
+}
+
+@test "tells the figures of sound" {
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 44100 -c:a libmp3lame -b:a 160k \
+        -write_xing 0 sound.mp3
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 22050 -c:a aac sound.m4a
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 6 -c:a eac3 sound.mp4
+    local figures='[.codec, .sample_rate, .channels, .bits_per_second, .samples]'
+    is '["mp3",44100,2,160000,1152]' "$($GOLT frames sound.mp3 --json | sed -n 9p | jq -c "$figures")"
+    is '["aac",22050,2,null,1024]' "$($GOLT frames sound.m4a --json | sed -n 9p | jq -c "$figures")"
+    is '["eac3",48000,6,null,1536]' "$($GOLT frames sound.mp4 --json | sed -n 9p | jq -c "$figures")"
+}
+
+# finds FILE CODE...: golt check finds just these.
+finds() {
+    local file=$1
+    shift
+    json '.' check "$file" --json >report
+    is "$*" "$(jq -r '[.findings[].code] | sort | unique | join(" ")' report)"
+    is "$([ $# -eq 0 ] && echo true || echo false)" "$(jq .clean report)"
+}
+
+@test "finds what a receiver would trip over, and nothing else" {
+    # With B pictures the clock alone runs backward.
+    picture b.mp4 2 -bf 3
+    picture slow.mp4 4 -r 5
+    ffmpeg -v error -nostdin -f lavfi -i nullsrc=s=640x480:r=25:d=1,geq='random(1)*255:128' \
+        -c:v libx264 -threads 1 -qp 10 -bf 0 large.mp4
+    ffmpeg -v error -nostdin -i movie.mp4 -c copy still.mkv
+    picture bare.m2ts 2 -bsf:v filter_units=remove_types=7-8 -mpegts_m2ts_mode 1
+    picture gap.m2ts 4 -bsf:a "setts=ts=TS+gte(N\\,50)*180000" -mpegts_m2ts_mode 1
+    picture late.m2ts 2 -output_ts_offset 100 -mpegts_m2ts_mode 1
+    cat late.m2ts movie.m2ts >back.m2ts
+    # First all that isn't sound, which has the PID 0x1100, then the sound.
+    perl -0777 -ne 'for my $f (0, 1) { for (unpack "(a192)*") {
+        print if $f == ((unpack("x5n", $_) & 0x1FFF) == 0x1100) } }' movie.m2ts >apart.m2ts
+    # The file ends behind the first packet of a PES packet of sound.
+    perl -0777 -ne 'for (unpack "(a192)*") {
+        print; last if (unpack("x5n", $_) & 0x5FFF) == 0x5100 && ++$starts == 9 }' movie.m2ts >cut.m2ts
+    finds movie.mp4
+    finds movie.m2ts
+    finds b.mp4 clock-backward clock-late
+    finds slow.mp4 clock-late
+    finds large.mp4 pes-length
+    finds still.mkv apart time-repeated  # its sound has no clock
+    finds bare.m2ts no-parameter-sets
+    finds gap.m2ts apart time-jump  # the muxer holds sound back until a packet is full
+    finds apart.m2ts apart
+    finds cut.m2ts cut-frame structure
+    json '.' check back.m2ts --json >report
+    is '["time-backward","time-backward"]' \
+        "$(jq -c '[.findings[].code | select(. == "time-backward")]' report)"
+
+    # Status and words.
+    run -0 $GOLT check movie.mp4
+    [[ $output == *'movie.mp4: nothing found'* ]]
+    run -3 $GOLT check slow.mp4
+    [[ $output == *'clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
+    picture front.mp4 4 -movflags +faststart
+    head -c $(($(stat -c %s front.mp4) / 2)) front.mp4 >half.mp4
+    is '[false,"ended early"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
+}
+
+@test "draws a picture" {
+    cp movie.mp4 'odd & <name>.mp4'
+    run -0 $GOLT plot 'odd & <name>.mp4' -o out.svg
+    is '' "$output"
+    grep -q '>odd &amp; &lt;name&gt;.mp4</text>' out.svg
+    grep -q 'prefers-color-scheme: dark' out.svg
+    grep -q 'sync points found by 120 seeks' out.svg
+    is 1 "$(grep -c '<path class="video"' out.svg)"
+    is '</svg>' "$(tail -n 1 out.svg)"
+    $GOLT plot 'odd & <name>.mp4' -o - | cmp - out.svg
+    $GOLT plot movie.m2ts -o m2ts.svg
+    run -1 $GOLT plot movie.mp4 -o out.svg
+    is 'golt: out.svg: exists already; --force replaces it' "$output"
+}
+
+@test "tells errors in JSON too" {
+    is '["golt.error/1",1,"none: No such file or directory"]' \
+        "$(json '[.schema, .status, .message]' check none --json)"
+    is '["golt.error/1",2]' "$(json '[.schema, .status]' frames movie.mp4 --json --count 0)"
+    is '["golt.error/1",2]' "$(json '[.schema, .status]' info --json)"
+}
+
+@test "help fits a screen, and the manual and the completions know all of it" {
+    local host=$BATS_TEST_DIRNAME/../host subcommand option
+    for subcommand in remux info frames check plot; do
+        $GOLT $subcommand --help >help
+        [ "$(wc -l <help)" -le 40 ]
+        grep -q '^  golt '$subcommand help
+        for option in $(grep -o -- '--[a-z]\+' help | sort -u); do
+            echo "$subcommand $option"
+            [ "$option" = --help ] || grep -qE "Fl (. , )?-${option#--}\b" "$host/golt.1"
+            grep "^ *$subcommand)\|shared=" "$host/completions/golt.bash" | grep -q -e "$option\b"
+            grep -q -e "$option\b" "$host/completions/_golt"
+        done
+    done
+}
