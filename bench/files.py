@@ -185,7 +185,7 @@ def make_mkv(path, size):
 
 def make_repeated(path, unit, size):
     """unit over and over, whole, up to about size bytes."""
-    lump = unit * max(1, 2**22 // len(unit))
+    lump = unit * max(1, 2**18 // len(unit))
     with open(path, "wb") as out:
         for _ in range(max(1, size // len(lump))):
             out.write(lump)
