@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
+#include <charconv>
 #include <new>
 
 #include <fmt/format.h>
@@ -66,6 +66,7 @@ private:
     bool m_is_paused = false;
 };
 
+bool read_content_range(const std::string &text, HttpAnswer &answer);
 std::string trimmed(const std::string &text);
 
 }  // namespace
@@ -165,11 +166,11 @@ void CurlTransfer::end(CURLcode code)
     if (code == CURLE_OK && !m_has_answer && !take_answer()) code = CURLE_WRITE_ERROR;
     m_curl.multi_remove_handle(m_multi, m_easy);
     const long code_of_server = status();
-    if (code == CURLE_OK) {
+    const bool f_refused = code == CURLE_HTTP_RETURNED_ERROR;
+    // There may be nothing behind the offset.
+    if (code == CURLE_OK || (f_refused && code_of_server == STATUS_RANGE_BEHIND_END)) {
         m_state = DONE;
-    } else if (code == CURLE_HTTP_RETURNED_ERROR && code_of_server == STATUS_RANGE_BEHIND_END) {
-        m_state = DONE;  // there is nothing behind the offset
-    } else if (code == CURLE_HTTP_RETURNED_ERROR) {
+    } else if (f_refused) {
         m_reason = "the server answers " + m_status_line;
         m_state = code_of_server >= 500 || code_of_server == 408 || code_of_server == 429 ? FAILED
                                                                                           : REFUSED;
@@ -228,16 +229,10 @@ bool CurlTransfer::take_answer()
     m_has_answer = true;
     const long code = status();
     if (code == STATUS_PARTIAL) {
-        // "bytes first-last/total", the total "*" where it isn't known
-        unsigned long long first = 0, last = 0, total = 0;
-        const int fields =
-            std::sscanf(m_content_range.c_str(), "bytes %llu-%llu/%llu", &first, &last, &total);
-        if (fields < 2 || first != m_offset) {
+        if (!read_content_range(m_content_range, m_answer) || m_answer.first != m_offset) {
             m_reason = "the server sends another range than was asked for";
             return false;
         }
-        m_answer.first = first;
-        if (fields == 3) m_answer.total = total;
         m_answer.f_range = true;
     } else {
         curl_off_t length = -1;
@@ -252,6 +247,21 @@ long CurlTransfer::status() const
     long code = 0;
     m_curl.easy_getinfo(m_easy, CURLINFO_RESPONSE_CODE, &code);
     return code;
+}
+
+// "bytes first-last/total", the total "*" where it isn't known
+bool read_content_range(const std::string &text, HttpAnswer &answer)
+{
+    const std::string unit = "bytes ";
+    const size_t slash = text.find('/');
+    if (text.compare(0, unit.size(), unit) != 0 || slash == std::string::npos) return false;
+    const char *const end = text.data() + text.size();
+    const auto first = std::from_chars(text.data() + unit.size(), end, answer.first);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-') return false;
+    uint64_t total = 0;
+    if (std::from_chars(text.data() + slash + 1, end, total).ec == std::errc())
+        answer.total = total;
+    return true;
 }
 
 std::string trimmed(const std::string &text)

@@ -218,3 +218,9 @@ judges() {
     [ "$status" -eq 143 ]
     [ "$(cat said)" = 'golt: standard output: stopped by SIGTERM' ]
 }
+
+@test "tells of a file that may not grow" {
+    run -1 bash -c "ulimit -f 100; $GOLT remux -q in.m2ts out"
+    [ "$output" = 'golt: out: File too large' ]
+    [ ! -e out ] && [ ! -e out.part ]
+}
