@@ -1,7 +1,6 @@
 #include "plot.h"
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
 #include <set>
 
@@ -277,7 +276,7 @@ void Drawing::draw_time_axis()
     for (double at = 0; at <= span; at += step) {
         line("axis", x(at), AXIS, x(at), AXIS + 4);
         const int64_t time_ms =
-            m_timeline.start() / TICKS_PER_MS + static_cast<int64_t>(std::llround(at * 1000));
+            m_timeline.start() / TICKS_PER_MS + static_cast<int64_t>(at * 1000 + 0.5);
         // Without the milliseconds where steps are whole seconds.
         const std::string label = time_text(time_ms);
         text("small\" text-anchor=\"middle", x(at), AXIS + 17,
@@ -323,7 +322,13 @@ double Drawing::x(double seconds) const
 // 1, 2 or 5 times a power of ten, so that about as many steps make up the range.
 double nice_step(double range, int steps)
 {
-    const double power = std::pow(10, std::floor(std::log10(range / steps)));
+    // By multiplication: the mathematical library alone takes 300 KB of memory.
+    const double least = range / steps;
+    double power = 1;
+    while (power * 10 <= least)
+        power *= 10;
+    while (power > least && power > 1e-9)
+        power /= 10;
     for (const double factor : {1.0, 2.0, 5.0}) {
         if (range / (power * factor) <= steps) return power * factor;
     }
