@@ -218,7 +218,6 @@ def growth(bench):
         for size in SIZES_MB:
             make(path, size * MB)
             actual = os.path.getsize(path)
-            settle(path)
             result = medians({"golt": bench.remux(path, "--format", form)}, GROWTH_ROUNDS)["golt"]
             print(f"{form:8}{actual / MB:6.0f}{result['cpu']:9.4f}{result['cpu'] / actual * 1e9:8.3f}"
                   f"{result['rss'] / 1024:8.1f}")

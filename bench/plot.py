@@ -64,8 +64,8 @@ def number(value):
 def draw_peers(rows, path):
     """Bars of processor seconds per GB, one group for each input."""
     groups = [row for row in rows if row["form"] != "start"]
-    bar, gap, left, right = 13, 14, 200, WIDTH - 60
-    scale = Scale(0.05, 100, left, right)
+    bar, gap, left, right = 13, 14, 250, WIDTH - 120
+    scale = Scale(0.05, 200, left, right)
     parts = [text(12, 24, "Processor time for a GB of input, seconds (logarithmic)", "title")]
     y = 62
     body = []
