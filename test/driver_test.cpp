@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <memory>
 
+#include "ext_aac.h"
+#include "ext_dd.h"
+#include "ext_h264.h"
+#include "ext_mp3.h"
 #include "heap.h"
 #include "host_double.h"
 #include "mkv_builder.h"
@@ -283,6 +287,27 @@ TEST(NoMemory, EndsEarlyAndGivesAllBack)
     }
     g_TCacheEnabled = true;
     g_heap = {};
+}
+
+TEST(Extractors, ReportSuccessAndLeaveTheFrameAlone)
+{
+    const struct {
+        bool (*start)(uint8_t *, uint32_t);
+        bool (*reset)();
+        bool (*read)(GOLT_frame_t *);
+    } rows[] = {
+        {GOLT_EXT_AACStart, GOLT_EXT_AACReset, GOLT_EXT_AACReadSingleFrame},
+        {GOLT_EXT_DDStart, GOLT_EXT_DDReset, GOLT_EXT_DDReadSingleFrame},
+        {GOLT_EXT_H264Start, GOLT_EXT_H264Reset, GOLT_EXT_H264ReadSingleFrame},
+        {GOLT_EXT_MP3Start, GOLT_EXT_MP3Reset, GOLT_EXT_MP3ReadSingleFrame},
+    };
+    for (const auto &row : rows) {
+        uint8_t byte = 7;
+        GOLT_frame_t frame = {1, 2, &byte, 1};
+        EXPECT_TRUE(row.start(&byte, 1) && row.read(&frame) && row.reset());
+        EXPECT_TRUE(frame.ui8_timestamp == 1 && frame.ui4_frametype == 2 &&
+                    frame.pb_data == &byte && frame.ui4_size == 1 && byte == 7);
+    }
 }
 
 TEST(DriverExports, WorkInAnyOrder)

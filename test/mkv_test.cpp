@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dmx_mkv_lib.h"
 #include "host_double.h"
 #include "mkv_builder.h"
 
@@ -212,6 +213,40 @@ TEST(Mkv, PassesOverUnknownElementsEverywhere)
           "cluster ID: 0x0000", "Block ID: 0x0000", "cue ID:0x", "cue point ID: 0x0000",
           "cue track ID:0x"})
         EXPECT_NE(printed.find("error " + kind + "4FFE\n"), std::string::npos) << kind;
+}
+
+// What a file tells beside what is used: it has no effect, and no message.
+TEST(Mkv, ReadsEveryElementThatItKnows)
+{
+    const std::string info = "=73A4[01*16]7384['a']3CB923[02*99]3C83AB['b']3EB923[03*9]3E83BB['c']"
+                             "2AD7B1[0F4240]7BA9['d'*99]4D80['e']5741['f']4461[#1] ";
+    const std::string track = "73C5[0102]B9[00]88[00]55AA[01]9C[01]6DE7[01]6DF8[02]23314F[3F800000]"
+                              "536E['g'*99]22B59C['ger']258688['h']7446[01]AA[01]55EE[01]"
+                              "6D80[5031[00]5032[01]5033[00]5034[4254[03]4255[0B]]5035[]6240[]]";
+    const std::string video = "E0[B0[20]BA[10]54AA[01]54BB[01]54CC[01]54DD[01]54B0[20]54BA[10]54B2"
+                              "[00]9A[01]] ";
+    const std::string audio = "E1[B5[46FA0000]78B5[473B8000]9F[02]6264[10]]";
+    testing::internal::CaptureStdout();
+    expect_traces({{"",
+                    "d473B8000 " + info + AVC + track + video + AAC + track + audio +
+                        " c0 =A7[09]AB[09]9B[09]FB[09]92[09]A2[09] v0(65) "
+                        "=A0[FB[01]9B[02]A1[82.0000.00.05]]",
+                    "102 112 2 32000 48000 v0|65 a0=05", "i 9"}});
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+// ATSC A/52, the frame size code table.
+TEST(Mkv, KnowsTheSizesOfAc3Frames)
+{
+    const struct {
+        uint8_t code;
+        uint32_t hertz;
+        int32_t bytes;
+    } rows[] = {{0, 48000, 128},   {0, 44100, 138},   {1, 44100, 140},
+                {0, 32000, 192},   {37, 48000, 2560}, {37, 44100, 2788},
+                {37, 32000, 3840}, {38, 48000, -1},   {37, 22050, 0}};
+    for (const auto &row : rows)
+        EXPECT_EQ(CheckFrameSize(row.code, row.hertz), row.bytes) << int{row.code};
 }
 
 TEST(Mkv, EndsOnWhatIsNoMatroska)
