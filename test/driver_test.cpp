@@ -257,6 +257,24 @@ int remux_watched(const char *format, const Bytes &file)
     return frames;
 }
 
+TEST(NoMemory, LeavesNoFrameBehindThePool)
+{
+    const Driver driver;
+    std::vector<IAVFrame> frames;
+    frames.reserve(99);
+    testing::internal::CaptureStdout();
+    const LibraryCall library;
+    g_heap.granted = 0;
+    while (frames.size() < 99 && (frames.empty() || frames.back() != nullptr))
+        frames.push_back(driver->createNewFrame());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "GOLT: ****** COULD NOT ALLOC FRAME\n");
+    EXPECT_EQ(frames.size(), 8u);
+    frames.pop_back();
+    for (const IAVFrame frame : frames)
+        driver->destroyFrame(frame);
+    g_heap = {};
+}
+
 TEST(NoMemory, EndsEarlyAndGivesAllBack)
 {
     const std::string mkv =

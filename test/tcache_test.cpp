@@ -232,6 +232,18 @@ TEST(CacheList, TellsItsItemsInOrder)
     char text[64];
     EXPECT_EQ(head.list_getDbgInfo(text, sizeof text, false), 54);
     EXPECT_STREQ(text, "[2] {0x20000,0x00000,0x00000},{0xff,0x00000,0x00000}*");
+
+    const void *const first = head.front(), *const last = head.tail(), *const none = nullptr;
+    const void *const list = &head;
+    char verbose[400], expected[400];
+    snprintf(expected, sizeof expected,
+             "0x%p (2), tail=0x%p:\n"
+             "      0x%p: prev=0x%p, next=0x%p, {0x20000,0x00000,0x00000}\n"
+             "   T> 0x%p: prev=0x%p, next=0x%p, {0xff,0x00000,0x00000}\n",
+             list, last, first, list, last, last, first, none);
+    EXPECT_EQ(head.list_getDbgInfo(verbose, sizeof verbose, true),
+              static_cast<int>(strlen(expected)) + 1);
+    EXPECT_STREQ(verbose, expected);
     while (const cbuflist_t *item = head.list_detach(nullptr))
         delete item;
     EXPECT_EQ(head.tail(), nullptr);
