@@ -68,7 +68,10 @@ CMAKE
     [ "$count" -ge 17 ]
 }
 
-@test "Installs the program where it finds the library" {
+@test "Installs the program where it finds the library, and what goes with it" {
+    [ -s "$PREFIX/share/man/man1/golt.1" ]
+    [ -s "$PREFIX/share/bash-completion/completions/golt" ]
+    [ -s "$PREFIX/share/zsh/site-functions/_golt" ]
     LD_LIBRARY_PATH='' "$PREFIX/bin/golt" --version | grep ' v0\.8$'
 }
 
