@@ -155,7 +155,7 @@ void probe(Pump &pump, StreamFrames &frames, Plotter &plotter)
 }
 
 // In units of the picture
-constexpr double WIDTH = 960, HEIGHT = 440, LEFT = 70, RIGHT = 925;
+constexpr double WIDTH = 960, HEIGHT = 440, LEFT = 70, RIGHT = 912;
 constexpr double RATE_TOP = 56, RATE_BOTTOM = 236, DISTANCE_TOP = 276, DISTANCE_BOTTOM = 356,
                  SYNC_TOP = 378, SYNC_BOTTOM = 392, AXIS = 402;
 
@@ -261,7 +261,8 @@ void Drawing::draw_sync_points(const Plotter &plotter, bool f_probed)
         line("sync", at, SYNC_TOP, at, SYNC_BOTTOM);
     }
     if (!f_probed) return;
-    std::string words = fmt::format("{} sync points found by {} seeks", count, PROBES);
+    std::string words =
+        fmt::format("{} sync point{} found by {} seeks", count, count == 1 ? "" : "s", PROBES);
     if (plotter.other_landings > 0)
         words += fmt::format("; {} seeks came to other pictures", plotter.other_landings);
     text("sync-word\" text-anchor=\"end", RIGHT, HEIGHT - 6, words);
