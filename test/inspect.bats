@@ -140,7 +140,7 @@ finds() {
     is '' "$output"
     grep -q '>odd &amp; &lt;name&gt;.mp4</text>' out.svg
     grep -q 'prefers-color-scheme: dark' out.svg
-    grep -q 'sync points found by 120 seeks' out.svg
+    grep -q 'sync points* found by 120 seeks' out.svg
     is 1 "$(grep -c '<path class="video"' out.svg)"
     is '</svg>' "$(tail -n 1 out.svg)"
     $GOLT plot 'odd & <name>.mp4' -o - | cmp - out.svg
