@@ -213,8 +213,10 @@ void Drawing::draw_rates()
         highest = std::max(
             {highest, rate(m_timeline.bin(i).video_bytes), rate(m_timeline.bin(i).sound_bytes)});
     const double step = nice_step(highest, 4);
-    const Panel panel = {RATE_TOP, RATE_BOTTOM, 0, std::ceil(highest / step) * step};
-    for (double value = 0; value <= panel.highest; value += step) {
+    const int steps = static_cast<int>(std::ceil(highest / step));
+    const Panel panel = {RATE_TOP, RATE_BOTTOM, 0, steps * step};
+    for (int i = 0; i <= steps; ++i) {
+        const double value = i * step;
         line("grid", LEFT, panel.y(value), RIGHT, panel.y(value));
         text("small\" text-anchor=\"end", LEFT - 6, panel.y(value) + 4, fmt::format("{:g}", value));
     }
@@ -235,13 +237,14 @@ void Drawing::draw_distance()
         video = std::max(video, seconds(m_timeline.bin(i).video_late));
     }
     const double step = nice_step(sound + video, 4);
-    const Panel panel = {DISTANCE_TOP, DISTANCE_BOTTOM, -std::ceil(video / step) * step,
-                         std::ceil(sound / step) * step};
-    for (double value = panel.lowest; value < panel.highest + step / 2; value += step) {
-        const bool f_zero = std::fabs(value) < step / 2;
-        line(f_zero ? "axis" : "grid", LEFT, panel.y(value), RIGHT, panel.y(value));
+    const int below = static_cast<int>(std::ceil(video / step));
+    const int above = static_cast<int>(std::ceil(sound / step));
+    const Panel panel = {DISTANCE_TOP, DISTANCE_BOTTOM, -below * step, above * step};
+    for (int i = -below; i <= above; ++i) {
+        const double value = i * step;
+        line(i == 0 ? "axis" : "grid", LEFT, panel.y(value), RIGHT, panel.y(value));
         text("small\" text-anchor=\"end", LEFT - 6, panel.y(value) + 4,
-             fmt::format("{:g}", f_zero ? 0.0 : std::fabs(value)));
+             fmt::format("{:g}", std::fabs(value)));
     }
     area(
         "late", panel, [&](const TimelineBin &bin) { return seconds(bin.sound_late); }, true);
@@ -274,12 +277,14 @@ void Drawing::draw_time_axis()
         static_cast<double>(m_timeline.end() - m_timeline.start()) / TICKS_PER_SECOND;
     const double step = nice_time_step(span, 10);
     line("axis", LEFT, AXIS, RIGHT, AXIS);
-    for (double at = 0; at <= span; at += step) {
+    const int steps = static_cast<int>(span / step);
+    for (int i = 0; i <= steps; ++i) {
+        const double at = i * step;
         line("axis", x(at), AXIS, x(at), AXIS + 4);
-        const int64_t time_ms =
-            m_timeline.start() / TICKS_PER_MS + static_cast<int64_t>(at * 1000 + 0.5);
+        // A hair more: 0.3 s comes out as a little less than 27,000 ticks.
+        const auto ticks = static_cast<int64_t>(at * TICKS_PER_SECOND + 0.01);
         // Without the milliseconds where steps are whole seconds.
-        const std::string label = time_text(time_ms);
+        const std::string label = time_text((m_timeline.start() + ticks) / TICKS_PER_MS);
         text("small\" text-anchor=\"middle", x(at), AXIS + 17,
              step >= 1 ? label.substr(0, label.find('.')) : label);
     }

@@ -109,7 +109,7 @@ std::string Job::summary(double seconds) const
 
 std::string Job::fault_in_input() const
 {
-    const std::string fault = m_pump.fault_in_input();
+    std::string fault = m_pump.fault_in_input();
     if (!fault.empty() || !m_input.format().has_times || !m_sound.stands_still()) return fault;
     // Matroska files by muxers that write no DefaultDuration.
     return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
