@@ -52,7 +52,8 @@ find_package(golt 0.8 REQUIRED)
 add_executable(consumer consumer.cpp)
 target_link_libraries(consumer golt::golt)
 CMAKE
-    cmake -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" . && cmake --build .
+    cmake -G Ninja -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" .
+    cmake --build .
     # The tree can be moved as a whole.
     LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
 }
