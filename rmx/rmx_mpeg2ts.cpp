@@ -282,6 +282,16 @@ bool mpeg2ts_write_section(MPEG2TSSection_t *s, const uint8_t *made)
     return true;
 }
 
+bool mpeg2ts_send_pat()
+{
+    return mpeg2ts_write_section(&remux_context.pat, remux_context.pat_packet);
+}
+
+bool mpeg2ts_send_pmt()
+{
+    return mpeg2ts_write_section(&remux_context.service.pmt, remux_context.pmt_packet);
+}
+
 // Called before each media packet is assembled: it uses the same packet buffer.
 bool mpeg2ts_resend_psi()
 {
@@ -289,8 +299,8 @@ bool mpeg2ts_resend_psi()
         ++remux_context.pat_packet_count;
         return true;
     }
-    mpeg2ts_write_section(&remux_context.pat, remux_context.pat_packet);
-    mpeg2ts_write_section(&remux_context.service.pmt, remux_context.pmt_packet);
+    mpeg2ts_send_pat();
+    mpeg2ts_send_pmt();
     remux_context.pat_packet_count = 0;
     return true;
 }
