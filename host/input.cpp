@@ -6,12 +6,18 @@
 
 #include <fmt/format.h>
 
+#include "heap.h"
 #include "http_source.h"
 #include "interrupt.h"
 #include "message.h"
 #include "time_text.h"
 
 namespace {
+
+// What is taken behind the library's pool: what it reads ahead, as far as there is so much, and then
+// tables, the buffer of an output and the first frames.
+constexpr uint64_t READ_AHEAD = 1024 * 1024;
+constexpr size_t SMALLER_THINGS = 256 * 1024;
 
 std::unique_ptr<Source> open_source(const InputOptions &options);
 Format choose_format(const InputOptions &options, Source &source);
@@ -222,6 +228,7 @@ std::string extension_of(const std::string &path)
 
 Demuxer open_demuxer(Library &library, const Format &format, Source &source)
 {
+    fill_heap(static_cast<size_t>(std::min(source.size(), READ_AHEAD)) + SMALLER_THINGS);
     Demuxer demuxer =
         library.make_demuxer(format.name, source, static_cast<int64_t>(source.size()));
     if (demuxer == nullptr)

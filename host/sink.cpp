@@ -14,7 +14,7 @@ namespace {
 constexpr size_t PACKET_SIZE = 188;
 constexpr size_t HEADER_SIZE = 4;
 // Bytes in a write, whole packets. Where entering the kernel is slow, smaller ones cost more.
-constexpr size_t BUFFER_SIZE = 96 * 1024 / PACKET_SIZE * PACKET_SIZE;
+constexpr size_t BUFFER_SIZE = 192 * 1024 / PACKET_SIZE * PACKET_SIZE;
 
 int write_all(int fd, const uint8_t *data, size_t size);
 
@@ -29,31 +29,34 @@ Sink::Sink(int fd, StreamWatch &sound)
 
 int Sink::write(uint8_t *buffer, int size)
 {
-    m_sound.look(buffer, size);
-    if (size <= 0) return 0;
-    if (static_cast<size_t>(size) != PACKET_SIZE || BUFFER_SIZE - m_held < PACKET_SIZE)
-        return write_piecewise(buffer, static_cast<size_t>(size));
-    // Nearly everything is a packet, and a copy of fixed size needs no call. Header and payload are
-    // read as the library has just written them: the processor hands on a store that is still on
-    // its way only to a load that lies within it.
+    // Nearly everything is a packet that is only to be copied. This way has no call in it, which
+    // would make it keep registers. m_held is below BUFFER_SIZE.
+    if (size != static_cast<int>(PACKET_SIZE) || m_sound.wants(buffer) ||
+        BUFFER_SIZE - m_held <= PACKET_SIZE)
+        return write_other(buffer, size);
+    // A copy of fixed size needs no call either. Header and payload are read as the library has
+    // just written them: the processor hands on a store that is still on its way only to a load
+    // that lies within it.
     uint8_t *const to = m_buffer.get() + m_held;
     memcpy(to, buffer, HEADER_SIZE);
     memcpy(to + HEADER_SIZE, buffer + HEADER_SIZE, PACKET_SIZE - HEADER_SIZE);
     m_held += PACKET_SIZE;
-    if (m_held == BUFFER_SIZE) flush();
     return m_error == 0 ? size : -1;
 }
 
-int Sink::write_piecewise(const uint8_t *data, size_t size)
+int Sink::write_other(const uint8_t *data, int size)
 {
-    for (size_t done = 0; done < size;) {
-        const size_t part = std::min(size - done, BUFFER_SIZE - m_held);
-        memcpy(m_buffer.get() + m_held, data + done, part);
+    if (size <= 0) return 0;
+    if (size == static_cast<int>(PACKET_SIZE) && m_sound.wants(data)) m_sound.look(data);
+    for (size_t left = static_cast<size_t>(size); left > 0;) {
+        const size_t part = std::min(left, BUFFER_SIZE - m_held);
+        memcpy(m_buffer.get() + m_held, data, part);
         m_held += part;
-        done += part;
+        data += part;
+        left -= part;
         if (m_held == BUFFER_SIZE) flush();
     }
-    return m_error == 0 ? static_cast<int>(size) : -1;
+    return m_error == 0 ? size : -1;
 }
 
 void Sink::flush()

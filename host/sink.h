@@ -11,7 +11,8 @@
 
 class Sink : public PELA::AVMuxer::Listener {
 public:
-    /// fd stays the caller's. sound: gets to see everything; it has to outlive the sink.
+    /// fd stays the caller's. sound: gets to see the packets that it wants; it has to outlive the
+    /// sink.
     Sink(int fd, StreamWatch &sound);
 
     int write(uint8_t *buffer, int size) override;
@@ -25,7 +26,7 @@ public:
     int error() const { return m_error; }
 
 private:
-    int write_piecewise(const uint8_t *data, size_t size);
+    [[gnu::noinline]] int write_other(const uint8_t *data, int size);
 
     int m_fd;
     StreamWatch &m_sound;

@@ -1,7 +1,7 @@
 #include "stream_watch.h"
 
 // ISO/IEC 13818-1: the PES header begins behind the adaptation field, the PTS in its tenth byte.
-void StreamWatch::look_at_start(const uint8_t *packet)
+void StreamWatch::look(const uint8_t *packet)
 {
     constexpr int HEADER_SIZE = 4, PTS_AT = 9, PTS_SIZE = 5, PACKET_SIZE = 188;
     const bool has_adaptation_field = (packet[3] & 0x20) != 0;
@@ -16,6 +16,6 @@ void StreamWatch::look_at_start(const uint8_t *packet)
     const uint64_t high = (uint64_t{pts[0]} >> 1) & 7;
     const uint64_t time = high << 30 | bits15(pts + 1) << 15 | bits15(pts + 3);
     if (m_frames == 0) m_first = time;
-    m_has_moved = m_has_moved || time != m_first;
+    if (time != m_first) m_wanted = NOTHING;
     ++m_frames;
 }

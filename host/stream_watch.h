@@ -1,4 +1,4 @@
-// Watches the times of one elementary stream in the transport packets that the library writes.
+// Watches whether the times of one elementary stream in the library's transport packets move.
 
 #ifndef HOST_STREAM_WATCH_H
 #define HOST_STREAM_WATCH_H
@@ -9,34 +9,35 @@ class StreamWatch {
 public:
     /// pid: of the stream's packets.
     explicit StreamWatch(uint32_t pid)
-        : m_pid(pid)
+        : m_wanted(UNIT_START | pid)
     {
     }
 
-    /// Takes what the library writes at once; anything but a packet of the stream is passed over.
-    void look(const uint8_t *packet, int size)
+    /// Whether the packet of 188 bytes has to be shown to look: it begins a PES packet of the
+    /// stream, and all times so far are the same.
+    bool wants(const uint8_t *packet) const
     {
-        constexpr int PACKET_SIZE = 188;
-        constexpr uint32_t UNIT_START = 0x4000;  // payload_unit_start_indicator
-        constexpr uint32_t START_OF_STREAM_MASK = 0x5FFF;
-        if (size != PACKET_SIZE) return;
-        const uint32_t field = uint32_t{packet[1]} << 8 | packet[2];
-        if ((field & START_OF_STREAM_MASK) == (UNIT_START | m_pid)) look_at_start(packet);
+        // All four bytes, as the library has stored them.
+        const uint32_t header = uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 |
+                                uint32_t{packet[2]} << 8 | packet[3];
+        return (header >> 8 & (UNIT_START | PID)) == m_wanted;
     }
+    void look(const uint8_t *packet);
 
-    /// PES packets with a time.
+    /// PES packets with a time that were looked at.
     uint64_t frames() const { return m_frames; }
     int64_t first_ms() const { return static_cast<int64_t>(m_first / 90); }
     /// Whether there are several, all with one time.
-    bool stands_still() const { return m_frames > 1 && !m_has_moved; }
+    bool stands_still() const { return m_frames > 1 && m_wanted != NOTHING; }
 
 private:
-    void look_at_start(const uint8_t *packet);
+    static constexpr uint32_t UNIT_START = 0x4000;  // payload_unit_start_indicator
+    static constexpr uint32_t PID = 0x1FFF;
+    static constexpr uint32_t NOTHING = 0x8000;  // lies outside of both
 
-    uint32_t m_pid;
+    uint32_t m_wanted;  // payload_unit_start_indicator and PID
     uint64_t m_frames = 0;
     uint64_t m_first = 0;  // 90 kHz
-    bool m_has_moved = false;
 };
 
 #endif
