@@ -1,7 +1,7 @@
 #include "heap.h"
 
-#include <cstdint>
 #include <cstdlib>
+#include <memory>
 
 #include <malloc.h>
 #include <sys/mman.h>
@@ -12,11 +12,10 @@ void fill_heap(size_t size)
     // Linux from 5.14 on; an older one refuses it, and fills the pages in later.
 #ifdef MADV_POPULATE_WRITE
     void *const block = malloc(size);
-    if (block == nullptr) return;
-    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const uintptr_t begin = (reinterpret_cast<uintptr_t>(block) + page - 1) / page * page;
-    const uintptr_t end = (reinterpret_cast<uintptr_t>(block) + size) / page * page;
-    if (end > begin) madvise(reinterpret_cast<void *>(begin), end - begin, MADV_POPULATE_WRITE);
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *begin = block;
+    if (block != nullptr && std::align(page, page, begin, size) != nullptr)
+        madvise(begin, size / page * page, MADV_POPULATE_WRITE);
     free(block);
 #else
     static_cast<void>(size);
