@@ -3,12 +3,16 @@
 #include <cstdlib>
 #include <memory>
 
-#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-void fill_heap(size_t size)
+void prepare_heap(size_t size)
 {
+    // A large block comes from the system; having got it back, glibc keeps blocks up to its size on
+    // the heap (mallopt(3), M_MMAP_THRESHOLD). Volatile, or else the compiler leaves both calls out.
+    void *volatile large = malloc(size);
+    free(large);
+
     // Linux from 5.14 on; an older one refuses it, and fills the pages in later.
 #ifdef MADV_POPULATE_WRITE
     void *const block = malloc(size);
@@ -17,15 +21,5 @@ void fill_heap(size_t size)
     if (block != nullptr && std::align(page, page, begin, size) != nullptr)
         madvise(begin, size / page * page, MADV_POPULATE_WRITE);
     free(block);
-#else
-    static_cast<void>(size);
-#endif
-}
-
-void keep_large_blocks()
-{
-#ifdef __GLIBC__
-    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 8 * 1024 * 1024);
 #endif
 }

@@ -5,12 +5,10 @@
 
 #include <cstddef>
 
-/// Has the system fill in the next size bytes of the heap at once. Otherwise it does so page by page
-/// as each is first written, which can take longer than all else that a short run does.
-void fill_heap(size_t size);
-
-/// Keeps blocks below 4 MiB on the heap: by default those above 128 KiB, such as large frames, go
-/// back to the system one by one, and come anew.
-void keep_large_blocks();
+/// Has the system fill in the next size bytes of the heap at once, and keeps blocks up to this size
+/// on the heap. Otherwise the system fills pages in one by one as each is first written, and a large
+/// frame has pages of its own that come and go with it: both can take longer than all else that a
+/// short run does.
+void prepare_heap(size_t size);
 
 #endif

@@ -228,7 +228,7 @@ std::string extension_of(const std::string &path)
 
 Demuxer open_demuxer(Library &library, const Format &format, Source &source)
 {
-    fill_heap(static_cast<size_t>(std::min(source.size(), READ_AHEAD)) + SMALLER_THINGS);
+    prepare_heap(static_cast<size_t>(std::min(source.size(), READ_AHEAD)) + SMALLER_THINGS);
     Demuxer demuxer =
         library.make_demuxer(format.name, source, static_cast<int64_t>(source.size()));
     if (demuxer == nullptr)

@@ -14,7 +14,6 @@
 #include "check.h"
 #include "frames.h"
 #include "golt.h"
-#include "heap.h"
 #include "info.h"
 #include "interrupt.h"
 #include "json_text.h"
@@ -175,7 +174,6 @@ int run(int argc, char **argv)
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     note_stop_signals();
-    keep_large_blocks();
     const int status = run_command(commands, f_json);
     die_of_stop_signal();
     return status;
