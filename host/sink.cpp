@@ -14,7 +14,7 @@ namespace {
 constexpr size_t PACKET_SIZE = 188;
 constexpr size_t HEADER_SIZE = 4;
 // Bytes in a write, whole packets. Where entering the kernel is slow, smaller ones cost more.
-constexpr size_t BUFFER_SIZE = 192 * 1024 / PACKET_SIZE * PACKET_SIZE;
+constexpr size_t BUFFER_SIZE = 128 * 1024 / PACKET_SIZE * PACKET_SIZE;
 
 int write_all(int fd, const uint8_t *data, size_t size);
 
