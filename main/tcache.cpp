@@ -10,8 +10,9 @@
 #include "golt_poison.h"
 #include "tcounter.h"
 
-// Keeps what is rarely called out of the code of its callers.
+// Keep what is rarely called, or not each time, out of the code of its callers.
 #define GOLT_RARE __attribute__((noinline, cold))
+#define GOLT_APART __attribute__((noinline))
 
 bool g_TCacheEnabled = true;
 
@@ -484,10 +485,11 @@ int TCache::read(uint8_t *buf, int size)
     const auto wanted = static_cast<uint32_t>(size);
     // A size of 0 or below counts as a large one here.
     if (wanted - 1 >= m_runLeft || !g_TCacheEnabled) return readOn(buf, size);
-    copyBytes(buf, m_run, wanted);
+    const uint8_t *const from = m_run;
     m_run += wanted;
     m_runLeft -= wanted;
     m_outOffset += wanted;
+    copyBytes(buf, from, wanted);
     return size;
 }
 
@@ -504,7 +506,7 @@ int64_t TCache::seek(int64_t offset)
 }
 
 // A read that the run doesn't serve, and the next run.
-int TCache::readOn(uint8_t *buf, int size)
+GOLT_APART int TCache::readOn(uint8_t *buf, int size)
 {
     closeRun();
     const int nread = g_TCacheEnabled ? readCached(buf, size) : readPassThrough(buf, size);
