@@ -1,6 +1,7 @@
 #!/usr/bin/env bats
 # The shared object as it is built: what it exports, what it needs, how much room it takes. LIBRARY is
-# the file, MACHINE what it is for, STRIP the program that takes symbols off.
+# the file, MACHINE what it is for, STRIP the program that takes symbols off, SOURCES where they lie,
+# in a release build.
 
 bats_require_minimum_version 1.5.0
 
@@ -56,4 +57,9 @@ section() {
     [ "$stripped" -lt "$limit" ]
     [ "$(section .data .bss)" -gt 0 ]
     [ "$(section .data .bss)" -le 4096 ]
+}
+
+@test "Names no folder of the machine that built it" {
+    [ -n "$SOURCES" ] || skip "only a release leaves them out"
+    run ! grep --text --fixed-strings "$SOURCES/" "$LIBRARY"
 }
