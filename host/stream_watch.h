@@ -22,6 +22,7 @@ public:
                                 uint32_t{packet[2]} << 8 | packet[3];
         return (header >> 8 & (UNIT_START | PID)) == m_wanted;
     }
+    /// Takes a packet that it wants.
     void look(const uint8_t *packet);
 
     /// PES packets with a time that were looked at.

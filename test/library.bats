@@ -61,5 +61,5 @@ section() {
 
 @test "Names no folder of the machine that built it" {
     [ -n "$SOURCES" ] || skip "only a release leaves them out"
-    run ! grep --text --fixed-strings "$SOURCES/" "$LIBRARY"
+    run -1 grep --text --fixed-strings "$SOURCES/" "$LIBRARY"
 }
