@@ -18,10 +18,10 @@ using ::testing::ElementsAre;
 
 const Bytes START = hex("00000001");
 
-// A file of three video samples and two of sound, with what a case changes in the video track.
+// A file of three video samples and two audio samples, with what a case changes in the video track.
 class Movie {
 public:
-    // Of the tracks; "a": the sound, "t": a text track, "h" and "l": HEVC and ALAC
+    // Of the tracks; "a": the audio, "t": a text track, "h" and "l": HEVC and ALAC
     std::string order = "v";
     Mp4Track v = track_of(Mp4Track::video(), 3);
     Mp4Track a = track_of(Mp4Track::audio(), 2);
@@ -29,7 +29,7 @@ public:
 
     // "order=va": the tracks; "mdia=hdlr,mdhd": the children of a box; "stco=1,48": a table box, of
     // the count of its entries and their fields; "stco:0000..": the bytes of a whole box;
-    // "sound:..": those of the sample entry of the sound; "short=trak": a box that is four bytes
+    // "audio:..": those of the sample entry of the audio; "short=trak": a box that is four bytes
     // longer than it says.
     Movie &change(const std::string &changes)
     {
@@ -51,7 +51,7 @@ public:
             else if (name == "file")
                 file.order = parts;
             else if (word[end] == ':')
-                (name == "sound" ? a.put["entry"] : v.put[name]) = hex(value);
+                (name == "audio" ? a.put["entry"] : v.put[name]) = hex(value);
             else if (isdigit(value[0]) == 0)
                 v.order[name] = parts;
             else
@@ -161,9 +161,9 @@ struct SparseSource {
     }
 };
 
-// "moov" decides whether a file is taken, its tables which frames come: what is sound of them, and
-// nothing from outside of a table.
-TEST(Mp4, DeliversWhatIsSound)
+// "moov" decides whether a file is taken, its tables which frames come: those that all tables agree
+// upon, and nothing from outside of a table.
+TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
 {
     const Case cases[] = {
         {"both tracks", "order=va", "v0 a0 a21 v40 v80"},
@@ -174,8 +174,8 @@ TEST(Mp4, DeliversWhatIsSound)
         {"text first", "order=tva", ""},
         {"two of a kind", "order=vvat", "v0 a0 a21 v40 v80"},
         {"a second one of another codec", "order=vh ctts=2,1,80,2,0", "v80 v40 v80"},
-        {"a second sound of another codec", "order=alv", "a0 a21"},
-        {"clock behind the kind", "mdia=hdlr,mdhd,minf", ""},
+        {"a second audio track of another codec", "order=alv", "a0 a21"},
+        {"clock after the kind", "mdia=hdlr,mdhd,minf", ""},
         {"tables ahead of the kind", "mdia=mdhd,minf,hdlr", ""},
         {"a second mdia without its kind",
          "trak=tkhd,mdia,more more:000000186D646961000000106D696E66000000087374626C", "v0 v40 v80"},
@@ -245,7 +245,7 @@ TEST(Mp4, SaysWhatIsMissing)
         {"other codec", "entry:0000000868766331",
          "GOLT/mp4: Unsupported Video Codec format 'hvc1'\n" + stbl +
              "expected 0xf boxes, got 0x0\n"},
-        {"other sound", "order=a sound:000000084F707573",
+        {"other audio", "order=a audio:000000084F707573",
          "GOLT/mp4: _dmx_mp4_parse_stsd: Audio format: 'Opus' unsupported\n"},
         {"no parameter sets", "avcC:", "GOLT/mp4: 'avcC' box not found\n"},
         {"short parameter sets", "avcC:000000096176634301",
@@ -277,7 +277,7 @@ TEST(Mp4, ReadsNoFurtherThanItNeedsAndEndsWhereTheFileIsCut)
         << "back to mdat";
 }
 
-TEST(Mp4, TellsTheAudioFormat)
+TEST(Mp4, ReportsTheAudioFormat)
 {
     const struct {
         const char *format, *entry;
@@ -318,7 +318,7 @@ TEST(Mp4, TellsTheAudioFormat)
     }
 }
 
-TEST(Mp4, TellsTheVideoFormat)
+TEST(Mp4, ReportsTheVideoFormat)
 {
     const struct {
         uint32_t x, y, numerator, denominator, duration, rate;
@@ -342,7 +342,7 @@ TEST(Mp4, TellsTheVideoFormat)
     }
 }
 
-TEST(Mp4, PutsParameterSetsInFrontOfTheFirstFrameOnly)
+TEST(Mp4, PutsParameterSetsBeforeTheFirstFrameOnly)
 {
     Movie movie;
     movie.v.samples = {nal({0x65, 1}) + nal({0x65, 2, 3}), nal({0x41})};
@@ -356,7 +356,7 @@ TEST(Mp4, PutsParameterSetsInFrontOfTheFirstFrameOnly)
     EXPECT_EQ(demuxer.frames()[0].data, hex("00000001 6501 00000001 650203"));
 }
 
-TEST(Mp4, RewritesUnsoundLengthsInsideTheirBlock)
+TEST(Mp4, RewritesWrongLengthsInsideTheirBlock)
 {
     const struct {
         const char *sample, *expected;
@@ -368,7 +368,7 @@ TEST(Mp4, RewritesUnsoundLengthsInsideTheirBlock)
         {"", ""},
     };
     Movie movie;
-    // The second set runs over its block: it is left out, with all behind it.
+    // The second set runs over its block: it is left out, and so is all after it.
     movie.v.put["avcC"] = box("avcC", hex("0142001EFF E2 0002 6742 0009 6743 01 0001 68"));
     for (const auto &row : rows) {
         movie.v.samples = {hex(row.sample)};
