@@ -88,7 +88,7 @@ private:
     }
 };
 
-std::string printed_by(const std::function<bool()> &call)
+std::string printed_by(const std::function<void()> &call)
 {
     testing::internal::CaptureStdout();
     call();
@@ -104,12 +104,11 @@ struct Demuxer {
     explicit Demuxer(const Bytes &file)
         : source(file)
     {
-        printed = printed_by([this] {
-            return valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source);
-        });
-        GOLT_DMX_MP4GetStreamInfo(&info);
+        printed = printed_by(
+            [this] { valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source); });
+        EXPECT_TRUE(GOLT_DMX_MP4GetStreamInfo(&info));
     }
-    ~Demuxer() { GOLT_DMX_MP4Destroy(); }
+    ~Demuxer() { EXPECT_TRUE(GOLT_DMX_MP4Destroy()); }
 
     static std::vector<Frame> frames() { return read_frames(GOLT_DMX_MP4ReadFrame); }
     // "v0 a21": kind and time of each frame that is left.
@@ -122,7 +121,7 @@ struct Demuxer {
     }
     static std::string seek(uint64_t time_ms)
     {
-        return printed_by([=] { return GOLT_DMX_MP4SeekToTime(time_ms); });
+        return printed_by([=] { EXPECT_TRUE(GOLT_DMX_MP4SeekToTime(time_ms)); });
     }
 };
 
@@ -223,6 +222,14 @@ TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
     }
 }
 
+TEST(Mp4, DeliversAudioFirstFromTheSamePlace)
+{
+    Movie movie;
+    movie.order = "va";
+    movie.v.put["stco"] = movie.a.put["stco"] = table_box("stco", 1, {48});
+    EXPECT_EQ(Demuxer(movie.build()).times(), "a0 v0 a21 v40 v80");
+}
+
 TEST(Mp4, SaysWhatIsMissing)
 {
     const std::string stbl = "GOLT/mp4: _dmx_mp4_parse_stbl: ";
@@ -248,6 +255,8 @@ TEST(Mp4, SaysWhatIsMissing)
         {"other audio", "order=a audio:000000084F707573",
          "GOLT/mp4: _dmx_mp4_parse_stsd: Audio format: 'Opus' unsupported\n"},
         {"no parameter sets", "avcC:", "GOLT/mp4: 'avcC' box not found\n"},
+        {"parameter sets after their entry", "entry=none stbl=stsd,stts,avcC,stsc,stsz,stco",
+         "GOLT/mp4: 'avcC' box not found\n"},
         {"short parameter sets", "avcC:000000096176634301",
          "GOLT/mp4: Couldn't alloc -4 bytes for 'avcC' header\n"},
     };
@@ -270,7 +279,9 @@ TEST(Mp4, ReadsNoFurtherThanItNeedsAndEndsWhereTheFileIsCut)
     for (size_t size = 0; size < whole.size(); ++size) {
         Bytes cut = whole;
         cut.resize(size);
-        const std::string got = Demuxer(cut).times();
+        Demuxer demuxer(cut);
+        EXPECT_EQ(demuxer.valid, size >= 24 + 8) << "ftyp and the header of moov";
+        const std::string got = demuxer.times();
         EXPECT_EQ(got, plain.substr(0, got.size())) << size;
     }
     EXPECT_EQ(Demuxer(movie.change("file=ftyp,mdat,moov").build()).source.position(), 8 + 16 + 4)
@@ -365,6 +376,8 @@ TEST(Mp4, RewritesWrongLengthsInsideTheirBlock)
         {"FFFFFFFF 6501", "00000001 6501"},
         {"00000002 6501 0000", "00000001 6501 0000"},
         {"00000000 00000000", "00000001 00000001"},
+        {"00000003 6501", "00000001 6501"},
+        {"00000002 6501 00000001 41 FFFFFF", "00000001 6501 00000001 41 FFFFFF"},
         {"", ""},
     };
     Movie movie;
