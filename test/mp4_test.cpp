@@ -203,9 +203,11 @@ TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
         {"no more than 16 that overhang", "order=vvvvvvvvvvvvvvvva stss=2,1", "v0 a0 a21 v40 v80"},
         {"the one after them", "order=vvvvvvvvvvvvvvvvva stss=2,1", "v0 v40 v80"},
         {"samples past 4 GiB", "stsz=0,3,6,-9,6", "v0"},
-        {"size of 7", "stts:0000000773747473", ""},
-        {"size of 0", "stts:0000000073747473", ""},
-        {"box past 4 GiB", "stts:FFFFFFFF737474730000000000000000", ""},
+        {"sync samples beyond the file", "stss=99,1", ""},
+        {"sync samples past 4 GiB", "stss=0x40000001,1", ""},
+        {"size of 7", "dinf:0000000764696E66", ""},
+        {"size of 0", "dinf:0000000064696E66", ""},
+        {"box past 4 GiB", "dinf:FFFFFFF864696E66", ""},
 
         // Each of these would take gigabytes if it were believed.
         {"a table", "stsz:800000007374737A000000000000000010000000", ""},
