@@ -213,6 +213,7 @@ TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
         {"a table", "stsz:800000007374737A000000000000000010000000", ""},
         {"samples of one size", "stsz=6,3 stsc=1,1,-9,1", "v0 v40 v80"},
         {"two such tracks", "order=vv stsz=6,3 stsc=1,1,600000,1", "v0 v40 v80"},
+        {"two that take all", "order=vv stsz=6,3 stsc=1,1,-9,1", ""},
         {"a sample", "stsz=0x7FFFFFFF,3", ""},
         {"parameter sets", "avcC:7FFFFFF061766343000000000000000000000000", ""},
     };
@@ -222,6 +223,46 @@ TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
         EXPECT_TRUE(demuxer.valid);
         EXPECT_EQ(demuxer.times(), row.expected);
     }
+}
+
+// Two runs of chunks between those of another track. The sizes go on after the last sample.
+TEST(Mp4, FindsTheSamplesOfEachChunk)
+{
+    Movie movie;
+    movie.order = "va";
+    movie.v.samples.clear();
+    for (uint32_t i = 0; i < 13; ++i)
+        movie.v.sample(nal(pattern(1 + i * 5 % 7, i)));
+    movie.v.chunks = {3, 3, 3, 2, 2};
+    movie.v.put["stsc"] = table_box("stsc", 2, {1, 3, 1, 4, 2, 1});
+    std::vector<size_t> sizes = {15};
+    for (const Bytes &sample : movie.v.samples)
+        sizes.push_back(sample.size());
+    sizes.insert(sizes.end(), {1, 1});
+    movie.v.put["stsz"] = table_box("stsz", 0, sizes);
+    movie.a.samples = {{1, 2}, {3, 4}, {5, 6}};
+    movie.a.chunks = {1, 1, 1};
+    Demuxer demuxer(movie.build());
+    EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
+    std::vector<Bytes> got;
+    for (const Frame &frame : demuxer.frames()) {
+        if (frame.type == GOLT_FT_VIDEO) got.push_back(frame.data);
+    }
+    ASSERT_EQ(got.size(), 13u);
+    for (uint32_t i = 1; i < got.size(); ++i)
+        EXPECT_EQ(got[i], START + pattern(1 + i * 5 % 7, i)) << i;
+}
+
+// The mean interval and the rate go by all samples, also where not all are laid out.
+TEST(Mp4, CountsTheSamplesThatAreLeftOut)
+{
+    Movie movie;
+    movie.v.duration = 3000000 * 40;
+    movie.change("stsz=6,3 stsc=1,1,3000000,1 stts=2,1,40,2999999,40");
+    Demuxer demuxer(movie.build());
+    EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
+    EXPECT_EQ(demuxer.seek(80), "GOLT/mp4: seek: v(2), a(0)\n");
+    EXPECT_EQ(demuxer.times(), "v80");
 }
 
 TEST(Mp4, DeliversAudioFirstFromTheSamePlace)
