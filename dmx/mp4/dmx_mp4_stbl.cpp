@@ -248,10 +248,11 @@ uint32_t place_chunk(const s_track &tr, uint64_t ui8_offset, uint32_t ui4_first,
         pui4_offsets[i] = static_cast<uint32_t>(ui8_offset);
         ui8_offset += size_of(i);
     }
-    // Looked at only here, as hardly a file comes near it: those that end past 4 GiB are taken back.
-    while (ui8_offset > POSITIONS_END && ui4_end > ui4_first) {
+    // Looked at only here, as hardly a file comes near it: those that start past 4 GiB are taken back.
+    while (ui8_offset >= POSITIONS_END && ui4_end > ui4_first) {
+        ui8_offset -= size_of(ui4_end - 1);
+        if (ui8_offset < POSITIONS_END) break;
         --ui4_end;
-        ui8_offset -= size_of(ui4_end);
     }
     return ui4_end;
 }
