@@ -13,10 +13,10 @@
 
 #include "check.h"
 #include "frames.h"
-#include "golt.h"
 #include "info.h"
 #include "interrupt.h"
 #include "json_text.h"
+#include "libgolt.h"
 #include "message.h"
 #include "plot.h"
 #include "printer.h"

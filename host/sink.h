@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "golt.h"
+#include "libgolt.h"
 #include "stream_watch.h"
 
 class Sink : public PELA::AVMuxer::Listener {

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 
 #include "descriptor.h"
-#include "golt.h"
+#include "libgolt.h"
 
 class Source : public PELA::AVDemuxer::Listener {
 public:

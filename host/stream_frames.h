@@ -8,7 +8,7 @@
 #include <optional>
 
 #include "elementary.h"
-#include "golt.h"
+#include "libgolt.h"
 #include "ts_checker.h"
 
 constexpr int64_t TICKS_PER_MS = 90;  // of times in a transport stream

@@ -8,8 +8,8 @@
 #ifndef GOLT_DRIVER_H
 #define GOLT_DRIVER_H
 
-#include "golt.h"
 #include "golt_common.h"
+#include "libgolt.h"
 #include "tcache.h"
 
 /// One row of the format table: the six functions of a demuxer.
