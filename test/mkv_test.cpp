@@ -111,6 +111,9 @@ TEST(Mkv, WalksClustersAndBlocks)
         {"other tracks", PICTURES + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
         {"times below zero", PICTURES + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
         {"group", PICTURES + "=A0[FB[01]A1[81.%5(65)]9B[28]FB[D8]] v40(41)", "v5|65 v40|41"},
+        {"cluster of unknown size",
+         AVC + " . =1F43B675.01FFFFFFFFFFFFFF.E7[07]A3[81%1(65)] c9 v0(41) . =A3[81%2(4199)]",
+         "v8|65 v9|4199"},
         {"cut picture", PICTURES + "=A3.8A.8100000000000002.41", "v0|4100"},
         {"cut sound", SOUND + "=A3.87.82000000.0102", "a0=010200"},
         {"3 MB missing", PICTURES + "v0(41) =A3.0800300000.81000000.05*99", "v0|41"},
@@ -181,6 +184,12 @@ TEST(Mkv, Seeks)
         {"the last of too many", front + times(4999, "q10001 ") + "q14999", "! @ v10000|6501",
          "@14999 @14998 1"},
         {"one", AVC + " k C2000 v0(65)", "! @ v2000|65", "@2000 @100 1"},
+        {"two Cues in front", AVC + " k k " + clusters, "@ v5000|65", "@5000 1"},
+        {"the second counts", AVC + " k . =1C53BB6B[BB[B3[09]B7[F1[00]]]] " + clusters, "! !",
+         "@5000 @5"},
+        // A cue point at 6000 with two places: the Segment's start and the Cluster at 5000.
+        {"two places", "h0 " + AVC + " C0 v0(65) C5000 v0(65) q6000]B7[F1[00] q9000 k",
+         "@ v5000|65", "@7000 1"},
 
         {"between", front, "@ v5000|65 @ v0|65 @ v5000|65", "@7000 1 @4999 1 @4294972296 1"},
         {"at the last", front, "v0|65 ! v40|41 ! v5000|65", "1 @10000 1 @99999 1"},

@@ -510,7 +510,7 @@ cues_t goto_cues(const element_t &t_cluster);
 int32_t EMBL_Header_Analyze()
 {
     uint32_t stage = 0;
-    int32_t found = 0;  // a Cluster: without one there is nothing to read
+    int32_t found = 0;  // a Cluster, or Cues, which lead to some: without them nothing can be read
     element_t t_element;
     while (read_element(t_element) && !is_given_up()) {
         switch (t_element.ID) {
@@ -525,6 +525,7 @@ int32_t EMBL_Header_Analyze()
         case ID_INFO: FileEMBL_Check_SegmentInfo(t_element.Len, t_element.cur_used); break;
         case ID_TRACKS: FileEMBL_Check_TRACK(t_element.Len, t_element.cur_used); break;
         case ID_CUES:
+            found = 1;
             FileEMBL_Check_Cue(t_element.Len, t_element.cur_used);
             if (stage != 0) return found;
             stage = 1;

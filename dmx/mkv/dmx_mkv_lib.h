@@ -64,7 +64,7 @@ float FileGetFloat(uint32_t Len);
 // Header scan
 
 /// Reads the headers from the current position, up to the first Cluster and the cues. 1, or 0 when
-/// no Cluster was found. The position is left anywhere.
+/// the input ended before either. The position is left anywhere.
 int32_t EMBL_Header_Analyze();
 
 // Parsers of one master element, whose header has just been read. Always 1.
