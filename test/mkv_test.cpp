@@ -202,6 +202,9 @@ TEST(Mkv, Seeks)
         {"twice", AVC + " " + AAC + " k C0 a0=01 v0(41) v40(09)(65) v80(41) v120(65) q1000",
          "@ @ v80|41 v120|65", "@500 @80 9"},
         {"out of a lace", SCENES, "a2000=01 @ v4000|6701|65*9 a4000=03 v4080|41", "1 @4500 9"},
+        // The frame of three bytes leaves a block within its own to what comes next.
+        {"over a lace", AVC + " " + AAC + " k C0 l06.00.83.010203.A3[81%5(65)] v80(41) q1000",
+         "@ v5|65", "@20 1"},
         {"destroyed in a lace", SCENES, "a2000=01", "1"},
         {"destroyed behind a seek", SCENES, "@", "@2000"},
     });
@@ -360,6 +363,42 @@ TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
         GOLT_DMX_MKVDestroy();
     }
     GOLT_memClose();
+}
+
+// Each block of seven bytes has 255 empty frames.
+TEST(Mkv, SeeksOverAudioUnread)
+{
+    const std::string laces = times(1000, "l04.FE ");
+    Demuxer demuxer(
+        MkvFile(AVC + " " + AAC + " k C0 " + laces + "v0(41) a0=01*999 v40(65) q99").build());
+    g_heap.granted = INT_MAX;
+    const int before = demuxer.source.reads;
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MKVSeekToTime(10));
+    }
+    EXPECT_EQ(INT_MAX - g_heap.granted, 2) << "the two video frames";
+    EXPECT_LE(demuxer.source.reads - before, 7 * 1000 + 50);
+    EXPECT_EQ(demuxer.run("1"), "v40|65");
+}
+
+// Each frame claims 14 MiB, of which the host gives eight bytes and the demuxer fills the rest.
+TEST(Mkv, EndsASeekWhereFrameAfterFrameIsCut)
+{
+    const std::string claim = " . c0 =A3.0800F00000.81000000.00E00000.41*9";
+    Source source(MkvFile(AVC + " k C0 v0(41)" + times(50, claim) + " . q9").build());
+    const tpf_read trickle = [](void *host, uint8_t *buffer, uint32_t size) {
+        return Source::read_proc(host, buffer, size > 999 ? 8 : size);
+    };
+    ASSERT_TRUE(GOLT_DMX_MKVInit(trickle, Source::seek_proc, &source));
+    source.refuse_seeks = true;
+    {
+        const LibraryCall watch;
+        g_heap.granted = INT_MAX;
+        EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(5));
+    }
+    EXPECT_EQ(INT_MAX - g_heap.granted, 1 + 8);
+    GOLT_DMX_MKVDestroy();
 }
 
 // What no entry of the PMT announces goes into the stream all the same.

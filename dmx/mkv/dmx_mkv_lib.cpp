@@ -1085,6 +1085,7 @@ struct lacing_t {
 
 void read_lacing(int kind, uint32_t BlockLen, lacing_t &t_lacing);
 void finish_lacing(uint32_t DataLen, lacing_t &t_lacing);
+void pass_over_audio_block(const lacing_t &t_lacing);
 void read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing);
 void read_video_block(uint32_t CurTimeCode, uint32_t DataLen);
 
@@ -1124,6 +1125,8 @@ int32_t BlockDataAnalyze(uint32_t BlockLen)
         const uint32_t ui4_time = mkvctx.ClusterInfo.TimeCode + static_cast<uint32_t>(i4_time);
         if (f_video)
             read_video_block(ui4_time, DataLen);
+        else if (mkvctx.f_seeking)
+            pass_over_audio_block(t_lacing);
         else
             read_audio_block(ui4_time, t_lacing);
     }
@@ -1220,6 +1223,16 @@ uint8_t *larger_block(uint8_t *pb_block, uint32_t ui4_used, uint32_t ui4_size)
     GOLT_freeMem(pb_block);
     if (pb_larger == nullptr) mkvctx.f_ended = true;
     return pb_larger;
+}
+
+// A seek drops all audio anyway. What the frames leave of the block is read on from, as it is after
+// frames that were read.
+void pass_over_audio_block(const lacing_t &t_lacing)
+{
+    uint32_t ui4_sum = 0;
+    for (uint32_t i = 0; i < t_lacing.count; ++i)
+        ui4_sum += t_lacing.frame_data_num[i];
+    if (ui4_sum != 0) _MKV_Seek(position_after(ui4_sum));
 }
 
 // Reads one frame of ui4_size bytes into a block of its own. False, with nothing held, when memory
