@@ -6,7 +6,7 @@
 #include "golt_crc.h"
 #include "host_double.h"
 #include "rmx_mpeg2ts_i.h"
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 namespace {
 
