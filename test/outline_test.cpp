@@ -133,7 +133,9 @@ TEST(Mp4Outline, ReadsTheFieldsOfBothVersions)
 
 TEST(Mp4Outline, SeesWhatTheLibraryCannotTake)
 {
-    const auto outline_with = [](Mp4Track track) { return outline_of(Mp4File().add(track).build()); };
+    const auto outline_with = [](Mp4Track track) {
+        return outline_of(Mp4File().add(track).build());
+    };
 
     Mp4Track far = video_of(2);
     far.put["stco"] = box("co64", be32(0) + be32(1) + be(uint64_t{1} << 40, 8));
@@ -219,8 +221,8 @@ TEST(MatroskaOutline, KnowsTracksAndWhatTheSeekHeadLeadsTo)
 TEST(MpegAudioOutline, KnowsTagsAndWhatTheFirstFrameTells)
 {
     const Bytes id3 = hex("49443304000000000104") + Bytes(132);
-    const Bytes ape = Bytes(32) + text("APETAGEX") + hex("D0070000 20000000 00000000 00000080") +
-                      Bytes(8);
+    const Bytes ape =
+        Bytes(32) + text("APETAGEX") + hex("D0070000 20000000 00000000 00000080") + Bytes(8);
     const Bytes id3v1 = text("TAG") + Bytes(125);
     const auto xing = [](const char *name, size_t at, size_t size, uint32_t header) {
         Bytes frame = be32(header) + Bytes(at) + text(name) + be32(3) + be32(40) + be32(9999);
@@ -230,8 +232,8 @@ TEST(MpegAudioOutline, KnowsTagsAndWhatTheFirstFrameTells)
     const Bytes frames = Mp3().frames(9).file;
     // MPEG-2 Layer III of 64 kbit/s at 22050 Hz, one channel.
     const Bytes slow = Mp3().frames(9, 0xFFF380C0, 208).file;
-    const Bytes vbri = be32(0xFFFB9000) + Bytes(32) + text("VBRI") + Bytes(6) + be32(9999) + be32(40) +
-                       Bytes(363);
+    const Bytes vbri =
+        be32(0xFFFB9000) + Bytes(32) + text("VBRI") + Bytes(6) + be32(9999) + be32(40) + Bytes(363);
     using Header = MpegAudioOutline::Header;
     const struct {
         const char *name;
@@ -242,10 +244,10 @@ TEST(MpegAudioOutline, KnowsTagsAndWhatTheFirstFrameTells)
         bool is_estimate;
     } rows[] = {
         {"bare", frames, Header::NONE, 0, 9 * 417, 0, 234, true},
-        {"all tags", id3 + xing("Info", 32, 417, 0xFFFB9000) + frames + ape + id3v1, Header::INFO, 142,
-         142 + 10 * 417, 40, 1044, false},
-        {"MPEG-2 mono", xing("Xing", 9, 208, 0xFFF380C0) + slow, Header::XING, 0, 10 * 208, 40, 1044,
-         false},
+        {"all tags", id3 + xing("Info", 32, 417, 0xFFFB9000) + frames + ape + id3v1, Header::INFO,
+         142, 142 + 10 * 417, 40, 1044, false},
+        {"MPEG-2 mono", xing("Xing", 9, 208, 0xFFF380C0) + slow, Header::XING, 0, 10 * 208, 40,
+         1044, false},
         {"VBRI", vbri + frames, Header::VBRI, 0, 10 * 417, 40, 1044, false},
         {"two tags and padding", id3 + id3 + Bytes(99) + frames, Header::NONE, 2 * 142 + 99,
          2 * 142 + 99 + 9 * 417, 0, 234, true},
@@ -279,10 +281,8 @@ TEST(Outline, TellsTransportStreamsApart)
         uint32_t size;
         uint64_t first;
     } rows[] = {
-        {"188", stream(0, 0), 188, 0},
-        {"192", stream(4, 0), 192, 0},
-        {"204", stream(0, 16), 204, 0},
-        {"in the middle", Bytes(100) + stream(0, 0), 188, 100},
+        {"188", stream(0, 0), 188, 0},     {"192", stream(4, 0), 192, 0},
+        {"204", stream(0, 16), 204, 0},    {"in the middle", Bytes(100) + stream(0, 0), 188, 100},
         {"none", Bytes(3000, 0x11), 0, 0},
     };
     for (const auto &row : rows) {
@@ -324,7 +324,7 @@ TEST(Outline, ReadsLittleOfALargeFile)
     track.put["stsz"] = table_box("stsz", 0, sizes);
     Mp4File last;
     last.order = {"ftyp", "free", "mdat", "moov"};
-    Memory memory(last.add(track).build() );
+    Memory memory(last.add(track).build());
     EXPECT_EQ(read_outline(memory).tracks.at(0).mp4.bytes, 1000000u);
     EXPECT_LT(memory.reads, 40);
 
