@@ -8,7 +8,7 @@
 
 #include "golt.h"
 #include "target.h"
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 using namespace PELA;
 

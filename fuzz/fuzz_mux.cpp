@@ -5,7 +5,7 @@
 
 #include "rmx_mpeg2ts.h"
 #include "target.h"
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 namespace {
 

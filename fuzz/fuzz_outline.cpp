@@ -12,8 +12,8 @@ namespace {
 class Source final : public ByteSource {
 public:
     Source(const uint8_t *pb_data, size_t size)
-        : m_knows_size((pb_data[0] & 1) != 0)
-        , m_claims_more((pb_data[0] & 2) != 0)
+        : m_f_knows_size((pb_data[0] & 1) != 0)
+        , m_f_claims_more((pb_data[0] & 2) != 0)
         , m_fails_from((pb_data[0] & 4) != 0 ? pb_data[1] : UINT32_MAX)
         , m_file(pb_data + 2, pb_data + size)
     {
@@ -30,11 +30,11 @@ public:
     }
     uint64_t size() const override
     {
-        return m_knows_size ? m_file.size() + (m_claims_more ? uint64_t{1} << 40 : 0) : 0;
+        return m_f_knows_size ? m_file.size() + (m_f_claims_more ? uint64_t{1} << 40 : 0) : 0;
     }
 
 private:
-    const bool m_knows_size, m_claims_more;
+    const bool m_f_knows_size, m_f_claims_more;
     const uint32_t m_fails_from;
     const std::vector<uint8_t> m_file;
     uint32_t m_reads = 0;

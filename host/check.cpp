@@ -4,23 +4,22 @@
 
 #include <fmt/format.h>
 
-#include "findings.h"
-#include "interrupt.h"
-#include "scan.h"
-#include "time_text.h"
+#include "io/interrupt.h"
+#include "stream/findings.h"
+#include "stream/scan.h"
+#include "stream/time_text.h"
 
 namespace {
 
 // The limits. --help and the manual tell them.
-constexpr size_t REORDER_PICTURES = 16;                     // MaxDpbFrames of H.264
-constexpr int64_t SOUND_JUMP = 100 * TICKS_PER_MS;          // over the length of a frame
-constexpr int64_t PICTURE_JUMP = 10 * 1000 * TICKS_PER_MS;  // and over
-constexpr int64_t PICTURE_JUMP_FACTOR = 10;                 // times the mean step
-constexpr int64_t APART = 1000 * TICKS_PER_MS;              // ISO/IEC 13818-1: data waits 1 s
-constexpr int64_t PCR_INTERVAL = 100 * TICKS_PER_MS;        // ISO/IEC 13818-1
+constexpr size_t REORDER_PICTURES = 16;                  // MaxDpbFrames of H.264
+constexpr int64_t SOUND_JUMP = 100 * TICKS_PER_MS;       // over the length of a frame
+constexpr int64_t PICTURE_JUMP = 10 * TICKS_PER_SECOND;  // and over
+constexpr int64_t PICTURE_JUMP_FACTOR = 10;              // times the mean step
+constexpr int64_t APART = TICKS_PER_SECOND;              // ISO/IEC 13818-1: data waits 1 s
+constexpr int64_t PCR_INTERVAL = 100 * TICKS_PER_MS;     // ISO/IEC 13818-1
 constexpr uint64_t LONGEST_PES = 0xFFFF;
-constexpr int64_t PCR_RANGE = (int64_t{1} << 33) * 300;  // 27 MHz
-constexpr int64_t PCR_TICKS = 300;                       // in one of 90 kHz
+constexpr int64_t PCR_RANGE = (int64_t{1} << PTS_BITS) * PCR_PER_TICK;  // 27 MHz
 
 constexpr FindingKind
     BACKWARD = {"time-backward", "a time runs backward", Amount::TICKS, "at most by"},
@@ -47,7 +46,7 @@ public:
 
     struct Step {
         int64_t time, length;
-        bool has_length;  // there was a time before
+        bool f_length;  // there was a time before
         int64_t backward;
     };
     /// Takes the next time; what leaves the order, if any does.
@@ -76,7 +75,7 @@ struct StreamJudge {
     std::optional<int64_t> reached;  // the latest time
     int64_t sum = 0, steps = 0;      // of the steps between pictures
     int64_t frame_length = 0;        // of the last sound frame, by its header
-    bool has_sequence = false, has_picture_sets = false;
+    bool f_sequence = false, f_picture_sets = false;
 };
 
 class Judge final : public FrameUser {
@@ -113,7 +112,7 @@ Json report_json(const Input &input, const Judge &judge, const std::string &faul
 ExitStatus check(const CheckOptions &options, Printer &printer)
 {
     Input input(options.input);
-    Judge judge(!input.format().has_times);
+    Judge judge(!input.format().f_times);
     StreamFrames frames(0, judge);
     Pump pump(input, frames);
     read_all(input, pump, frames);
@@ -160,10 +159,10 @@ void Judge::on_pcr(uint64_t packet, uint64_t pcr, bool f_jumps)
         int64_t step = (now - *m_pcr) % PCR_RANGE;
         if (step > PCR_RANGE / 2) step -= PCR_RANGE;
         if (step < -PCR_RANGE / 2) step += PCR_RANGE;
-        const int64_t time = now / PCR_TICKS;
-        if (step < 0) findings.add(PCR_BACKWARD, "clock", packet, time, -step / PCR_TICKS);
-        if (step > PCR_INTERVAL * PCR_TICKS)
-            findings.add(PCR_LATE, "clock", packet, time, step / PCR_TICKS);
+        const int64_t time = now / PCR_PER_TICK;
+        if (step < 0) findings.add(PCR_BACKWARD, "clock", packet, time, -step / PCR_PER_TICK);
+        if (step > PCR_INTERVAL * PCR_PER_TICK)
+            findings.add(PCR_LATE, "clock", packet, time, step / PCR_PER_TICK);
     }
     m_pcr = now;
 }
@@ -194,7 +193,7 @@ void Judge::judge_step(StreamJudge &stream, bool f_video, const TimeOrder::Step 
         findings.add(BACKWARD, stream.name, stream.packet, step.time, step.backward);
         return;
     }
-    if (!step.has_length) return;
+    if (!step.f_length) return;
     if (step.length == 0) findings.add(REPEATED, stream.name, stream.packet, step.time);
     if (f_video) {
         const int64_t mean =
@@ -233,12 +232,12 @@ void Judge::judge_content(StreamJudge &stream, const StreamFrame &frame)
     for (size_t i = 0; i < content.unit_count; ++i) {
         const uint8_t unit = content.units[i];
         const bool f_h264 = frame.codec == Codec::H264;
-        if (unit == (f_h264 ? nal::SPS : mpeg2::SEQUENCE)) stream.has_sequence = true;
-        if (f_h264 && unit == nal::PPS) stream.has_picture_sets = true;
+        if (unit == (f_h264 ? nal::SPS : mpeg2::SEQUENCE)) stream.f_sequence = true;
+        if (f_h264 && unit == nal::PPS) stream.f_picture_sets = true;
         const bool f_picture =
             f_h264 ? unit >= nal::SLICE && unit <= nal::IDR : unit == mpeg2::PICTURE;
         if (!f_picture) continue;
-        if (!stream.has_sequence || (f_h264 && !stream.has_picture_sets))
+        if (!stream.f_sequence || (f_h264 && !stream.f_picture_sets))
             findings.add(NO_SETS, stream.name, packet, frame.time);
         break;
     }
@@ -280,7 +279,7 @@ int64_t length_of(const StreamFrame &frame)
     if (header.sample_rate == 0) return 0;
     const uint64_t size = std::max<uint64_t>(header.size, 1);
     const uint64_t in_it = std::max<uint64_t>((frame.pes.payload_size + size - 1) / size, 1);
-    return static_cast<int64_t>(in_it * header.samples * TICKS_PER_MS * 1000 / header.sample_rate);
+    return static_cast<int64_t>(in_it * header.samples * TICKS_PER_SECOND / header.sample_rate);
 }
 
 std::string report_text(const Input &input, const Judge &judge, const std::string &fault)

@@ -4,9 +4,9 @@
 #ifndef HOST_CHECK_H
 #define HOST_CHECK_H
 
-#include "input.h"
-#include "message.h"
-#include "printer.h"
+#include "io/message.h"
+#include "io/printer.h"
+#include "stream/input.h"
 
 struct CheckOptions {
     InputOptions input;

@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
-#include "interrupt.h"
-#include "json_text.h"
-#include "stream_frames.h"
-#include "time_text.h"
+#include "io/interrupt.h"
+#include "stream/json_text.h"
+#include "stream/stream_frames.h"
+#include "stream/time_text.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ ExitStatus frames(const FramesOptions &options, Printer &printer)
     pump.seek_to_start();
     printer.print(header_of(options, input));
     while (!lister.is_full() && !printer.is_closed() && pump.copy_frame()) {
-        if (input.format().has_times) sink.end_frames();
+        if (input.format().f_times) sink.end_frames();
     }
     const bool f_stopped = lister.is_full() || printer.is_closed() || stop_signal() != 0;
     sink.finish();
@@ -64,9 +64,7 @@ ExitStatus frames(const FramesOptions &options, Printer &printer)
     const std::string fault = pump.fault_in_input();
     if (options.f_json && !fault.empty()) printer.print(json_error(EXIT_DONE_WITH_FAULTS, fault));
     printer.flush();
-    if (fault.empty()) return EXIT_DONE;
-    say(fmt::format("golt: {}: {}", input.source().path(), fault));
-    return EXIT_DONE_WITH_FAULTS;
+    return end_command(input.source().path(), fault);
 }
 
 namespace {

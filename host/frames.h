@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <optional>
 
-#include "input.h"
-#include "message.h"
-#include "printer.h"
+#include "io/message.h"
+#include "io/printer.h"
+#include "stream/input.h"
 
 struct FramesOptions {
     InputOptions input;

@@ -2,8 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "scan.h"
-#include "time_text.h"
+#include "stream/scan.h"
+#include "stream/time_text.h"
 
 namespace {
 
@@ -65,9 +65,7 @@ ExitStatus info(const InfoOptions &options, Printer &printer)
         if (options.f_scan) printer.print(fmt::format("output      {} bytes\n", frames.bytes()));
     }
     printer.flush();
-    if (fault.empty()) return EXIT_DONE;
-    say(fmt::format("golt: {}: {}", input.source().path(), fault));
-    return EXIT_DONE_WITH_FAULTS;
+    return end_command(input.source().path(), fault);
 }
 
 namespace {

@@ -3,9 +3,9 @@
 #ifndef HOST_INFO_H
 #define HOST_INFO_H
 
-#include "input.h"
-#include "message.h"
-#include "printer.h"
+#include "io/message.h"
+#include "io/printer.h"
+#include "stream/input.h"
 
 struct InfoOptions {
     InputOptions input;

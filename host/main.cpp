@@ -15,13 +15,13 @@
 #include "frames.h"
 #include "golt.h"
 #include "info.h"
-#include "interrupt.h"
-#include "json_text.h"
-#include "message.h"
+#include "io/interrupt.h"
+#include "io/message.h"
+#include "io/printer.h"
 #include "plot.h"
-#include "printer.h"
 #include "remux.h"
-#include "time_text.h"
+#include "stream/json_text.h"
+#include "stream/time_text.h"
 
 namespace {
 

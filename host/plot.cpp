@@ -6,20 +6,18 @@
 
 #include <fmt/format.h>
 
-#include "interrupt.h"
-#include "output.h"
-#include "printer.h"
-#include "scan.h"
-#include "time_text.h"
-#include "timeline.h"
+#include "io/interrupt.h"
+#include "io/output.h"
+#include "io/printer.h"
+#include "stream/scan.h"
+#include "stream/time_text.h"
+#include "stream/timeline.h"
 
 namespace {
 
 // Seeks to find sync points, and how many frames may come until a picture does.
 constexpr int PROBES = 120;
 constexpr int MOST_FRAMES_TO_PICTURE = 256;
-
-constexpr double TICKS_PER_SECOND = TICKS_PER_MS * 1000.0;
 
 /// Fills the timeline; afterwards it waits for the picture that a seek lands on.
 class Plotter final : public FrameUser {
@@ -28,7 +26,7 @@ public:
     Totals totals;
     std::set<int64_t> sync_points;
     bool f_probing = false;
-    bool has_landed = false;
+    bool f_landed = false;
     int other_landings = 0;
 
     void on_frame(const StreamFrame &frame) override;
@@ -95,7 +93,7 @@ ExitStatus plot(const PlotOptions &options, Descriptor standard_output)
     const std::string fault = pump.fault_in_input();
 
     // At a server each seek would be a request. Sound can begin anywhere.
-    const bool f_probe = !is_url(path) && input.format().has_times && stop_signal() == 0 &&
+    const bool f_probe = !is_url(path) && input.format().f_times && stop_signal() == 0 &&
                          pump.content().videoCodec != PELA::VIDEO_CODEC_UNKNOWN;
     if (f_probe) probe(pump, frames, plotter);
 
@@ -104,9 +102,7 @@ ExitStatus plot(const PlotOptions &options, Descriptor standard_output)
         .draw(std::filesystem::path(path).filename().string(), plotter, f_probe);
     printer.flush();
     output.complete();
-    if (fault.empty()) return EXIT_DONE;
-    say(fmt::format("golt: {}: {}", path, fault));
-    return EXIT_DONE_WITH_FAULTS;
+    return end_command(path, fault);
 }
 
 namespace {
@@ -115,8 +111,8 @@ void Plotter::on_frame(const StreamFrame &frame)
 {
     const bool f_video = is_video(frame.codec);
     if (f_probing) {
-        if (!f_video || has_landed || !frame.time) return;
-        has_landed = true;
+        if (!f_video || f_landed || !frame.time) return;
+        f_landed = true;
         // Open groups begin with parameter sets, but without an IDR picture.
         const FrameContent &content = frame.content;
         if (content.has(nal::IDR) || content.has(nal::SPS) || content.has(mpeg2::SEQUENCE))
@@ -146,8 +142,8 @@ void probe(Pump &pump, StreamFrames &frames, Plotter &plotter)
     for (int i = 0; i < PROBES && stop_signal() == 0; ++i) {
         const int64_t time_ms = (first + span / PROBES * i) / TICKS_PER_MS;
         if (time_ms > UINT32_MAX || !pump.seek(static_cast<uint32_t>(time_ms))) continue;
-        plotter.has_landed = false;
-        for (int n = 0; n < MOST_FRAMES_TO_PICTURE && !plotter.has_landed; ++n) {
+        plotter.f_landed = false;
+        for (int n = 0; n < MOST_FRAMES_TO_PICTURE && !plotter.f_landed; ++n) {
             if (!pump.copy_frame()) break;
             frames.end_frames();
         }
@@ -282,7 +278,7 @@ void Drawing::draw_time_axis()
         const double at = i * step;
         line("axis", x(at), AXIS, x(at), AXIS + 4);
         // A hair more: 0.3 s comes out as a little less than 27,000 ticks.
-        const auto ticks = static_cast<int64_t>(at * TICKS_PER_SECOND + 0.01);
+        const auto ticks = static_cast<int64_t>(at * static_cast<double>(TICKS_PER_SECOND) + 0.01);
         // Without the milliseconds where steps are whole seconds.
         const std::string label = time_text((m_timeline.start() + ticks) / TICKS_PER_MS);
         text("small\" text-anchor=\"middle", x(at), AXIS + 17,

@@ -7,12 +7,12 @@
 
 #include <fmt/format.h>
 
-#include "input.h"
-#include "interrupt.h"
-#include "output.h"
-#include "progress.h"
-#include "sink.h"
-#include "time_text.h"
+#include "io/interrupt.h"
+#include "io/output.h"
+#include "io/progress.h"
+#include "io/sink.h"
+#include "stream/input.h"
+#include "stream/time_text.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ private:
     const RemuxOptions &m_options;
     Input m_input;
     Output m_output;
-    StreamWatch m_sound{AUDIO_PID};
+    TsWatch m_sound{AUDIO_PID};
     Sink m_sink;
     Pump m_pump;
 };
@@ -81,23 +81,20 @@ ExitStatus Job::run()
                         m_output.name(), stop_signal_name()));
         return EXIT_NOT_DONE;
     }
-    const std::string fault = fault_in_input();
-    if (fault.empty()) return EXIT_DONE;
-    say(fmt::format("golt: {}: {}", path, fault));
-    return EXIT_DONE_WITH_FAULTS;
+    return end_command(path, fault_in_input());
 }
 
 void Job::show(Progress &progress) const
 {
     progress.show(m_sink.bytes(), std::clamp(m_pump.part_done(), 0.0, 1.0),
-                  m_input.format().has_times ? time_text(m_pump.clock().reached_ms())
-                                             : fmt::format("{} frames", m_pump.frames()));
+                  m_input.format().f_times ? time_text(m_pump.clock().reached_ms())
+                                           : fmt::format("{} frames", m_pump.frames()));
 }
 
 std::string Job::summary(double seconds) const
 {
     std::string text = fmt::format("{} frames, {} bytes", m_pump.frames(), m_sink.bytes());
-    if (m_input.format().has_times) {
+    if (m_input.format().f_times) {
         const int64_t span_ms = m_pump.clock().reached_ms() - m_pump.clock().first_ms();
         text += ", " + time_text(span_ms);
         if (seconds > 0.001)
@@ -110,7 +107,7 @@ std::string Job::summary(double seconds) const
 std::string Job::fault_in_input() const
 {
     std::string fault = m_pump.fault_in_input();
-    if (!fault.empty() || !m_input.format().has_times || !m_sound.stands_still()) return fault;
+    if (!fault.empty() || !m_input.format().f_times || !m_sound.stands_still()) return fault;
     // Matroska files by muxers that write no DefaultDuration.
     return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
                        m_sound.frames(), time_text(m_sound.first_ms()));

@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "descriptor.h"
-#include "input.h"
-#include "message.h"
+#include "io/descriptor.h"
+#include "io/message.h"
+#include "stream/input.h"
 
 struct RemuxOptions {
     InputOptions input;

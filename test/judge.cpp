@@ -7,7 +7,7 @@
 #include "files.h"
 #include "host_double.h"
 #include "tcache.h"
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 namespace {
 

@@ -16,7 +16,7 @@ class Memory final : public ByteSource {
 public:
     explicit Memory(Bytes file, bool f_knows_size = true)
         : m_file(std::move(file))
-        , m_knows_size(f_knows_size)
+        , m_f_knows_size(f_knows_size)
     {
     }
     size_t read_at(uint64_t offset, uint8_t *buffer, size_t size) override
@@ -27,13 +27,13 @@ public:
         if (count > 0) memcpy(buffer, m_file.data() + at, count);
         return count;
     }
-    uint64_t size() const override { return m_knows_size ? m_file.size() : 0; }
+    uint64_t size() const override { return m_f_knows_size ? m_file.size() : 0; }
 
     int reads = 0;
 
 private:
     Bytes m_file;
-    bool m_knows_size;
+    bool m_f_knows_size;
 };
 
 Outline outline_of(const Bytes &file)
@@ -70,7 +70,7 @@ TEST(Mp4Outline, KnowsTracksAndWhereTheirMediaEnd)
     const Outline outline = outline_of(file);
 
     EXPECT_EQ(outline.container, Container::MP4);
-    EXPECT_TRUE(outline.mp4.has_ftyp && outline.mp4.is_moov_first && !outline.mp4.is_fragmented);
+    EXPECT_TRUE(outline.mp4.f_ftyp && outline.mp4.f_moov_first && !outline.mp4.f_fragmented);
     EXPECT_EQ(outline.mp4.mdat_end, file.size());
     EXPECT_EQ(outline.chapters, 0u);
     ASSERT_EQ(outline.tracks.size(), 2u);
@@ -112,7 +112,7 @@ TEST(Mp4Outline, ReadsTheFieldsOfBothVersions)
     const Outline outline = outline_of(Mp4File().add(turned).add(plain).build());
     const Track *track = outline.track(9);
     ASSERT_NE(track, nullptr);
-    EXPECT_TRUE(track->is_enabled);
+    EXPECT_TRUE(track->f_enabled);
     EXPECT_EQ(track->mp4.rotation, 90);
     EXPECT_EQ(track->language, "eng");
     EXPECT_EQ(track->mp4.timescale, 600u);
@@ -122,7 +122,7 @@ TEST(Mp4Outline, ReadsTheFieldsOfBothVersions)
     EXPECT_EQ(track->mp4.edits[1].media_time, 80);
     track = outline.track(7);
     ASSERT_NE(track, nullptr);
-    EXPECT_FALSE(track->is_enabled);
+    EXPECT_FALSE(track->f_enabled);
     EXPECT_EQ(track->mp4.rotation, 0);
     EXPECT_EQ(track->mp4.duration, uint64_t{1} << 33);
     EXPECT_EQ(track->duration_ns, (int64_t{1} << 33) * 1000000);
@@ -140,13 +140,13 @@ TEST(Mp4Outline, SeesWhatTheLibraryCannotTake)
     Mp4Track far = video_of(2);
     far.put["stco"] = box("co64", be32(0) + be32(1) + be(uint64_t{1} << 40, 8));
     Outline outline = outline_with(far);
-    EXPECT_TRUE(outline.tracks.at(0).mp4.has_64_bit_offsets);
+    EXPECT_TRUE(outline.tracks.at(0).mp4.f_64_bit_offsets);
     EXPECT_EQ(outline.tracks[0].mp4.end, (uint64_t{1} << 40) + 21);
 
     Mp4Track compact = video_of(3);
     compact.put["stsz"] = box("stz2", be32(0) + be32(4) + be32(3) + hex("1230"));
     outline = outline_with(compact);
-    EXPECT_TRUE(outline.tracks.at(0).mp4.has_compact_sizes);
+    EXPECT_TRUE(outline.tracks.at(0).mp4.f_compact_sizes);
     EXPECT_EQ(outline.tracks[0].mp4.bytes, 6u);
 
     // A list of chapters, and a track of them.
@@ -156,16 +156,16 @@ TEST(Mp4Outline, SeesWhatTheLibraryCannotTake)
     const Mp4Track named = with(video_of(1), "trak", "tref", box("tref", box("chap", be32(7))));
     outline = outline_of(Mp4File().add(named).add(titles).build());
     EXPECT_EQ(outline.chapters, 4u);
-    EXPECT_TRUE(outline.tracks.at(1).is_chapters);
+    EXPECT_TRUE(outline.tracks.at(1).f_chapters);
     EXPECT_EQ(outline.tracks[1].kind, TrackKind::SUBTITLES);
 
     const Bytes ftyp = box("ftyp", text("isom"));
     const Bytes large_mdat = be32(1) + text("mdat") + be(20, 8) + Bytes(4);
     outline = outline_of(ftyp + large_mdat);
-    EXPECT_TRUE(outline.mp4.has_64_bit_mdat);
-    EXPECT_FALSE(outline.mp4.has_moov);
+    EXPECT_TRUE(outline.mp4.f_64_bit_mdat);
+    EXPECT_FALSE(outline.mp4.f_moov);
     outline = outline_of(ftyp + box("moov", box("mvex", {})) + box("moof", {}));
-    EXPECT_TRUE(outline.mp4.is_fragmented);
+    EXPECT_TRUE(outline.mp4.f_fragmented);
     outline = outline_of(ftyp + be32(1000) + text("mdat") + Bytes(50));
     EXPECT_EQ(outline.mp4.mdat_end, ftyp.size() + 1000);
 }
@@ -198,7 +198,7 @@ TEST(MatroskaOutline, KnowsTracksAndWhatTheSeekHeadLeadsTo)
     EXPECT_EQ(outline.matroska.muxing_app, "mux");
     EXPECT_EQ(outline.matroska.segment_end, file.size());
     EXPECT_EQ(outline.duration_ns, 1000000000);  // 2000 ticks
-    EXPECT_TRUE(outline.matroska.has_cues && outline.matroska.are_cues_announced);
+    EXPECT_TRUE(outline.matroska.f_cues && outline.matroska.f_cues_announced);
     EXPECT_EQ(outline.matroska.cue_times, (std::vector<uint64_t>{0, 2000}));
     EXPECT_GT(outline.matroska.last_cue_cluster, outline.matroska.first_cluster);
     EXPECT_EQ(outline.chapters, 2u);
@@ -213,8 +213,8 @@ TEST(MatroskaOutline, KnowsTracksAndWhatTheSeekHeadLeadsTo)
     EXPECT_EQ(outline.tracks[1].language, "ger");
     EXPECT_EQ(outline.tracks[1].config, (std::vector<uint8_t>{0x11, 0x90}));
     EXPECT_EQ(outline.tracks[2].matroska.stripped, (std::vector<uint8_t>{0x0B, 0x77}));
-    EXPECT_FALSE(outline.tracks[2].is_enabled);
-    EXPECT_TRUE(outline.tracks[3].matroska.has_compression);
+    EXPECT_FALSE(outline.tracks[2].f_enabled);
+    EXPECT_TRUE(outline.tracks[3].matroska.f_compression);
     EXPECT_EQ(outline.tracks[3].language, "de-CH");
 }
 
@@ -241,7 +241,7 @@ TEST(MpegAudioOutline, KnowsTagsAndWhatTheFirstFrameTells)
         Header header;
         uint64_t first, end, frames;
         int64_t duration_ms;
-        bool is_estimate;
+        bool f_estimate;
     } rows[] = {
         {"bare", frames, Header::NONE, 0, 9 * 417, 0, 234, true},
         {"all tags", id3 + xing("Info", 32, 417, 0xFFFB9000) + frames + ape + id3v1, Header::INFO,
@@ -262,7 +262,7 @@ TEST(MpegAudioOutline, KnowsTagsAndWhatTheFirstFrameTells)
         EXPECT_EQ(audio.end, row.end);
         EXPECT_EQ(audio.frames.value_or(0), row.frames);
         EXPECT_EQ(outline.duration_ns.value_or(0) / 1000000, row.duration_ms);
-        EXPECT_EQ(audio.is_estimate, row.is_estimate);
+        EXPECT_EQ(audio.f_estimate, row.f_estimate);
     }
     EXPECT_EQ(outline_of(slow).tracks.at(0).sample_rate, 22050u);
 }
@@ -351,7 +351,7 @@ TEST(AudioConfig, ReadsEveryForm)
     const struct {
         const char *name;
         Bytes in;
-        bool is_good;
+        bool f_good;
         uint32_t type, rate, channels;
     } rows[] = {
         {"LC stereo", hex("1190"), true, 2, 48000, 2},
@@ -364,7 +364,7 @@ TEST(AudioConfig, ReadsEveryForm)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const std::optional<AudioConfig> config = parse_audio_config(row.in);
-        ASSERT_EQ(config.has_value(), row.is_good);
+        ASSERT_EQ(config.has_value(), row.f_good);
         if (!config) continue;
         EXPECT_EQ(config->object_type, row.type);
         EXPECT_EQ(config->sample_rate, row.rate);

@@ -5,7 +5,7 @@
 
 #include "golt_crc.h"
 #include "host_double.h"
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 namespace {
 

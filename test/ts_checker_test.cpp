@@ -1,4 +1,4 @@
-#include "ts_checker.h"
+#include "ts_collector.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

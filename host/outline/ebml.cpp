@@ -11,7 +11,7 @@ namespace {
 struct Vint {
     uint64_t with_marker;
     uint64_t value;
-    bool is_all_ones;
+    bool f_all_ones;
 };
 
 std::optional<Vint> take_vint(Stretch &in, size_t longest);
@@ -25,10 +25,10 @@ std::optional<Element> next_element(Stretch &in)
     if (!name) return {};
     const std::optional<Vint> size = take_vint(in, 8);
     if (!size) return {};
-    const uint64_t declared = size->is_all_ones ? UINT64_MAX : size->value;
+    const uint64_t declared = size->f_all_ones ? UINT64_MAX : size->value;
     const uint64_t there = std::min(declared, in.left());
     return Element{static_cast<uint32_t>(name->with_marker), begin, in.child(there), declared,
-                   size->is_all_ones};
+                   size->f_all_ones};
 }
 
 uint64_t unsigned_of(const Element &element)

@@ -24,9 +24,9 @@ struct Element {
     uint64_t begin;     ///< offset of its first byte
     Stretch body;       ///< as far as what it is in goes
     uint64_t declared;  ///< bytes of the body by the header; UINT64_MAX where it tells none
-    bool is_open;       ///< of unknown size
+    bool f_open;        ///< of unknown size
 
-    bool is_whole() const { return !is_open && declared == body.left(); }
+    bool is_whole() const { return !f_open && declared == body.left(); }
     uint64_t end() const { return body.end(); }
 };
 

@@ -59,15 +59,15 @@ void read_matroska(Reader &reader, Outline &outline)
     if (!segment || segment->id != id::SEGMENT) return;
     MatroskaOutline &matroska = outline.matroska;
     matroska.segment_begin = segment->body.at();
-    if (!segment->is_open && segment->declared <= UINT64_MAX - segment->body.at())
+    if (!segment->f_open && segment->declared <= UINT64_MAX - segment->body.at())
         matroska.segment_end = segment->body.at() + segment->declared;
 
     Headers headers = {outline};
     read_front(segment->body, headers);
     read_places(reader, headers);
     set_durations(headers);
-    const bool has_chapters = headers.places.count(id::CHAPTERS) != 0;
-    if (!outline.chapters && !has_chapters) outline.chapters = 0;
+    const bool f_chapters_elsewhere = headers.places.count(id::CHAPTERS) != 0;
+    if (!outline.chapters && !f_chapters_elsewhere) outline.chapters = 0;
 }
 
 namespace {
@@ -82,7 +82,7 @@ void read_front(Stretch &segment, Headers &headers)
             continue;
         }
         matroska.first_cluster = element->begin;
-        matroska.are_cues_announced = matroska.has_cues || headers.places.count(id::CUES) != 0;
+        matroska.f_cues_announced = matroska.f_cues || headers.places.count(id::CUES) != 0;
         break;
     }
 }
@@ -138,8 +138,8 @@ void read_seek_head(Stretch body, Headers &headers)
             if (child->id == SEEK_ID) name = unsigned_of(*child);
             if (child->id == SEEK_POSITION) position = unsigned_of(*child);
         }
-        const bool has_room = headers.places.size() < MOST_PLACES;
-        if (position && *position <= UINT64_MAX - base && name <= UINT32_MAX && has_room)
+        const bool f_room = headers.places.size() < MOST_PLACES;
+        if (position && *position <= UINT64_MAX - base && name <= UINT32_MAX && f_room)
             headers.places.emplace(static_cast<uint32_t>(name), base + *position);
     }
 }
@@ -198,8 +198,8 @@ Track read_track_entry(Stretch body)
             break;
         case UID: track.matroska.uid = number; break;
         case TYPE: track.kind = kind_of_type(number); break;
-        case ENABLED: track.is_enabled = number != 0; break;
-        case DEFAULT: track.is_default = number != 0; break;
+        case ENABLED: track.f_enabled = number != 0; break;
+        case DEFAULT: track.f_default = number != 0; break;
         case DEFAULT_DURATION:
             if (number != 0) track.matroska.default_duration_ns = number;
             break;
@@ -276,18 +276,18 @@ void read_encoding(Stretch body, MatroskaDetails &matroska)
     }
     if ((scope & FRAMES) == 0) return;
     if (type == ENCRYPTION)
-        matroska.has_encryption = true;
+        matroska.f_encryption = true;
     else if (algorithm == HEADER_STRIPPING)
         matroska.stripped = settings;
     else
-        matroska.has_compression = true;
+        matroska.f_compression = true;
 }
 
 // A point has one time, and a place for each of its tracks.
 void read_cues(Stretch body, MatroskaOutline &matroska)
 {
     constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7, CLUSTER_POSITION = 0xF1;
-    matroska.has_cues = true;
+    matroska.f_cues = true;
     matroska.cue_times.clear();
     matroska.more_cues = 0;
     while (const std::optional<Element> point = next_element(body)) {
@@ -362,11 +362,11 @@ std::optional<int64_t> parse_tagged_time(const std::string &text)
     size_t field = 0, digits = 0;
     bool f_fraction = false;
     for (const char letter : text) {
-        const bool is_digit = letter >= '0' && letter <= '9';
-        if (is_digit && f_fraction) {
+        const bool f_digit = letter >= '0' && letter <= '9';
+        if (f_digit && f_fraction) {
             unit_ns /= 10;
             fraction_ns += (letter - '0') * unit_ns;
-        } else if (is_digit) {
+        } else if (f_digit) {
             if (++digits > 6) return {};
             fields[field] = fields[field] * 10 + (letter - '0');
         } else if (letter == ':' && field < 2 && !f_fraction) {

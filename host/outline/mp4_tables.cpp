@@ -48,14 +48,14 @@ void read_sample_tables(Stretch body, Track &track)
         case box_type("stsz"): tables.sizes = box->body; break;
         case box_type("stz2"):
             tables.sizes = box->body;
-            tables.f_compact_sizes = track.mp4.has_compact_sizes = true;
+            tables.f_compact_sizes = track.mp4.f_compact_sizes = true;
             break;
         case box_type("stco"):
         case box_type("co64"):
             tables.offsets = box->body;
             tables.f_64_bit_offsets = box->type == box_type("co64");
-            track.mp4.has_offsets = true;
-            track.mp4.has_64_bit_offsets = tables.f_64_bit_offsets;
+            track.mp4.f_offsets = true;
+            track.mp4.f_64_bit_offsets = tables.f_64_bit_offsets;
             break;
         case box_type("stss"):
             box->body.skip(4);

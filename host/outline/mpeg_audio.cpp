@@ -139,8 +139,8 @@ void read_end_tags(Reader &reader, MpegAudioOutline &audio)
     const uint64_t looked_at = std::min(audio.end - begin, ID3V1_SIZE + APE_FOOTER);
     uint8_t first = 0;
     if (!reader.read(audio.end - looked_at, &first, 1)) return;
-    audio.has_id3v1 = has_text(reader, audio.end - ID3V1_SIZE, "TAG");
-    if (audio.has_id3v1) audio.end -= ID3V1_SIZE;
+    audio.f_id3v1 = has_text(reader, audio.end - ID3V1_SIZE, "TAG");
+    if (audio.f_id3v1) audio.end -= ID3V1_SIZE;
     if (audio.end - begin < APE_FOOTER) return;
     const uint64_t footer = audio.end - APE_FOOTER;
     if (!has_text(reader, footer, "APETAGEX")) return;
@@ -162,13 +162,13 @@ bool find_first_frame(Reader &reader, uint64_t from, MpegAudioHeader &header, ui
         if (!found || in.is_short()) continue;
         Stretch next(reader, from + i, reader.size());
         next.skip(found->size);
-        const bool is_last = next.left() < 4;
+        const bool f_last = next.left() < 4;
         const std::optional<MpegAudioHeader> second = parse_mpeg_audio_header(next.u32());
-        const bool is_same = second && second->layer == found->layer &&
-                             second->version == found->version &&
-                             second->sample_rate == found->sample_rate;
+        const bool f_same = second && second->layer == found->layer &&
+                            second->version == found->version &&
+                            second->sample_rate == found->sample_rate;
         // What a tag announces, or the file begins with, is believed without.
-        if (!is_same && !(i == 0 && (from > 0 || is_last))) continue;
+        if (!f_same && !(i == 0 && (from > 0 || f_last))) continue;
         header = *found;
         offset = from + i;
         return true;
@@ -218,7 +218,7 @@ void set_duration(const MpegAudioHeader &header, Outline &outline)
         outline.duration_ns = ticks_to_ns(*audio.frames * header.samples, header.sample_rate);
     if (!outline.duration_ns && audio.end > *audio.first_frame) {
         outline.duration_ns = ticks_to_ns((audio.end - *audio.first_frame) * 8, header.bit_rate);
-        audio.is_estimate = true;
+        audio.f_estimate = true;
     }
     outline.tracks.back().duration_ns = outline.duration_ns;
 }

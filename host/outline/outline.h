@@ -26,20 +26,20 @@ struct Edit {
 
 /// What MP4 has of a track beside what all containers have.
 struct Mp4Details {
-    uint32_t timescale = 0;           ///< ticks in a second of the track's own times; 0: not told
-    uint64_t duration = 0;            ///< in ticks of timescale, by "mdhd"
-    std::vector<Edit> edits;          ///< of "elst", MOST_EDITS at most
-    uint64_t more_edits = 0;          ///< that it has beyond those
-    uint16_t rotation = 0;            ///< clockwise, for presentation: 0, 90, 180 or 270 degrees
-    uint8_t object_type = 0;          ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MP3
-    uint16_t entry_version = 0;       ///< of the audio sample entry; above 0 in QuickTime files
-    uint64_t samples = 0;             ///< by "stsz" or "stz2"
-    std::optional<uint64_t> ticks;    ///< sum of the samples' durations, by "stts"
-    std::optional<uint64_t> bytes;    ///< sum of the samples' sizes
-    std::optional<uint64_t> end;      ///< offset in the file behind the sample that lies last
-    bool has_offsets = false;         ///< "stco" or "co64" is there
-    bool has_64_bit_offsets = false;  ///< by "co64"
-    bool has_compact_sizes = false;   ///< by "stz2"
+    uint32_t timescale = 0;         ///< ticks in a second of the track's own times; 0: not told
+    uint64_t duration = 0;          ///< in ticks of timescale, by "mdhd"
+    std::vector<Edit> edits;        ///< of "elst", MOST_EDITS at most
+    uint64_t more_edits = 0;        ///< that it has beyond those
+    uint16_t rotation = 0;          ///< clockwise, for presentation: 0, 90, 180 or 270 degrees
+    uint8_t object_type = 0;        ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MP3
+    uint16_t entry_version = 0;     ///< of the audio sample entry; above 0 in QuickTime files
+    uint64_t samples = 0;           ///< by "stsz" or "stz2"
+    std::optional<uint64_t> ticks;  ///< sum of the samples' durations, by "stts"
+    std::optional<uint64_t> bytes;  ///< sum of the samples' sizes
+    std::optional<uint64_t> end;    ///< offset in the file behind the sample that lies last
+    bool f_offsets = false;         ///< "stco" or "co64" is there
+    bool f_64_bit_offsets = false;  ///< by "co64"
+    bool f_compact_sizes = false;   ///< by "stz2"
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
 };
@@ -48,8 +48,8 @@ struct Mp4Details {
 struct MatroskaDetails {
     uint64_t uid = 0;
     std::optional<uint64_t> default_duration_ns;  ///< of a frame
-    bool has_compression = false;   ///< by ContentEncodings, other than header stripping
-    bool has_encryption = false;    ///< likewise
+    bool f_compression = false;     ///< by ContentEncodings, other than header stripping
+    bool f_encryption = false;      ///< likewise
     std::vector<uint8_t> stripped;  ///< bytes taken off the front of each frame (header stripping)
 };
 
@@ -60,9 +60,9 @@ struct Track {
     std::string
         codec;  ///< four letters of the sample entry ("avc1"), or CodecID ("A_AAC"); printable
     std::string language;  ///< ISO 639-2 or BCP 47; empty or "und": not told
-    bool is_enabled = true;
-    bool is_default = true;                  ///< of Matroska; true elsewhere
-    bool is_chapters = false;                ///< its samples are the chapters of another track
+    bool f_enabled = true;
+    bool f_default = true;                   ///< of Matroska; true elsewhere
+    bool f_chapters = false;                 ///< its samples are the chapters of another track
     std::optional<int64_t> duration_ns;      ///< of all that is in it, as far as the file tells
     uint32_t width = 0, height = 0;          ///< of coded pictures, in pixels
     uint32_t channels = 0, sample_rate = 0;  ///< by the container's own fields; hertz
@@ -75,15 +75,15 @@ struct Track {
 };
 
 struct Mp4Outline {
-    bool has_ftyp = false;
-    bool has_moov = false;
-    bool is_moov_first = false;  ///< before the media data
-    bool is_moov_cut = false;    ///< it goes on behind the end of the file
-    bool has_mdat = false;
-    bool has_64_bit_mdat = false;  ///< an "mdat" before "moov" whose size has 64 bits
-    bool has_open_box = false;     ///< a box that goes on to the end of the file, before "moov"
-    bool is_fragmented = false;    ///< "mvex" or "moof" is there
-    uint32_t timescale = 0;        ///< ticks in a second of the durations of edits
+    bool f_ftyp = false;
+    bool f_moov = false;
+    bool f_moov_first = false;  ///< before the media data
+    bool f_moov_cut = false;    ///< it goes on behind the end of the file
+    bool f_mdat = false;
+    bool f_64_bit_mdat = false;  ///< an "mdat" before "moov" whose size has 64 bits
+    bool f_open_box = false;     ///< a box that goes on to the end of the file, before "moov"
+    bool f_fragmented = false;   ///< "mvex" or "moof" is there
+    uint32_t timescale = 0;      ///< ticks in a second of the durations of edits
     std::optional<uint64_t>
         mdat_end;  ///< by the size of the last "mdat" seen; may lie behind the file's end
 };
@@ -95,8 +95,8 @@ struct MatroskaOutline {
     uint64_t segment_begin = 0;           ///< offset of its first byte; positions count from there
     std::optional<uint64_t> segment_end;  ///< by its size; may lie behind the file's end
     std::optional<uint64_t> first_cluster;  ///< offset
-    bool has_cues = false;
-    bool are_cues_announced =
+    bool f_cues = false;
+    bool f_cues_announced =
         false;  ///< the SeekHead leads to them, or they come before the clusters
     std::vector<uint64_t> cue_times;  ///< in ticks, in the file's order, MOST_CUES at most
     uint64_t more_cues = 0;
@@ -110,7 +110,7 @@ struct MpegAudioOutline {
     uint64_t id3v2_size =
         0;  ///< bytes of the tag at the begin, with its header; several count together
     uint64_t id3v2_tags = 0;
-    bool has_id3v1 = false;
+    bool f_id3v1 = false;
     uint64_t ape_size = 0;  ///< bytes of an APEv2 tag at the end, with header and footer
     std::optional<uint64_t> first_frame;  ///< offset; none: no frame was found near the begin
     uint64_t end = 0;                     ///< offset where the tags at the end begin; 0: not known
@@ -121,7 +121,7 @@ struct MpegAudioOutline {
     Header header = Header::NONE;         ///< the frame in front that tells of the others
     std::optional<uint64_t> frames;       ///< that it tells, without itself
     std::optional<uint64_t> bytes;        ///< likewise
-    bool is_estimate = false;             ///< duration_ns follows from the first frame's bit rate
+    bool f_estimate = false;              ///< duration_ns follows from the first frame's bit rate
 };
 
 struct TransportOutline {

@@ -21,8 +21,8 @@ struct Box {
     uint32_t type;      ///< first letter in the top byte
     Stretch body;       ///< behind the header, as far as the stretch around it goes
     uint64_t declared;  ///< bytes of the body by the header
-    bool has_64_bit_size;
-    bool is_open;  ///< goes on to the end of what it is in
+    bool f_64_bit_size;
+    bool f_open;  ///< goes on to the end of what it is in
 };
 /// Takes the next box. None at the end, and where no box can be.
 std::optional<Box> next_box(Stretch &in);

@@ -6,8 +6,8 @@
 bool Reader::read(uint64_t offset, uint8_t *buffer, size_t size)
 {
     while (size > 0) {
-        const bool is_held = offset >= m_begin && offset - m_begin < m_held;
-        if (!is_held && !load(offset)) return false;
+        const bool f_held = offset >= m_begin && offset - m_begin < m_held;
+        if (!f_held && !load(offset)) return false;
         const size_t skipped = static_cast<size_t>(offset - m_begin);
         const size_t count = std::min(size, m_held - skipped);
         memcpy(buffer, m_window.data() + skipped, count);
@@ -33,7 +33,7 @@ uint64_t Stretch::number(size_t size)
 {
     uint8_t buffer[8] = {};
     if (size > sizeof buffer || size > left() || !m_reader->read(m_at, buffer, size)) {
-        m_is_short = true;
+        m_f_short = true;
         m_at = m_end;
         return 0;
     }
@@ -46,7 +46,7 @@ uint64_t Stretch::number(size_t size)
 
 void Stretch::skip(uint64_t size)
 {
-    if (size > left()) m_is_short = true;
+    if (size > left()) m_f_short = true;
     m_at += std::min(size, left());
 }
 
@@ -54,8 +54,8 @@ std::vector<uint8_t> Stretch::bytes(uint64_t size, size_t most)
 {
     const uint64_t there = std::min(size, left());
     std::vector<uint8_t> out(static_cast<size_t>(std::min<uint64_t>(there, most)));
-    if (there < size || !m_reader->read(m_at, out.data(), out.size())) m_is_short = true;
-    if (m_is_short) out.clear();
+    if (there < size || !m_reader->read(m_at, out.data(), out.size())) m_f_short = true;
+    if (m_f_short) out.clear();
     m_at += there;
     return out;
 }
@@ -74,7 +74,7 @@ std::string Stretch::text(uint64_t size, size_t most)
 Stretch Stretch::child(uint64_t size)
 {
     const uint64_t begin = m_at;
-    if (size > left()) m_is_short = true;
+    if (size > left()) m_f_short = true;
     m_at += std::min(size, left());
     return Stretch(*m_reader, begin, m_at);
 }

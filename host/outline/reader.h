@@ -71,7 +71,7 @@ public:
     uint64_t at() const { return m_at; }
     uint64_t end() const { return m_end; }
     uint64_t left() const { return m_end - m_at; }
-    bool is_short() const { return m_is_short; }
+    bool is_short() const { return m_f_short; }
 
     uint8_t u8() { return static_cast<uint8_t>(number(1)); }
     uint16_t u16() { return static_cast<uint16_t>(number(2)); }
@@ -93,7 +93,7 @@ private:
     Reader *m_reader;
     uint64_t m_at;
     uint64_t m_end;
-    bool m_is_short = false;
+    bool m_f_short = false;
 };
 
 #endif

@@ -37,8 +37,8 @@ bool is_aligned(Reader &reader, uint64_t first, uint32_t step)
 {
     for (uint32_t i = 0; i < PACKETS_SEEN; ++i) {
         Stretch at(reader, first + uint64_t{i} * step, reader.size());
-        const bool is_end = at.left() == 0 && i >= 2;  // a file of few packets
-        if (is_end) return true;
+        const bool f_end = at.left() == 0 && i >= 2;  // a file of few packets
+        if (f_end) return true;
         if (at.u8() != SYNC_BYTE) return false;
     }
     return true;

@@ -1,0 +1,59 @@
+// One request after another to an HTTP server: each asks for all of a file from an offset on, and
+// what comes goes to a receiver, piece by piece and never unasked.
+
+#ifndef HOST_IO_HTTP_TRANSFER_H
+#define HOST_IO_HTTP_TRANSFER_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+/// What the server's answer tells of the file.
+struct HttpAnswer {
+    uint64_t first = 0;             ///< offset of the first byte that comes
+    std::optional<uint64_t> total;  ///< bytes of the whole file
+    bool f_range = false;           ///< the server serves ranges
+    std::string version;            ///< changes when the file does; empty: not told
+};
+
+class HttpReceiver {
+public:
+    /// Comes before the first bytes of a request. False refuses them: the transfer fails.
+    virtual bool on_answer(const HttpAnswer &answer) = 0;
+    /// False when there is no room: the transfer stands still, and the same bytes come again after
+    /// resume.
+    virtual bool on_bytes(const uint8_t *bytes, size_t size) = 0;
+
+protected:
+    ~HttpReceiver() = default;
+};
+
+class HttpTransfer {
+public:
+    enum State {
+        IDLE,
+        RUNNING,
+        DONE,    ///< all came that the server had announced
+        FAILED,  ///< by its fault or the network's; another try may help
+        REFUSED  ///< as it will be every time
+    };
+
+    virtual void start(uint64_t offset) = 0;
+    virtual void stop() = 0;
+    /// Lets the bytes come that found no room.
+    virtual void resume() = 0;
+    /// Takes what has come, and waits for more where nothing has, as long as wait_ms at most.
+    virtual void work(int wait_ms) = 0;
+    virtual State state() const = 0;
+    /// Why it failed or was refused.
+    virtual const std::string &reason() const = 0;
+    virtual ~HttpTransfer() = default;
+};
+
+/// receiver: has to outlive the transfer. connect_s: seconds for a connection to come about. Throws
+/// NotDone.
+std::unique_ptr<HttpTransfer> make_http_transfer(const std::string &url, uint32_t connect_s,
+                                                 HttpReceiver &receiver);
+
+#endif

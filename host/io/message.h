@@ -1,0 +1,40 @@
+// What the program tells on the standard error, and how it gives up.
+
+#ifndef HOST_IO_MESSAGE_H
+#define HOST_IO_MESSAGE_H
+
+#include <stdexcept>
+#include <string>
+
+/// Exit status of the program.
+enum ExitStatus {
+    EXIT_DONE = 0,
+    EXIT_NOT_DONE = 1,
+    EXIT_BAD_USAGE = 2,
+    EXIT_DONE_WITH_FAULTS = 3  ///< done, but something was wrong with the input
+};
+
+/// Thrown where the job can't be done; the text names the file and the reason.
+struct NotDone : std::runtime_error {
+    NotDone(const std::string &file, const std::string &reason)
+        : std::runtime_error(file + ": " + reason)
+    {
+    }
+};
+
+/// Thrown for arguments that don't fit together or don't fit the input.
+struct BadUsage : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Writes a line to the standard error, behind all diagnostics of the library up to here.
+void say(const std::string &line);
+
+/// How a command ends that has read path: says the fault, and returns the status that goes with it.
+/// fault: what was wrong with the input; empty when nothing was.
+ExitStatus end_command(const std::string &path, const std::string &fault);
+
+/// The system's text for an errno value.
+std::string error_text(int error);
+
+#endif

@@ -1,0 +1,27 @@
+// Which format a file is in: by its first bytes, or by its name.
+
+#ifndef HOST_IO_RECOGNISE_H
+#define HOST_IO_RECOGNISE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+struct Format {
+    const char *name;        ///< as the library calls it
+    uint32_t record_size;    ///< bytes of the file behind each frame; 0 where that differs
+    bool f_times;            ///< frames have times, and the file can be sought in by time
+    bool f_duration_of_all;  ///< the duration is that of the longest track, chosen or not
+};
+
+/// Bytes of a file that have to be seen at most.
+constexpr size_t RECOGNISE_SIZE = 389;
+
+/// head: the first size bytes of a file. Null when they are of no format known here.
+const Format *format_of_bytes(const uint8_t *head, size_t size);
+
+/// name: one of the library's names for a format, or a file name's extension without its dot. Null
+/// when it isn't known here; the library may still know it.
+const Format *format_of_name(const std::string &name);
+
+#endif

@@ -1,0 +1,58 @@
+// The input as the library reads it. What goes wrong meanwhile is kept for the report: the library
+// can't pass it on.
+
+#ifndef HOST_IO_SOURCE_H
+#define HOST_IO_SOURCE_H
+
+#include <string>
+
+#include <sys/stat.h>
+
+#include "descriptor.h"
+#include "golt.h"
+
+class Source : public PELA::AVDemuxer::Listener {
+public:
+    const std::string &path() const { return m_path; }
+    /// Of the file that must not be written to; all 0 where it is none of this machine.
+    const struct stat &status() const { return m_status; }
+    /// Bytes; 0 where that isn't known.
+    virtual uint64_t size() const = 0;
+    uint64_t position() const { return static_cast<uint64_t>(m_position); }
+    /// Bytes at the end of the input that no read has reached; 0 where its size isn't known.
+    uint64_t unread() const;
+    /// What was wrong with the input while it was read; empty when nothing was.
+    const std::string &fault() const { return m_fault; }
+
+protected:
+    explicit Source(const std::string &path)
+        : m_path(path)
+    {
+    }
+    void move_on(int64_t count);
+
+    std::string m_path;
+    struct stat m_status = {};
+    int64_t m_position = 0;
+    std::string m_fault;
+
+private:
+    int64_t m_furthest = 0;  // end of the bytes delivered
+};
+
+class FileSource : public Source {
+public:
+    /// Opens a regular file. Throws NotDone.
+    explicit FileSource(const std::string &path);
+
+    /// One pread straight into buffer. An error reads as the end: a negative result would make the
+    /// library ask again, and a broken disk takes seconds for each answer.
+    int read(uint8_t *buffer, int size) override;
+    int64_t seek(int64_t offset, int whence) override;
+    uint64_t size() const override { return static_cast<uint64_t>(m_status.st_size); }
+
+private:
+    Descriptor m_file;
+};
+
+#endif

@@ -1,0 +1,35 @@
+// Follows the frames' times, which come cut to 32 bits of 90 kHz ticks and so start again every 13
+// hours.
+
+#ifndef HOST_STREAM_FRAME_CLOCK_H
+#define HOST_STREAM_FRAME_CLOCK_H
+
+#include <cstdint>
+
+#include "ts_time.h"
+
+class FrameClock {
+public:
+    /// start_ms: about where the first frame is expected.
+    explicit FrameClock(uint32_t start_ms);
+
+    /// Takes the next frame's time and returns it in milliseconds, without the cut.
+    int64_t follow(uint32_t pts) { return m_clock.follow(pts) / TICKS_PER_MS; }
+    /// Counts the frame whose time was followed last.
+    void count();
+
+    /// Earliest and latest time counted, in milliseconds. Frames may go back and forth between.
+    int64_t first_ms() const { return m_first / TICKS_PER_MS; }
+    int64_t reached_ms() const { return m_reached / TICKS_PER_MS; }
+    /// The largest step of reached_ms.
+    int64_t longest_step_ms() const { return m_longest_step / TICKS_PER_MS; }
+
+private:
+    CutClock m_clock;
+    int64_t m_first = 0;
+    int64_t m_reached = 0;
+    int64_t m_longest_step = 0;
+    bool m_f_counting = false;
+};
+
+#endif
