@@ -103,6 +103,7 @@ judges() {
 @test "refuses and leaves no file behind" {
     printf old >old.ts
     printf old >begun.ts.part
+    local time
     : >empty.mp4
     printf 'no medium at all' | tee text.txt >text.m2ts
     perl -pe 's/trak/free/' video.mp4 >tracks.mp4
@@ -112,9 +113,11 @@ judges() {
     refuses 2 'IN is required' ''
     refuses 2 '--frames: 0 is no N' 'in.m2ts out --frames 0'
     refuses 2 '--frames: -1 is no N' 'in.m2ts out --frames -1'
-    refuses 2 '--start: 1:60 is no TIME' 'in.m2ts out --start 1:60'
+    for time in 1:60 . 5. .5 5s5 1.5.5 5d 1:00s 1:2:3:4 -1; do
+        refuses 2 "--start: $time is no TIME" "in.m2ts out --start='$time'"
+    done
     refuses 2 '--to: 4294967296 is no TIME' 'in.m2ts out --to 4294967296'
-    refuses 2 '--to has to lie behind --start' 'in.m2ts out --start 2000 --to 0:02'
+    refuses 2 '--to has to lie behind --start' 'in.m2ts out --start 2000ms --to 0:02'
     refuses 2 'in.m2ts: the frames of m2ts have no times' 'in.m2ts out --start 0'
     refuses 1 "standard input: can't be sought in" '- out < <(cat in.m2ts)'
     refuses 1 'gone.mp4: No such file' 'gone.mp4 out'
@@ -125,10 +128,10 @@ judges() {
     refuses 1 'text.m2ts: not a sound m2ts file' 'text.m2ts out'
     refuses 1 'in.m2ts: format avi not supported' 'in.m2ts out --format avi'
     refuses 1 'tracks.mp4: no video or sound' 'tracks.mp4 out'
-    refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4001'
+    refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4.001'
     refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
     refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
-    refuses 1 'begun.ts.part: is being written' 'in.m2ts begun.ts'
+    refuses 1 'begun.ts.part: is left of a run' 'in.m2ts begun.ts'
     refuses 1 'linked.ts: is the input itself' 'in.m2ts linked.ts --force'
     refuses 1 'standard output: is the input itself' 'in.m2ts - >>in.m2ts'
     refuses 1 'standard output: Bad file descriptor' 'in.m2ts - >&-'
@@ -163,14 +166,14 @@ judges() {
         -id3v2_version 0 sound.mp3
     ends 0 ': 100 frames, ' 'video.mp4 1'
     ends 0 ': 7 frames, '   'video.mp4 2 --frames 7'
-    ends 0 ': 25 frames, '  'video.mp4 3 --to 1000'
-    ends 0 ': 26 frames, '  'video.mp4 4 --to 00:00:01.001'
+    ends 0 ': 25 frames, '  'video.mp4 3 --to 1'
+    ends 0 ': 26 frames, '  'video.mp4 4 --to 1001ms'
     ends 0 ': 50 frames, '  'video.mp4 5 --start 0:01.5'
-    ends 0 ': 25 frames, '  'video.mp4 6 --start 1500 --to 0:03'
+    ends 0 ': 25 frames, '  'video.mp4 6 --start 1.5 --to 0:03'
     ends 0 ': 100 frames, ' 'video.mp4 7 --start 0 --frames 500'
     ends 0 ': 100 frames, ' 'sound.mp3 8 --start 0'
-    ends 0 ': 61 frames, '  'sound.mp3 9 --start 1000'
-    ends 0 ': 4 frames, '   'sound.mp3 10 --start 1000 --to 1100'
+    ends 0 ': 61 frames, '  'sound.mp3 9 --start 1s'
+    ends 0 ': 4 frames, '   'sound.mp3 10 --start 0:01 --to 1.1s'
 }
 
 @test "tells a sound input from one that ends early" {

@@ -62,8 +62,8 @@ is() {
     is '["golt.frames/1",[7,8,6,5]]' \
         "$($GOLT frames movie.mp4 --json --count 2 |
             jq -s -c '[.[0].schema, (map(.nal_types // empty) | .[0])]')"
-    is 3 "$($GOLT frames movie.mp4 --start 2000 --count 2 | wc -l)"
-    is 00:00:02.000 "$($GOLT frames movie.mp4 --start 2000 | awk '/SPS/ { print $3; exit }')"
+    is 3 "$($GOLT frames movie.mp4 --start 2000ms --count 2 | wc -l)"
+    is 00:00:02.000 "$($GOLT frames movie.mp4 --start 2 | awk '/SPS/ { print $3; exit }')"
     is 100 "$($GOLT frames movie.m2ts | grep -c ' video ')"
 
     # Readers that go away, and ones that can't take it.
