@@ -151,7 +151,7 @@ beside() {
 @test "mkv starts at a picture that stands alone" {
     merged ac3
     for start in 600 1000 1799; do
-        remuxed a.mkv 0 --start $start
+        remuxed a.mkv 0 --start ${start}ms
         [ -z "$(ffmpeg -v error -nostdin -i out.ts -f null - 2>&1)" ]
         [ "$(frames out.ts -an | wc -l)" -eq "$(wc -l <video_times)" ]
         [ "$(wc -l <video_times)" -lt 40 ]

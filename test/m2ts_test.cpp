@@ -66,4 +66,24 @@ TEST(M2ts, HandsOutEveryWholePacketWithItsStamp)
     }
 }
 
+// The stamp of a first packet at offset 2 would begin at -2. Whether that is a place is the host's
+// to say.
+TEST(M2ts, AsksForTheFirstStampWhereverItIs)
+{
+    static int64_t asked;
+    const tpf_seek accept = [](void *source, int64_t offset) {
+        asked = offset;
+        return offset < 0 ? 0 : Source::seek_proc(source, offset);
+    };
+    Source source(cut(records(5), 2, 0));
+    EXPECT_TRUE(GOLT_DMX_M2TSInit(Source::read_proc, accept, &source));
+    EXPECT_EQ(asked, -2);
+    // The source stands where the second confirmation left it, in a packet.
+    GOLT_frame_t frame = {};
+    EXPECT_FALSE(GOLT_DMX_M2TSReadFrame(&frame));
+    EXPECT_TRUE(frame.pb_data == nullptr && frame.ui4_size == 0)
+        << "nothing that a host could write";
+    GOLT_DMX_M2TSDestroy();
+}
+
 }  // namespace

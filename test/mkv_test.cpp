@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "dmx_mkv_lib.h"
+#include "heap.h"
 #include "host_double.h"
 #include "mkv_builder.h"
 
@@ -111,9 +112,14 @@ TEST(Mkv, WalksClustersAndBlocks)
         {"other tracks", PICTURES + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
         {"times below zero", PICTURES + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
         {"group", PICTURES + "=A0[FB[01]A1[81.%5(65)]9B[28]FB[D8]] v40(41)", "v5|65 v40|41"},
+        {"cluster of unknown size",
+         AVC + " . =1F43B675.01FFFFFFFFFFFFFF.E7[07]A3[81%1(65)] c9 v0(41) . =A3[81%2(4199)]",
+         "v8|65 v9|4199"},
         {"cut picture", PICTURES + "=A3.8A.8100000000000002.41", "v0|4100"},
         {"cut sound", SOUND + "=A3.87.82000000.0102", "a0=010200"},
-        {"3 MB missing", PICTURES + "v0(41) =A3.0800300000.81000000.05*99", "v0|41"},
+        // 99 bytes of a unit that its length of 3 bytes says to have 328965.
+        {"3 MB missing", PICTURES + "v0(41) =A3.0800300000.81000000.05*99",
+         "v0|41 v0|05*9600*3145625"},
         {"4 GB missing", PICTURES + "v0(41) =A3.08FFFFFFFF.81000000.05*99", "v0|41"},
         {"AC-3", "t2['A_AC3'] c0 a0=0B7701 a0=020304 a0=0B", "a0=0B7701 a0=0B77020304 a0=0B"},
         {"clock", AAC + "23E383[1E847F] c9 l04.02.010203 c99 a0=04", "a9=01 a10=02 a12=03 a14=04"},
@@ -124,6 +130,8 @@ TEST(Mkv, WalksClustersAndBlocks)
         {"EBML lace", SOUND + "l06.06.81.C0.5FFE.300000.17FFFFFE.0C00000000.01020203040405060607",
          "a0=01 a0=0202 a0=03 a0=0404 a0=05 a0=0606 a0=07"},
         {"one", SOUND + "l02.00.05*4 l04.00.05*4 l06.00.83.05*4", "a0=05*4 a0=05*4 a0=05*3"},
+        {"one, larger than its block", SOUND + "l06.00.86.01*3 a0=02", "a0=01*3A38582"},
+        {"a size without a width", SOUND + "l06.01.00.05*4", "a0= a0=05*4"},
         // 256 frames; sizes beyond the block and without an end; differences beyond the block,
         // below nothing and without a width; no flags and no count.
         {"damaged laces",
@@ -145,7 +153,6 @@ TEST(Mkv, RewritesH264)
         {"beyond the payload", sets + "=000000C8.41 v9=000300.4199", "v0|41 v9|4199"},
         {"rest of a length", sets + "(4199)0000 v9(41)", "v0|4199 v9|41"},
         {"nothing", sets + "=", "v0="},
-        {"3 MB", PICTURES + "v0(41*3000000) v9(41)", "v0|41*3000000 v9|41"},
         // A frame has 2048 bytes beyond the payload. 20 copies of the sets leave 48 of them, and
         // six of the 100 units that grow by a byte each find no room.
         {"more than the room",
@@ -181,6 +188,12 @@ TEST(Mkv, Seeks)
         {"the last of too many", front + times(4999, "q10001 ") + "q14999", "! @ v10000|6501",
          "@14999 @14998 1"},
         {"one", AVC + " k C2000 v0(65)", "! @ v2000|65", "@2000 @100 1"},
+        {"two Cues in front", AVC + " k k " + clusters, "@ v5000|65", "@5000 1"},
+        {"the second counts", AVC + " k . =1C53BB6B[BB[B3[09]B7[F1[00]]]] " + clusters, "! !",
+         "@5000 @5"},
+        // A cue point at 6000 with two places: the Segment's start and the Cluster at 5000.
+        {"two places", "h0 " + AVC + " C0 v0(65) C5000 v0(65) q6000]B7[F1[00] q9000 k",
+         "@ v5000|65", "@7000 1"},
 
         {"between", front, "@ v5000|65 @ v0|65 @ v5000|65", "@7000 1 @4999 1 @4294972296 1"},
         {"at the last", front, "v0|65 ! v40|41 ! v5000|65", "1 @10000 1 @99999 1"},
@@ -189,6 +202,9 @@ TEST(Mkv, Seeks)
         {"twice", AVC + " " + AAC + " k C0 a0=01 v0(41) v40(09)(65) v80(41) v120(65) q1000",
          "@ @ v80|41 v120|65", "@500 @80 9"},
         {"out of a lace", SCENES, "a2000=01 @ v4000|6701|65*9 a4000=03 v4080|41", "1 @4500 9"},
+        // The frame of three bytes leaves a block within its own to what comes next.
+        {"over a lace", AVC + " " + AAC + " k C0 l06.00.83.010203.A3[81%5(65)] v80(41) q1000",
+         "@ v5|65", "@20 1"},
         {"destroyed in a lace", SCENES, "a2000=01", "1"},
         {"destroyed behind a seek", SCENES, "@", "@2000"},
     });
@@ -257,6 +273,144 @@ TEST(Mkv, EndsOnWhatIsNoMatroska)
         EXPECT_EQ(demuxer.run("9"), "");
         EXPECT_LE(demuxer.source.reads, 2000);
     }
+}
+
+// A file that is all frames: how much is read, and that no seek is made for it, however large they
+// are. Beyond 16 MiB a frame comes in two parts.
+TEST(Mkv, ReadsALargeFrameWhereItStands)
+{
+    const struct {
+        const char *name;
+        std::string file, trace;
+        int reads, seeks = 0;
+    } rows[] = {
+        {"small", PICTURES + "v0(41*9)", "v0|41*9", 13},
+        {"3 MB", PICTURES + "v0(41*3000000)", "v0|41*3000000", 15},
+        {"16 MB", PICTURES + "v0(41*16000000)", "v0|41*16000000", 15},
+        {"20 MB", PICTURES + "v0(41*20000000)", "v0|41*20000000", 16},
+        {"in two units", PICTURES + "v0(41*16000000)(42*999999)", "v0|41*16000000|42*999999", 18},
+        {"another codec", "t1['V_VP8'] c0 v0.41*20000000", "v0=41*20000000", 15},
+        {"audio", SOUND + "a0=41*20000000", "a0=41*20000000", 15},
+        {"AC-3", "t2['A_AC3'] c0 a0=41*20000000", "a0=0B7741*20000000", 16},
+        {"above the limit", PICTURES + "v0(41*70000000) v9(41)", "v9|41", 19, 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Demuxer demuxer(MkvFile(row.file).build());
+        Source &source = demuxer.source;
+        source.reads = source.seeks = 0;
+        EXPECT_EQ(demuxer.run("1"), row.trace);
+        EXPECT_EQ(source.reads, row.reads);
+        EXPECT_EQ(source.seeks, row.seeks);
+    }
+}
+
+// As the cache answers for a host that refuses.
+int32_t pretend(void *source, int64_t offset)
+{
+    Source::seek_proc(source, offset);
+    return 0;
+}
+
+// At the end of the file it claims more than was asked for.
+uint32_t lie(void *source, uint8_t *buffer, uint32_t size)
+{
+    const uint32_t got = Source::read_proc(source, buffer, size);
+    return got == size ? size : size + 1;
+}
+
+TEST(Mkv, TakesMemoryAsBytesCome)
+{
+    // 60 MiB that aren't there, of a unit, of AAC, and of the last frame in a lace.
+    const std::string huge = "=A3.0803C00000.";
+    const std::string rows[] = {PICTURES + huge + "81000000.03000000.41*99",
+                                SOUND + huge + "82000000.05*99",
+                                SOUND + huge + "82000006.01.81.05*99"};
+    for (const std::string &words : rows) {
+        for (int host = 0; host < 3; ++host) {  // honest, refusing, pretending
+            Source source(MkvFile(words).build());
+            ASSERT_TRUE(GOLT_DMX_MKVInit(Source::read_proc, host < 2 ? Source::seek_proc : pretend,
+                                         &source));
+            source.refuse_seeks = host > 0;
+            const LibraryCall watch;
+            g_heap.held = g_heap.most = 0;
+            for (GOLT_frame_t frame = {}; GOLT_DMX_MKVReadFrame(&frame);)
+                GOLT_freeMem(frame.pb_data);
+            EXPECT_LT(g_heap.most, (16u << 20) + 9999) << words;
+            GOLT_DMX_MKVDestroy();
+        }
+    }
+}
+
+TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
+{
+    GOLT_memInit();
+    for (const std::string &words :
+         {PICTURES + "v0(65) =A3.8D.81000000.00000005.41", SOUND + "=A3.8C.82000000.01020304",
+          std::string("t2['A_AC3'] c0 =A3.8C.82000000.01020304")}) {
+        uint8_t *block = GOLT_allocMem(1024);  // the one that the next frame gets
+        std::fill_n(block, 1024, uint8_t{0xA5});
+        GOLT_freeMem(block);
+        Source source(Bytes(MkvFile(words).build()));
+        ASSERT_TRUE(GOLT_DMX_MKVInit(lie, Source::seek_proc, &source));
+        for (const Frame &frame : read_frames(GOLT_DMX_MKVReadFrame))
+            EXPECT_EQ(std::count(frame.data.begin(), frame.data.end(), 0xA5), 0) << words;
+        uint8_t byte = 0;
+        GOLT_frame_t frame = {7, 8, &byte, 9};
+        const GOLT_frame_t before = frame;
+        EXPECT_FALSE(GOLT_DMX_MKVReadFrame(&frame));
+        EXPECT_EQ(memcmp(&frame, &before, sizeof frame), 0) << "a frame that was refused";
+        GOLT_DMX_MKVDestroy();
+    }
+    GOLT_memClose();
+}
+
+// Each block of seven bytes has 255 empty frames.
+TEST(Mkv, SeeksOverAudioUnread)
+{
+    const std::string laces = times(1000, "l04.FE ");
+    Demuxer demuxer(
+        MkvFile(AVC + " " + AAC + " k C0 " + laces + "v0(41) a0=01*999 v40(65) q99").build());
+    g_heap.granted = INT_MAX;
+    const int before = demuxer.source.reads;
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MKVSeekToTime(10));
+    }
+    EXPECT_EQ(INT_MAX - g_heap.granted, 2) << "the two video frames";
+    EXPECT_LE(demuxer.source.reads - before, 7 * 1000 + 50);
+    EXPECT_EQ(demuxer.run("1"), "v40|65");
+}
+
+// Each frame claims 14 MiB, of which the host gives eight bytes and the demuxer fills the rest.
+TEST(Mkv, EndsASeekWhereFrameAfterFrameIsCut)
+{
+    const std::string claim = " . c0 =A3.0800F00000.81000000.00E00000.41*9";
+    Source source(MkvFile(AVC + " k C0 v0(41)" + times(50, claim) + " . q9").build());
+    const tpf_read trickle = [](void *host, uint8_t *buffer, uint32_t size) {
+        return Source::read_proc(host, buffer, size > 999 ? 8 : size);
+    };
+    ASSERT_TRUE(GOLT_DMX_MKVInit(trickle, Source::seek_proc, &source));
+    source.refuse_seeks = true;
+    {
+        const LibraryCall watch;
+        g_heap.granted = INT_MAX;
+        EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(5));
+    }
+    EXPECT_EQ(INT_MAX - g_heap.granted, 1 + 8);
+    GOLT_DMX_MKVDestroy();
+}
+
+// What no entry of the PMT announces goes into the stream all the same.
+TEST(Mkv, CodecsWithoutATypeAreWritten)
+{
+    const Bytes stream = remux_file("mkv", MkvFile("t1['V_VP8'] c0 v0.4199").build());
+    ASSERT_EQ(stream.size(), 3 * 188u);
+    EXPECT_EQ(Bytes(&stream[188 + 5], &stream[188 + 22]),
+              hex("02B012 0001C10000 E101 F000 06E101F000"))
+        << "one entry, for audio";
+    EXPECT_EQ(stream[2 * 188 + 1] << 8 | stream[2 * 188 + 2], 0x4100) << "a start on PID 0x100";
+    EXPECT_EQ(Bytes(stream.end() - 2, stream.end()), hex("4199"));
 }
 
 TEST(Mkv, DeliversWhatIsInFrontOfACut)

@@ -136,8 +136,12 @@ TEST(Mp3, LeavesASourceAloneThatIsGivenUp)
     ASSERT_TRUE(GOLT_DMX_MP3Init(Source::read_proc, Source::seek_proc, &player.source));
     EXPECT_FALSE(GOLT_DMX_MP3ReadFrame(nullptr) || GOLT_DMX_MP3SeekToBytes(417));
     EXPECT_EQ(player.run("2"), "2:0-26");
+    // Without its callbacks nothing is opened, and what is open stays as it is.
+    EXPECT_FALSE(GOLT_DMX_MP3Init(nullptr, Source::seek_proc, &player.source) ||
+                 GOLT_DMX_MP3Init(Source::read_proc, nullptr, &player.source));
+    EXPECT_EQ(player.run("i 9 @26 1"), "1 101 1 44100 2 1:52-52 @1 1:26-26");
+    EXPECT_TRUE(GOLT_DMX_MP3Destroy());
     const int calls = player.source.reads + player.source.seeks;
-    EXPECT_FALSE(GOLT_DMX_MP3Init(nullptr, Source::seek_proc, &player.source));
     EXPECT_EQ(player.run("@0 9"), "! 0");
     EXPECT_EQ(player.source.reads + player.source.seeks, calls);
 
@@ -146,14 +150,66 @@ TEST(Mp3, LeavesASourceAloneThatIsGivenUp)
     EXPECT_FALSE(POS_seek(0, nullptr) || BRT_update(417) != 0);
 }
 
+TEST(Mp3, SearchesOnWhereSeeksAreRefused)
+{
+    // The search meets a header at once, takes 208 bytes and leaves the source inside of a frame.
+    const Mp3 mp3 = Mp3().frames(3000);
+    Player player(mp3);
+    player.run("10");
+    player.source.refuse_seeks = true;
+    EXPECT_EQ(player.run("@50000 9"), ">4378 0");
+    // Zeros up to the end of the file, 208 at a time.
+    player.source.refuse_seeks = false;
+    const Mp3 damaged = Mp3().frames(10).raw(Bytes(1 << 20));
+    Player other(damaged);
+    other.run("10");
+    other.source.refuse_seeks = true;
+    EXPECT_EQ(other.run("@50000 9"), ">1052746 0");
+    EXPECT_LE(other.source.reads, (1 << 20) / 208 + 30);
+}
+
+TEST(Mp3, LeavesNoByteOfAFrameUnwritten)
+{
+    GOLT_memInit();
+    uint8_t *block = GOLT_allocMem(1024);  // the one that the frame gets
+    std::fill_n(block, 1024, uint8_t{0xA5});
+    GOLT_freeMem(block);
+    const tpf_read lie = [](void *source, uint8_t *buffer, uint32_t size) {
+        const uint32_t got = Source::read_proc(source, buffer, size);
+        return got == size ? size : size + 1;
+    };
+    Source source(hex("FFFB9000 0102"));
+    ASSERT_TRUE(GOLT_DMX_MP3Init(lie, Source::seek_proc, &source));
+    GOLT_frame_t frame = {};
+    ASSERT_TRUE(GOLT_DMX_MP3ReadFrame(&frame));
+    EXPECT_EQ(std::count(frame.pb_data, frame.pb_data + frame.ui4_size, 0xA5), 0);
+    const GOLT_frame_t before = frame;
+    EXPECT_FALSE(GOLT_DMX_MP3ReadFrame(&frame));
+    EXPECT_EQ(memcmp(&frame, &before, sizeof frame), 0) << "a frame that was refused";
+    GOLT_freeMem(frame.pb_data);
+    GOLT_DMX_MP3Destroy();
+    GOLT_memClose();
+}
+
+TEST(Mp3, HasNoMuxerWithoutAFrame)
+{
+    Driver driver;
+    Source source(Bytes(1000));
+    Sink sink;
+    PELA::IAVDemuxer demux = driver->createDemuxer("mp3", &source, source.size());
+    EXPECT_TRUE(demux->isValid());
+    EXPECT_EQ(driver->createMuxer(PELA::CONTAINER_TS, demux, &sink, false), nullptr);
+    driver->destroyDemuxer(demux);
+}
+
 // In each second 13 frames of 144 bytes and 14 of 576, each of 36 ms, 9936 bytes together: the
 // straight line of time and offset is wrong by several frames. 57000 frames are more than the fine
 // list holds: it begins at packet 1728, its last entry is that of 56997. The coarse list has 0,
 // 1666, 3332 and so on. The tracker has 95616 bytes in 256 packets, from 56744 on, 373.5 each.
 TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
 {
-    // Packet n starts at n * 36 ms. The frame that turns out to be a known one still has its time by
-    // what was asked for, the next one has the true time. What lies behind all that was read has
+    // Packet n starts at n * 36 ms. The frame that turns out to be a known one still has its time
+    // by what was asked for, the next one has the true time. What lies behind all that was read has
     // its time by the estimate, 45 packets behind the truth.
     const struct {
         const char *name, *before, *steps, *trace;

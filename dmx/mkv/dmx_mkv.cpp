@@ -10,11 +10,16 @@ namespace {
 
 constexpr uint64_t NS_PER_MS = 1000000;
 
+// Video frames that a host may cut in one seek before that ends: what is missing of them is filled,
+// and their sizes are only what the file says.
+constexpr uint32_t CUT_FRAMES_MAX = 8;
+
 bool allocate();
 void release();
 void serve_audio(GOLT_frame_t *pt_frame);
 void serve_video(GOLT_frame_t *pt_frame);
 const CUE_POINT_STRUCT *find_cue(uint32_t ui4_time);
+bool read_on_to(uint32_t ui4_time);
 void drop_audio();
 void drop_video();
 bool begins_with_key_frame(const VIDEO_FRAME_INFO &t_video);
@@ -82,16 +87,10 @@ GOLT_EXPORT bool GOLT_DMX_MKVSeekToTime(uint64_t ui8_time)
     mkvctx.SegInfo.Audio_time_initialed = 0;
     mkvctx.ClusterData.Initialized = 0;
 
-    while (AV_buffer_fill() != 0) {
-        if (mkvctx.SegInfo.AvailAudioFrameNo != 0) {
-            drop_audio();
-            continue;
-        }
-        const VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;
-        if (begins_with_key_frame(t_video) || ui4_time <= t_video.CurTimeCode) return true;
-        drop_video();
-    }
-    return false;
+    mkvctx.f_seeking = true;
+    const bool f_found = read_on_to(ui4_time);
+    mkvctx.f_seeking = false;
+    return f_found;
 }
 
 GOLT_EXPORT bool GOLT_DMX_MKVGetStreamInfo(GOLT_streamInfo_t *sinfo)
@@ -178,6 +177,19 @@ const CUE_POINT_STRUCT *find_cue(uint32_t ui4_time)
         if (pt_cues[i].CueTime > ui4_time) return pt_cues + i - 1;
     }
     return nullptr;
+}
+
+// Leaves the first frame pending from which the stream can go on. False when none comes.
+bool read_on_to(uint32_t ui4_time)
+{
+    const VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;
+    uint32_t cut = 0;
+    while (cut < CUT_FRAMES_MAX && AV_buffer_fill() != 0) {
+        if (begins_with_key_frame(t_video) || ui4_time <= t_video.CurTimeCode) return true;
+        if (mkvctx.f_ended) ++cut;
+        drop_video();
+    }
+    return false;
 }
 
 void drop_audio()

@@ -23,16 +23,18 @@ GOLT_EXPORT bool GOLT_DMX_MKVInit(tpf_read pf_read, tpf_seek pf_seek, void *pv_h
 GOLT_EXPORT bool GOLT_DMX_MKVDestroy();
 
 /// Reads the next frame. False, with pt_frame unchanged, at the end of the stream (of the input, or
-/// of the row of Clusters) and when there is no memory for the next block, which is then lost.
+/// of the row of Clusters) and when there is no memory for the next block, which is then lost. A
+/// frame that the end of the input cuts is filled with zeros, up to its size or to 16 MiB.
 GOLT_EXPORT bool GOLT_DMX_MKVReadFrame(GOLT_frame_t *pt_frame);
 
 /// No effect, always true.
 GOLT_EXPORT bool GOLT_DMX_MKVSeekToBytes(int64_t i8_pos);
 
-/// Moves to the cue point at or before ui8_time milliseconds and from there to the first video
-/// frame that is a key frame by its first NAL unit, or that isn't before ui8_time. False, with
-/// nothing changed, for a source without cues and for a time at or behind the last cue point; false
-/// at the end of the stream when no such frame comes.
+/// Moves to the cue point at or before ui8_time milliseconds, or to the first one if that is later,
+/// and from there to the first video frame that is a key frame by its first NAL unit, or that isn't
+/// before ui8_time. Audio on the way is passed over unread. False, with nothing changed, for a
+/// source without cues and for a time from the last cue point on; false at the end of the stream
+/// when no such frame comes, and after eight frames that the source has cut short.
 GOLT_EXPORT bool GOLT_DMX_MKVSeekToTime(uint64_t ui8_time);
 
 /// Describes the chosen tracks, in every field; a stream that wasn't found has

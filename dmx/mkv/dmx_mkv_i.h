@@ -209,6 +209,7 @@ struct MKV_context_t {
     uint8_t MKV_Header_ok;
     uint8_t MKV_Initialed;
     bool f_ended;          // a read fell short or memory ran out since the pump was started
+    bool f_seeking;        // audio is passed over unread
     uint32_t ui4_damaged;  // element headers in a row that couldn't be read
 };
 

@@ -121,10 +121,10 @@ constexpr uint32_t DAMAGED_MAX = 256;
 constexpr uint32_t AUDIO_SPARE = 256;   // bytes beyond an audio frame
 constexpr uint32_t VIDEO_SPARE = 2048;  // bytes beyond a video block's payload
 
-// A payload above the first limit has to show its last byte before it is given memory. One above
-// the second is no frame of any stream that a player gets: 64 MiB is more than a second of video at
-// the highest bit rate of H.264 level 5.1.
-constexpr uint32_t PAYLOAD_UNPROVEN_MAX = 2u << 20;
+// A payload up to the first limit gets its memory at once; of a larger one so much has to come
+// first. One above the second is no frame of any stream that a player gets: 64 MiB is more than a
+// second of video at the highest bit rate of H.264 level 5.1.
+constexpr uint32_t PAYLOAD_AT_ONCE_MAX = 16u << 20;
 constexpr uint32_t PAYLOAD_MAX = 64u << 20;
 
 // Block flags.
@@ -244,8 +244,8 @@ uint32_t _MKV_Read(void *buf, int nbytes)
     const uint32_t ui4_size = static_cast<uint32_t>(nbytes);
     const uint32_t ui4_came =
         mkvctx.MKV_tpf_reader(mkvctx.MKV_file_handle, static_cast<uint8_t *>(buf), ui4_size);
-    // A callback that claims more than it was offered can't have delivered it.
-    const uint32_t ui4_placed = std::min(ui4_came, ui4_size);
+    // A callback that claims more than it was offered has shown nothing.
+    const uint32_t ui4_placed = ui4_came <= ui4_size ? ui4_came : 0;
     mkvctx.MKV_file_pos += ui4_placed;
     if (ui4_placed < ui4_size) mkvctx.f_ended = true;
     return ui4_placed;
@@ -510,7 +510,7 @@ cues_t goto_cues(const element_t &t_cluster);
 int32_t EMBL_Header_Analyze()
 {
     uint32_t stage = 0;
-    int32_t found = 0;  // a Cluster: without one there is nothing to read
+    int32_t found = 0;  // a Cluster, or Cues, which lead to some: without them nothing can be read
     element_t t_element;
     while (read_element(t_element) && !is_given_up()) {
         switch (t_element.ID) {
@@ -525,6 +525,7 @@ int32_t EMBL_Header_Analyze()
         case ID_INFO: FileEMBL_Check_SegmentInfo(t_element.Len, t_element.cur_used); break;
         case ID_TRACKS: FileEMBL_Check_TRACK(t_element.Len, t_element.cur_used); break;
         case ID_CUES:
+            found = 1;
             FileEMBL_Check_Cue(t_element.Len, t_element.cur_used);
             if (stage != 0) return found;
             stage = 1;
@@ -1084,7 +1085,7 @@ struct lacing_t {
 
 void read_lacing(int kind, uint32_t BlockLen, lacing_t &t_lacing);
 void finish_lacing(uint32_t DataLen, lacing_t &t_lacing);
-bool is_payload_there(uint32_t DataLen);
+void pass_over_audio_block(const lacing_t &t_lacing);
 void read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing);
 void read_video_block(uint32_t CurTimeCode, uint32_t DataLen);
 
@@ -1120,14 +1121,14 @@ int32_t BlockDataAnalyze(uint32_t BlockLen)
         return 1;
     }
 
-    if (mkvctx.f_ended || !is_payload_there(DataLen)) {
-        mkvctx.f_ended = true;
-    } else {
+    if (!mkvctx.f_ended) {
         const uint32_t ui4_time = mkvctx.ClusterInfo.TimeCode + static_cast<uint32_t>(i4_time);
-        if (f_audio)
-            read_audio_block(ui4_time, t_lacing);
-        else
+        if (f_video)
             read_video_block(ui4_time, DataLen);
+        else if (mkvctx.f_seeking)
+            pass_over_audio_block(t_lacing);
+        else
+            read_audio_block(ui4_time, t_lacing);
     }
     // Should more input or memory come, the reading goes on behind the block, if that place can be
     // reached.
@@ -1159,7 +1160,7 @@ void read_xiph_sizes(uint32_t BlockLen, lacing_t &t_lacing)
 void read_ebml_sizes(uint32_t BlockLen, lacing_t &t_lacing)
 {
     uint32_t ui4_first = 0;
-    t_lacing.f_sound = FileGetVint(&ui4_first) != 0;
+    FileGetVint(&ui4_first);
     int64_t i8_size = ui4_first;
     t_lacing.frame_data_num[0] = ui4_first;
     for (uint32_t i = 1; i + 1 < t_lacing.count && t_lacing.f_sound; ++i) {
@@ -1192,26 +1193,16 @@ void finish_lacing(uint32_t DataLen, lacing_t &t_lacing)
     if (t_lacing.kind == LACING_FIXED) {
         std::fill(pui4_sizes, pui4_sizes + count, DataLen / count);
     } else if (t_lacing.f_sound) {
-        // The size of a single frame in EBML lacing is the one that was read.
+        // The size of a single frame in EBML lacing is the one that was read, whatever the block's.
         const bool f_last_read = t_lacing.kind == LACING_EBML && count == 1;
         const uint32_t known = f_last_read ? count : count - 1;
         uint64_t ui8_sum = 0;
         for (uint32_t i = 0; i < known; ++i)
             ui8_sum += pui4_sizes[i];
-        t_lacing.f_sound = ui8_sum <= DataLen;
+        t_lacing.f_sound = ui8_sum <= (f_last_read ? PAYLOAD_MAX : DataLen);
         if (!f_last_read) pui4_sizes[count - 1] = DataLen - static_cast<uint32_t>(ui8_sum);
     }
     if (count > MKV_LACED_FRAMES_MAX) t_lacing.f_sound = false;
-}
-
-// Whether memory may be spent on a payload of this size. The position stays the same if so.
-bool is_payload_there(uint32_t DataLen)
-{
-    if (DataLen <= PAYLOAD_UNPROVEN_MAX) return true;
-    const int64_t i8_start = _MKV_FilePos();
-    uint8_t ui1_last = 0;
-    const bool f_there = _MKV_Seek(position_after(DataLen - 1)) == 0 && get_all(&ui1_last, 1);
-    return f_there && _MKV_Seek(i8_start) == 0;
 }
 
 // Reads payload bytes. Those that the input doesn't have are 0: a frame that is cut keeps its size.
@@ -1223,27 +1214,64 @@ uint32_t get_payload(uint8_t *pb, uint32_t ui4_size)
     return ui4_came;
 }
 
+// Moves the first ui4_used bytes of a block into one of ui4_size, which takes its place. Null, and
+// the input counts as ended, without memory; the old block is given back in any case.
+uint8_t *larger_block(uint8_t *pb_block, uint32_t ui4_used, uint32_t ui4_size)
+{
+    uint8_t *const pb_larger = GOLT_allocMem(ui4_size);
+    if (pb_larger != nullptr) memcpy(pb_larger, pb_block, ui4_used);
+    GOLT_freeMem(pb_block);
+    if (pb_larger == nullptr) mkvctx.f_ended = true;
+    return pb_larger;
+}
+
+// A seek drops all audio anyway. What the frames leave of the block is read on from, as it is after
+// frames that were read.
+void pass_over_audio_block(const lacing_t &t_lacing)
+{
+    uint32_t ui4_sum = 0;
+    for (uint32_t i = 0; i < t_lacing.count; ++i)
+        ui4_sum += t_lacing.frame_data_num[i];
+    if (ui4_sum != 0) _MKV_Seek(position_after(ui4_sum));
+}
+
+// Reads one frame of ui4_size bytes into a block of its own. False, with nothing held, when memory
+// or input ends before any of it.
+bool read_audio_frame(uint32_t ui4_size, AudioFrameBuffer &t_buffer)
+{
+    AUDIO_FRAME_INFO &t_audio = *mkvctx.AudioFrameInfo;
+    const int64_t i8_start = _MKV_FilePos();
+    const uint32_t at_once = std::min(ui4_size, PAYLOAD_AT_ONCE_MAX);
+    uint8_t *pb_frame = GOLT_allocMem(at_once + AUDIO_SPARE);
+    if (pb_frame == nullptr) {
+        mkvctx.f_ended = true;
+        return false;
+    }
+    t_buffer.frameLen = FileFillAudioBuff(pb_frame, at_once);
+    if (mkvctx.f_ended && _MKV_FilePos() == i8_start) {
+        GOLT_freeMem(pb_frame);
+        return false;
+    }
+    const uint32_t rest = ui4_size - at_once;
+    if (rest != 0 && !mkvctx.f_ended) {
+        pb_frame = larger_block(pb_frame, t_buffer.frameLen, t_buffer.frameLen + rest);
+        if (pb_frame == nullptr) return false;
+        get_payload(pb_frame + t_buffer.frameLen, rest);
+        t_buffer.frameLen += rest;
+        t_audio.maxLen = std::max(t_audio.maxLen, ui4_size);
+    }
+    t_buffer.frameData = pb_frame;
+    return true;
+}
+
 void read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing)
 {
     AUDIO_FRAME_INFO &t_audio = *mkvctx.AudioFrameInfo;
     t_audio.CurTimeCode = CurTimeCode;
     uint32_t count = 0;
-    while (count < t_lacing.count && !mkvctx.f_ended) {
-        const uint32_t ui4_size = t_lacing.frame_data_num[count];
-        const int64_t i8_start = _MKV_FilePos();
-        AudioFrameBuffer &t_buffer = t_audio.AudioData[count];
-        t_buffer.frameData = GOLT_allocMem(ui4_size + AUDIO_SPARE);
-        if (t_buffer.frameData == nullptr) {
-            mkvctx.f_ended = true;
-            break;
-        }
-        t_buffer.frameLen = FileFillAudioBuff(t_buffer.frameData, ui4_size);
-        if (mkvctx.f_ended && _MKV_FilePos() == i8_start) {  // nothing of it came
-            GOLT_freeMem(t_buffer.frameData);
-            break;
-        }
+    while (count < t_lacing.count && !mkvctx.f_ended &&
+           read_audio_frame(t_lacing.frame_data_num[count], t_audio.AudioData[count]))
         ++count;
-    }
     t_audio.curFrameNo = 0;
     t_audio.totalFrameNo = static_cast<uint8_t>(count);
     mkvctx.SegInfo.AvailAudioFrameNo = static_cast<uint8_t>(count);
@@ -1255,7 +1283,7 @@ void read_video_block(uint32_t CurTimeCode, uint32_t DataLen)
     const int64_t i8_start = _MKV_FilePos();
     t_video.CurTimeCode = CurTimeCode;
     t_video.frameLen = DataLen;
-    t_video.CurFrameData = GOLT_allocMem(DataLen + VIDEO_SPARE);
+    t_video.CurFrameData = GOLT_allocMem(std::min(DataLen, PAYLOAD_AT_ONCE_MAX) + VIDEO_SPARE);
     if (t_video.CurFrameData == nullptr) {
         mkvctx.f_ended = true;
         return;
@@ -1265,25 +1293,49 @@ void read_video_block(uint32_t CurTimeCode, uint32_t DataLen)
         GOLT_freeMem(t_video.CurFrameData);
         return;
     }
-    mkvctx.SegInfo.AvailVideoFrameNo = 1;
+    mkvctx.SegInfo.AvailVideoFrameNo = t_video.CurFrameData != nullptr ? 1 : 0;
 }
 
-// The byte stream under construction.
+// The byte stream under construction. Its block grows once, to the limit, when it is full.
 struct byte_stream_t {
-    uint8_t *pb_data;
+    uint8_t *pb_data;  // null: there was no memory to grow
     uint32_t pos;
     uint32_t capacity;
+    uint32_t limit;
 
-    uint32_t room() const { return capacity - pos; }
+    uint32_t room() const { return limit - pos; }
+    bool reserve(uint32_t ui4_size)
+    {
+        if (ui4_size <= capacity - pos) return true;
+        if (capacity == limit || pb_data == nullptr) return false;
+        pb_data = larger_block(pb_data, pos, limit);
+        if (pb_data == nullptr) return false;
+        capacity = limit;
+        return true;
+    }
     void put(const uint8_t *pb, uint32_t ui4_size)
     {
+        if (!reserve(ui4_size)) return;
         memcpy(pb_data + pos, pb, ui4_size);
         pos += ui4_size;
     }
+    // Reads on: as far as the block goes, then, if all of that came, the rest.
+    void read(uint32_t ui4_size)
+    {
+        const uint32_t at_once = std::min(ui4_size, capacity - pos);
+        get_payload(pb_data + pos, at_once);
+        pos += at_once;
+        if (at_once == ui4_size || mkvctx.f_ended || !reserve(ui4_size - at_once)) return;
+        get_payload(pb_data + pos, ui4_size - at_once);
+        pos += ui4_size - at_once;
+    }
+    // A frame that is cut keeps its size as far as the block goes.
     void put_zeros(uint32_t ui4_size)
     {
-        memset(pb_data + pos, 0, ui4_size);
-        pos += ui4_size;
+        if (pb_data == nullptr) return;
+        const uint32_t count = std::min(ui4_size, capacity - pos);
+        memset(pb_data + pos, 0, count);
+        pos += count;
     }
 };
 
@@ -1303,19 +1355,30 @@ struct nal_unit_t {
 
 bool next_nal_unit(nal_units_t &t_units, nal_unit_t &t_nal);
 void put_nal_unit(byte_stream_t &t_out, const nal_unit_t &t_nal);
-void fill_as_stored(VIDEO_FRAME_INFO &t_video);
+void put_nal_units(byte_stream_t &t_out, const VIDEO_FRAME_INFO &t_video);
 
 }  // namespace
 
 void FileFillVideoBuff()
 {
     VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;
-    if (t_video.codec != GOLT_VCODEC_H264) {
-        fill_as_stored(t_video);
-        return;
-    }
+    const uint32_t capacity = std::min(t_video.frameLen, PAYLOAD_AT_ONCE_MAX) + VIDEO_SPARE;
+    byte_stream_t t_out = {t_video.CurFrameData, 0, capacity, t_video.frameLen + VIDEO_SPARE};
+    // Only H.264 has NAL units: what another codec stores is its frame.
+    if (t_video.codec == GOLT_VCODEC_H264)
+        put_nal_units(t_out, t_video);
+    else
+        t_out.read(t_video.frameLen);
+    t_video.CurFrameData = t_out.pb_data;
+    t_video.frameLen = t_out.pos;
+    t_video.maxLen = std::max(t_video.maxLen, t_out.pos);
+}
+
+namespace {
+
+void put_nal_units(byte_stream_t &t_out, const VIDEO_FRAME_INFO &t_video)
+{
     const PARAMETER_SETS &t_sets = t_video.ParameterSets;
-    byte_stream_t t_out = {t_video.CurFrameData, 0, t_video.frameLen + VIDEO_SPARE};
     nal_units_t t_units = {t_video.frameLen, 0, {}};
     nal_unit_t t_nal;
     while (!mkvctx.f_ended && next_nal_unit(t_units, t_nal)) {
@@ -1328,13 +1391,9 @@ void FileFillVideoBuff()
             t_out.put(t_sets.data, t_sets.len);
         put_nal_unit(t_out, t_nal);
     }
-    // A frame that is cut keeps its size: bytes of 0 behind a NAL unit mean nothing to a decoder.
-    if (mkvctx.f_ended) t_out.put_zeros(std::min(t_units.frameRest, t_out.room()));
-    t_video.frameLen = t_out.pos;
-    t_video.maxLen = std::max(t_video.maxLen, t_out.pos);
+    // Bytes of 0 after a NAL unit mean nothing to a decoder.
+    if (mkvctx.f_ended) t_out.put_zeros(t_units.frameRest);
 }
-
-namespace {
 
 // False at the payload's end, and where what is left of it or of the input is too short for a
 // length.
@@ -1374,15 +1433,7 @@ void put_nal_unit(byte_stream_t &t_out, const nal_unit_t &t_nal)
     }
     t_out.put(START_CODE, MKV_START_CODE_SIZE);
     t_out.put(t_nal.ab_first, t_nal.taken);
-    get_payload(t_out.pb_data + t_out.pos, to_read);
-    t_out.pos += to_read;
-}
-
-// Only H.264 has NAL units: what another codec stores is its frame.
-void fill_as_stored(VIDEO_FRAME_INFO &t_video)
-{
-    get_payload(t_video.CurFrameData, t_video.frameLen);
-    t_video.maxLen = std::max(t_video.maxLen, t_video.frameLen);
+    if (!mkvctx.f_ended) t_out.read(to_read);
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ float FileGetFloat(uint32_t Len);
 // Header scan
 
 /// Reads the headers from the current position, up to the first Cluster and the cues. 1, or 0 when
-/// no Cluster was found. The position is left anywhere.
+/// the input ended before either. The position is left anywhere.
 int32_t EMBL_Header_Analyze();
 
 // Parsers of one master element, whose header has just been read. Always 1.
@@ -88,8 +88,10 @@ uint32_t EMBL_Check_Cluster_frame();
 /// track. 1, or 0 when its track number can't be read.
 int32_t BlockDataAnalyze(uint32_t BlockLen);
 
-/// Reads the frameLen bytes of the current video block into CurFrameData, which has room for 2048
-/// more, and turns NAL lengths into start codes; frameLen becomes the length of the result.
+/// Reads the frameLen bytes of the current video block into CurFrameData and turns NAL lengths into
+/// start codes; frameLen becomes the length of the result. CurFrameData has room for the bytes, or
+/// for 16 MiB of them where there are more, and for 2048 beyond. When so much has come, a larger
+/// block takes its place, or null without memory for that.
 void FileFillVideoBuff();
 
 /// Reads one audio frame of len bytes into buff, which has room for 2 more. Returns the bytes

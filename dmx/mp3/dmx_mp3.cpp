@@ -138,9 +138,11 @@ uint32_t field(uint32_t ui4_header, header_field_t t_field)
     return ui4_header >> t_field.shift & t_field.mask;
 }
 
+// A callback that claims more than it was offered has shown nothing.
 uint32_t read_source(uint8_t *pb_data, uint32_t ui4_size)
 {
-    return mp3ctx.pf_read(mp3ctx.pv_handle, pb_data, ui4_size);
+    const uint32_t ui4_got = mp3ctx.pf_read(mp3ctx.pv_handle, pb_data, ui4_size);
+    return ui4_got <= ui4_size ? ui4_got : 0;
 }
 
 // Whether it worked shows in the next read.
@@ -153,8 +155,8 @@ void seek_source(MP3Offset_t offset)
 
 GOLT_EXPORT bool GOLT_DMX_MP3Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle)
 {
-    GOLT_DMX_MP3Destroy();
     if (pf_read == nullptr || pf_seek == nullptr) return false;
+    GOLT_DMX_MP3Destroy();
     mp3ctx.pf_read = pf_read;
     mp3ctx.pf_seek = pf_seek;
     mp3ctx.pv_handle = pv_handle;
@@ -350,7 +352,7 @@ MP3Offset_t find_frame(MP3Offset_t estimate)
     seek_source(newOffset_1);
     for (;;) {
         const uint32_t nread = read_source(mp3ctx.tmpBuf, ui4_chunk);
-        if (nread == 0 || nread > ui4_chunk) return newOffset_1;
+        if (nread == 0) return newOffset_1;
         const uint8_t *mp3_sigpos = MP3_searchSig(mp3ctx.tmpBuf, nread);
         if (mp3_sigpos != nullptr)
             return newOffset_1 + static_cast<MP3Offset_t>(mp3_sigpos - mp3ctx.tmpBuf);

@@ -15,8 +15,8 @@
 #include "golt_common.h"
 
 /// Attaches to a source, passes over an ID3v2 tag and looks at the first frame. True even when
-/// there is no frame: such a source has no stream info and delivers nothing. False, with nothing
-/// held, only without callbacks. A source that is still attached is given up.
+/// there is no frame: such a source has no stream info and delivers nothing. A source that is still
+/// attached is given up. False, with nothing changed, only without callbacks.
 GOLT_EXPORT bool GOLT_DMX_MP3Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle);
 
 /// Releases the tables and gives up the source. Always true.
