@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "dmx_mkv_lib.h"
+#include "dmx_mkv_frame.h"
 #include "heap.h"
 #include "host_double.h"
 #include "mkv_builder.h"
