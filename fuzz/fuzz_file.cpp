@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "golt.h"
+#include "libgolt.h"
 #include "target.h"
 #include "ts_collector.h"
 

@@ -183,6 +183,56 @@ void write_tcache()
     }
 }
 
+// In front of each file how its source behaves.
+void write_outline(const std::string &name, const Bytes &file)
+{
+    write_seed("outline", name, Bytes{1, 0} + file);
+    write_seed("outline", name + "-unknown_size", Bytes{0, 0} + file);
+    write_seed("outline", name + "-cut", Bytes{3, 0} + Bytes(file.begin(), file.end() - 9));
+    write_seed("outline", name + "-fails", Bytes{5, 1} + file);
+}
+
+void write_outlines()
+{
+    const Bytes list =
+        hex("00000000 00000002 00000064 FFFFFFFF 00010000 000003E8 00000050 00010000");
+    Mp4Track video = pictures(5), audio = sound(6), far = pictures(2), compact = sound(3);
+    video.order["trak"].push_back("edts");
+    video.put["edts"] = box("edts", box("elst", list));
+    audio.order["trak"].push_back("tref");
+    audio.put["tref"] = box("tref", box("chap", be32(1)));
+    far.put["stco"] = box("co64", be32(0) + be32(1) + be(uint64_t{1} << 33, 8));
+    compact.put["stsz"] = box("stz2", be32(0) + be32(4) + be32(3) + hex("1230"));
+    write_outline("mp4", Mp4File().add(video).add(audio).build());
+    write_outline("mp4_rare", Mp4File().add(far).add(compact).build());
+    Mp4File last;
+    last.order = {"ftyp", "mdat", "moov"};
+    write_outline("mp4_last", last.add(audio).build());
+    write_outline("mkv",
+                  MkvFile("h0 . =1549A966[2AD7B1[0F4240]4489[44FA0000]4D80['m']] "
+                          "t1['V_VP9']73C5[11]23E383[02625A00]E0[B0[10]BA[10]] "
+                          "t2['A_AC3']73C5[12]6D80[6240[5034[4254[03]4255[0B77]]]]E1[B5[473B8000]] "
+                          ". =1043A770[45B9[B6[]B6[]]] =1254C367[7373[63C0[63C5[12]]"
+                          "67C8[45A3['DURATION']4487['00:01:02.5']]]] C0 v0(65) C2000 v0(65) k")
+                      .build());
+    const Bytes xing =
+        be32(0xFFFB9000) + Bytes(32) + text("Xing") + be32(3) + be32(9) + be32(99) + Bytes(365);
+    const Bytes vbri =
+        be32(0xFFFB9000) + Bytes(32) + text("VBRI") + Bytes(6) + be32(99) + be32(9) + Bytes(363);
+    const Bytes tags = text("APETAGEX") + hex("D0070000 20000000 00000000 00000000") + Bytes(8) +
+                       text("TAG") + Bytes(125);
+    const Bytes id3 = hex("49443304000000000004") + Bytes(4);
+    write_outline("mp3", id3 + xing + Mp3().frames(2).file + tags);
+    write_outline("mp3_vbri", vbri + Mp3().frames(1).file);
+    for (const size_t size : {size_t{188}, size_t{192}, size_t{204}}) {
+        Bytes packet(size, 0x11), file;
+        packet[size == 192 ? 4 : 0] = 0x47;
+        for (int i = 0; i < 6; ++i)
+            file += packet;
+        write_outline("ts" + std::to_string(size), file);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -198,6 +248,7 @@ int main(int argc, char **argv)
     write_mkv();
     write_mux();
     write_tcache();
+    write_outlines();
     for (int i = 2; i < argc; ++i) {
         const std::filesystem::path path = argv[i];
         for (size_t format = 0; format < std::size(FORMATS); ++format) {

@@ -133,9 +133,8 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size)
     case 0: return ui8_size / 192;
     // The shortest frame that a header can tell, of Layer I; the last one may be cut.
     case 1: return ui8_size / 32 + 1;
-    // A size for each sample, or one for all, and then no more samples than bytes, but for half a
-    // million that are taken on the file's word.
-    case 2: return 512 * 1024 + 2 * ui8_size;
+    // A size for each sample, or one for all, and then two million that are taken on the file's word.
+    case 2: return 2 * 1024 * 1024 + 2 * ui8_size;
     // 255 empty frames in a laced block, which has seven bytes.
     default: return ui8_size / 7 * 255 + 255;
     }
@@ -204,7 +203,7 @@ public:
     ModuleRun(const GOLT_DMX_handler_t &t_module, const Input &t_input, bool f_faulty)
         : m_module(t_module)
         , m_source(t_input, f_faulty)
-        // Eight searches of a box, each of which may read every box header of eight bytes.
+        // Sixteen boxes that overhang, each of which may have every box header of eight bytes read.
         , m_calls_limit(32 * t_input.file.size() + 100000)
     {
         GOLT_streamInfo_t t_info = {};

@@ -62,7 +62,8 @@ ExitStatus info(const InfoOptions &options, Printer &printer)
         for (const auto &[pid, totals] : scanner.totals)
             printer.print(fmt::format("PID {:#05x}   {}, {}\n", pid, codec_name(totals.codec),
                                       totals_text(totals)));
-        if (options.f_scan) printer.print(fmt::format("output      {} bytes\n", frames.bytes()));
+        if (options.f_scan)
+            printer.print(fmt::format("output      {}\n", counted(frames.bytes(), "byte")));
     }
     printer.flush();
     return end_command(input.source().path(), fault);
@@ -99,10 +100,10 @@ Streams choose_streams(const Content &content, const Totals &totals)
 std::string info_text(const Input &input, const Content &content, const Streams &streams)
 {
     const Source &source = input.source();
-    std::string text =
-        fmt::format("input       {}\nformat      {}\n", source.path(), input.format().name);
+    std::string text = fmt::format("input       {}\nformat      {}\n", printable(source.path()),
+                                   input.format().name);
     text += source.size() == 0 ? "size        unknown\n"
-                               : fmt::format("size        {} bytes\n", source.size());
+                               : fmt::format("size        {}\n", counted(source.size(), "byte"));
     text += fmt::format("duration    {}\n",
                         content.duration == 0 ? "unknown" : time_text(content.duration));
     text += fmt::format("video       {}\n", video_text(content, streams));
@@ -127,9 +128,7 @@ std::string sound_text(const Content &content, const Streams &streams)
 {
     if (streams.sound == Codec::UNKNOWN) return "none known";
     std::string text = codec_name(streams.sound);
-    if (content.numAudioChannels != 0)
-        text += fmt::format(", {} channel{}", content.numAudioChannels,
-                            content.numAudioChannels == 1 ? "" : "s");
+    if (content.numAudioChannels != 0) text += ", " + counted(content.numAudioChannels, "channel");
     if (content.audioSampleRate != 0) text += fmt::format(", {} Hz", content.audioSampleRate);
     return text + fmt::format(", PID {:#x}", streams.sound_pid);
 }

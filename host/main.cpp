@@ -7,17 +7,22 @@
 #include <filesystem>
 #include <functional>
 #include <new>
+#include <sstream>
+
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "check.h"
 #include "frames.h"
-#include "golt.h"
 #include "info.h"
 #include "io/interrupt.h"
+#include "io/library_log.h"
 #include "io/message.h"
+#include "io/output.h"
 #include "io/printer.h"
+#include "libgolt.h"
 #include "plot.h"
 #include "remux.h"
 #include "stream/json_text.h"
@@ -26,9 +31,8 @@
 namespace {
 
 const char *const REMUX_FOOTER = R"(
-TIME is a number of milliseconds, or hh:mm:ss.mmm, of which hours and fraction
-may be left out. N is 1 or more.
-
+TIME: seconds (90, 5.5), a unit (1500ms, 90s, 2m, 1h) or hh:mm:ss.mmm, of which
+hours and fraction may be left out. N is 1 or more.
 OUT is written as OUT.part and gets its name when it is complete; when the work
 can't be done, OUT.part is removed. Pipes and devices are written to directly.
 SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
@@ -104,11 +108,15 @@ void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
-void add_verbose(CLI::App &command, Commands &commands);
+CLI::Option *add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
 bool parse_timeout(const std::string &text, uint32_t *seconds);
-void complete_options(RemuxOptions &options);
+void complete_options(Commands &commands);
+void check_headers(const std::vector<std::string> &headers);
+int print_help(const CLI::App &app, const CLI::Success &request);
+void print_json_error(int status, const std::string &message);
 bool asks_for_json(int argc, char **argv);
+std::string is_not_empty(const std::string &name);
 
 /// An option whose value parse reads, or else refuses.
 template <typename Value, typename Target>
@@ -142,6 +150,9 @@ namespace {
 
 int run(int argc, char **argv)
 {
+    // A reader that went away and a file that may not grow are told by the write that fails.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     CLI::App app("Remuxes media files into MPEG-2 transport streams, and looks into them.", "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
@@ -154,25 +165,22 @@ int run(int argc, char **argv)
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
-        complete_options(commands.remux);
+        complete_options(commands);
     } catch (const CLI::Success &request) {
-        return app.exit(request);
+        return print_help(app, request);
     } catch (const CLI::ParseError &error) {
         const auto chosen = app.get_subcommands();
         const std::string name = chosen.empty() ? "" : chosen[0]->get_name() + " ";
         const std::string text = fmt::format("{}; golt {}--help tells more", error.what(), name);
         say("golt: " + text);
-        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, text).c_str(), stdout);
+        if (f_json) print_json_error(EXIT_BAD_USAGE, text);
         return EXIT_BAD_USAGE;
     } catch (const BadUsage &error) {
         say(std::string("golt: ") + error.what());
-        if (f_json) std::fputs(json_error(EXIT_BAD_USAGE, error.what()).c_str(), stdout);
+        if (f_json) print_json_error(EXIT_BAD_USAGE, error.what());
         return EXIT_BAD_USAGE;
     }
 
-    // A reader that went away and a file that may not grow are told by the write that fails.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
     note_stop_signals();
     const int status = run_command(commands, f_json);
     die_of_stop_signal();
@@ -181,7 +189,7 @@ int run(int argc, char **argv)
 
 int run_command(const Commands &commands, bool f_json)
 {
-    Descriptor standard_output = take_standard_output(!commands.f_verbose);
+    Descriptor standard_output = take_standard_output(commands.f_verbose);
     Printer printer(standard_output.get(), "standard output");
     ExitStatus status = EXIT_NOT_DONE;
     std::string text = "out of memory";
@@ -190,8 +198,11 @@ int run_command(const Commands &commands, bool f_json)
     } catch (const BadUsage &error) {
         text = error.what();
         status = EXIT_BAD_USAGE;
+    } catch (const NotWritten &error) {
+        text = error.what();
     } catch (const std::bad_alloc &) {
     } catch (const std::exception &error) {
+        explain_failure();
         text = error.what();
     }
     say("golt: " + text);
@@ -210,17 +221,19 @@ void add_remux(CLI::App &app, Commands &commands)
     CLI::App *command = app.add_subcommand("remux", "Writes IN as a transport stream to OUT");
     command->footer(REMUX_FOOTER);
     add_input(*command, options.input);
-    command->add_option("OUT", options.output,
-                        "Default: IN's name with .ts; - is the standard output");
+    command
+        ->add_option("OUT", options.output, "Default: IN's name with .ts; - is the standard output")
+        ->check(is_not_empty);
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
     add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or behind it");
     add_value(*command, "--frames", "N", parse_count, options.input.frames,
               "Stop after so many frames");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
-    command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong");
+    CLI::Option *verbose = add_verbose(*command, commands);
+    command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong")
+        ->excludes(verbose);
     command->callback([&commands] {
-        commands.f_verbose = !commands.remux.f_quiet;
         commands.run = [&commands](Descriptor &standard_output, Printer &) {
             return remux(commands.remux, std::move(standard_output));
         };
@@ -283,7 +296,8 @@ void add_plot(CLI::App &app, Commands &commands)
     command->footer(PLOT_FOOTER);
     add_input(*command, options.input);
     command->add_option("-o,--output", options.output, "The SVG to write; - is the standard output")
-        ->required();
+        ->required()
+        ->check(is_not_empty);
     command->add_flag("--force", options.f_force, "Replace the file where it exists");
     add_verbose(*command, commands);
     command->callback([&commands] {
@@ -297,17 +311,31 @@ void add_input(CLI::App &command, InputOptions &input)
 {
     command
         .add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS, or its http(s) URL")
-        ->required();
+        ->required()
+        ->check(is_not_empty);
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
-    add_value(command, "--timeout", "SECONDS", parse_timeout, input.timeout_s,
+    add_value(command, "--timeout", "SECONDS", parse_timeout, input.http.timeout_s,
               "Give a server up that sends nothing for so long (1 to 120; default: 20)");
+    command.add_option("--header", input.http.headers, "Send this field to the server; repeatable")
+        ->type_name("NAME:VALUE")
+        ->allow_extra_args(false);
+    command.add_option("--ca", input.http.ca_file, "Trust the certificates of this PEM file")
+        ->type_name("FILE")
+        ->check(is_not_empty);
+    command.add_flag("--insecure", input.http.f_insecure, "Accept any certificate of a server");
 }
 
-void add_verbose(CLI::App &command, Commands &commands)
+CLI::Option *add_verbose(CLI::App &command, Commands &commands)
 {
-    command.add_flag("-v,--verbose", commands.f_verbose,
-                     "Let the library's messages through, to the standard error");
+    return command.add_flag("-v,--verbose", commands.f_verbose,
+                            "Let the library's messages through, to the standard error");
+}
+
+// As CLI11 asks for it: what is wrong, or nothing.
+std::string is_not_empty(const std::string &name)
+{
+    return name.empty() ? "the name is empty" : "";
 }
 
 // CLI11's own conversion takes "-1" for a large number.
@@ -328,9 +356,18 @@ bool parse_timeout(const std::string &text, uint32_t *seconds)
     return true;
 }
 
-void complete_options(RemuxOptions &options)
+void complete_options(Commands &commands)
 {
-    InputOptions &input = options.input;
+    for (const InputOptions *input :
+         {&commands.remux.input, &commands.info.input, &commands.frames.input,
+          &commands.check.input, &commands.plot.input})
+        check_headers(input->http.headers);
+    for (std::string *output : {&commands.remux.output, &commands.plot.output}) {
+        if (!output->empty() && leads_to_standard_output(*output)) *output = "-";
+    }
+
+    RemuxOptions &options = commands.remux;
+    const InputOptions &input = options.input;
     if (input.to_ms && *input.to_ms <= input.start_ms.value_or(0))
         throw BadUsage("--to has to lie behind --start");
     if (!options.output.empty() || input.path.empty()) return;
@@ -341,6 +378,50 @@ void complete_options(RemuxOptions &options)
         if (path.empty()) throw BadUsage("OUT is required: the URL names no file");
     }
     options.output = path.replace_extension(".ts").string();
+}
+
+// The value may be secret: it isn't shown.
+void check_headers(const std::vector<std::string> &headers)
+{
+    for (const std::string &header : headers) {
+        const size_t colon = header.find(':');
+        std::string name = header.substr(0, colon);
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char letter) {
+            return static_cast<char>(std::tolower(letter));
+        });
+        const bool f_token =
+            !name.empty() && std::all_of(name.begin(), name.end(), [](char letter) {
+                return std::isalnum(static_cast<unsigned char>(letter)) != 0 ||
+                       std::strchr("!#$%&'*+-.^_`|~", letter) != nullptr;
+            });
+        if (colon == std::string::npos || !f_token ||
+            header.find_first_of("\r\n") != std::string::npos)
+            throw BadUsage("--header takes NAME:VALUE");
+        for (const char *own : {"range", "if-range", "accept-encoding"}) {
+            if (name == own) throw BadUsage("--header can't set what the program sets: " + name);
+        }
+    }
+}
+
+int print_help(const CLI::App &app, const CLI::Success &request)
+{
+    std::ostringstream text;
+    app.exit(request, text, text);
+    Printer printer(STDOUT_FILENO, "standard output");
+    printer.print(text.str());
+    printer.flush();
+    return EXIT_DONE;
+}
+
+void print_json_error(int status, const std::string &message)
+{
+    Printer printer(STDOUT_FILENO, "standard output");
+    try {
+        printer.print(json_error(status, message));
+        printer.flush();
+    } catch (const NotWritten &) {
+        // The exit status tells of a failure anyway.
+    }
 }
 
 bool asks_for_json(int argc, char **argv)

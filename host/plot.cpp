@@ -74,7 +74,6 @@ private:
 void probe(Pump &pump, StreamFrames &frames, Plotter &plotter);
 double nice_step(double range, int steps);
 double nice_time_step(double seconds, int steps);
-std::string escaped(const std::string &text);
 
 }  // namespace
 
@@ -260,10 +259,10 @@ void Drawing::draw_sync_points(const Plotter &plotter, bool f_probed)
         line("sync", at, SYNC_TOP, at, SYNC_BOTTOM);
     }
     if (!f_probed) return;
-    std::string words =
-        fmt::format("{} sync point{} found by {} seeks", count, count == 1 ? "" : "s", PROBES);
+    std::string words = fmt::format("{} found by {} seeks", counted(count, "sync point"), PROBES);
     if (plotter.other_landings > 0)
-        words += fmt::format("; {} seeks came to other pictures", plotter.other_landings);
+        words += fmt::format("; {} came to other pictures",
+                             counted(static_cast<uint64_t>(plotter.other_landings), "seek"));
     text("sync-word\" text-anchor=\"end", RIGHT, HEIGHT - 6, words);
 }
 
@@ -311,7 +310,7 @@ void Drawing::line(const char *style, double x1, double y1, double x2, double y2
 void Drawing::text(const char *style, double x, double y, const std::string &words)
 {
     m_printer.print(fmt::format("<text class=\"{}\" x=\"{:.1f}\" y=\"{:.1f}\">{}</text>\n", style,
-                                x, y, escaped(words)));
+                                x, y, xml_text(words)));
 }
 
 double Drawing::x(double seconds) const
@@ -345,27 +344,6 @@ double nice_time_step(double seconds, int steps)
         if (seconds / step <= steps) return step;
     }
     return nice_step(seconds, steps);
-}
-
-// Of a file's name, which may hold anything; bytes that no XML may hold become question marks.
-std::string escaped(const std::string &text)
-{
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const size_t more = byte >= 0xF0 ? 3 : byte >= 0xE0 ? 2 : byte >= 0xC2 ? 1 : 0;
-        const auto is_rest = [](char next) { return (static_cast<unsigned char>(next) >> 6) == 2; };
-        const std::string letter = text.substr(i, more + 1);
-        const bool f_whole =
-            letter.size() == more + 1 && std::all_of(letter.begin() + 1, letter.end(), is_rest);
-        if (byte < ' ' || (byte >= 0x80 && (more == 0 || !f_whole))) {
-            out += '?';
-            continue;
-        }
-        out += letter == "&" ? "&amp;" : letter == "<" ? "&lt;" : letter == ">" ? "&gt;" : letter;
-        i += more;
-    }
-    return out;
 }
 
 }  // namespace

@@ -71,8 +71,8 @@ ExitStatus Job::run()
     progress.clear();
 
     if (m_sink.error() == EINTR)
-        throw NotDone(m_output.name(), fmt::format("stopped by {}", stop_signal_name()));
-    if (m_sink.error() != 0) throw NotDone(m_output.name(), error_text(m_sink.error()));
+        throw NotWritten(m_output.name(), fmt::format("stopped by {}", stop_signal_name()));
+    if (m_sink.error() != 0) throw NotWritten(m_output.name(), error_text(m_sink.error()));
     if (m_pump.frames() == 0) throw NotDone(path, m_pump.why_nothing_came());
     m_output.complete();
     if (!m_options.f_quiet) say(m_output.name() + ": " + summary(progress.seconds()));
@@ -88,18 +88,15 @@ void Job::show(Progress &progress) const
 {
     progress.show(m_sink.bytes(), std::clamp(m_pump.part_done(), 0.0, 1.0),
                   m_input.format().f_times ? time_text(m_pump.clock().reached_ms())
-                                           : fmt::format("{} frames", m_pump.frames()));
+                                           : counted(m_pump.frames(), "frame"));
 }
 
 std::string Job::summary(double seconds) const
 {
-    std::string text = fmt::format("{} frames, {} bytes", m_pump.frames(), m_sink.bytes());
+    std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
     if (m_input.format().f_times) {
         const int64_t span_ms = m_pump.clock().reached_ms() - m_pump.clock().first_ms();
-        text += ", " + time_text(span_ms);
-        if (seconds > 0.001)
-            text += fmt::format(", {:.1f} times as fast as it plays",
-                                static_cast<double>(span_ms) / 1000 / seconds);
+        text += ", " + time_text(span_ms) + speed_text(span_ms, seconds, ", ");
     }
     return text + rate_text(m_sink.bytes(), seconds, ", ");
 }

@@ -35,7 +35,7 @@ GOLT_frame_t *frame_behind(IAVFrame frame)
 
 }  // namespace
 
-const GOLT_DMX_handler_t GOLT::g_dmx_handlers[] = {
+GOLT_DMX_handler_t GOLT::g_dmx_handlers[] = {
     {"m2ts\0video/ts\0", GOLT_DMX_M2TSInit, GOLT_DMX_M2TSDestroy, GOLT_DMX_M2TSReadFrame,
      GOLT_DMX_M2TSSeekToBytes, GOLT_DMX_M2TSSeekToTime, GOLT_DMX_M2TSGetStreamInfo},
     {"mp3\0audio/mpeg\0", GOLT_DMX_MP3Init, GOLT_DMX_MP3Destroy, GOLT_DMX_MP3ReadFrame,
@@ -100,7 +100,7 @@ void GOLT::destroyFrame(IAVFrame frame)
 IAVDemuxer GOLT::createDemuxer(const char *format, AVDemuxer::Listener *listener, int64_t fileSize)
 {
     if (format == nullptr || listener == nullptr) return nullptr;
-    for (const GOLT_DMX_handler_t *row = g_dmx_handlers; row->format != nullptr; ++row) {
+    for (GOLT_DMX_handler_t *row = g_dmx_handlers; row->format != nullptr; ++row) {
         for (const char *name = row->format; *name != '\0'; name += strlen(name) + 1) {
             if (strcmp(name, format) == 0)
                 return new (std::nothrow) GOLT_DMX(row, listener, fileSize);
@@ -133,7 +133,7 @@ void GOLT::destroyMuxer(IAVMuxer remux)
 
 // GOLT_DMX
 
-GOLT_DMX::GOLT_DMX(const GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize)
+GOLT_DMX::GOLT_DMX(GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize)
     : m_cookie(COOKIE)
     , m_handler(handler)
     , m_listenerCache(new (std::nothrow) TCache(listener, static_cast<uint64_t>(fileSize)))

@@ -8,8 +8,8 @@
 #ifndef GOLT_DRIVER_H
 #define GOLT_DRIVER_H
 
-#include "golt.h"
 #include "golt_common.h"
+#include "libgolt.h"
 #include "tcache.h"
 
 /// One row of the format table: the six functions of a demuxer.
@@ -27,7 +27,7 @@ struct GOLT_DMX_handler_t {
 
 class GOLT : public PELA::RemuxerDriver {
 public:
-    static const GOLT_DMX_handler_t g_dmx_handlers[];
+    static GOLT_DMX_handler_t g_dmx_handlers[];
 
     GOLT();
     PELA::IAVFrame createNewFrame() override;
@@ -46,7 +46,7 @@ public:
     /// Says in m_cookie that a usable GOLT_DMX stands behind a host's handle.
     static constexpr uint32_t COOKIE = 0x676F6C74;
 
-    GOLT_DMX(const GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize);
+    GOLT_DMX(GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize);
     bool isValid() const override;
     bool readFrame(PELA::IAVFrame frame) override;
     bool seekToBytes(uint64_t pos) override;
@@ -57,14 +57,16 @@ public:
     GOLT_DMX(const GOLT_DMX &) = delete;
     GOLT_DMX &operator=(const GOLT_DMX &) = delete;
 
-    bool hasCookie() const { return m_cookie == COOKIE; }
-
-private:
+    /// A demuxer module's way to its source; pv_handle is a TCache, and without one nothing is read
+    /// and every seek fails.
     static uint32_t readProc(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
     static int32_t seekProc(void *pv_handle, int64_t i8_offset);
 
-    uint32_t m_cookie;                    // COOKIE, or 0 after a failed init
-    const GOLT_DMX_handler_t *m_handler;  // null after a failed init
+    bool hasCookie() const { return m_cookie == COOKIE; }
+
+private:
+    uint32_t m_cookie;              // COOKIE, or 0 after a failed init
+    GOLT_DMX_handler_t *m_handler;  // null after a failed init
     TCache *m_listenerCache;
 };
 
@@ -83,13 +85,16 @@ public:
     GOLT_RMX(const GOLT_RMX &) = delete;
     GOLT_RMX &operator=(const GOLT_RMX &) = delete;
 
-private:
+    /// The remuxer's way to the host; pv_handle is a Listener, and without one nothing is written.
     static uint32_t writerProc(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
+
+    /// The library's values in the host's terms; what has no such term is unknown there.
     static PELA::AudioCodecs remapAudioCodec(GOLT_codecs_t codec);
     static PELA::VideoCodecs remapVideoCodec(GOLT_codecs_t codec);
     static PELA::MediaBuffer::AspectRatioInfo remapARInfo(GOLT_info_AR_t arInfo);
     static PELA::MediaBuffer::Dimensionality remapDimInfo(GOLT_info_dim_t dim);
 
+private:
     GOLT_streamInfo_t m_sinfo;
     bool m_fValid;
     int m_framesWritten;

@@ -69,8 +69,9 @@ cachebuf_t::cachebuf_t(uint32_t cachesize)
     : m_buf(cachesize != 0 ? new (std::nothrow) uint8_t[cachesize] : nullptr)
     , m_siz(cachesize)
     , m_len(0)
-    , m_off(INVALID_OFFSET)
+    , m_off(NO_BLOCK)
     , m_used(0)
+    , INVALID_OFFSET(NO_BLOCK)
 {
     setLength(0);
 }
@@ -89,7 +90,7 @@ void cachebuf_t::setup(uint64_t off)
 
 void cachebuf_t::invalidate()
 {
-    m_off = INVALID_OFFSET;
+    m_off = NO_BLOCK;
     setLength(0);
 }
 
@@ -276,6 +277,7 @@ cachebuf_list_t::cachebuf_list_t(Listener *listener, uint64_t maxFilesize)
     , m_maxFilesize(maxFilesize)
     , m_inpOffset(0)
     , m_currFillBuffer(nullptr)
+    , minFillBuffers(8)
     , m_fEof(false)
     , m_eof_retries(0)
 {
@@ -292,7 +294,7 @@ cachebuf_list_t::~cachebuf_list_t()
     }
 }
 
-cbuflist_t *cachebuf_list_t::search_setup(uint64_t offset)
+cachebuf_t *cachebuf_list_t::search_setup(uint64_t offset)
 {
     // Sequential reads find their buffer where the last one left it.
     cbuflist_t *pFront = m_cbuflist->front();
@@ -310,13 +312,14 @@ uint32_t cachebuf_list_t::quietBytes(uint64_t offset, const uint8_t **pb_at) con
     return static_cast<uint32_t>(std::min<uint64_t>(nbytes, left));
 }
 
-GOLT_RARE void cachebuf_list_t::release(cbuflist_t *pCache)
+GOLT_RARE void cachebuf_list_t::release(cachebuf_t *pCache)
 {
     pCache->invalidate();
-    m_freelist->list_insertAfter(m_cbuflist->list_detach(pCache), nullptr);
+    auto *pItem = static_cast<cbuflist_t *>(pCache);
+    m_freelist->list_insertAfter(m_cbuflist->list_detach(pItem), nullptr);
 }
 
-int cachebuf_list_t::fillCache(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
+int cachebuf_list_t::fillCache(cachebuf_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
 {
     if (m_maxFilesize != 0 && tgtOffset > m_maxFilesize) tgtOffset = m_maxFilesize;
     if (m_fEof && m_inpOffset < tgtOffset) return 0;
@@ -358,7 +361,7 @@ int64_t cachebuf_list_t::pt_seek(int64_t offset)
 }
 
 // The buffer for the block of offset, where that isn't the first in use.
-GOLT_RARE cbuflist_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
+GOLT_RARE cachebuf_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
 {
     cbuflist_t *pCache = m_cbuflist->list_search(offset);
     if (pCache != nullptr) {
@@ -403,18 +406,18 @@ cbuflist_t *cachebuf_list_t::appendBuffer()
     return m_cbuflist->list_insertAfter(pCache, m_cbuflist->tail());
 }
 
-int cachebuf_list_t::fillFromHost(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
+int cachebuf_list_t::fillFromHost(cachebuf_t *pCache, uint64_t tgtOffset, bool fCompleteFill)
 {
     // A buffer goes on exactly where its bytes end, whatever was read since.
     if (m_inpOffset != pCache->off() + pCache->len()) seekToEndOf(*pCache);
     const uint32_t nFilled = pCache->fill(tgtOffset, m_listener, fCompleteFill);
     m_inpOffset += nFilled;
     noteFill(nFilled);
-    m_currFillBuffer = pCache;
+    m_currFillBuffer = static_cast<cbuflist_t *>(pCache);
     return static_cast<int>(nFilled);
 }
 
-GOLT_RARE void cachebuf_list_t::seekToEndOf(const cbuflist_t &cache)
+GOLT_RARE void cachebuf_list_t::seekToEndOf(const cachebuf_t &cache)
 {
     m_inpOffset = cache.off() + cache.len();
     printf("GOLT/TCACHE:  seek>> 0x%08x [0x%08x,0x%04x]\n", low32(m_inpOffset), low32(cache.off()),
@@ -448,7 +451,7 @@ void cachebuf_list_t::readThrough(uint64_t destOffset)
 {
     printf("GOLT/TCACHE:  seek:: 0x%08x-0x%08x (0x%08x)\n", low32(m_inpOffset), low32(destOffset),
            low32(destOffset - m_inpOffset));
-    cbuflist_t *pCache = nullptr;
+    cachebuf_t *pCache = nullptr;
     int nFilled = 0;
     do {
         pCache = search_setup(m_inpOffset);
@@ -520,7 +523,7 @@ int TCache::readCached(uint8_t *buf, int size)
     int totalread = 0;
     int fillCount = 0;
     while (size > 0) {
-        cbuflist_t *pCache = m_cacheList->search_setup(m_outOffset);
+        cachebuf_t *pCache = m_cacheList->search_setup(m_outOffset);
         const uint64_t tgtOffset = m_outOffset + static_cast<uint32_t>(size);
         if (m_cacheList->fillCache(pCache, tgtOffset, true) > 0) ++fillCount;
         const int nread = pCache->read(m_outOffset, buf, size);

@@ -24,7 +24,6 @@ public:
     typedef PELA::AVDemuxer::Listener Listener;
 
     static constexpr uint32_t BLOCK_SIZE = 0x10000;  ///< bytes; blocks start at its multiples
-    static constexpr uint32_t INVALID_OFFSET = 255;  ///< in m_off: no block, as blocks are aligned
 
     /// cachesize: capacity in bytes; 0 makes a buffer without memory, for the head of a list.
     explicit cachebuf_t(uint32_t cachesize);
@@ -58,7 +57,7 @@ public:
     uint32_t len() const { return m_len; }
     uint64_t off() const { return m_off; }
     void invalidate();
-    bool isValid() const { return m_off != INVALID_OFFSET; }
+    bool isValid() const { return m_off != NO_BLOCK; }
     /// Whether it holds bytes of the block of off, be it the byte at off or not.
     bool incache(uint64_t off) const { return m_len != 0 && m_off == startOffset(off); }
     /// Whether as many bytes were handed out as it holds.
@@ -69,6 +68,8 @@ protected:
     uint32_t m_siz;
 
 private:
+    static constexpr uint32_t NO_BLOCK = 255;
+
     // Bytes that a fill up to tgtOffset has to end with. The distance is taken in 32 bits: a target
     // in front of the block, as behind a known end of the file, asks for more than there is.
     uint32_t minFill(uint64_t tgtOffset) const
@@ -81,8 +82,12 @@ private:
     void setLength(uint32_t len);
 
     uint32_t m_len;   // at most m_siz; the bytes are those of the file from m_off on
-    uint64_t m_off;   // start of the block, or INVALID_OFFSET; m_len is then 0
+    uint64_t m_off;   // start of the block, or NO_BLOCK; m_len is then 0
     uint32_t m_used;  // sum of the bytes handed out since setup: a range read twice counts twice
+
+public:
+    /// What off() is where the buffer stands for no block: 255, at which none starts.
+    const uint32_t INVALID_OFFSET;
 };
 
 /// A buffer as an item of a list, and, with a size of 0, the head of a list. The operations whose
@@ -123,13 +128,11 @@ private:
 };
 
 /// All the buffers of one cache, and the host behind them. Every buffer is either in use or free.
+/// Those handed out and taken back are its own, and so items of its lists.
 /// All but numbuffers, pt_read and pt_seek need at least two buffers.
 class cachebuf_list_t {
 public:
     typedef PELA::AVDemuxer::Listener Listener;
-
-    /// A minFill of fillBuffers for a caller with time to spare. Reads ask for one round only.
-    static constexpr int minFillBuffers = 8;
 
     /// listener: stays the host's and outlives the cache. maxFilesize: bytes, 0 where unknown.
     cachebuf_list_t(Listener *listener, uint64_t maxFilesize);
@@ -139,7 +142,7 @@ public:
 
     /// The buffer for the block of offset, at the front of those in use. The one that holds bytes
     /// of it, or else an empty one, for which the last in use is given up when none is free.
-    cbuflist_t *search_setup(uint64_t offset);
+    cachebuf_t *search_setup(uint64_t offset);
     /// Number of bytes from offset on whose reading changes nothing but the count of the first
     /// buffer in use, and in *pb_at where they stand: the host isn't asked, and no buffer becomes
     /// free.
@@ -147,10 +150,10 @@ public:
     /// Counts quiet bytes that were handed out.
     void countQuiet(uint32_t nbytes) { m_cbuflist->front()->countOut(nbytes); }
     /// Gives back a buffer that is in use; its bytes are gone.
-    void release(cbuflist_t *pCache);
+    void release(cachebuf_t *pCache);
     /// Brings pCache up to tgtOffset, as cachebuf_t::fill does, with the host sent to where its
     /// bytes end. Returns the number of bytes added, 0 also at the end of the file.
-    int fillCache(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill);
+    int fillCache(cachebuf_t *pCache, uint64_t tgtOffset, bool fCompleteFill);
     /// Reads ahead, without waiting: one round, and minFill more, of one read of the host each. It
     /// ends when the host has nothing or all the buffers are full.
     void fillBuffers(int minFill)
@@ -171,12 +174,12 @@ public:
     int64_t pt_seek(int64_t offset);
 
 private:
-    cbuflist_t *reuseBuffer(uint64_t offset);
+    cachebuf_t *reuseBuffer(uint64_t offset);
     bool canReadAhead() const;
     int readAhead();
     cbuflist_t *appendBuffer();
-    int fillFromHost(cbuflist_t *pCache, uint64_t tgtOffset, bool fCompleteFill);
-    void seekToEndOf(const cbuflist_t &cache);
+    int fillFromHost(cachebuf_t *pCache, uint64_t tgtOffset, bool fCompleteFill);
+    void seekToEndOf(const cachebuf_t &cache);
     void noteFill(uint32_t nFilled);
     void setEof(const char *message);
     void readThrough(uint64_t destOffset);
@@ -188,8 +191,14 @@ private:
     uint64_t m_maxFilesize;        // 0 where unknown
     uint64_t m_inpOffset;          // where the host's next read is believed to deliver from
     cbuflist_t *m_currFillBuffer;  // filled last; it may be free or another block's by now
-    bool m_fEof;                   // fills beyond m_inpOffset are refused
-    int m_eof_retries;             // fills in a row that brought nothing, the size being unknown
+
+public:
+    /// 8, a minFill of fillBuffers for a caller with time to spare. Reads ask for one round only.
+    const int minFillBuffers;
+
+private:
+    bool m_fEof;        // fills beyond m_inpOffset are refused
+    int m_eof_retries;  // fills in a row that brought nothing, the size being unknown
 };
 
 class TCache {

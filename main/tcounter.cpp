@@ -42,12 +42,12 @@ timecounter::timecounter(const char *name, int maxcount)
     , m_sumDurSq(0)
     , m_maxDur(0)
     , m_count(0)
-    , m_maxcount(maxcount > 0 ? static_cast<uint32_t>(maxcount) : 0)
+    , m_maxcount(static_cast<uint32_t>(maxcount))
     , m_histolevels(HISTOGRAM_LEVELS)
     , m_histodat(new (std::nothrow) uint32_t[HISTOGRAM_LEVELS]())
     , m_histolvl(new (std::nothrow) uint32_t[HISTOGRAM_LEVELS]())
 {
-    strncpy(m_szName, name, sizeof m_szName - 1);
+    memcpy(m_szName, name, strnlen(name, sizeof m_szName));
     if (m_histolvl != nullptr) memcpy(m_histolvl, LEVELS_USEC, sizeof LEVELS_USEC);
 }
 
@@ -87,8 +87,9 @@ void timecounter::print()
     const uint64_t count = m_count != 0 ? m_count : 1;
     const uint64_t mean = m_sumDur / count;
     const uint64_t deviation = square_root(m_sumDurSq / count - mean * mean);
-    printf("GOLT: %s: %u x %u us, deviation %u, max %u", m_szName, m_count,
-           static_cast<uint32_t>(mean), static_cast<uint32_t>(deviation), m_maxDur);
+    printf("GOLT: %.*s: %u x %u us, deviation %u, max %u", static_cast<int>(sizeof m_szName),
+           m_szName, m_count, static_cast<uint32_t>(mean), static_cast<uint32_t>(deviation),
+           m_maxDur);
     for (int bin = 0; m_histodat != nullptr && m_histolvl != nullptr && bin < m_histolevels;
          ++bin) {
         if (bin < m_histolevels - 1)

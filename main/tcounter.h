@@ -10,8 +10,8 @@
 /// counter does without one.
 class timecounter {
 public:
-    /// name: cut to 63 characters. maxcount: durations after which the counter starts afresh by
-    /// itself, so that it shows the recent ones; 0 or less: never.
+    /// name: cut to 64 characters. maxcount: durations after which the counter starts afresh by
+    /// itself, so that it shows the recent ones; 0: never. It is stored without its sign.
     timecounter(const char *name, int maxcount);
     ~timecounter();
     timecounter(const timecounter &) = delete;
@@ -27,10 +27,8 @@ public:
     /// maximum, then how many durations lie below each level and above the last.
     void print();
 
-private:
-    void add(uint32_t duration);
-
-    char m_szName[64];
+protected:
+    char m_szName[64];    // without a NUL where the name fills it
     clock_t m_startTime;  // microseconds; negative: no measurement is running
     uint64_t m_sumDur;
     uint64_t m_sumDurSq;
@@ -40,6 +38,9 @@ private:
     int m_histolevels;
     uint32_t *m_histodat;  // durations in each bin
     uint32_t *m_histolvl;  // upper ends of the bins; the last bin has none
+
+private:
+    void add(uint32_t duration);
 };
 
 #endif

@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <memory>
 
+#include "dmx_m2ts.h"
+#include "dmx_mkv.h"
+#include "dmx_mp3.h"
+#include "dmx_mp4.h"
 #include "ext_aac.h"
 #include "ext_dd.h"
 #include "ext_h264.h"
@@ -15,6 +19,8 @@
 #include "mkv_builder.h"
 #include "mp3_builder.h"
 #include "mp4_builder.h"
+#include "rmx_mpeg2ts.h"
+#include "surface.h"
 
 using namespace PELA;
 using ::testing::ElementsAre;
@@ -182,6 +188,50 @@ TEST(Frames, StayWholeUntilTheyAreDestroyed)
         host.driver->destroyFrame(frame);
     }
     EXPECT_TRUE(host.sink->stream == expected);
+}
+
+// For whoever drives a module without the driver.
+TEST(Callbacks, LeadToTheHostAndDoWithoutOne)
+{
+    uint8_t bytes[4] = {};
+    EXPECT_EQ(GOLT_DMX::readProc(nullptr, bytes, 4), 0u);
+    EXPECT_EQ(GOLT_DMX::seekProc(nullptr, 0), -1);
+    EXPECT_EQ(GOLT_RMX::writerProc(nullptr, bytes, 4), 0u);
+    Source source(hex("01020304"));
+    Sink sink;
+    TCache cache(&source, 4);
+    EXPECT_EQ(GOLT_DMX::seekProc(&cache, 1), 0);
+    EXPECT_EQ(GOLT_DMX::readProc(&cache, bytes, 4), 3u);
+    EXPECT_EQ(GOLT_RMX::writerProc(static_cast<AVMuxer::Listener *>(&sink), bytes, 3), 3u);
+    EXPECT_EQ(sink.stream, hex("020304"));
+}
+
+TEST(Remap, KnowsTheNamedValuesAlone)
+{
+    const auto audio = [](int codec) { return GOLT_RMX::remapAudioCodec(GOLT_codecs_t(codec)); };
+    const auto video = [](int codec) { return GOLT_RMX::remapVideoCodec(GOLT_codecs_t(codec)); };
+    EXPECT_THAT((std::vector<AudioCodecs>{audio(99), audio(100), audio(101), audio(102), audio(103),
+                                          audio(104), audio(105)}),
+                ElementsAre(AUDIO_CODEC_UNKNOWN, AUDIO_CODEC_UNKNOWN, AUDIO_CODEC_MP3,
+                            AUDIO_CODEC_AAC, AUDIO_CODEC_DD, AUDIO_CODEC_DDP, AUDIO_CODEC_UNKNOWN));
+    EXPECT_THAT((std::vector<VideoCodecs>{video(109), video(110), video(111), video(112),
+                                          video(113), video(1)}),
+                ElementsAre(VIDEO_CODEC_UNKNOWN, VIDEO_CODEC_UNKNOWN, VIDEO_CODEC_MPEG2,
+                            VIDEO_CODEC_H264, VIDEO_CODEC_UNKNOWN, VIDEO_CODEC_UNKNOWN));
+    EXPECT_EQ(GOLT_RMX::remapARInfo(GOLT_AR_NORMAL_WITH_BLACK_BARS),
+              MediaBuffer::ASPECT_NORMAL_WITH_BLACK_BARS);
+    EXPECT_EQ(GOLT_RMX::remapDimInfo(GOLT_DIM_3D_RIGHT_THEN_LEFT),
+              MediaBuffer::DIM_3D_RIGHT_THEN_LEFT);
+}
+
+TEST(Rows, OfTheTableServeAnObjectByThemselves)
+{
+    GOLT_DMX_handler_t row = GOLT::g_dmx_handlers[0];
+    ASSERT_STREQ(row.format, "m2ts");
+    Source source(m2ts_file());
+    const GOLT_DMX demux(&row, &source, source.size());
+    EXPECT_TRUE(demux.isValid());
+    EXPECT_EQ(GOLT::g_dmx_handlers[4].format, nullptr);
 }
 
 // The later of two objects that share a module's one context wins; what is left of the first

@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <set>
 #include <sstream>
 
+#include "heap.h"
 #include "host_double.h"
 #include "mp4_builder.h"
 
@@ -18,14 +21,16 @@ const Bytes START = hex("00000001");
 // A file of three video samples and two of sound, with what a case changes in the video track.
 class Movie {
 public:
-    std::string order = "v";  // of the tracks; "a": the sound, "t": a text track
+    // Of the tracks; "a": the sound, "t": a text track, "h" and "l": HEVC and ALAC
+    std::string order = "v";
     Mp4Track v = track_of(Mp4Track::video(), 3);
     Mp4Track a = track_of(Mp4Track::audio(), 2);
     Mp4File file;
 
     // "order=va": the tracks; "mdia=hdlr,mdhd": the children of a box; "stco=1,48": a table box, of
     // the count of its entries and their fields; "stco:0000..": the bytes of a whole box;
-    // "sound:..": those of the sample entry of the sound.
+    // "sound:..": those of the sample entry of the sound; "short=trak": a box that is four bytes
+    // longer than it says.
     Movie &change(const std::string &changes)
     {
         std::istringstream words(changes);
@@ -41,6 +46,8 @@ public:
             }
             if (name == "order")
                 order = value;
+            else if (name == "short")
+                shortened = value;
             else if (name == "file")
                 file.order = parts;
             else if (word[end] == ':')
@@ -57,14 +64,22 @@ public:
     {
         Mp4File whole = file;
         for (const char kind : order) {
-            Mp4Track track = kind == 'a' ? a : v;
+            Mp4Track track = kind == 'a' || kind == 'l' ? a : v;
             if (kind == 't') track.handler = "text";
+            if (kind == 'h') track.entry_type = "hvc1";
+            if (kind == 'l') track.entry_type = "alac";
             whole.add(track);
         }
-        return whole.build();
+        Bytes built = whole.build();
+        const Bytes type = text(shortened);
+        const auto at = std::find_end(built.begin(), built.end(), type.begin(), type.end());
+        if (!shortened.empty()) *(at - 1) = static_cast<uint8_t>(*(at - 1) - 4);
+        return built;
     }
 
 private:
+    std::string shortened;
+
     static Mp4Track track_of(Mp4Track track, uint8_t samples)
     {
         for (uint8_t i = 0; i < samples; ++i)
@@ -115,6 +130,37 @@ struct Case {
     const char *name, *changes, *expected;
 };
 
+// A file that goes on with zeros, up to 4 GiB or as far as it is said to.
+struct SparseSource {
+    Bytes file;
+    uint64_t size = uint64_t{1} << 32;
+    uint64_t at = 0;
+    int seeks = 0;
+    std::vector<uint32_t> reads;
+
+    static uint32_t read_proc(void *handle, uint8_t *buffer, uint32_t size)
+    {
+        auto &source = *static_cast<SparseSource *>(handle);
+        source.reads.push_back(size);
+        const uint64_t left = source.size - std::min(source.at, source.size);
+        const auto count = static_cast<uint32_t>(std::min<uint64_t>(size, left));
+        const auto held = static_cast<uint32_t>(std::min<uint64_t>(
+            count, source.file.size() - std::min<uint64_t>(source.at, source.file.size())));
+        if (held != 0) memcpy(buffer, source.file.data() + source.at, held);
+        memset(buffer + held, 0, count - held);
+        source.at += count;
+        return count;
+    }
+
+    static int32_t seek_proc(void *handle, int64_t offset)
+    {
+        auto &source = *static_cast<SparseSource *>(handle);
+        source.at = static_cast<uint64_t>(offset);
+        ++source.seeks;
+        return 0;
+    }
+};
+
 // "moov" decides whether a file is taken, its tables which frames come: what is sound of them, and
 // nothing from outside of a table.
 TEST(Mp4, DeliversWhatIsSound)
@@ -127,6 +173,8 @@ TEST(Mp4, DeliversWhatIsSound)
         {"text ends the walk", "order=vta", "v0 v40 v80"},
         {"text first", "order=tva", ""},
         {"two of a kind", "order=vvat", "v0 a0 a21 v40 v80"},
+        {"a second one of another codec", "order=vh ctts=2,1,80,2,0", "v80 v40 v80"},
+        {"a second sound of another codec", "order=alv", "a0 a21"},
         {"clock behind the kind", "mdia=hdlr,mdhd,minf", ""},
         {"tables ahead of the kind", "mdia=mdhd,minf,hdlr", ""},
         {"a second mdia without its kind",
@@ -144,9 +192,17 @@ TEST(Mp4, DeliversWhatIsSound)
         {"more samples than sizes", "stsc=1,1,-1,1", "v0 v40 v80"},
         {"more chunks than offsets", "stsc=2,1,2,1,9,1,1", "v0 v40"},
         {"chunk 0", "stsc=1,0,3,1", ""},
-        {"chunks that don't rise", "stsc=2,1,1,1,1,1,1", ""},
+        {"a run of no chunks", "stsc=2,1,7,1,1,3,1", "v0 v40 v80"},
+        {"chunks that fall", "stsc=3,1,2,1,5,1,1,1,3,1", "v0 v40 v80"},
         {"no samples in a chunk", "stsc=1,1,0,1", ""},
-        {"count beyond its box", "stco=9,48", ""},
+        {"no samples in chunk 0", "stsc=2,0,0,1,1,3,1", "v0 v40 v80"},
+        {"count beyond the file", "stco=9,48", ""},
+        {"a size too many", "stsz=0,4,6,6,6", "v0 v40 v80"},
+        {"a sync sample too many", "order=va stss=2,1", "v0 a0 a21 v40 v80"},
+        {"a short trak", "short=trak", "v0 v40 v80"},
+        {"a short entry", "short=avc1", "v0 v40 v80"},
+        {"no more than 16 that overhang", "order=vvvvvvvvvvvvvvvva stss=2,1", "v0 a0 a21 v40 v80"},
+        {"the one after them", "order=vvvvvvvvvvvvvvvvva stss=2,1", "v0 v40 v80"},
         {"samples past 4 GiB", "stsz=0,3,6,-9,6", "v0"},
         {"size of 7", "stts:0000000773747473", ""},
         {"size of 0", "stts:0000000073747473", ""},
@@ -154,9 +210,8 @@ TEST(Mp4, DeliversWhatIsSound)
 
         // Each of these would take gigabytes if it were believed.
         {"a table", "stsz:800000007374737A000000000000000010000000", ""},
-        {"samples of a byte", "stsz=1,3 stsc=1,1,-9,1", ""},
-        {"half a million", "stsz=6,3 stsc=1,1,500000,1", "v0 v40 v80"},
-        {"half a million twice", "order=vv stsz=6,3 stsc=1,1,500000,1", ""},
+        {"samples of one size", "stsz=6,3 stsc=1,1,-9,1", "v0 v40 v80"},
+        {"two such tracks", "order=vv stsz=6,3 stsc=1,1,600000,1", "v0 v40 v80"},
         {"a sample", "stsz=0x7FFFFFFF,3", ""},
         {"parameter sets", "avcC:7FFFFFF061766343000000000000000000000000", ""},
     };
@@ -344,6 +399,162 @@ TEST(Mp4, SeeksToTheNextSyncSample)
     demuxer.seek(24000);
     EXPECT_TRUE(GOLT_DMX_MP4SeekToBytes(0));
     EXPECT_EQ(demuxer.frames().size(), 150u + 300u) << "a seek brings an ended stream back";
+}
+
+// A large sample takes one seek, and memory as its bytes come.
+TEST(Mp4, ReadsLargeSamples)
+{
+    constexpr uint32_t MIB = 1 << 20;
+    const std::vector<uint32_t> in_steps = {MIB, MIB, 2 * MIB, 4 * MIB, 8 * MIB, MIB + 4};
+    const struct {
+        const char *name;
+        uint32_t size, there;
+        bool f_ok;
+        std::vector<uint32_t> reads;
+        size_t most;
+    } rows[] = {
+        {"in one read", 16 * MIB, 16 * MIB, true, {16 * MIB}, 16 * MIB},
+        {"in steps", 17 * MIB + 4, 17 * MIB + 4, true, in_steps, 33 * MIB + 4},
+        {"one byte short", 3 * MIB, 3 * MIB - 1, false, {3 * MIB}, 3 * MIB},
+        {"soon at the end", 64 * MIB, MIB + 9, false, {MIB, MIB}, 3 * MIB},
+        {"at once at the end", 64 * MIB, 0, false, {MIB}, MIB},
+        {"too large", 64 * MIB + 1, 64 * MIB + 1, false, {}, 0},
+    };
+    Movie movie;
+    movie.order = "a";
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        movie.a.put["stsz"] = table_box("stsz", row.size, {1});
+        SparseSource source;
+        source.file = movie.build();
+        const uint64_t start = source.file.size() - 4;
+        ASSERT_TRUE(GOLT_DMX_MP4Init(SparseSource::read_proc, SparseSource::seek_proc, &source));
+        source.size = start + row.there;
+        source.reads.clear();
+        source.seeks = 0;
+        g_heap = {};
+        GOLT_frame_t frame = {};
+        {
+            const LibraryCall call;
+            EXPECT_EQ(GOLT_DMX_MP4ReadFrame(&frame), row.f_ok);
+        }
+        EXPECT_EQ(source.reads, row.reads);
+        EXPECT_EQ(source.seeks, row.reads.empty() ? 0 : 1);
+        EXPECT_GE(g_heap.most, row.most);
+        EXPECT_LE(g_heap.most, row.most + 65536);
+        EXPECT_EQ(frame.pb_data != nullptr, !row.reads.empty());
+        EXPECT_EQ(frame.ui4_size == row.size, row.f_ok || row.size <= 16 * MIB);
+        GOLT_freeMem(frame.pb_data);
+        GOLT_DMX_MP4Destroy();
+    }
+}
+
+TEST(Mp4, ReachesTheLastByteBelow4GiB)
+{
+    Movie movie;
+    movie.order = "a";
+    SparseSource source;
+    for (const uint32_t offset : {0xFFFFFFFC, 0xFFFFFFFD}) {
+        movie.a.put["stco"] = table_box("stco", 1, {offset});
+        source.file = movie.build();
+        ASSERT_TRUE(GOLT_DMX_MP4Init(SparseSource::read_proc, SparseSource::seek_proc, &source));
+        EXPECT_EQ(Demuxer::times(), offset == 0xFFFFFFFC ? "a0 a21" : "a0");
+        GOLT_DMX_MP4Destroy();
+    }
+}
+
+// A host that delivers little at a time and can't seek. Behind the cache a seek succeeds all the same,
+// and what is read is what merely comes next.
+struct StreamSource : Source {
+    using Source::Source;
+    int read(uint8_t *buffer, int size) override
+    {
+        return Source::read(buffer, std::min(size, 64));
+    }
+    int64_t seek(int64_t, int) override { return -1; }
+};
+
+TEST(Mp4, TakesNoClaimsOfAHostThatRefusesSeeks)
+{
+    for (const char *claims : {"stsz=0x10000000,3", "stsz=1,3 stsc=1,1,-9,1 stts=2,1,1,-1,1",
+                               "stss=0x20000000,1", "avcC:3000000061766343"}) {
+        SCOPED_TRACE(claims);
+        Movie movie;
+        movie.v.samples = {pattern(100000, 1)};
+        StreamSource source(movie.change(claims).build());
+        Driver driver;
+        g_heap = {};
+        {
+            const LibraryCall call;
+            PELA::IAVDemuxer demux = driver->createDemuxer("mp4", &source, source.size());
+            PELA::IAVFrame frame = driver->createNewFrame();
+            demux->readFrame(frame);
+            driver->destroyFrame(frame);
+            driver->destroyDemuxer(demux);
+        }
+        EXPECT_LT(g_heap.most, 20u << 20);
+    }
+}
+
+// Of a second track whose description can't be used only those tables count that come before it.
+TEST(Mp4, KeepsTheTablesOfAnEarlierTrack)
+{
+    const struct {
+        std::vector<std::string> second;
+        const char *seek;
+    } rows[] = {
+        {{"stsd", "stss"}, "v(50), a(0)"},
+        {{"stss", "stsd"}, "v(75), a(0)"},
+    };
+    for (const auto &row : rows) {
+        Mp4Track first = Mp4Track::video(), second = Mp4Track::video();
+        first.samples.resize(100);
+        first.stss = {1, 51};
+        second.entry_type = "hvc1";
+        second.stss = {1, 76};
+        second.order["stbl"] = row.second;
+        Demuxer demuxer(Mp4File().add(first).add(second).build());
+        EXPECT_EQ(demuxer.info.videoCodec, GOLT_VCODEC_H264);
+        EXPECT_EQ(demuxer.seek(400), std::string("GOLT/mp4: seek: ") + row.seek + "\n");
+        EXPECT_EQ(demuxer.frames()[0].time_ms, row.second[0] == "stsd" ? 2000u : 3000u);
+    }
+}
+
+TEST(Mp4, KeepsTheValueOfAFieldThatIsCut)
+{
+    Mp4Track first = Mp4Track::video(), second = Mp4Track::video();
+    second.resolution_x = 0x12345678;
+    Mp4File file;
+    file.order = {"ftyp", "mdat", "moov"};
+    Bytes cut = file.add(first).add(second).build();
+    std::set<uint32_t> seen;
+    for (; !cut.empty(); cut.pop_back())
+        seen.insert(Demuxer(cut).info.vid_pixelAspectNumerator);
+    EXPECT_THAT(seen, ElementsAre(0, 1, 0x12345678 / 72, 0x480000, 0x12345678));
+}
+
+// A frame that couldn't be read has its size all the same; what hasn't come of it is cleared.
+TEST(Mp4, ClearsWhatHasNotCome)
+{
+    GOLT_memInit();
+    Movie movie;
+    movie.v.samples = {nal(Bytes(96, 0x65))};
+    Demuxer demuxer(movie.build());
+    for (const bool f_seeks : {true, false}) {
+        uint8_t *pb_used = GOLT_allocMem(1024);
+        memset(pb_used, 0xEE, 1024);
+        GOLT_freeMem(pb_used);
+        demuxer.source.fail_from = demuxer.source.size() - 90;
+        demuxer.source.refuse_seeks = !f_seeks;
+        GOLT_frame_t frame = {};
+        EXPECT_FALSE(GOLT_DMX_MP4ReadFrame(&frame));
+        EXPECT_EQ(Bytes(frame.pb_data, frame.pb_data + frame.ui4_size),
+                  f_seeks ? START + movie.v.sps[0] + START + movie.v.pps[0] +
+                                hex("00000060 656565656565") + Bytes(90)
+                          : Bytes(100));
+        GOLT_freeMem(frame.pb_data);
+    }
+    GOLT_memClose();
 }
 
 TEST(Mp4, TriesAFrameAgainThatCouldNotBeRead)

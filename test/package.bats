@@ -24,7 +24,7 @@ consumer() {
     cat >consumer.cpp <<'CPP'
 #include <cstdio>
 
-#include "golt.h"
+#include "libgolt.h"
 
 int main()
 {

@@ -5,11 +5,19 @@
 
 #include "golt_crc.h"
 #include "host_double.h"
+#include "rmx_mpeg2ts_i.h"
 #include "ts_collector.h"
 
 namespace {
 
 constexpr size_t PACKET = 188;
+
+static_assert(offsetof(GOLT_RMX_context_t, service) == 2 * sizeof(void *) + 8, "order");
+static_assert(offsetof(GOLT_RMX_context_t, audio) == 2 * sizeof(void *) + 36, "order");
+static_assert(offsetof(GOLT_RMX_context_t, tsid) == 2 * sizeof(void *) + 56, "order");
+static_assert(offsetof(GOLT_RMX_context_t, packet) == 2 * sizeof(void *) + 108, "order");
+static_assert(sizeof(GOLT_RMX_context_t) - offsetof(GOLT_RMX_context_t, packet) < PACKET + 8,
+              "the packet comes last");
 
 // The remuxer set up for a source, with all that it writes. The checker judges it at the end.
 class Output {
@@ -94,6 +102,63 @@ TEST(Psi, ComesAgainAfterFortyOneMediaPackets)
     EXPECT_EQ(out.report().pat_packets, expected);
 }
 
+// A section that takes more than a packet, as none of this program does.
+TEST(Psi, SplitsALongSection)
+{
+    const struct {
+        size_t size;
+        std::vector<const char *> heads;
+    } rows[] = {
+        {183, {"475ABC1700"}},
+        {184, {"475ABC1700", "471ABC18"}},
+        {183 + 184 + 1, {"475ABC1700", "471ABC18", "471ABC19"}},
+    };
+    for (const auto &row : rows) {
+        Sink sink;
+        GOLT_RMX_init(Sink::write_proc, &sink, false);
+        MPEG2TSSection_t table = {0x1ABC, 6};
+        Bytes section = pattern(row.size, 1);
+        EXPECT_TRUE(mpeg2ts_write_section(&table, section.data(), static_cast<int>(row.size)));
+        EXPECT_EQ(golt_crc32(section.data(), static_cast<uint32_t>(row.size)), 0u);
+        Bytes expected, rest = section;
+        for (const char *head : row.heads) {
+            Bytes packet = hex(head);
+            const size_t part = std::min(rest.size(), PACKET - packet.size());
+            packet.insert(packet.end(), rest.begin(), rest.begin() + static_cast<ptrdiff_t>(part));
+            rest.erase(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(part));
+            expected += filled(packet);
+        }
+        EXPECT_EQ(sink.stream, expected) << row.size;
+    }
+}
+
+// Each of two sections that differ, though they are the same table, has its own CRC.
+TEST(Psi, FollowsTheDescription)
+{
+    Output out(GOLT_VCODEC_H264, GOLT_ACODEC_AC3);
+    GOLT_streamInfo_t info = remux_context.sinfo;
+    out.write(GOLT_FT_VIDEO, Bytes(41 * 184 - 22));
+    info.audioCodec = GOLT_ACODEC_EAC3;
+    GOLT_RMX_setStreamInfo(&info);
+    out.sink.stream.clear();
+    out.write(GOLT_FT_VIDEO, Bytes(1));
+    EXPECT_EQ(out.packet(1, 37),
+              hex("474FFF1100 02B01D0001C10000E100F0001BE100F00087E101F006050445414333A3066423"));
+}
+
+// A fresh output keeps the description until it gets another.
+TEST(Psi, KeepsTheDescriptionWhenItStartsAgain)
+{
+    Output out(GOLT_VCODEC_MPEG2, GOLT_ACODEC_MP3);
+    out.write(GOLT_FT_VIDEO, Bytes(1));
+    out.sink.stream.clear();
+    GOLT_RMX_init(Sink::write_proc, &out.sink, false);
+    out.write(GOLT_FT_AUDIO, Bytes(1));
+    EXPECT_EQ(out.packet(1), filled(hex("474FFF1000 02B0170001C10000E100F00002E100F00003E101F000"
+                                        "F64A0355")));
+    EXPECT_EQ(out.packet(2, 4), hex("47410130"));
+}
+
 TEST(Pes, CarriesAnyFrameWhole)
 {
     for (const GOLT_codecs_t audio : {GOLT_ACODEC_AAC, GOLT_ACODEC_AC3, GOLT_ACODEC_MP3}) {
@@ -132,6 +197,24 @@ TEST(Pes, MatchesHandMadePackets)
     uint32_t pts = 0;
     GOLT_RMX_getPTS(&record, &pts);
     EXPECT_EQ(pts, 12704u);
+}
+
+TEST(Pes, CutsTimesTo33Bits)
+{
+    const struct {
+        uint64_t time_ms;
+        const char *pcr, *pts;
+    } rows[] = {
+        {95443717, "FFFFFFE17E00", "2FFFFFFF85"},  // 62 ticks below 2^33
+        {95443718, "0000000E7E00", "2100010039"},
+        {UINT64_MAX, "FFFFFFD37E00", "2FFFFFFF4D"},  // -90 ticks
+    };
+    for (const auto &row : rows) {
+        Output out(GOLT_VCODEC_H264, GOLT_ACODEC_MP3);
+        out.write(GOLT_FT_VIDEO, Bytes(162), row.time_ms);
+        EXPECT_EQ(out.packet(2, 26),
+                  hex("474100300710") + hex(row.pcr) + hex("000001E000AA808005") + hex(row.pts));
+    }
 }
 
 TEST(Pes, StuffsTheLastPacketInFront)

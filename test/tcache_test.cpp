@@ -26,6 +26,15 @@ extern "C" int usleep(useconds_t usec)
 
 namespace {
 
+// What a caller of the lists gets and gives.
+typedef cachebuf_list_t List;
+static_assert(std::is_same_v<decltype(&List::search_setup), cachebuf_t *(List::*)(uint64_t)>);
+static_assert(std::is_same_v<decltype(&List::release), void (List::*)(cachebuf_t *)>);
+static_assert(
+    std::is_same_v<decltype(&List::fillCache), int (List::*)(cachebuf_t *, uint64_t, bool)>);
+static_assert(std::is_same_v<decltype(&List::minFillBuffers), const int List::*>);
+static_assert(std::is_same_v<decltype(&cachebuf_t::INVALID_OFFSET), const uint32_t cachebuf_t::*>);
+
 constexpr int BLOCK = 0x10000;
 constexpr int ALL = 30 * BLOCK;
 const Bytes file = pattern(ALL, 1);
@@ -185,7 +194,16 @@ TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
                   granted == 0 ? ">0 >0 >0 >0 !-1 >0 !-1 "
                                : "r25=10 r15=10 r5=5 >25 r5=-1 >0 r5=6 >0 >0 s7 r3=3 >3 s-9 !-1 ")
             << granted;
+        open(0);
+        EXPECT_EQ(run("4"), "r4=4 >4 ") << "also a later one, with all its buffers";
     }
+}
+
+TEST(CacheList, HasItsNumbersToBeRead)
+{
+    ScriptedHost host;
+    EXPECT_EQ(List(&host, 0).minFillBuffers, 8);
+    EXPECT_EQ(cachebuf_t(16).INVALID_OFFSET, 255u);
 }
 
 TEST_F(Cache, GivesTheBytesOfTheFileWhateverTheHostDoes)

@@ -26,4 +26,18 @@ TEST(TimeCounter, CountsInMicroseconds)
                                         "below 500: 0, below 1500: 0, below 10000: 0, above: 1\n"));
 }
 
+struct Probe : timecounter {
+    using timecounter::m_maxcount;
+    using timecounter::timecounter;
+};
+
+TEST(TimeCounter, KeepsItsNumberAndItsNameAsTheyAre)
+{
+    EXPECT_EQ(Probe("", -2).m_maxcount, 0xFFFFFFFEu);
+    testing::internal::CaptureStdout();
+    timecounter(std::string(70, 'n').c_str(), 0).print();
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                ::testing::StartsWith("GOLT: " + std::string(64, 'n') + ": 0 x "));
+}
+
 }  // namespace

@@ -1,10 +1,12 @@
 #include "dmx_mp4.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 #include "golt_endian.h"
 #include "golt_mem.h"
@@ -16,17 +18,26 @@ constexpr uint32_t NO_POSITION = 0xFFFFFFFF;
 constexpr uint32_t LENGTH_SIZE = 4;  // bytes of a NAL unit's length, and of a start code
 constexpr uint32_t START_CODE = 0x00000001;
 
-// A block of this many bytes is allocated on the file's word. For a larger one the file first has
-// to show that it has the bytes that fill it, so that a small file can't ask for more than a few of
-// these.
-constexpr uint64_t UNPROVEN_BLOCK = 2 * 1024 * 1024;
+constexpr uint64_t POSITIONS_END = uint64_t{1} << 32;  // bytes of a file that can be reached
 
-// Samples of one size for all that are laid out on the file's word, in all tracks together.
-constexpr uint32_t UNPROVEN_SAMPLES = UNPROVEN_BLOCK / sizeof(uint32_t);
+// A block of this many bytes is taken at once, on the file's word, and filled by one read. A larger
+// one starts with FIRST_STEP and doubles whenever it has been filled, so that memory follows the
+// bytes that have really come. Whether a file is as long as it says can't be asked: behind the cache
+// a seek never fails, and a sparse file is long at no cost.
+constexpr uint32_t BLOCK_AT_ONCE = 16 * 1024 * 1024;
+constexpr uint32_t FIRST_STEP = 1024 * 1024;
 
-// Searches for "stbl" in one "mdia", each of which may run to that box's end. A sound file needs
-// one.
-constexpr int MAX_STBL_SEARCHES = 8;
+// Samples above this size are taken for damage. An uncompressed picture of 8K takes less.
+constexpr uint32_t LARGEST_SAMPLE = 64 * 1024 * 1024;
+
+// Entries of sample arrays that are laid out on the file's word, in all tracks together: where one
+// size stands for all samples no table has to be as long as they are many. 18 hours of AC-3.
+constexpr uint32_t UNREAD_ENTRIES = 2 * 1024 * 1024;
+
+// Boxes and tables that may reach past the end of what they lie in. The files of some writers count
+// one too many, and players play them. Each costs one more walk over the rest of the file at most;
+// when these are used up, what follows is held to its box.
+constexpr uint32_t MAX_OVERHANGS = 16;
 
 constexpr uint32_t box_type(const char (&letters)[5])
 {
@@ -36,7 +47,7 @@ constexpr uint32_t box_type(const char (&letters)[5])
     return ui4_type;
 }
 
-// A block from the general heap, zero-filled when it is made.
+// A block from the general heap, zero-filled when it is taken.
 struct heap_free {
     void operator()(void *pv_block) const { std::free(pv_block); }
 };
@@ -49,7 +60,7 @@ template <typename T> heap_array<T> make_array(uint32_t ui4_count)
 }
 
 // What video and audio tracks have in common. The tables are blocks of the general heap that the
-// track owns; each has at least ui4_num_samples entries if it is there.
+// track owns.
 struct s_track {
     uint32_t ui4_track_id;  // 0: there is no such track
     uint32_t ui4_format;    // one of GOLT_codecs_t
@@ -63,6 +74,12 @@ struct s_track {
     uint32_t *pui4_ts;            // ms; null when the interval is constant
     double db_interval;           // ms per sample
     uint32_t ui4_sample_idx;      // the next sample to deliver
+    // Entries of the tables. Those of one track can come from two, when a later one of its kind
+    // replaces some.
+    uint32_t ui4_num_sizes;
+    uint32_t ui4_num_offsets;
+    uint32_t ui4_num_ts;
+    uint32_t ui4_end;  // first sample that can't be delivered; worked out when all tables are there
 };
 
 struct s_st_v {
@@ -88,8 +105,8 @@ struct dmx_mp4_t {
     void *pv_handle;
     s_st_v st_v;
     s_st_a st_a;
-    uint64_t ui8_claimed_bytes;     // by tables whose samples have one size
-    uint32_t ui4_unproven_samples;  // of these tables; at most UNPROVEN_SAMPLES
+    uint32_t ui4_overhangs;       // at most MAX_OVERHANGS
+    uint32_t ui4_unread_entries;  // at most UNREAD_ENTRIES
 };
 
 dmx_mp4_t dmx_mp4;
@@ -133,18 +150,14 @@ enum : uint32_t {
     STBL_CTTS = 0x40
 };
 
-// The tables of one "stbl" as they stand in the file.
+// The tables of one "stbl" as they stand in the file, but for sizes and sync samples, which go to
+// the track.
 struct s_stbl {
     uint32_t ui4_boxes;  // those read
-    uint32_t ui4_sample_size;
-    uint32_t ui4_num_sizes;
-    heap_array<uint32_t> pui4_sizes;
     uint32_t ui4_num_chunks;
     heap_array<uint32_t> pui4_co;
     uint32_t ui4_stsc_entries;
     heap_array<s_stsc_entry> p_stsc;
-    uint32_t ui4_num_sync_samples;
-    heap_array<uint32_t> pui4_sync_samples;
     s_xtts stts;
     s_xtts ctts;
 };
@@ -157,8 +170,8 @@ bool _dmx_mp4_parse_stbl(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
 bool _dmx_mp4_parse_stsd(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx);
 bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame);
 bool _dmx_mp4_get_a_frame(GOLT_frame_t *pt_frame);
-bool has_next(const s_st_v &st_v);
-bool has_next(const s_st_a &st_a);
+bool has_next(const s_track &tr);
+uint32_t deliverable(const s_track &tr);
 void release(s_track *p_tr);
 uint64_t nominal_time(const s_track &tr);
 uint32_t index_at(const s_track &tr, uint64_t ui8_time);
@@ -172,9 +185,13 @@ GOLT_EXPORT bool GOLT_DMX_MP4Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_h
     dmx_mp4.pf_read = pf_read;
     dmx_mp4.pf_seek = pf_seek;
     dmx_mp4.pv_handle = pv_handle;
-    if (_dmx_mp4_parse()) return true;
-    GOLT_DMX_MP4Destroy();
-    return false;
+    if (!_dmx_mp4_parse()) {
+        GOLT_DMX_MP4Destroy();
+        return false;
+    }
+    dmx_mp4.st_v.tr.ui4_end = dmx_mp4.st_v.pb_hdr != nullptr ? deliverable(dmx_mp4.st_v.tr) : 0;
+    dmx_mp4.st_a.tr.ui4_end = deliverable(dmx_mp4.st_a.tr);
+    return true;
 }
 
 GOLT_EXPORT bool GOLT_DMX_MP4Destroy()
@@ -188,13 +205,12 @@ GOLT_EXPORT bool GOLT_DMX_MP4Destroy()
 
 GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame)
 {
-    const bool f_video_ok = has_next(dmx_mp4.st_v);
-    const bool f_audio_ok = has_next(dmx_mp4.st_a);
-    if (!f_audio_ok) return f_video_ok && _dmx_mp4_get_v_frame(pt_frame);
-    if (!f_video_ok) return _dmx_mp4_get_a_frame(pt_frame);
-
     const s_track &video = dmx_mp4.st_v.tr;
     const s_track &audio = dmx_mp4.st_a.tr;
+    const bool f_video_ok = has_next(video);
+    if (!has_next(audio)) return f_video_ok && _dmx_mp4_get_v_frame(pt_frame);
+    if (!f_video_ok) return _dmx_mp4_get_a_frame(pt_frame);
+
     const uint64_t ui8_next_ts_v = nominal_time(video);
     const uint64_t ui8_next_ts_a = nominal_time(audio);
     const uint32_t ui4_offset_v = video.pui4_sample_offsets[video.ui4_sample_idx];
@@ -269,35 +285,110 @@ namespace {
 
 // Reading
 
-// A seek and a read of ui4_size bytes, all of them or false. Positions end at 4 GiB.
-bool read_at(uint64_t ui8_pos, void *pv_data, uint32_t ui4_size)
+// Moves to where ui4_size bytes are to be read. Positions end at 4 GiB.
+bool seek_to(uint64_t ui8_pos, uint32_t ui4_size)
 {
-    if (ui8_pos + ui4_size > UINT32_MAX) return false;
-    if (dmx_mp4.pf_seek(dmx_mp4.pv_handle, static_cast<int64_t>(ui8_pos)) != 0) return false;
-    return dmx_mp4.pf_read(dmx_mp4.pv_handle, static_cast<uint8_t *>(pv_data), ui4_size) ==
-           ui4_size;
+    return ui8_pos + ui4_size <= POSITIONS_END &&
+           dmx_mp4.pf_seek(dmx_mp4.pv_handle, static_cast<int64_t>(ui8_pos)) == 0;
 }
 
+// Reads from where the source stands; the number of bytes that came. A source that claims more than
+// it was asked for has brought none.
+uint32_t read_next(uint8_t *pb_data, uint32_t ui4_size)
+{
+    const uint32_t ui4_got = dmx_mp4.pf_read(dmx_mp4.pv_handle, pb_data, ui4_size);
+    return ui4_got <= ui4_size ? ui4_got : 0;
+}
+
+// A seek and a read of ui4_size bytes, all of them or false.
+bool read_at(uint64_t ui8_pos, uint8_t *pb_data, uint32_t ui4_size)
+{
+    return seek_to(ui8_pos, ui4_size) && read_next(pb_data, ui4_size) == ui4_size;
+}
+
+// A field that is cut by the end of the file keeps its value.
 bool read_be32_at(uint64_t ui8_pos, uint32_t *pui4)
 {
-    if (!read_at(ui8_pos, pui4, sizeof *pui4)) return false;
-    *pui4 = bswap_32(*pui4);
+    uint8_t ab[sizeof *pui4];
+    if (!read_at(ui8_pos, ab, sizeof ab)) return false;
+    *pui4 = get_be32(ab);
     return true;
 }
 
 bool read_be16_at(uint64_t ui8_pos, uint16_t *pui2)
 {
-    if (!read_at(ui8_pos, pui2, sizeof *pui2)) return false;
-    *pui2 = bswap_16(*pui2);
+    uint8_t ab[sizeof *pui2];
+    if (!read_at(ui8_pos, ab, sizeof ab)) return false;
+    *pui2 = get_be16(ab);
     return true;
 }
 
-// Whether a block may be allocated for ui8_size bytes that the file claims to have at ui8_pos.
-bool is_proven(uint64_t ui8_pos, uint64_t ui8_size)
+// Blocks that grow while they are read
+
+// Where blocks come from.
+struct heap_memory {
+    static uint8_t *take(uint32_t ui4_size) { return make_array<uint8_t>(ui4_size).release(); }
+    static void give_back(uint8_t *pb_block) { std::free(pb_block); }
+};
+
+struct frame_memory {
+    static uint8_t *take(uint32_t ui4_size) { return GOLT_allocMem(ui4_size); }
+    static void give_back(uint8_t *pb_block) { GOLT_freeMem(pb_block); }
+};
+
+struct block_t {
+    uint8_t *pb_data;     // null: no memory
+    uint32_t ui4_room;    // bytes
+    uint32_t ui4_filled;  // bytes, from the start
+};
+
+enum read_result_t { READ_WHOLE, READ_SHORT, READ_NO_MEMORY };
+
+// A block that is to hold ui4_size bytes in the end. The first ui4_head of them count as filled and
+// are the caller's to fill.
+template <typename Memory> block_t take_block(uint32_t ui4_size, uint32_t ui4_head)
 {
-    if (ui8_size <= UNPROVEN_BLOCK) return true;
-    uint8_t ui1_last = 0;
-    return ui8_size <= UINT32_MAX && read_at(ui8_pos + ui8_size - 1, &ui1_last, 1);
+    const uint32_t ui4_room =
+        ui4_size <= BLOCK_AT_ONCE ? ui4_size : std::min(ui4_size, ui4_head + FIRST_STEP);
+    return {Memory::take(ui4_room), ui4_room, ui4_head};
+}
+
+template <typename Memory> bool grow_block(block_t *p_block, uint32_t ui4_size)
+{
+    const uint32_t ui4_room = p_block->ui4_room <= ui4_size / 2 ? p_block->ui4_room * 2 : ui4_size;
+    uint8_t *const pb_larger = Memory::take(ui4_room);
+    if (pb_larger == nullptr) return false;
+    memcpy(pb_larger, p_block->pb_data, p_block->ui4_filled);
+    Memory::give_back(p_block->pb_data);
+    p_block->pb_data = pb_larger;
+    p_block->ui4_room = ui4_room;
+    return true;
+}
+
+// Fills a block up to ui4_size bytes from where the source stands.
+template <typename Memory> read_result_t fill_block(block_t *p_block, uint32_t ui4_size)
+{
+    for (;;) {
+        p_block->ui4_filled += read_next(p_block->pb_data + p_block->ui4_filled,
+                                         p_block->ui4_room - p_block->ui4_filled);
+        if (p_block->ui4_filled < p_block->ui4_room) return READ_SHORT;
+        if (p_block->ui4_room >= ui4_size) return READ_WHOLE;
+        if (!grow_block<Memory>(p_block, ui4_size)) return READ_NO_MEMORY;
+    }
+}
+
+// ui4_size bytes at ui8_pos as an array of the general heap.
+template <typename T>
+read_result_t read_array(uint64_t ui8_pos, uint32_t ui4_size, heap_array<T> *p_array)
+{
+    block_t block = take_block<heap_memory>(ui4_size, 0);
+    if (block.pb_data == nullptr) return READ_NO_MEMORY;
+    const read_result_t result =
+        seek_to(ui8_pos, ui4_size) ? fill_block<heap_memory>(&block, ui4_size) : READ_SHORT;
+    // Memory of the general heap suits every type.
+    heap_array<T> array(static_cast<T *>(static_cast<void *>(block.pb_data)));
+    if (result == READ_WHOLE) *p_array = std::move(array);
+    return result;
 }
 
 // Boxes (ISO/IEC 14496-12). A box is named by the position of its header; an end is the position of
@@ -322,12 +413,26 @@ bool step_over(uint32_t *pui4_pos, uint32_t ui4_size)
     return true;
 }
 
-// Last byte of a box inside an enclosing one. No child reaches into what follows its parent, so
-// that however the sizes lie, each byte of the file is looked at only a few times.
-uint32_t last_byte(uint32_t ui4_pos, uint32_t ui4_size, uint32_t ui4_end)
+// Whether something may reach past the end of what it lies in.
+bool may_overhang()
+{
+    if (dmx_mp4.ui4_overhangs == MAX_OVERHANGS) return false;
+    ++dmx_mp4.ui4_overhangs;
+    return true;
+}
+
+// Last byte of a box, or of the enclosing one, which ends at ui4_end, where it is held to that.
+uint32_t held_last_byte(uint32_t ui4_pos, uint32_t ui4_size, uint32_t ui4_end)
 {
     const uint64_t ui8_last = uint64_t{ui4_pos} + ui4_size - 1;
     return ui8_last < ui4_end ? static_cast<uint32_t>(ui8_last) : ui4_end;
+}
+
+// Last byte of a box that is entered. Its size is trusted, as long as that costs little.
+uint32_t last_byte(uint32_t ui4_pos, uint32_t ui4_size, uint32_t ui4_end)
+{
+    const uint32_t ui4_last = held_last_byte(ui4_pos, ui4_size, UINT32_MAX);
+    return ui4_last <= ui4_end || may_overhang() ? ui4_last : ui4_end;
 }
 
 // Finds a sibling from *pui4_pos on and returns its size, or 0; ui4_end 0 means no bound.
@@ -388,7 +493,7 @@ bool _dmx_mp4_parse()
     // A source that was read to its end is brought back to the media data.
     if ((ui4_boxes & MOOV) != 0 && ui4_mdat_box != NO_POSITION) {
         uint32_t tmp = 0;
-        if (!read_at(ui4_mdat_box, &tmp, sizeof tmp)) return false;
+        if (!read_be32_at(ui4_mdat_box, &tmp)) return false;
     }
     return has_all_boxes("_dmx_mp4_parse", MOOV, ui4_boxes & MOOV);
 }
@@ -454,15 +559,20 @@ bool open_track(uint32_t ui4_pos, uint32_t ui4_duration, s_parse_ctx *p_ctx, boo
     return true;
 }
 
-// "minf" at ui4_pos. The search for "stbl" is bounded by ui4_end, the end of "mdia".
-bool parse_minf(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
+// "minf" at ui4_pos, which ends at ui4_last. The search for "stbl" is bounded by ui4_end, the end of
+// "mdia": where it leaves "minf" it counts as an overhang.
+bool parse_minf(uint32_t ui4_pos, uint32_t ui4_last, uint32_t ui4_end, s_parse_ctx *p_ctx)
 {
     if (p_ctx->p_tr == nullptr || p_ctx->ui4_tscale == 0) return false;
+    const bool f_far = dmx_mp4.ui4_overhangs < MAX_OVERHANGS;
     uint32_t ui4_boxpos = ui4_pos + BOX_HEADER_SIZE;
-    const uint32_t ui4_boxsiz = _dmx_mp4_goto_box(box_type("stbl"), &ui4_boxpos, ui4_end);
+    const uint32_t ui4_boxsiz =
+        _dmx_mp4_goto_box(box_type("stbl"), &ui4_boxpos, f_far ? ui4_end : ui4_last);
+    const bool f_left = ui4_boxpos > ui4_last;
+    if (f_left && f_far) may_overhang();
     if (ui4_boxsiz == 0) return false;
     if (!_dmx_mp4_parse_stbl(ui4_boxpos + BOX_HEADER_SIZE,
-                             last_byte(ui4_boxpos, ui4_boxsiz, ui4_end), p_ctx))
+                             last_byte(ui4_boxpos, ui4_boxsiz, f_left ? ui4_end : ui4_last), p_ctx))
         return false;
     *p_ctx->pui4_tracks |= p_ctx->ui4_track;
     return true;
@@ -475,7 +585,6 @@ bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
     constexpr uint32_t MINF = 0x4;
     uint32_t ui4_boxes = 0;
     uint32_t ui4_duration = 0;
-    int searches = 0;
     p_ctx->ui4_track = TRACK_UNKNOWN;
     p_ctx->p_tr = nullptr;
 
@@ -491,9 +600,9 @@ bool _dmx_mp4_parse_mdia(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
             if (!open_track(ui4_pos, ui4_duration, p_ctx, &f_track)) return false;
             if (!f_track) break;
             ui4_boxes |= HDLR;
-        } else if (ui4_type == box_type("minf") && searches < MAX_STBL_SEARCHES) {
-            ++searches;
-            if (parse_minf(ui4_pos, ui4_end, p_ctx)) ui4_boxes |= MINF;
+        } else if (ui4_type == box_type("minf")) {
+            if (parse_minf(ui4_pos, held_last_byte(ui4_pos, ui4_size, ui4_end), ui4_end, p_ctx))
+                ui4_boxes |= MINF;
         }
         if (!step_over(&ui4_pos, ui4_size)) break;
     }
@@ -517,16 +626,18 @@ void swap_words(uint32_t *pui4_words, uint32_t ui4_count)
     if ((ui4_count & 1) != 0) *pui4_last = bswap_32(*pui4_last);
 }
 
-// Reads the ui4_count entries at ui4_pos of a box that ends at ui4_last.
+// Reads the ui4_count entries at ui8_pos of a box that ends at ui4_last. *pui4_count and *p_table
+// change together, when all have come.
 template <typename T>
-bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, heap_array<T> *p_table)
+bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, uint32_t *pui4_count,
+                  heap_array<T> *p_table)
 {
-    // A table that its box can't hold is damaged; what the box can't hold isn't allocated either.
     const uint64_t ui8_size = uint64_t{ui4_count} * sizeof(T);
-    if (ui8_pos + ui8_size > uint64_t{ui4_last} + 1 || !is_proven(ui8_pos, ui8_size)) return false;
-    *p_table = make_array<T>(ui4_count);
-    if (*p_table == nullptr) return false;
-    if (!read_at(ui8_pos, p_table->get(), static_cast<uint32_t>(ui8_size))) return false;
+    if (ui8_size > UINT32_MAX) return false;
+    // A table is read whole, whatever its box says.
+    if (ui8_pos + ui8_size > uint64_t{ui4_last} + 1 && !may_overhang()) return false;
+    if (read_array(ui8_pos, static_cast<uint32_t>(ui8_size), p_table) != READ_WHOLE) return false;
+    *pui4_count = ui4_count;
     // Entries are nothing but words. Those of runs are read once, in order, and turned then.
     if constexpr (!std::is_same_v<T, s_xtts_entry>)
         swap_words(reinterpret_cast<uint32_t *>(p_table->get()),
@@ -534,64 +645,77 @@ bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, heap_
     return true;
 }
 
-// A table box whose entries stand behind their count.
+// A table whose entries stand behind their count, which is at ui8_pos.
 template <typename T>
-bool read_table(uint32_t ui4_pos, uint32_t ui4_last, uint32_t *pui4_count, heap_array<T> *p_table)
+bool read_table(uint64_t ui8_pos, uint32_t ui4_last, uint32_t *pui4_count, heap_array<T> *p_table)
 {
-    return read_be32_at(uint64_t{ui4_pos} + 12, pui4_count) &&
-           read_entries(uint64_t{ui4_pos} + 16, ui4_last, *pui4_count, p_table);
+    uint32_t ui4_count = 0;
+    return read_be32_at(ui8_pos, &ui4_count) &&
+           read_entries(ui8_pos + sizeof ui4_count, ui4_last, ui4_count, pui4_count, p_table);
 }
 
-bool read_stsz(uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+// Puts a table in the place of one that an earlier track of the kind may have left.
+void replace(uint32_t **ppui4_table, heap_array<uint32_t> *p_new)
 {
-    p_stbl->pui4_sizes.reset();
-    if (!read_be32_at(uint64_t{ui4_pos} + 12, &p_stbl->ui4_sample_size)) return false;
-    if (p_stbl->ui4_sample_size != 0) return true;
-    return read_be32_at(uint64_t{ui4_pos} + 16, &p_stbl->ui4_num_sizes) &&
-           read_entries(uint64_t{ui4_pos} + 20, ui4_last, p_stbl->ui4_num_sizes,
-                        &p_stbl->pui4_sizes);
+    std::free(*ppui4_table);
+    *ppui4_table = p_new->release();
 }
 
-bool read_stss(uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+bool read_stsz(uint32_t ui4_pos, uint32_t ui4_last, s_track *p_tr)
 {
-    if (!read_table(ui4_pos, ui4_last, &p_stbl->ui4_num_sync_samples, &p_stbl->pui4_sync_samples))
+    if (!read_be32_at(uint64_t{ui4_pos} + 12, &p_tr->ui4_sample_size)) return false;
+    if (p_tr->ui4_sample_size != 0) return true;
+    heap_array<uint32_t> pui4_sizes;
+    if (!read_table(uint64_t{ui4_pos} + 16, ui4_last, &p_tr->ui4_num_sizes, &pui4_sizes))
         return false;
-    for (uint32_t i = 0; i < p_stbl->ui4_num_sync_samples; ++i)
-        p_stbl->pui4_sync_samples[i] -= 1;
+    replace(&p_tr->pui4_sample_sizes, &pui4_sizes);
+    return true;
+}
+
+bool read_stss(uint32_t ui4_pos, uint32_t ui4_last, s_track *p_tr)
+{
+    heap_array<uint32_t> pui4_numbers;
+    if (!read_table(uint64_t{ui4_pos} + 12, ui4_last, &p_tr->ui4_num_sync_samples, &pui4_numbers))
+        return false;
+    for (uint32_t i = 0; i < p_tr->ui4_num_sync_samples; ++i)
+        pui4_numbers[i] -= 1;
+    replace(&p_tr->pui4_sync_samples, &pui4_numbers);
     return true;
 }
 
 // One child of "stbl" but "stsd"; sets its bit in ui4_boxes. False when it couldn't be read whole.
-bool read_table_box(uint32_t ui4_type, uint32_t ui4_pos, uint32_t ui4_last, s_stbl *p_stbl)
+bool read_table_box(uint32_t ui4_type, uint32_t ui4_pos, uint32_t ui4_last, s_track *p_tr,
+                    s_stbl *p_stbl)
 {
+    const uint64_t ui8_table = uint64_t{ui4_pos} + 12;
     uint32_t ui4_box = 0;
     bool f_ok = true;
     switch (ui4_type) {
     case box_type("stsz"):
         ui4_box = STBL_STSZ;
-        f_ok = read_stsz(ui4_pos, ui4_last, p_stbl);
+        f_ok = read_stsz(ui4_pos, ui4_last, p_tr);
         break;
     case box_type("stco"):
         ui4_box = STBL_STCO;
-        f_ok = read_table(ui4_pos, ui4_last, &p_stbl->ui4_num_chunks, &p_stbl->pui4_co);
+        f_ok = read_table(ui8_table, ui4_last, &p_stbl->ui4_num_chunks, &p_stbl->pui4_co);
         break;
     case box_type("stsc"):
         ui4_box = STBL_STSC;
-        f_ok = read_table(ui4_pos, ui4_last, &p_stbl->ui4_stsc_entries, &p_stbl->p_stsc);
+        f_ok = read_table(ui8_table, ui4_last, &p_stbl->ui4_stsc_entries, &p_stbl->p_stsc);
         break;
     case box_type("stss"):
         ui4_box = STBL_STSS;
-        f_ok = read_stss(ui4_pos, ui4_last, p_stbl);
+        f_ok = read_stss(ui4_pos, ui4_last, p_tr);
         break;
     case box_type("stts"):
         ui4_box = STBL_STTS;
-        f_ok =
-            read_table(ui4_pos, ui4_last, &p_stbl->stts.ui4_num_entries, &p_stbl->stts.ps_entries);
+        f_ok = read_table(ui8_table, ui4_last, &p_stbl->stts.ui4_num_entries,
+                          &p_stbl->stts.ps_entries);
         break;
     case box_type("ctts"):
         ui4_box = STBL_CTTS;
-        f_ok =
-            read_table(ui4_pos, ui4_last, &p_stbl->ctts.ui4_num_entries, &p_stbl->ctts.ps_entries);
+        f_ok = read_table(ui8_table, ui4_last, &p_stbl->ctts.ui4_num_entries,
+                          &p_stbl->ctts.ps_entries);
         break;
     default: break;
     }
@@ -613,34 +737,22 @@ uint32_t count_samples(const s_stbl &stbl)
     return ui4_count;
 }
 
-// Number of samples that offsets are allocated for: as many as there are sizes, which came from the
-// file. With a constant size the count stands on two numbers of the file alone; above the limit for
-// unproven samples the file has to be as long as all the samples that were claimed so. They count
-// for all tracks together, as a track of half a million samples takes but a few hundred bytes.
-uint32_t limit_samples(const s_stbl &stbl, uint32_t ui4_count)
+// As many of ui4_wanted entries as may still be laid out on the file's word.
+uint32_t grant_unread(uint32_t ui4_wanted)
 {
-    if (stbl.ui4_sample_size == 0)
-        return ui4_count < stbl.ui4_num_sizes ? ui4_count : stbl.ui4_num_sizes;
-    const uint64_t ui8_bytes = uint64_t{ui4_count} * stbl.ui4_sample_size;
-    if (ui4_count <= UNPROVEN_SAMPLES - dmx_mp4.ui4_unproven_samples) {
-        dmx_mp4.ui4_unproven_samples += ui4_count;
-    } else {
-        uint8_t ui1_last = 0;
-        if (ui8_bytes > UINT32_MAX ||
-            !read_at(dmx_mp4.ui8_claimed_bytes + ui8_bytes - 1, &ui1_last, 1))
-            return 0;
-    }
-    dmx_mp4.ui8_claimed_bytes += ui8_bytes;
-    return ui4_count;
+    const uint32_t ui4_left = UNREAD_ENTRIES - dmx_mp4.ui4_unread_entries;
+    const uint32_t ui4_granted = ui4_wanted < ui4_left ? ui4_wanted : ui4_left;
+    dmx_mp4.ui4_unread_entries += ui4_granted;
+    return ui4_granted;
 }
 
 // Samples of one chunk lie back to back from ui8_offset on. Places those from ui4_first up to ui4_end
 // and returns the first one not placed, which is ui4_end unless they lead past 4 GiB.
-uint32_t place_chunk(const s_stbl &stbl, uint64_t ui8_offset, uint32_t ui4_first, uint32_t ui4_end,
+uint32_t place_chunk(const s_track &tr, uint64_t ui8_offset, uint32_t ui4_first, uint32_t ui4_end,
                      uint32_t *pui4_offsets)
 {
-    const uint32_t ui4_constant = stbl.ui4_sample_size;
-    const uint32_t *const pui4_sizes = stbl.pui4_sizes.get();
+    const uint32_t ui4_constant = tr.ui4_sample_size;
+    const uint32_t *const pui4_sizes = tr.pui4_sample_sizes;
     const auto size_of = [=](uint32_t i) {
         return ui4_constant != 0 ? ui4_constant : pui4_sizes[i];
     };
@@ -648,39 +760,56 @@ uint32_t place_chunk(const s_stbl &stbl, uint64_t ui8_offset, uint32_t ui4_first
         pui4_offsets[i] = static_cast<uint32_t>(ui8_offset);
         ui8_offset += size_of(i);
     }
-    // Looked at only here, as hardly a file comes near it: those behind 4 GiB are taken back.
-    while (ui8_offset > UINT32_MAX && ui4_end > ui4_first) {
-        ui8_offset -= size_of(ui4_end - 1);
-        if (ui8_offset <= UINT32_MAX) break;
+    // Looked at only here, as hardly a file comes near it: those that end past 4 GiB are taken back.
+    while (ui8_offset > POSITIONS_END && ui4_end > ui4_first) {
         --ui4_end;
+        ui8_offset -= size_of(ui4_end);
     }
     return ui4_end;
 }
 
-// Returns the number of samples placed: it is short of ui4_num_samples where the tables contradict
-// each other or lead past 4 GiB, and the track ends there. Chunks that don't exist hold no samples.
-// Runs have to rise, so that each chunk is visited once at most.
-uint32_t expand_offsets(const s_stbl &stbl, uint32_t ui4_num_samples, uint32_t *pui4_offsets)
+// Returns the number of samples placed: it is short of ui4_room where the tables contradict each
+// other or lead past 4 GiB, and the track ends there. Chunks that don't exist hold no samples. A
+// chunk that is visited again takes new samples each time, so that ui4_room bounds the visits.
+uint32_t expand_offsets(const s_stbl &stbl, const s_track &tr, uint32_t ui4_room,
+                        uint32_t *pui4_offsets)
 {
     uint32_t ui4_si = 0;
     for (uint32_t i = 0; i < stbl.ui4_stsc_entries; ++i) {
         const s_stsc_entry run = stbl.p_stsc[i];
         uint32_t ui4_last_chunk = stbl.ui4_num_chunks;
-        if (i + 1 < stbl.ui4_stsc_entries) {
-            const uint32_t ui4_next_chunk = stbl.p_stsc[i + 1].ui4_start_chunk;
-            if (ui4_next_chunk <= run.ui4_start_chunk) return ui4_si;
-            if (ui4_next_chunk - 1 < ui4_last_chunk) ui4_last_chunk = ui4_next_chunk - 1;
-        }
+        if (i + 1 < stbl.ui4_stsc_entries &&
+            stbl.p_stsc[i + 1].ui4_start_chunk - 1 < ui4_last_chunk)
+            ui4_last_chunk = stbl.p_stsc[i + 1].ui4_start_chunk - 1;
+        if (run.ui4_num_samples == 0) continue;
         if (run.ui4_start_chunk == 0) return ui4_si;
         for (uint32_t ui4_chunk = run.ui4_start_chunk; ui4_chunk <= ui4_last_chunk; ++ui4_chunk) {
-            const uint32_t ui4_left = ui4_num_samples - ui4_si;
+            const uint32_t ui4_left = ui4_room - ui4_si;
             const uint32_t ui4_wanted = run.ui4_num_samples;
             const uint32_t ui4_end = ui4_si + (ui4_wanted < ui4_left ? ui4_wanted : ui4_left);
-            ui4_si = place_chunk(stbl, stbl.pui4_co[ui4_chunk - 1], ui4_si, ui4_end, pui4_offsets);
+            ui4_si = place_chunk(tr, stbl.pui4_co[ui4_chunk - 1], ui4_si, ui4_end, pui4_offsets);
             if (ui4_si < ui4_end || ui4_wanted > ui4_left) return ui4_si;
         }
     }
     return ui4_si;
+}
+
+// The offsets of ui4_count samples, or of as many as have a size. False without memory.
+bool lay_out_offsets(const s_stbl &stbl, uint32_t ui4_count, s_track *p_tr)
+{
+    const bool f_one_size = p_tr->ui4_sample_size != 0;
+    const uint32_t ui4_room = f_one_size                        ? grant_unread(ui4_count)
+                              : ui4_count < p_tr->ui4_num_sizes ? ui4_count
+                                                                : p_tr->ui4_num_sizes;
+    heap_array<uint32_t> pui4_offsets = make_array<uint32_t>(ui4_room);
+    if (pui4_offsets == nullptr) return false;
+    p_tr->ui4_num_offsets = expand_offsets(stbl, *p_tr, ui4_room, pui4_offsets.get());
+    replace(&p_tr->pui4_sample_offsets, &pui4_offsets);
+    // Tables that contradict each other have as many samples as they agree upon. Where there are just
+    // too many to lay them all out, the mean interval still goes by all of them.
+    p_tr->ui4_num_samples =
+        f_one_size && p_tr->ui4_num_offsets == ui4_room ? ui4_count : p_tr->ui4_num_offsets;
+    return true;
 }
 
 // A place in a table of runs.
@@ -738,53 +867,39 @@ heap_array<uint32_t> expand_timestamps(const s_stbl &stbl, uint32_t ui4_num_samp
     return pui4_ts;
 }
 
-void replace(uint32_t **ppui4_table, heap_array<uint32_t> *p_new)
+// The times of all samples that have an offset. Where the offsets are an earlier track's, a table of
+// times can come without the bytes that a table of sizes has. False without memory.
+bool lay_out_times(const s_stbl &stbl, bool f_offsets, uint32_t ui4_tscale, s_track *p_tr)
 {
-    std::free(*ppui4_table);
-    *ppui4_table = p_new->release();
+    const uint32_t ui4_count =
+        f_offsets ? p_tr->ui4_num_offsets : grant_unread(p_tr->ui4_num_offsets);
+    heap_array<uint32_t> pui4_ts = expand_timestamps(stbl, ui4_count, ui4_tscale);
+    if (pui4_ts == nullptr) return false;
+    replace(&p_tr->pui4_ts, &pui4_ts);
+    p_tr->ui4_num_ts = ui4_count;
+    return true;
 }
 
-// Turns the tables into the track's arrays. All that depend on each other are replaced together,
-// those of an earlier track of the kind included. False without memory: the track is then as it
-// was.
-bool flatten(s_stbl *p_stbl, const s_parse_ctx &ctx)
+// Turns the tables into the track's arrays. What no table was read for stays as an earlier track of
+// the kind has left it. False without memory.
+bool flatten(const s_stbl &stbl, const s_parse_ctx &ctx)
 {
     s_track *p_tr = ctx.p_tr;
     constexpr uint32_t FOR_OFFSETS = STBL_STSZ | STBL_STCO | STBL_STSC;
-    const bool f_offsets = (p_stbl->ui4_boxes & FOR_OFFSETS) == FOR_OFFSETS;
-    const bool f_constant = p_stbl->stts.ui4_num_entries <= 1 && p_stbl->ctts.ui4_num_entries == 0;
-    uint32_t ui4_num_samples =
-        (p_stbl->ui4_boxes & STBL_STSC) != 0 ? count_samples(*p_stbl) : p_tr->ui4_num_samples;
-    heap_array<uint32_t> pui4_offsets;
-    heap_array<uint32_t> pui4_ts;
-    if (f_offsets) {
-        ui4_num_samples = limit_samples(*p_stbl, ui4_num_samples);
-        pui4_offsets = make_array<uint32_t>(ui4_num_samples);
-        if (pui4_offsets == nullptr) return false;
-        ui4_num_samples = expand_offsets(*p_stbl, ui4_num_samples, pui4_offsets.get());
-        if (!f_constant) {
-            pui4_ts = expand_timestamps(*p_stbl, ui4_num_samples, ctx.ui4_tscale);
-            if (pui4_ts == nullptr) return false;
-        }
+    const bool f_offsets = (stbl.ui4_boxes & FOR_OFFSETS) == FOR_OFFSETS;
+    const bool f_constant = stbl.stts.ui4_num_entries <= 1 && stbl.ctts.ui4_num_entries == 0;
+    if ((stbl.ui4_boxes & STBL_STSC) != 0) p_tr->ui4_num_samples = count_samples(stbl);
+    if (f_offsets && !lay_out_offsets(stbl, p_tr->ui4_num_samples, p_tr)) return false;
+    if (!f_constant) {
+        if (!lay_out_times(stbl, f_offsets, ctx.ui4_tscale, p_tr)) return false;
+    } else if (f_offsets) {
+        heap_array<uint32_t> none;
+        replace(&p_tr->pui4_ts, &none);
     }
-
-    p_tr->ui4_num_samples = ui4_num_samples;
-    // Without offsets the track delivers nothing, whatever its other tables hold.
-    replace(&p_tr->pui4_sample_offsets, &pui4_offsets);
-    replace(&p_tr->pui4_ts, &pui4_ts);
-    if ((p_stbl->ui4_boxes & STBL_STSZ) != 0) {
-        p_tr->ui4_sample_size = p_stbl->ui4_sample_size;
-        replace(&p_tr->pui4_sample_sizes, &p_stbl->pui4_sizes);
-    }
-    if ((p_stbl->ui4_boxes & STBL_STSS) != 0) {
-        p_tr->ui4_num_sync_samples = p_stbl->ui4_num_sync_samples;
-        replace(&p_tr->pui4_sync_samples, &p_stbl->pui4_sync_samples);
-    }
-    if (f_constant && p_stbl->stts.ui4_num_entries == 1)
-        p_tr->db_interval =
-            bswap_32(p_stbl->stts.ps_entries[0].ui4_delta) * (1000.0 / ctx.ui4_tscale);
-    if (p_tr->db_interval == 0 && ui4_num_samples != 0)
-        p_tr->db_interval = static_cast<double>(p_tr->ui4_duration) / ui4_num_samples;
+    if (f_constant && stbl.stts.ui4_num_entries == 1)
+        p_tr->db_interval = bswap_32(stbl.stts.ps_entries[0].ui4_delta) * (1000.0 / ctx.ui4_tscale);
+    if (p_tr->db_interval == 0 && p_tr->ui4_num_samples != 0)
+        p_tr->db_interval = static_cast<double>(p_tr->ui4_duration) / p_tr->ui4_num_samples;
     return true;
 }
 
@@ -794,16 +909,16 @@ bool _dmx_mp4_parse_stbl(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
     uint32_t ui4_size = 0;
     uint32_t ui4_type = 0;
     while (ui4_pos < ui4_end && _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
-        const uint32_t ui4_last = last_byte(ui4_pos, ui4_size, ui4_end);
+        const uint32_t ui4_last = held_last_byte(ui4_pos, ui4_size, ui4_end);
         if (ui4_type == box_type("stsd")) {
             if (!_dmx_mp4_parse_stsd(ui4_pos + 16, ui4_last, p_ctx)) break;
             stbl.ui4_boxes |= STBL_STSD;
-        } else if (!read_table_box(ui4_type, ui4_pos, ui4_last, &stbl)) {
+        } else if (!read_table_box(ui4_type, ui4_pos, ui4_last, p_ctx->p_tr, &stbl)) {
             return false;
         }
         if (!step_over(&ui4_pos, ui4_size)) break;
     }
-    if (!flatten(&stbl, *p_ctx)) return false;
+    if (!flatten(stbl, *p_ctx)) return false;
 
     const char *const walker = "_dmx_mp4_parse_stbl";
     if (!has_all_boxes(walker, STBL_NEEDED, stbl.ui4_boxes & STBL_NEEDED)) return false;
@@ -858,19 +973,17 @@ bool read_avcc(uint32_t ui4_pos, uint32_t ui4_end, s_st_v *p_st)
         return false;
     }
     const uint32_t ui4_block = ui4_size - HEAD;
+    const uint64_t ui8_block_pos = uint64_t{ui4_pos} + HEAD;
     heap_array<uint8_t> pb_hdr;
+    read_result_t result = READ_NO_MEMORY;  // for a box that has nothing to be kept
     if (ui4_size >= HEAD) {
-        if (ui4_pos > ui4_end || ui4_size - 1 > ui4_end - ui4_pos ||
-            !is_proven(uint64_t{ui4_pos} + HEAD, ui4_block))
-            return false;
-        pb_hdr = make_array<uint8_t>(ui4_block);
+        if (ui8_block_pos + ui4_block > uint64_t{ui4_end} + 1 && !may_overhang()) return false;
+        result = read_array(ui8_block_pos, ui4_block, &pb_hdr);
     }
-    if (pb_hdr == nullptr) {
+    if (result == READ_NO_MEMORY)
         printf("GOLT/mp4: Couldn't alloc %d bytes for 'avcC' header\n",
                static_cast<int>(ui4_block));
-        return false;
-    }
-    if (!read_at(uint64_t{ui4_pos} + HEAD, pb_hdr.get(), ui4_block)) return false;
+    if (result != READ_WHOLE) return false;
     std::free(p_st->pb_hdr);
     p_st->pb_hdr = pb_hdr.release();
     p_st->ui4_hdr_block_size = ui4_block;
@@ -996,21 +1109,19 @@ bool _dmx_mp4_parse_stsd(uint32_t ui4_pos, uint32_t ui4_end, s_parse_ctx *p_ctx)
 
 // Frame delivery
 
+// Number of samples that are there for all tables.
+uint32_t deliverable(const s_track &tr)
+{
+    if (tr.ui4_track_id == 0 || tr.pui4_sample_offsets == nullptr) return 0;
+    uint32_t ui4_end = std::min(tr.ui4_num_samples, tr.ui4_num_offsets);
+    if (tr.ui4_sample_size == 0) ui4_end = std::min(ui4_end, tr.ui4_num_sizes);
+    if (tr.pui4_ts != nullptr) ui4_end = std::min(ui4_end, tr.ui4_num_ts);
+    return ui4_end;
+}
+
 bool has_next(const s_track &tr)
 {
-    return tr.ui4_track_id != 0 && tr.ui4_sample_idx < tr.ui4_num_samples &&
-           tr.pui4_sample_offsets != nullptr &&
-           (tr.ui4_sample_size != 0 || tr.pui4_sample_sizes != nullptr);
-}
-
-bool has_next(const s_st_a &st_a)
-{
-    return has_next(st_a.tr);
-}
-
-bool has_next(const s_st_v &st_v)
-{
-    return has_next(st_v.tr) && st_v.pb_hdr != nullptr;
+    return tr.ui4_sample_idx < tr.ui4_end;
 }
 
 uint32_t next_size(const s_track &tr)
@@ -1034,29 +1145,6 @@ uint32_t index_at(const s_track &tr, uint64_t ui8_time)
 {
     const uint64_t ui8_index = time_of_double(static_cast<double>(ui8_time) / tr.db_interval);
     return ui8_index < UINT32_MAX ? static_cast<uint32_t>(ui8_index) : UINT32_MAX;
-}
-
-// Takes a block of ui4_head bytes and the next sample behind them, and reads the sample. The frame
-// owns the block from here on, also when the read fails.
-bool read_sample(const s_track &tr, uint32_t ui4_head, GOLT_frame_t *pt_frame)
-{
-    const uint32_t ui4_sample_size = next_size(tr);
-    const uint32_t ui4_offset = tr.pui4_sample_offsets[tr.ui4_sample_idx];
-    if (ui4_sample_size > UINT32_MAX - ui4_head || !is_proven(ui4_offset, ui4_sample_size))
-        return false;
-    pt_frame->ui4_size = ui4_head + ui4_sample_size;
-    pt_frame->pb_data = GOLT_allocMem(pt_frame->ui4_size);
-    return pt_frame->pb_data != nullptr &&
-           read_at(ui4_offset, pt_frame->pb_data + ui4_head, ui4_sample_size);
-}
-
-bool finish_frame(s_track *p_tr, GOLT_frametypes_t frametype, GOLT_frame_t *pt_frame)
-{
-    pt_frame->ui4_frametype = frametype;
-    pt_frame->ui8_timestamp =
-        p_tr->pui4_ts != nullptr ? p_tr->pui4_ts[p_tr->ui4_sample_idx] : nominal_time(*p_tr);
-    ++p_tr->ui4_sample_idx;
-    return true;
 }
 
 // Parameter sets of a block as a byte stream to pb_dst, if it isn't null; the size of that stream.
@@ -1086,6 +1174,36 @@ uint32_t put_parameter_sets(const uint8_t *pb_avc_dcr, uint32_t ui4_left, uint8_
     return ui4_hdr_size;
 }
 
+// Reads the next sample into a new block, behind the parameter sets of *p_sets if there are any, of
+// ui4_head bytes as a byte stream. From here on the frame owns the block, also when the read fails:
+// what has not come of it is cleared then, and of a sample that is read in steps the frame tells only
+// the part that there is memory for.
+bool read_sample(const s_track &tr, const s_st_v *p_sets, uint32_t ui4_head, GOLT_frame_t *pt_frame)
+{
+    const uint32_t ui4_sample_size = next_size(tr);
+    if (ui4_sample_size > LARGEST_SAMPLE) return false;
+    const uint32_t ui4_size = ui4_head + ui4_sample_size;
+    block_t block = take_block<frame_memory>(ui4_size, ui4_head);
+    if (block.pb_data == nullptr) return false;
+    if (ui4_head != 0)
+        put_parameter_sets(p_sets->pb_hdr, p_sets->ui4_hdr_block_size, block.pb_data);
+    const bool f_ok = seek_to(tr.pui4_sample_offsets[tr.ui4_sample_idx], ui4_sample_size) &&
+                      fill_block<frame_memory>(&block, ui4_size) == READ_WHOLE;
+    if (!f_ok) memset(block.pb_data + block.ui4_filled, 0, block.ui4_room - block.ui4_filled);
+    pt_frame->pb_data = block.pb_data;
+    pt_frame->ui4_size = block.ui4_room;
+    return f_ok;
+}
+
+bool finish_frame(s_track *p_tr, GOLT_frametypes_t frametype, GOLT_frame_t *pt_frame)
+{
+    pt_frame->ui4_frametype = frametype;
+    pt_frame->ui8_timestamp =
+        p_tr->pui4_ts != nullptr ? p_tr->pui4_ts[p_tr->ui4_sample_idx] : nominal_time(*p_tr);
+    ++p_tr->ui4_sample_idx;
+    return true;
+}
+
 // Lengths of NAL units become start codes. A unit that runs over the sample's end is the last;
 // fewer bytes than a length has stay as they are.
 void rewrite_lengths(uint8_t *pb_sample, uint32_t ui4_left)
@@ -1108,9 +1226,7 @@ bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame)
     if (!p_st->b_header_sent)
         ui4_hdr_size = put_parameter_sets(p_st->pb_hdr, p_st->ui4_hdr_block_size, nullptr);
     p_st->b_header_sent = true;
-    if (!read_sample(p_st->tr, ui4_hdr_size, pt_frame)) return false;
-    if (ui4_hdr_size != 0)
-        put_parameter_sets(p_st->pb_hdr, p_st->ui4_hdr_block_size, pt_frame->pb_data);
+    if (!read_sample(p_st->tr, p_st, ui4_hdr_size, pt_frame)) return false;
     rewrite_lengths(pt_frame->pb_data + ui4_hdr_size, pt_frame->ui4_size - ui4_hdr_size);
     return finish_frame(&p_st->tr, GOLT_FT_VIDEO, pt_frame);
 }
@@ -1118,7 +1234,7 @@ bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame)
 bool _dmx_mp4_get_a_frame(GOLT_frame_t *pt_frame)
 {
     s_track *p_tr = &dmx_mp4.st_a.tr;
-    return read_sample(*p_tr, 0, pt_frame) && finish_frame(p_tr, GOLT_FT_AUDIO, pt_frame);
+    return read_sample(*p_tr, nullptr, 0, pt_frame) && finish_frame(p_tr, GOLT_FT_AUDIO, pt_frame);
 }
 
 void release(s_track *p_tr)

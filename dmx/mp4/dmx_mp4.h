@@ -23,7 +23,8 @@ GOLT_EXPORT bool GOLT_DMX_MP4Destroy();
 
 /// Reads the next sample in time order. False at the end of both tracks, without memory, and when
 /// the sample can't be read: the next call then tries the same sample again. pt_frame may own a
-/// block in any case.
+/// block in any case, of ui4_size bytes: of a sample that couldn't be read the bytes that have come,
+/// and zeros.
 GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame);
 
 /// No effect, always true.

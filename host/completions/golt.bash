@@ -2,14 +2,14 @@
 
 _golt() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local shared="--help --format --timeout" options=
+    local shared="--help --format --timeout --header --ca --insecure --verbose" options=
     COMPREPLY=()
     case $before in
     --format)
         mapfile -t COMPREPLY < <(compgen -W "mp4 mkv mp3 m2ts" -- "$word")
         return
         ;;
-    --start | --to | --frames | --count | --timeout) return ;;
+    --start | --to | --frames | --count | --timeout | --header) return ;;
     esac
     if [ "$COMP_CWORD" -eq 1 ]; then
         mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot --help --version" -- "$word")
@@ -17,10 +17,10 @@ _golt() {
     fi
     case ${COMP_WORDS[1]} in
     remux) options="$shared --start --to --frames --force --quiet" ;;
-    info) options="$shared --scan --json --verbose" ;;
-    frames) options="$shared --start --count --json --csv --verbose" ;;
-    check) options="$shared --json --verbose" ;;
-    plot) options="$shared --output --force --verbose" ;;
+    info) options="$shared --scan --json" ;;
+    frames) options="$shared --start --count --json --csv" ;;
+    check) options="$shared --json" ;;
+    plot) options="$shared --output --force" ;;
     esac
     if [[ $word = -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

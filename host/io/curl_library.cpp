@@ -44,6 +44,8 @@ CurlLibrary load()
     find(library, "curl_easy_getinfo", curl.easy_getinfo);
     find(library, "curl_easy_pause", curl.easy_pause);
     find(library, "curl_easy_strerror", curl.easy_strerror);
+    find(library, "curl_slist_append", curl.slist_append);
+    find(library, "curl_slist_free_all", curl.slist_free_all);
     find(library, "curl_multi_init", curl.multi_init);
     find(library, "curl_multi_cleanup", curl.multi_cleanup);
     find(library, "curl_multi_add_handle", curl.multi_add_handle);

@@ -14,6 +14,8 @@ struct CurlLibrary {
     decltype(&::curl_easy_getinfo) easy_getinfo;
     decltype(&::curl_easy_pause) easy_pause;
     decltype(&::curl_easy_strerror) easy_strerror;
+    decltype(&::curl_slist_append) slist_append;
+    decltype(&::curl_slist_free_all) slist_free_all;
     decltype(&::curl_multi_init) multi_init;
     decltype(&::curl_multi_cleanup) multi_cleanup;
     decltype(&::curl_multi_add_handle) multi_add_handle;

@@ -3,6 +3,7 @@
 #ifndef HOST_IO_DESCRIPTOR_H
 #define HOST_IO_DESCRIPTOR_H
 
+#include <cstddef>
 #include <utility>
 
 class Descriptor {
@@ -33,9 +34,13 @@ private:
     int m_fd = -1;
 };
 
-/// Takes the standard output away from stdio and returns it; not open when there is none. What
-/// stdio prints from now on, the library's diagnostics that is, goes to the standard error, or
-/// nowhere with f_dropped. Call it before anything is printed and before a file is opened.
-Descriptor take_standard_output(bool f_dropped);
+/// Takes the standard output away from stdio and returns it; not open when there is none. What is
+/// printed there from now on, the library's diagnostics that is, goes to the standard error, or
+/// nowhere without f_shown. Call it before anything is printed and before a file is opened.
+Descriptor take_standard_output(bool f_shown);
+
+/// Writes all of it, also to a descriptor that doesn't block. Returns 0 or an errno value; EINTR
+/// when a signal has come to stop and nobody takes the bytes.
+int write_all(int fd, const void *data, size_t size);
 
 #endif

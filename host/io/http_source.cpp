@@ -12,6 +12,7 @@
 #include "http_transfer.h"
 #include "interrupt.h"
 #include "message.h"
+#include "text.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ int ms_since(Clock::time_point start);
 
 class HttpSource final : public Source, private HttpReceiver {
 public:
-    HttpSource(const std::string &url, uint32_t timeout_s);
+    HttpSource(const std::string &url, const HttpOptions &options);
 
     /// Waits a little where nothing has come; negative when nothing came all the same. An error
     /// reads as the end, and so does a signal to stop.
@@ -58,12 +59,14 @@ public:
 private:
     bool on_answer(const HttpAnswer &answer) override;
     bool on_bytes(const uint8_t *bytes, size_t size) override;
+    void on_nothing(std::optional<uint64_t> total) override;
 
     uint64_t position_here() const { return static_cast<uint64_t>(m_position); }
     uint64_t held() const;
     bool is_at_end() const;
     int take(uint8_t *buffer, uint64_t size);
     bool keep_request_going();
+    void take_end();
     bool start_request();
     bool look_at_failure(const std::string &reason, bool f_again);
     void wait(int ms);
@@ -73,10 +76,13 @@ private:
     std::vector<uint8_t> m_window;
     uint64_t m_begin = 0;  // offsets in the file of what the window holds
     uint64_t m_end = 0;
+    uint64_t m_reached = 0;  // that was ever seen
     bool m_f_answer = false;
     bool m_f_ranges = true;
     std::optional<uint64_t> m_total;
-    std::string m_version;
+    std::optional<uint64_t> m_nothing_from;  // an offset from which on there is nothing
+    std::string m_tag, m_modified;           // of the file's version, as far as told
+    bool m_f_framed = true;                  // the present answer tells where it ends
     int m_restarts = 0;
     int m_failures = 0;
     uint64_t m_request_bytes = 0;  // that the present request has brought
@@ -90,33 +96,33 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Source> open_http_source(const std::string &url, uint32_t timeout_s)
+std::unique_ptr<Source> open_http_source(const std::string &url, const HttpOptions &options)
 {
-    return std::make_unique<HttpSource>(url, timeout_s);
+    return std::make_unique<HttpSource>(url, options);
 }
 
 namespace {
 
-HttpSource::HttpSource(const std::string &url, uint32_t timeout_s)
-    : Source(url)
-    , m_timeout_ms(static_cast<int>(timeout_s * 1000))
+HttpSource::HttpSource(const std::string &url, const HttpOptions &options)
+    : Source(without_passwords(url))
+    , m_timeout_ms(static_cast<int>(options.timeout_s * 1000))
     , m_window(WINDOW_SIZE)
-    , m_transfer(make_http_transfer(url, timeout_s, *this))
+    , m_transfer(make_http_transfer(url, options, *this))
 {
-    m_transfer->start(0);
+    m_transfer->start(0, m_tag);
     while (!m_f_answer && m_transfer->state() == HttpTransfer::RUNNING && m_fault.empty()) {
         if (stop_signal() != 0)
-            throw NotDone(url, fmt::format("stopped by {}", stop_signal_name()));
+            throw NotDone(m_path, fmt::format("stopped by {}", stop_signal_name()));
         wait(LONGEST_WAIT_MS);
         if (!m_f_answer && m_waited_ms >= m_timeout_ms)
-            throw NotDone(url, fmt::format("no answer within {} seconds", timeout_s));
+            throw NotDone(m_path, "no answer within " + counted(options.timeout_s, "second"));
     }
     // A file that can't be had from the start isn't waited for.
-    if (!m_fault.empty()) throw NotDone(url, m_fault);
+    if (!m_fault.empty()) throw NotDone(m_path, m_fault);
     if (!m_f_answer && m_transfer->state() != HttpTransfer::DONE)
-        throw NotDone(url, m_transfer->reason());
+        throw NotDone(m_path, m_transfer->reason());
     if (m_total.value_or(0) == 0 && m_transfer->state() == HttpTransfer::DONE && m_end == 0)
-        throw NotDone(url, "the file is empty");
+        throw NotDone(m_path, "the file is empty");
 }
 
 int HttpSource::read(uint8_t *buffer, int size)
@@ -154,7 +160,8 @@ uint64_t HttpSource::held() const
 
 bool HttpSource::is_at_end() const
 {
-    return m_total && position_here() >= *m_total;
+    const uint64_t at = position_here();
+    return (m_total && at >= *m_total) || (m_nothing_from && at >= *m_nothing_from);
 }
 
 int HttpSource::take(uint8_t *buffer, uint64_t size)
@@ -183,8 +190,7 @@ bool HttpSource::keep_request_going()
     case HttpTransfer::REFUSED:
         return look_at_failure(m_transfer->reason(), m_transfer->state() == HttpTransfer::FAILED);
     case HttpTransfer::DONE:
-        // Where the size isn't known, the end is where a request ends.
-        if (!m_total && f_ahead) m_total = m_end;
+        if (!m_total && !m_f_ranges) take_end();
         if (is_at_end()) return false;
         // A server may send less than all of what was asked for, but not for ever.
         if (f_ahead && m_request_bytes == 0)
@@ -192,6 +198,14 @@ bool HttpSource::keep_request_going()
         return start_request();
     default: return start_request();
     }
+}
+
+// All of the file has come. Of a part that ends with the connection nobody knows whether it is all.
+void HttpSource::take_end()
+{
+    m_total = m_end;
+    if (!m_f_framed)
+        m_doubt = "the server told neither its size nor its end; whether it is whole isn't known";
 }
 
 bool HttpSource::start_request()
@@ -204,11 +218,9 @@ bool HttpSource::start_request()
         return false;
     }
     m_request_bytes = 0;
-    m_waited_ms = 0;
-    m_waited_bytes = 0;
     const uint64_t first = !m_f_ranges ? 0 : f_ahead ? m_end : at;
     if (first != m_end) m_begin = m_end = first;
-    m_transfer->start(first);
+    m_transfer->start(first, m_tag);
     return true;
 }
 
@@ -218,7 +230,8 @@ bool HttpSource::look_at_failure(const std::string &reason, bool f_again)
     m_transfer->stop();
     m_failures = m_request_bytes >= PROGRESS_SIZE ? 1 : m_failures + 1;
     if (!f_again || m_failures >= MOST_FAILURES) {
-        give_up(f_again ? fmt::format("{}; gave up after {} tries", reason, m_failures) : reason);
+        give_up(f_again ? reason + "; gave up after " + std::to_string(m_failures) + " tries"
+                        : reason);
         return false;
     }
     m_not_before = Clock::now() + std::chrono::milliseconds(FIRST_PAUSE_MS << (m_failures - 1));
@@ -244,9 +257,9 @@ void HttpSource::wait(int ms)
     m_waited_ms = 0;
     m_waited_bytes = 0;
     if (f_slow && m_transfer->state() == HttpTransfer::RUNNING)
-        look_at_failure(
-            fmt::format("the server sent next to nothing for {} seconds", m_timeout_ms / 1000),
-            true);
+        look_at_failure("the server sent next to nothing for " +
+                            counted(static_cast<uint64_t>(m_timeout_ms) / 1000, "second"),
+                        true);
 }
 
 void HttpSource::give_up(const std::string &reason)
@@ -257,15 +270,20 @@ void HttpSource::give_up(const std::string &reason)
 
 bool HttpSource::on_answer(const HttpAnswer &answer)
 {
-    const bool f_other_version =
-        !m_version.empty() && !answer.version.empty() && answer.version != m_version;
-    if (f_other_version || (m_total && answer.total && *answer.total != *m_total)) {
+    // A strong tag that is gone is another one.
+    const bool f_other_version = m_tag.empty() ? !m_modified.empty() && !answer.modified.empty() &&
+                                                     answer.modified != m_modified
+                                               : answer.tag != m_tag;
+    const bool f_other_size = answer.total && *answer.total != m_total.value_or(*answer.total);
+    if (f_other_version || f_other_size || answer.total.value_or(m_reached) < m_reached) {
         m_fault = "the file changed while it was read";
         return false;
     }
     m_f_answer = true;
     m_f_ranges = answer.f_range;
-    if (!answer.version.empty()) m_version = answer.version;
+    m_f_framed = answer.f_framed;
+    m_tag = answer.tag;
+    if (!answer.modified.empty()) m_modified = answer.modified;
     if (answer.total) m_total = answer.total;
     if (answer.first != m_end) m_begin = m_end = answer.first;
     return true;
@@ -284,7 +302,20 @@ bool HttpSource::on_bytes(const uint8_t *bytes, size_t size)
     }
     if (m_end - m_begin > WINDOW_SIZE) m_begin = m_end - WINDOW_SIZE;
     m_request_bytes += size;
+    m_reached = std::max(m_reached, m_end);
     return true;
+}
+
+void HttpSource::on_nothing(std::optional<uint64_t> total)
+{
+    // The request was for what follows the window.
+    if (!m_nothing_from || m_end < *m_nothing_from) m_nothing_from = m_end;
+    if (!m_total && total) m_total = total;
+    if (!m_total && m_end > m_begin) m_total = m_end;
+    if (!m_total) return;
+    if ((total && *total != *m_total) || m_end < *m_total)
+        m_fault = fmt::format("the server has announced {}, and has nothing from offset {} on",
+                              counted(*m_total, "byte"), m_end);
 }
 
 int ms_since(Clock::time_point start)

@@ -5,10 +5,10 @@
 
 #include <memory>
 
+#include "http_options.h"
 #include "source.h"
 
-/// url: begins with http:// or https://. timeout_s: after so many seconds without data the server
-/// is given up. Throws NotDone.
-std::unique_ptr<Source> open_http_source(const std::string &url, uint32_t timeout_s);
+/// url: begins with http:// or https://. options: have to outlive the source. Throws NotDone.
+std::unique_ptr<Source> open_http_source(const std::string &url, const HttpOptions &options);
 
 #endif

@@ -9,12 +9,18 @@
 #include <optional>
 #include <string>
 
+#include "http_options.h"
+
 /// What the server's answer tells of the file.
 struct HttpAnswer {
     uint64_t first = 0;             ///< offset of the first byte that comes
+    std::optional<uint64_t> end;    ///< offset after the last byte that comes
     std::optional<uint64_t> total;  ///< bytes of the whole file
     bool f_range = false;           ///< the server serves ranges
-    std::string version;            ///< changes when the file does; empty: not told
+    bool f_framed = false;          ///< an answer that breaks off is noticed
+    // Both change when the file does; empty where the server doesn't tell them.
+    std::string tag;       ///< strong ETag
+    std::string modified;  ///< Last-Modified
 };
 
 class HttpReceiver {
@@ -24,6 +30,8 @@ public:
     /// False when there is no room: the transfer stands still, and the same bytes come again after
     /// resume.
     virtual bool on_bytes(const uint8_t *bytes, size_t size) = 0;
+    /// There is nothing from the offset asked for on. total: bytes of the whole file, if told.
+    virtual void on_nothing(std::optional<uint64_t> total) = 0;
 
 protected:
     ~HttpReceiver() = default;
@@ -39,7 +47,8 @@ public:
         REFUSED  ///< as it will be every time
     };
 
-    virtual void start(uint64_t offset) = 0;
+    /// tag: the strong ETag of the file of which the bytes are to be; empty: not known.
+    virtual void start(uint64_t offset, const std::string &tag) = 0;
     virtual void stop() = 0;
     /// Lets the bytes come that found no room.
     virtual void resume() = 0;
@@ -51,9 +60,8 @@ public:
     virtual ~HttpTransfer() = default;
 };
 
-/// receiver: has to outlive the transfer. connect_s: seconds for a connection to come about. Throws
-/// NotDone.
-std::unique_ptr<HttpTransfer> make_http_transfer(const std::string &url, uint32_t connect_s,
+/// options, receiver: have to outlive the transfer. Throws NotDone.
+std::unique_ptr<HttpTransfer> make_http_transfer(const std::string &url, const HttpOptions &options,
                                                  HttpReceiver &receiver);
 
 #endif

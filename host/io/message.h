@@ -22,12 +22,18 @@ struct NotDone : std::runtime_error {
     }
 };
 
+/// The same, where it is the output that can't be written.
+struct NotWritten : NotDone {
+    using NotDone::NotDone;
+};
+
 /// Thrown for arguments that don't fit together or don't fit the input.
 struct BadUsage : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Writes a line to the standard error, behind all diagnostics of the library up to here.
+/// Writes a line to the standard error, after all diagnostics of the library up to here. What a
+/// terminal would take for a command is escaped, and passwords in URLs are left out.
 void say(const std::string &line);
 
 /// How a command ends that has read path: says the fault, and returns the status that goes with it.

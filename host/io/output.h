@@ -10,6 +10,10 @@
 
 #include "descriptor.h"
 
+/// Whether writing to the path is writing to the standard output, by whatever name. Asked before
+/// take_standard_output: afterwards such names lead elsewhere.
+bool leads_to_standard_output(const std::string &path);
+
 class Output {
 public:
     /// path: "-" stands for standard_output. input: the file that is read, which is never written
@@ -24,14 +28,20 @@ public:
     /// The output's name in messages.
     const std::string &name() const { return m_name; }
     int descriptor() const { return m_file.get(); }
-    /// Closes the output; a file gets its name. Throws NotDone.
+    /// Closes the output; a file is safe on its disk and gets its name, and its rights where it
+    /// replaces another one. Throws NotDone.
     void complete();
 
 private:
-    void open_file(const std::string &path, const struct stat &input, bool f_force);
+    void open_file(const std::string &path, const struct stat &input);
+    void open_part(const struct stat &input, unsigned mode);
+    bool is_ours() const;
+    void name_file();
 
     std::string m_name;
+    bool m_f_force;
     Descriptor m_file;
+    struct stat m_status = {};
     std::string m_target;  // the file's own name
     std::string m_part;    // its name until then; empty when there is nothing to rename
 };

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "interrupt.h"
+#include "descriptor.h"
 #include "message.h"
 
 namespace {
@@ -28,14 +28,9 @@ void Printer::print(const std::string &text)
 
 void Printer::flush()
 {
-    for (size_t done = 0; done < m_text.size() && !m_f_closed;) {
-        const ssize_t count = ::write(m_fd, m_text.data() + done, m_text.size() - done);
-        if (count > 0) done += static_cast<size_t>(count);
-        if (count > 0 || (errno == EINTR && stop_signal() == 0)) continue;
-        m_f_closed = true;
-        if (errno == EPIPE || errno == EINTR) break;
-        m_text.clear();
-        throw NotDone(m_name, error_text(errno));
-    }
+    const int error = m_f_closed ? 0 : write_all(m_fd, m_text.data(), m_text.size());
     m_text.clear();
+    if (error == 0) return;
+    m_f_closed = true;
+    if (error != EPIPE && error != EINTR) throw NotWritten(m_name, error_text(error));
 }

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr uint64_t LOOK_INTERVAL = 1024 * 1024;  // bytes
+constexpr double SHORTEST_MEASURED = 0.001;      // seconds
 constexpr std::chrono::milliseconds SHOW_INTERVAL{300};
 const char *const ERASE_LINE = "\r\x1b[K";
 
@@ -60,6 +61,16 @@ double Progress::seconds() const
 
 std::string rate_text(uint64_t bytes, double seconds, const char *before)
 {
-    if (seconds < 0.001) return "";
-    return fmt::format("{}{:.1f} MB/s", before, static_cast<double>(bytes) / 1e6 / seconds);
+    if (seconds < SHORTEST_MEASURED || bytes == 0) return "";
+    const double rate = static_cast<double>(bytes) / seconds;
+    return rate < 1e5 ? fmt::format("{}{:.2g} kB/s", before, rate / 1e3)
+                      : fmt::format("{}{:.1f} MB/s", before, rate / 1e6);
+}
+
+std::string speed_text(int64_t span_ms, double seconds, const char *before)
+{
+    if (seconds < SHORTEST_MEASURED || span_ms <= 0) return "";
+    const double speed = static_cast<double>(span_ms) / 1000 / seconds;
+    return speed < 1 ? fmt::format("{}{:.2g}x real time", before, speed)
+                     : fmt::format("{}{:.1f}x real time", before, speed);
 }

@@ -1,13 +1,14 @@
 #include "sink.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
-#include <poll.h>
-#include <unistd.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 
-#include "interrupt.h"
+#include "descriptor.h"
 #include "ts_packet.h"
 
 namespace {
@@ -15,12 +16,14 @@ namespace {
 // Bytes in a write, whole packets. Where entering the kernel is slow, smaller ones cost more.
 constexpr size_t BUFFER_SIZE = 128 * 1024 / TS_PACKET_SIZE * TS_PACKET_SIZE;
 
-int write_all(int fd, const uint8_t *data, size_t size);
+int write_packets(int fd, const uint8_t *data, size_t size, size_t pipe_size);
+size_t size_of_pipe(int fd);
 
 }  // namespace
 
 Sink::Sink(int fd, TsWatch &sound)
     : m_fd(fd)
+    , m_pipe_size(size_of_pipe(fd))
     , m_sound(sound)
     , m_buffer(new uint8_t[BUFFER_SIZE])
 {
@@ -60,33 +63,40 @@ int Sink::write_other(const uint8_t *data, int size)
 
 void Sink::flush()
 {
-    if (m_error == 0) m_error = write_all(m_fd, m_buffer.get(), m_held);
+    if (m_error == 0) m_error = write_packets(m_fd, m_buffer.get(), m_held, m_pipe_size);
     m_flushed += m_held;
     m_held = 0;
 }
 
 namespace {
 
-// Returns 0 or an errno value.
-int write_all(int fd, const uint8_t *data, size_t size)
+// Returns 0 or an errno value. A pipe gets whole packets alone, whenever a signal ends a write to a
+// reader that stands still: a write up to PIPE_BUF bytes is done whole or not at all, and so is one
+// to an empty pipe up to its size.
+int write_packets(int fd, const uint8_t *data, size_t size, size_t pipe_size)
 {
+    constexpr size_t AT_ONCE = PIPE_BUF / TS_PACKET_SIZE * TS_PACKET_SIZE;
+    if (pipe_size == 0) return write_all(fd, data, size);
     while (size > 0) {
-        const ssize_t count = ::write(fd, data, size);
-        if (count > 0) {
-            data += count;
-            size -= static_cast<size_t>(count);
-            if (size > 0 && stop_signal() != 0) return EINTR;
-        } else if (count < 0 && (errno == EINTR || errno == EAGAIN) && stop_signal() != 0) {
-            return EINTR;  // the reader of a pipe may never come
-        } else if (count < 0 && errno == EAGAIN) {
-            // Whoever shares the pipe may have made it non-blocking.
-            pollfd ready = {fd, POLLOUT, 0};
-            poll(&ready, 1, -1);
-        } else if (count == 0 || errno != EINTR) {
-            return count == 0 ? EIO : errno;
-        }
+        int unread = 0;
+        const bool f_empty = ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
+        const size_t part = std::min(size, std::max(f_empty ? pipe_size : 0, AT_ONCE));
+        const int error = write_all(fd, data, part);
+        if (error != 0) return error;
+        data += part;
+        size -= part;
     }
     return 0;
+}
+
+// Whole packets that an empty pipe takes; 0 for all that is no pipe.
+size_t size_of_pipe(int fd)
+{
+    struct stat status = {};
+    if (fstat(fd, &status) != 0 || !S_ISFIFO(status.st_mode)) return 0;
+    const int size = fcntl(fd, F_GETPIPE_SZ);
+    return std::max<size_t>(size > 0 ? static_cast<size_t>(size) : 0, PIPE_BUF) / TS_PACKET_SIZE *
+           TS_PACKET_SIZE;
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "golt.h"
+#include "libgolt.h"
 #include "ts_watch.h"
 
 class Sink : public PELA::AVMuxer::Listener {
@@ -29,6 +29,7 @@ private:
     [[gnu::noinline]] int write_other(const uint8_t *data, int size);
 
     int m_fd;
+    size_t m_pipe_size;  // 0 where it is no pipe
     TsWatch &m_sound;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_held = 0;  // bytes in the buffer

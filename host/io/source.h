@@ -9,10 +9,11 @@
 #include <sys/stat.h>
 
 #include "descriptor.h"
-#include "golt.h"
+#include "libgolt.h"
 
 class Source : public PELA::AVDemuxer::Listener {
 public:
+    /// Its name in messages and documents: a URL without its password.
     const std::string &path() const { return m_path; }
     /// Of the file that must not be written to; all 0 where it is none of this machine.
     const struct stat &status() const { return m_status; }
@@ -23,6 +24,8 @@ public:
     uint64_t unread() const;
     /// What was wrong with the input while it was read; empty when nothing was.
     const std::string &fault() const { return m_fault; }
+    /// Why it isn't sure that the input is whole; empty when it is.
+    const std::string &doubt() const { return m_doubt; }
 
 protected:
     explicit Source(const std::string &path)
@@ -35,6 +38,7 @@ protected:
     struct stat m_status = {};
     int64_t m_position = 0;
     std::string m_fault;
+    std::string m_doubt;
 
 private:
     int64_t m_furthest = 0;  // end of the bytes delivered

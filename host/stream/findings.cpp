@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "io/text.h"
 #include "stream_frames.h"
 #include "time_text.h"
 
@@ -23,7 +24,8 @@ std::string Finding::text() const
         line += fmt::format(", {} {:.3f} s", kind->worst_text,
                             static_cast<double>(worst) / TICKS_PER_SECOND);
     if (kind->amount == Amount::BYTES)
-        line += fmt::format(", {} {} bytes", kind->worst_text, worst);
+        line +=
+            fmt::format(", {} {}", kind->worst_text, counted(static_cast<uint64_t>(worst), "byte"));
     line += "; first ";
     if (first_time) line += fmt::format("at {}, ", time_text(*first_time / TICKS_PER_MS));
     return line + fmt::format("in packet {}", first_packet);

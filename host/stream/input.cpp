@@ -1,7 +1,6 @@
 #include "input.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -26,19 +25,6 @@ std::string extension_of(const std::string &path);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
 
 }  // namespace
-
-bool is_url(const std::string &path)
-{
-    for (const std::string scheme : {"http://", "https://"}) {
-        const bool f_same =
-            path.size() >= scheme.size() &&
-            std::equal(scheme.begin(), scheme.end(), path.begin(), [](int a, int b) {
-                return a == std::tolower(static_cast<unsigned char>(b));
-            });
-        if (f_same) return true;
-    }
-    return false;
-}
 
 Input::Input(const InputOptions &options)
     : m_options(options)
@@ -134,7 +120,9 @@ std::string Pump::why_nothing_came() const
 std::string Pump::fault_in_input() const
 {
     if (!m_input.source().fault().empty()) return m_input.source().fault();
-    return m_f_stopped ? "" : fault_of_ending();
+    if (m_f_stopped) return "";
+    const std::string fault = fault_of_ending();
+    return fault.empty() ? m_input.source().doubt() : fault;
 }
 
 std::string Pump::fault_of_ending() const
@@ -145,8 +133,8 @@ std::string Pump::fault_of_ending() const
     if (format.record_size != 0) {
         const uint64_t used = m_frames * format.record_size;
         if (used >= source.size()) return "";
-        return fmt::format("{} of its {} bytes are in none of the packets read",
-                           source.size() - used, source.size());
+        return fmt::format("{} of its {} are in none of the packets read", source.size() - used,
+                           counted(source.size(), "byte"));
     }
 
     // Where the duration isn't known, only a large part of the file that nobody asked for says
@@ -154,8 +142,8 @@ std::string Pump::fault_of_ending() const
     constexpr uint64_t UNREAD_TAIL = 4;  // a fourth of the file
     if (m_content.duration == 0) {
         if (source.unread() <= source.size() / UNREAD_TAIL) return "";
-        return fmt::format("ended early: the last {} of its {} bytes were not read",
-                           source.unread(), source.size());
+        return fmt::format("ended early: the last {} of its {} were not read", source.unread(),
+                           counted(source.size(), "byte"));
     }
 
     // The last frame begins before the end, by its own length, and the tracks of a file differ a
@@ -175,7 +163,7 @@ namespace {
 
 std::unique_ptr<Source> open_source(const InputOptions &options)
 {
-    if (is_url(options.path)) return open_http_source(options.path, options.timeout_s);
+    if (is_url(options.path)) return open_http_source(options.path, options.http);
     return std::make_unique<FileSource>(options.path);
 }
 

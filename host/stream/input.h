@@ -9,20 +9,20 @@
 #include <string>
 
 #include "frame_clock.h"
+#include "io/http_options.h"
 #include "io/recognise.h"
 #include "io/source.h"
+#include "io/text.h"
 #include "library.h"
 
 struct InputOptions {
-    std::string path;         ///< of a file, or a URL
-    std::string format;       ///< a name that the library knows; empty: found out
-    uint32_t timeout_s = 20;  ///< without data, after which a server is given up
+    std::string path;    ///< of a file, or a URL
+    std::string format;  ///< a name that the library knows; empty: found out
+    HttpOptions http;
     std::optional<uint32_t> start_ms;
     std::optional<uint32_t> to_ms;
     std::optional<uint64_t> frames;
 };
-
-bool is_url(const std::string &path);
 
 /// The input, opened, and its demuxer.
 class Input {

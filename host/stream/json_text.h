@@ -17,11 +17,9 @@ inline Json json_document(const char *schema)
     return Json{{"schema", schema}};
 }
 
-/// indent: -1 puts all on one line. File names may be no UTF-8; what isn't is replaced.
-inline std::string json_text(const Json &json, int indent = 2)
-{
-    return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
-}
+/// indent: -1 puts all on one line. File names may be no UTF-8; what isn't is replaced. What a
+/// terminal would take for a command is escaped.
+std::string json_text(const Json &json, int indent = 2);
 
 /// Ticks of 90 kHz in milliseconds, a whole number where they are one.
 inline Json json_ms(int64_t ticks)

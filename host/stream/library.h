@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "golt.h"
+#include "libgolt.h"
 
 /// Gives an object back to the driver that made it.
 struct Release {

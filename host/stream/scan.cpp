@@ -44,14 +44,14 @@ void read_all(Input &input, Pump &pump, StreamFrames &frames)
         if (input.format().f_times) frames.end_frames();
         if (progress.is_due(frames.bytes()))
             progress.show(frames.bytes(), std::clamp(pump.part_done(), 0.0, 1.0),
-                          fmt::format("{} frames", pump.frames()));
+                          counted(pump.frames(), "frame"));
     }
     frames.finish();
 }
 
 std::string totals_text(const StreamTotals &totals)
 {
-    std::string text = fmt::format("{} frames, {} bytes", totals.frames, totals.bytes);
+    std::string text = counted(totals.frames, "frame") + ", " + counted(totals.bytes, "byte");
     if (totals.timed_frames == 0) return text;
     text += fmt::format(", {} to {}", time_text(totals.first / TICKS_PER_MS),
                         time_text(totals.last / TICKS_PER_MS));

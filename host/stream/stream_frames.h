@@ -7,7 +7,7 @@
 #include <map>
 #include <optional>
 
-#include "golt.h"
+#include "libgolt.h"
 #include "ts_checker.h"
 #include "ts_elementary.h"
 #include "ts_time.h"

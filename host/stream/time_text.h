@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <string>
 
-/// Reads milliseconds ("90500") or a time of the form hh:mm:ss.mmm, of which the hours and the
-/// fraction may be missing ("1:30.5"). False for anything else and above the range of 32 bits.
+/// Reads seconds ("90.5"), a number with a unit of ms, s, m or h ("1500ms"), or a time of the form
+/// hh:mm:ss.mmm, of which the hours and the fraction may be missing ("1:30.5"). False for anything
+/// else and above 32 bits of milliseconds.
 bool parse_time(const std::string &text, uint32_t *time_ms);
 
 /// "hh:mm:ss.mmm"

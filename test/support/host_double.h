@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "bytes.h"
-#include "golt.h"
 #include "golt_mem.h"
+#include "libgolt.h"
 
 /// A source. Faults are fields: set them before the call that is to meet them.
 class Source : public PELA::AVDemuxer::Listener {

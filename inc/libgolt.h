@@ -1,8 +1,8 @@
 // What a host calls by name: the exports of the driver. All further work runs through the object
 // that GOLT_CreateRemuxerDriver returns. The host makes its calls from one thread at a time.
 
-#ifndef GOLT_H
-#define GOLT_H
+#ifndef LIBGOLT_H
+#define LIBGOLT_H
 
 #include "golt_common.h"
 #include "pela/PELARemuxerDriver.h"

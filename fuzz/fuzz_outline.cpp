@@ -1,0 +1,74 @@
+// The outline of any file, from a source that may not know its size, may end early, and may fail.
+
+#include <algorithm>
+#include <cstring>
+
+#include "outline.h"
+#include "target.h"
+
+namespace {
+
+/// The first byte of an input says how the source behaves, the second when it fails; the file follows.
+class Source final : public ByteSource {
+public:
+    Source(const uint8_t *pb_data, size_t size)
+        : m_f_knows_size((pb_data[0] & 1) != 0)
+        , m_f_claims_more((pb_data[0] & 2) != 0)
+        , m_fails_from((pb_data[0] & 4) != 0 ? pb_data[1] : UINT32_MAX)
+        , m_file(pb_data + 2, pb_data + size)
+    {
+    }
+
+    size_t read_at(uint64_t offset, uint8_t *buffer, size_t size) override
+    {
+        require(++m_reads <= Reader::MOST_LOADS, "a file is read a limited number of times");
+        if (m_reads > m_fails_from || offset >= m_file.size()) return 0;
+        const size_t at = static_cast<size_t>(offset);
+        const size_t count = std::min(size, m_file.size() - at);
+        memcpy(buffer, m_file.data() + at, count);
+        return count;
+    }
+    uint64_t size() const override
+    {
+        return m_f_knows_size ? m_file.size() + (m_f_claims_more ? uint64_t{1} << 40 : 0) : 0;
+    }
+
+private:
+    const bool m_f_knows_size, m_f_claims_more;
+    const uint32_t m_fails_from;
+    const std::vector<uint8_t> m_file;
+    uint32_t m_reads = 0;
+};
+
+bool is_printable(const std::string &text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char letter) { return letter >= 0x20 && letter < 0x7F; });
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
+{
+    if (size < 2) return 0;
+    begin_input();
+    Source source(pb_data, size);
+    Outline outline;
+    {
+        const CallWatch watch;
+        outline = read_outline(source);
+    }
+    require(outline.tracks.size() <= Outline::MOST_TRACKS, "tracks are limited");
+    require(outline.matroska.cue_times.size() <= Outline::MOST_CUES, "cues are limited");
+    require(outline.duration_ns.value_or(0) >= 0, "a duration isn't negative");
+    for (const Track &track : outline.tracks) {
+        require(track.mp4.edits.size() <= Outline::MOST_EDITS, "edits are limited");
+        require(track.config.size() <= Outline::MOST_CONFIG, "the decoder's setup is limited");
+        require(track.duration_ns.value_or(0) >= 0, "a track's duration isn't negative");
+        require(is_printable(track.codec) && is_printable(track.language) &&
+                    is_printable(track.handler),
+                "texts can be printed");
+        parse_audio_config(track.config);
+    }
+    return 0;
+}

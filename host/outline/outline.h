@@ -1,0 +1,165 @@
+// What is in a media file, read from its headers and tables by a reader of its own: all tracks, also
+// those that the library leaves out, how long each is, and where the file has to end. Made for files
+// that are cut, damaged or hostile: memory, reads and time are bounded.
+
+#ifndef HOST_OUTLINE_OUTLINE_H
+#define HOST_OUTLINE_OUTLINE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reader.h"
+
+enum class Container { UNKNOWN, MP4, MATROSKA, MPEG_AUDIO, TRANSPORT_STREAM };
+
+enum class TrackKind { OTHER, VIDEO, AUDIO, SUBTITLES };
+
+/// An entry of an edit list (ISO/IEC 14496-12, "elst").
+struct Edit {
+    uint64_t duration;  ///< of the entry, in ticks of Outline::mp4.timescale
+    int64_t
+        media_time;  ///< where it begins in the track, in ticks of Mp4Details::timescale; -1: nothing is shown
+    int32_t rate;  ///< speed as 16.16 fixed point; 0x10000 is the usual one, 0 dwells
+};
+
+/// What MP4 has of a track beside what all containers have.
+struct Mp4Details {
+    uint32_t timescale = 0;         ///< ticks in a second of the track's own times; 0: not told
+    uint64_t duration = 0;          ///< in ticks of timescale, by "mdhd"
+    std::vector<Edit> edits;        ///< of "elst", MOST_EDITS at most
+    uint64_t more_edits = 0;        ///< that it has beyond those
+    uint16_t rotation = 0;          ///< clockwise, for presentation: 0, 90, 180 or 270 degrees
+    uint8_t object_type = 0;        ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MP3
+    uint16_t entry_version = 0;     ///< of the audio sample entry; above 0 in QuickTime files
+    uint64_t samples = 0;           ///< by "stsz" or "stz2"
+    std::optional<uint64_t> ticks;  ///< sum of the samples' durations, by "stts"
+    std::optional<uint64_t> bytes;  ///< sum of the samples' sizes
+    std::optional<uint64_t> end;    ///< offset in the file behind the sample that lies last
+    bool f_offsets = false;         ///< "stco" or "co64" is there
+    bool f_64_bit_offsets = false;  ///< by "co64"
+    bool f_compact_sizes = false;   ///< by "stz2"
+    std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
+    std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
+};
+
+/// What Matroska has of a track beside what all containers have.
+struct MatroskaDetails {
+    uint64_t uid = 0;
+    std::optional<uint64_t> default_duration_ns;  ///< of a frame
+    bool f_compression = false;     ///< by ContentEncodings, other than header stripping
+    bool f_encryption = false;      ///< likewise
+    std::vector<uint8_t> stripped;  ///< bytes taken off the front of each frame (header stripping)
+};
+
+struct Track {
+    uint32_t number = 0;  ///< track_ID or TrackNumber
+    TrackKind kind = TrackKind::OTHER;
+    std::string handler;  ///< of MP4, such as "vide"
+    std::string
+        codec;  ///< four letters of the sample entry ("avc1"), or CodecID ("A_AAC"); printable
+    std::string language;  ///< ISO 639-2 or BCP 47; empty or "und": not told
+    bool f_enabled = true;
+    bool f_default = true;                   ///< of Matroska; true elsewhere
+    bool f_chapters = false;                 ///< its samples are the chapters of another track
+    std::optional<int64_t> duration_ns;      ///< of all that is in it, as far as the file tells
+    uint32_t width = 0, height = 0;          ///< of coded pictures, in pixels
+    uint32_t channels = 0, sample_rate = 0;  ///< by the container's own fields; hertz
+    uint32_t output_sample_rate = 0;         ///< OutputSamplingFrequency; 0: not told
+    /// How the decoder is set up, MOST_CONFIG bytes at most: AudioSpecificConfig of AAC (ISO/IEC 14496-3),
+    /// AVCDecoderConfigurationRecord of H.264 (ISO/IEC 14496-15), or CodecPrivate as it is.
+    std::vector<uint8_t> config;
+    Mp4Details mp4;
+    MatroskaDetails matroska;
+};
+
+struct Mp4Outline {
+    bool f_ftyp = false;
+    bool f_moov = false;
+    bool f_moov_first = false;  ///< before the media data
+    bool f_moov_cut = false;    ///< it goes on behind the end of the file
+    bool f_mdat = false;
+    bool f_64_bit_mdat = false;  ///< an "mdat" before "moov" whose size has 64 bits
+    bool f_open_box = false;     ///< a box that goes on to the end of the file, before "moov"
+    bool f_moof = false;         ///< a fragment was seen
+    bool f_fragmented = false;   ///< "mvex" or "moof" is there
+    uint32_t timescale = 0;      ///< ticks in a second of the durations of edits
+    std::optional<uint64_t>
+        mdat_end;  ///< by the size of the last "mdat" seen; may lie behind the file's end
+};
+
+struct MatroskaOutline {
+    std::string doc_type;
+    std::string muxing_app, writing_app;
+    uint64_t timestamp_scale = 1000000;   ///< nanoseconds in a tick
+    uint64_t segment_begin = 0;           ///< offset of its first byte; positions count from there
+    std::optional<uint64_t> segment_end;  ///< by its size; may lie behind the file's end
+    std::optional<uint64_t> first_cluster;  ///< offset
+    bool f_cues = false;
+    bool f_cues_announced =
+        false;  ///< the SeekHead leads to them, or they come before the clusters
+    std::vector<uint64_t> cue_times;  ///< in ticks, in the file's order, MOST_CUES at most
+    uint64_t more_cues = 0;
+    std::optional<uint64_t>
+        last_cue_cluster;  ///< offset of the cluster of the last cue, of all tracks
+};
+
+struct MpegAudioOutline {
+    enum class Header { NONE, XING, INFO, VBRI };
+
+    uint64_t id3v2_size =
+        0;  ///< bytes of the tag at the begin, with its header; several count together
+    uint64_t id3v2_tags = 0;
+    bool f_id3v1 = false;
+    uint64_t ape_size = 0;  ///< bytes of an APEv2 tag at the end, with header and footer
+    std::optional<uint64_t> first_frame;  ///< offset; none: no frame was found near the begin
+    uint64_t end = 0;                     ///< offset where the tags at the end begin; 0: not known
+    uint32_t version = 0;                 ///< 10 for MPEG-1, 20 for MPEG-2, 25 for MPEG-2.5
+    uint32_t layer = 0;                   ///< 1 to 3
+    uint32_t bit_rate = 0;                ///< of the first frame, bits in a second
+    uint32_t samples = 0;                 ///< of a frame
+    Header header = Header::NONE;         ///< the frame in front that tells of the others
+    std::optional<uint64_t> frames;       ///< that it tells, without itself
+    std::optional<uint64_t> bytes;        ///< likewise
+    bool f_estimate = false;              ///< duration_ns follows from the first frame's bit rate
+};
+
+struct TransportOutline {
+    uint32_t packet_size = 0;   ///< 188, 192 with a stamp in front, 204 with check bytes
+    uint64_t first_packet = 0;  ///< offset
+};
+
+struct Outline {
+    static constexpr size_t MOST_TRACKS = 64;
+    static constexpr size_t MOST_EDITS = 64;
+    static constexpr size_t MOST_CONFIG = 4096;
+    static constexpr size_t MOST_CUES = 16384;
+
+    Container container = Container::UNKNOWN;
+    uint64_t size = 0;          ///< of the file, in bytes; 0: not known
+    std::vector<Track> tracks;  ///< in the order of the file, MOST_TRACKS at most
+    uint64_t more_tracks = 0;
+    std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header tells it
+    std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not told
+    Mp4Outline mp4;
+    MatroskaOutline matroska;
+    MpegAudioOutline mpeg_audio;
+    TransportOutline transport;
+
+    const Track *track(uint32_t number) const;
+};
+
+/// Reads the outline of a file. What can't be read, or goes beyond the reader's limits, is left out.
+Outline read_outline(ByteSource &source);
+
+/// ISO/IEC 14496-3, the first fields of AudioSpecificConfig.
+struct AudioConfig {
+    uint32_t object_type;     ///< 2 is LC
+    uint32_t sample_rate;     ///< hertz
+    uint32_t channel_config;  ///< channelConfiguration
+};
+/// None where the bytes are too few or name no rate.
+std::optional<AudioConfig> parse_audio_config(const std::vector<uint8_t> &config);
+
+#endif

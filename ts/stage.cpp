@@ -1,0 +1,248 @@
+#include "golt_stage.h"
+
+#include <algorithm>
+#include <new>
+
+#include "stage_state.h"
+
+namespace golt {
+
+namespace {
+
+constexpr int64_t USUAL_SHIFT = SECOND;
+// Times that go back by more than this are those of another place in the file; of pictures that are not in order
+// yet, by more than the second.
+constexpr int64_t JUMP_BACK = SECOND;
+constexpr int64_t FIRST_JUMP_BACK = 5 * SECOND;
+// The stream's first packets are held back no longer than this.
+constexpr int64_t LONGEST_HOLD = 3 * SECOND;
+// Without a sequence parameter set that can be read.
+constexpr size_t UNKNOWN_DEPTH = 4;
+
+}  // namespace
+
+Stage::Stage(Write sink, void *handle, const StageHints &hints)
+    : m_state(new (std::nothrow) State(sink, handle, hints))
+{
+    if (m_state != nullptr && m_state->m_writer.open()) return;
+    delete m_state;
+    m_state = nullptr;
+}
+
+Stage::~Stage()
+{
+    delete m_state;
+}
+
+bool Stage::write(const uint8_t *packets, size_t size)
+{
+    return m_state != nullptr && m_state->write(packets, size);
+}
+
+bool Stage::flush()
+{
+    if (m_state == nullptr) return false;
+    m_state->m_writer.flush();
+    return !m_state->m_writer.has_failed();
+}
+
+bool Stage::finish()
+{
+    return m_state != nullptr && m_state->finish();
+}
+
+StageCounts Stage::counts() const
+{
+    if (m_state == nullptr) return {};
+    StageCounts counts = m_state->m_counts;
+    counts.bytes_out = m_state->m_writer.bytes_out();
+    return counts;
+}
+
+int64_t Stage::shift() const
+{
+    return m_state != nullptr ? m_state->m_shift : 0;
+}
+
+Stage::State::State(Write sink, void *handle, const StageHints &hints)
+    : m_mode(hints.mode)
+    , m_offsets{hints.video.offset, hints.audio.offset}
+    , m_durations(hints.audio_durations)
+    , m_aac(read_aac_config(hints.audio.config, hints.audio.config_size))
+    , m_writer(sink, handle)
+{
+    m_sets.take_config(hints.video.config, hints.video.config_size);
+}
+
+bool Stage::State::write(const uint8_t *bytes, size_t size)
+{
+    if (m_mode == StageMode::BY_FIRST_PACKET && size > 0)
+        m_mode = size >= TS_SIZE && is_library_pat(bytes) ? StageMode::REMUX : StageMode::PASS;
+    if (m_mode == StageMode::PASS) {
+        m_writer.pass(bytes, size);
+        m_counts.packets_in += size / TS_SIZE;
+        return !m_writer.has_failed();
+    }
+    for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE)
+        take(bytes);
+    if (size > 0) ++m_counts.dropped;
+    return !m_writer.has_failed();
+}
+
+bool Stage::State::finish()
+{
+    if (m_f_holding && !m_held.is_empty()) end_hold();
+    end_unit();
+    m_writer.flush();
+    return !m_writer.has_failed();
+}
+
+// Packets as they come
+
+void Stage::State::take(const uint8_t *packet)
+{
+    constexpr uint8_t UNIT_START = 0x40, CONTROL = 0x30, PAYLOAD = 0x10;
+    ++m_counts.packets_in;
+    const unsigned pid = (packet[1] & 0x1Fu) << 8 | packet[2];
+    const bool f_start = (packet[1] & UNIT_START) != 0;
+    if (packet[0] == 0x47 && m_phase == Phase::SLICES && pid == VIDEO_PID && !f_start &&
+        (packet[3] & CONTROL) == PAYLOAD && m_in_lane == VIDEO && !m_f_holding) {
+        feed_slices(packet + TS_HEAD, TS_ROOM);
+        return;
+    }
+    if (packet[0] == 0x47 && pid == PAT_PID) return;
+    if (packet[0] == 0x47 && pid == PMT_PID) {
+        m_program.take_pmt(packet);
+        return;
+    }
+    const LaneIndex lane = packet[0] == 0x47 ? lane_of(pid) : NO_LANE;
+    const Payload payload = payload_of(packet);
+    UnitStart start = {};
+    if (f_start) m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
+    if (lane == NO_LANE || lane != m_in_lane || payload.size == 0) {
+        ++m_counts.dropped;
+        return;
+    }
+    if (f_start) take_start(lane, start);
+    if (m_f_holding)
+        hold(packet, lane, payload, f_start ? &start : nullptr);
+    else
+        process(packet);
+}
+
+LaneIndex Stage::State::lane_of(unsigned pid) const
+{
+    if (pid == VIDEO_PID && m_program.has_video()) return VIDEO;
+    return pid == AUDIO_PID && m_program.knows_audio() ? AUDIO : NO_LANE;
+}
+
+void Stage::State::take_start(LaneIndex lane, const UnitStart &start)
+{
+    const int64_t time = m_in_times[lane].extend(start.pts) + m_offsets[lane];
+    if (lane == AUDIO) m_program.note_audio();
+    if (is_jump(lane, time)) {
+        if (m_f_holding) end_hold();
+        begin_hold();
+    }
+    const bool f_first = !m_f_begun[VIDEO] && !m_f_begun[AUDIO];
+    const bool f_first_of_lane = !m_f_begun[lane];
+    m_f_begun[lane] = true;
+    m_told[lane] = time;
+    if (!m_f_holding) return;
+
+    m_lowest = f_first ? time : std::min(m_lowest, time);
+    m_highest = f_first ? time : std::max(m_highest, time);
+    if (lane == AUDIO && f_first_of_lane) m_first_audio = time;
+    if (lane == VIDEO && m_pictures_held < MOST_FIRST_TIMES) m_first_times[m_pictures_held] = time;
+    if (lane == VIDEO) ++m_pictures_held;
+}
+
+// Audio that goes back without being behind the clock needs nothing but a new time.
+bool Stage::State::is_jump(LaneIndex lane, int64_t time) const
+{
+    if (!m_f_begun[lane]) return false;
+    if (m_f_holding) return time < m_told[lane] - FIRST_JUMP_BACK;
+    if (lane == VIDEO) return m_decode.has_last() && time < m_decode.last() - JUMP_BACK;
+    return !m_audio.stands_still(time, m_durations) && time < m_audio.last() - JUMP_BACK &&
+           time < m_pcr + ClockBound::LEAD;
+}
+
+void Stage::State::begin_hold()
+{
+    m_f_holding = true;
+    m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
+    m_pictures_held = 0;
+}
+
+void Stage::State::hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+                        const UnitStart *start)
+{
+    // The unit before is still being written, with its own picture's head.
+    if (start != nullptr && m_held.is_empty()) {
+        end_unit();
+        m_f_depth_known = m_sets.reorder_depth() >= 0;
+    }
+    if (lane == VIDEO && !m_f_depth_known) look_for_depth(payload, start);
+    if (!m_held.add(packet)) {
+        m_counts.f_no_memory = m_counts.f_no_memory || m_held.is_empty();
+        end_hold();
+        process(packet);
+        return;
+    }
+    if (may_go_on()) end_hold();
+}
+
+// How many pictures there have to be stands in the first one.
+void Stage::State::look_for_depth(const Payload &payload, const UnitStart *start)
+{
+    if (m_pictures_held > 1) {
+        m_head.end();
+    } else {
+        const size_t header = start != nullptr ? start->size : 0;
+        if (start != nullptr) m_head.begin(m_program.video_codec());
+        m_head.add(payload.bytes + header, payload.size - header);
+    }
+    m_f_depth_known = m_head.is_complete();
+    if (m_f_depth_known) take_sets();
+}
+
+bool Stage::State::may_go_on() const
+{
+    if (m_highest - m_lowest > LONGEST_HOLD) return true;
+    const bool f_pictures =
+        !m_program.has_video() || (m_f_depth_known && m_pictures_held > depth());
+    return f_pictures && (!m_program.has_audio() || m_f_begun[AUDIO]);
+}
+
+size_t Stage::State::depth() const
+{
+    if (m_program.video_codec() == VideoCodec::MPEG2) return m_mpeg2_depth;
+    const int told = m_sets.reorder_depth();
+    return told >= 0 ? static_cast<size_t>(told) : UNKNOWN_DEPTH;
+}
+
+void Stage::State::end_hold()
+{
+    m_f_holding = false;
+    m_f_decode_begun = m_pictures_held > 0;
+    int64_t first = m_first_audio;
+    if (m_f_decode_begun) {
+        const size_t count = std::min(m_pictures_held, MOST_FIRST_TIMES);
+        const int64_t picture = m_decode.begin(depth(), m_first_times, count, INT64_MIN);
+        first = m_f_begun[AUDIO] ? std::min(first, picture) : picture;
+    }
+    m_audio.begin();
+    m_bound.begin();
+    const int64_t clock = first - ClockBound::FIRST_LEAD;
+    if (!m_f_shifted) {
+        m_shift = std::max(USUAL_SHIFT, -clock);
+        m_f_shifted = true;
+        m_pcr = clock;
+    } else if (clock <= m_pcr || clock - m_pcr > LONGEST_GAP) {
+        m_f_clock_jumps = true;
+        m_pcr = clock;
+    }
+    m_held.release([this](const uint8_t *packet) { process(packet); });
+}
+
+}  // namespace golt

@@ -1,0 +1,207 @@
+#include "stage_audio.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace golt {
+
+namespace {
+
+const uint32_t AAC_RATES[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                22050, 16000, 12000, 11025, 8000,  7350};
+
+bool read_adts(const uint8_t *bytes, FrameHead &head)
+{
+    const uint32_t index = bytes[2] >> 2 & 0xFu;
+    if (bytes[0] != 0xFF || (bytes[1] & 0xF6) != 0xF0 || index >= 13) return false;
+    head.size = (bytes[3] & 3u) << 11 | uint32_t{bytes[4]} << 3 | bytes[5] >> 5;
+    head.samples = 1024 * ((bytes[6] & 3u) + 1);
+    head.rate = AAC_RATES[index];
+    return head.size > ADTS_SIZE;
+}
+
+bool read_mpeg(const uint8_t *bytes, FrameHead &head)
+{
+    // kbit/s of MPEG-1 layers I to III, then of the lower rates' layer I, and II and III.
+    static const uint16_t bit_rates[5][15] = {
+        {0, 32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448},
+        {0, 32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384},
+        {0, 32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320},
+        {0, 32, 48, 56, 64, 80, 96, 112, 128, 144, 160, 176, 192, 224, 256},
+        {0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160}};
+    static const uint32_t rates[3] = {44100, 48000, 32000};
+    const unsigned version =
+        bytes[1] >> 3 & 3u;  // 3: MPEG-1, 2: MPEG-2, 0: its extension to lower rates
+    const unsigned layer = 4 - (bytes[1] >> 1 & 3u);
+    const unsigned bit_rate = bytes[2] >> 4, rate = bytes[2] >> 2 & 3u;
+    if (bytes[0] != 0xFF || (bytes[1] & 0xE0) != 0xE0 || version == 1 || layer == 4 ||
+        bit_rate == 15 || rate == 3)
+        return false;
+    const bool f_mpeg1 = version == 3;
+    head.rate = rates[rate] / (f_mpeg1 ? 1 : version == 2 ? 2 : 4);
+    head.samples = layer == 1 ? 384 : layer == 3 && !f_mpeg1 ? 576 : 1152;
+    const uint32_t bits = bit_rates[f_mpeg1 ? layer - 1 : layer == 1 ? 3 : 4][bit_rate] * 1000u;
+    const uint32_t slot = layer == 1 ? 4 : 1, padding = bytes[2] >> 1 & 1u;
+    head.size = bits == 0 ? 0 : (head.samples / 8 / slot * bits / head.rate + padding) * slot;
+    return true;
+}
+
+bool read_ac3(const uint8_t *bytes, FrameHead &head)
+{
+    static const uint16_t bit_rates[19] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
+                                           192, 224, 256, 320, 384, 448, 512, 576, 640};
+    static const uint32_t rates[3] = {48000, 44100, 32000};
+    if (bytes[0] != 0x0B || bytes[1] != 0x77) return false;
+    const unsigned bsid = bytes[5] >> 3, code = bytes[4] >> 6;
+    if (bsid <= 10) {
+        const unsigned size = bytes[4] & 0x3Fu;
+        if (code == 3 || size >= 38) return false;
+        const uint32_t bits = bit_rates[size / 2];
+        // Words of 16 bits; with 44.1 kHz those of odd codes have one more.
+        const uint32_t words = code == 0   ? bits * 2
+                               : code == 2 ? bits * 3
+                                           : bits * 320 / 147 + (size & 1);
+        // Versions 9 and 10 have half and a quarter of the rate.
+        head = {words * 2, 1536, rates[code] >> (bsid > 8 ? bsid - 8 : 0)};
+        return true;
+    }
+    if (bsid > 16) return false;
+    // E-AC-3. Of the independent streams the first tells the time; the others and the dependent ones go with it.
+    static const uint32_t blocks[4] = {1, 2, 3, 6};
+    const unsigned type = bytes[2] >> 6, substream = bytes[2] >> 3 & 7u, low = bytes[4] >> 4 & 3u;
+    if (type == 3 || (code == 3 && low == 3)) return false;
+    head.size = (((bytes[2] & 7u) << 8 | bytes[3]) + 1) * 2;
+    head.rate = code == 3 ? rates[low] / 2 : rates[code];
+    const bool f_counts = type != 1 && substream == 0;
+    head.samples = f_counts ? 256 * (code == 3 ? 6 : blocks[low]) : 0;
+    return true;
+}
+
+// Reads the bits of a configuration; behind its end there are only zeros.
+class ConfigBits {
+public:
+    ConfigBits(const uint8_t *bytes, size_t size)
+        : m_bytes(bytes)
+        , m_size(size * 8)
+    {
+    }
+
+    bool is_short() const { return m_at > m_size; }
+
+    uint32_t bits(unsigned count)
+    {
+        uint32_t value = 0;
+        for (; count > 0; --count, ++m_at)
+            value = value << 1 |
+                    (m_at < m_size ? uint32_t{m_bytes[m_at / 8]} >> (7 - m_at % 8) & 1 : 0);
+        return value;
+    }
+
+private:
+    const uint8_t *m_bytes;
+    size_t m_size;
+    size_t m_at = 0;
+};
+
+uint32_t read_object_type(ConfigBits &in)
+{
+    const uint32_t type = in.bits(5);
+    return type == 31 ? 32 + in.bits(6) : type;
+}
+
+// Returns the index of a rate that stands there as a number, too; 15 where it has none.
+uint32_t read_frequency(ConfigBits &in)
+{
+    const uint32_t index = in.bits(4);
+    if (index != 15) return index;
+    const uint32_t rate = in.bits(24);
+    const uint32_t *const end = AAC_RATES + 13;
+    const uint32_t *const found = std::find(AAC_RATES, end, rate);
+    return found == end ? 15 : static_cast<uint32_t>(found - AAC_RATES);
+}
+
+}  // namespace
+
+bool read_frame_head(AudioCodec codec, const uint8_t *bytes, FrameHead &head)
+{
+    switch (codec) {
+    case AudioCodec::AAC: return read_adts(bytes, head);
+    case AudioCodec::MPEG: return read_mpeg(bytes, head);
+    case AudioCodec::AC3: return read_ac3(bytes, head);
+    case AudioCodec::NONE: break;
+    }
+    return false;
+}
+
+AacConfig read_aac_config(const uint8_t *config, size_t size)
+{
+    constexpr uint32_t MAIN = 1, LTP = 4, SBR = 5, PS = 29;
+    ConfigBits in(config, size);
+    uint32_t type = read_object_type(in);
+    const uint32_t index = read_frequency(in);
+    const uint32_t channels = in.bits(4);
+    // The extension's rate is that of what is decoded; the frames go by the other one.
+    if (type == SBR || type == PS) {
+        read_frequency(in);
+        type = read_object_type(in);
+    }
+    const bool f_short_frames = in.bits(1) != 0;  // frameLengthFlag
+    if (in.is_short() || type < MAIN || type > LTP || index >= 13 || channels > 7) return {};
+    return {true, static_cast<uint8_t>(type - 1), static_cast<uint8_t>(index),
+            static_cast<uint8_t>(channels), f_short_frames ? 960u : 1024u};
+}
+
+// Channels that the frames themselves tell are left as they are.
+void correct_adts(uint8_t *header, const AacConfig &config)
+{
+    const unsigned before = (header[2] & 1u) << 2 | header[3] >> 6;
+    const unsigned channels = config.channels != 0 ? config.channels : before;
+    header[2] =
+        static_cast<uint8_t>(unsigned{config.profile} << 6 | unsigned{config.frequency_index} << 2 |
+                             (header[2] & 2u) | channels >> 2);
+    header[3] = static_cast<uint8_t>((channels & 3) << 6 | (header[3] & 0x3Fu));
+}
+
+void FrameWalk::begin(AudioCodec codec)
+{
+    m_codec = codec;
+    m_head_size = m_skip = 0;
+    m_samples = m_rate = 0;
+}
+
+void FrameWalk::add(const uint8_t *bytes, size_t size)
+{
+    while (size > 0 && m_codec != AudioCodec::NONE) {
+        const size_t skipped = std::min(m_skip, size);
+        m_skip -= skipped;
+        bytes += skipped;
+        size -= skipped;
+        const size_t part = std::min(FRAME_HEAD_SIZE - m_head_size, size);
+        if (part == 0) continue;
+        memcpy(m_head + m_head_size, bytes, part);
+        m_head_size += part;
+        bytes += part;
+        size -= part;
+        if (m_head_size == FRAME_HEAD_SIZE) take_head();
+    }
+}
+
+// Behind what is no header, or tells no size, nothing can be found.
+void FrameWalk::take_head()
+{
+    FrameHead head;
+    m_head_size = 0;
+    if (!read_frame_head(m_codec, m_head, head)) {
+        m_codec = AudioCodec::NONE;
+        return;
+    }
+    m_samples += head.samples;
+    if (m_rate == 0) m_rate = head.rate;
+    if (head.size <= FRAME_HEAD_SIZE) {
+        m_codec = AudioCodec::NONE;
+        return;
+    }
+    m_skip = head.size - FRAME_HEAD_SIZE;
+}
+
+}  // namespace golt

@@ -1,0 +1,66 @@
+// What the stage has to know of audio: how long the frames of a PES packet last, by their headers, and what an ADTS
+// header should tell. AAC is ISO/IEC 14496-3, MPEG audio 11172-3 and 13818-3, AC-3 and E-AC-3 ATSC A/52.
+
+#ifndef GOLT_STAGE_AUDIO_H
+#define GOLT_STAGE_AUDIO_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace golt {
+
+enum class AudioCodec : uint8_t { NONE, MPEG, AAC, AC3 };
+
+/// What a frame's header tells. size: bytes; 0 where it can't be told. samples: 0 for a frame that belongs to the
+/// one before.
+struct FrameHead {
+    uint32_t size = 0;
+    uint32_t samples = 0;
+    uint32_t rate = 0;
+};
+
+constexpr size_t FRAME_HEAD_SIZE = 8;
+
+/// bytes: FRAME_HEAD_SIZE. False: that is no header.
+bool read_frame_head(AudioCodec codec, const uint8_t *bytes, FrameHead &head);
+
+/// What an AudioSpecificConfig tells of the frames that it describes.
+struct AacConfig {
+    bool is_known = false;
+    uint8_t profile = 0;          ///< of ADTS: audio object type - 1
+    uint8_t frequency_index = 0;  ///< sampling_frequency_index, without any extension
+    uint8_t channels = 0;         ///< channelConfiguration; 0: left to the frames
+    uint32_t samples = 1024;      ///< of a frame
+};
+
+/// Of what ADTS can't tell, nothing is known.
+AacConfig read_aac_config(const uint8_t *config, size_t size);
+
+constexpr size_t ADTS_SIZE = 7;
+/// Corrects an ADTS header in place.
+void correct_adts(uint8_t *header, const AacConfig &config);
+
+/// Walks from header to header over the frames of a PES packet that comes in pieces.
+class FrameWalk {
+public:
+    void begin(AudioCodec codec);
+    void add(const uint8_t *bytes, size_t size);
+
+    /// Samples of all frames that have begun, and their rate; 0 where no header was found.
+    uint64_t samples() const { return m_samples; }
+    uint32_t rate() const { return m_rate; }
+
+private:
+    void take_head();
+
+    AudioCodec m_codec = AudioCodec::NONE;
+    uint8_t m_head[FRAME_HEAD_SIZE];
+    size_t m_head_size = 0;
+    size_t m_skip = 0;  // bytes of the present frame that are still to come
+    uint64_t m_samples = 0;
+    uint32_t m_rate = 0;
+};
+
+}  // namespace golt
+
+#endif

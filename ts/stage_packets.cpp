@@ -1,0 +1,282 @@
+#include "stage_packets.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace golt {
+
+namespace {
+
+constexpr uint8_t SYNC_BYTE = 0x47;
+constexpr uint8_t UNIT_START = 0x40;  // payload_unit_start_indicator, above the PID
+constexpr uint8_t PAYLOAD = 0x10;     // adaptation_field_control
+constexpr uint8_t ADAPTATION = 0x20;
+constexpr uint8_t DISCONTINUITY = 0x80;  // flags of an adaptation field
+constexpr uint8_t RANDOM_ACCESS = 0x40;
+constexpr uint8_t HAS_PCR = 0x10;
+constexpr uint8_t STUFFING = 0xFF;
+constexpr size_t PCR_SIZE = 6;
+constexpr size_t TIME_SIZE = 5;      // of a PTS or DTS
+constexpr size_t PES_HEAD = 9;       // without times
+constexpr size_t PES_LENGTH_AT = 4;  // in it
+constexpr size_t PES_UNCOUNTED = 6;  // bytes of it that its length doesn't count
+constexpr uint64_t LONGEST_PES = 65535;
+
+// What a write takes at once. A PES packet of which the length can be told fits behind it: it begins where less than
+// that is held.
+constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
+constexpr size_t CAPACITY = BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
+
+void put_be16(uint8_t *to, uint32_t value)
+{
+    to[0] = static_cast<uint8_t>(value >> 8);
+    to[1] = static_cast<uint8_t>(value);
+}
+
+// Base of 33 bits, 6 reserved bits, extension of 9 bits, which is 0.
+void put_pcr(uint8_t *to, int64_t pcr)
+{
+    const auto base = static_cast<uint64_t>(pcr);
+    put_be16(to, static_cast<uint32_t>(base >> 17 & 0xFFFF));
+    put_be16(to + 2, static_cast<uint32_t>(base >> 1 & 0xFFFF));
+    to[4] = static_cast<uint8_t>((base & 1) << 7 | 0x7E);
+    to[5] = 0;
+}
+
+// 3, 15 and 15 bits behind a prefix of 4, each with a marker bit behind it.
+void put_time(uint8_t *to, uint32_t prefix, int64_t time)
+{
+    const auto ticks = static_cast<uint64_t>(time);
+    to[0] = static_cast<uint8_t>(prefix << 4 | (ticks >> 30 & 7) << 1 | 1);
+    put_be16(to + 1, static_cast<uint32_t>((ticks >> 15 & 0x7FFF) << 1 | 1));
+    put_be16(to + 3, static_cast<uint32_t>((ticks & 0x7FFF) << 1 | 1));
+}
+
+}  // namespace
+
+PacketWriter::~PacketWriter()
+{
+    delete[] m_buffer;
+}
+
+bool PacketWriter::open()
+{
+    m_buffer = new (std::nothrow) uint8_t[CAPACITY];
+    return m_buffer != nullptr;
+}
+
+void PacketWriter::put_section(OutPid &to, const uint8_t *section, size_t size)
+{
+    begin_packet(to, true);
+    uint8_t *const at = packet() + TS_HEAD;
+    at[0] = 0;  // pointer_field
+    memcpy(at + 1, section, size);
+    memset(at + 1 + size, STUFFING, TS_ROOM - 1 - size);
+    m_held += TS_SIZE;
+    m_fill = 0;
+}
+
+void PacketWriter::put_clock(const OutPid &to, int64_t pcr, bool f_jumps)
+{
+    make_room();
+    uint8_t *const at = packet();
+    at[0] = SYNC_BYTE;
+    put_be16(at + 1, to.pid);
+    at[3] =
+        static_cast<uint8_t>(ADAPTATION | to.counter);  // a packet without payload doesn't count
+    at[4] = static_cast<uint8_t>(TS_ROOM - 1);
+    at[5] = static_cast<uint8_t>(HAS_PCR | (f_jumps ? DISCONTINUITY : 0));
+    put_pcr(at + 6, pcr);
+    memset(at + 6 + PCR_SIZE, STUFFING, TS_SIZE - 6 - PCR_SIZE);
+    m_held += TS_SIZE;
+}
+
+void PacketWriter::begin_pes(OutPid &to, const PesStart &start)
+{
+    m_to = &to;
+    m_start = start;
+    begin_pes_packet(start);
+}
+
+void PacketWriter::append(const uint8_t *bytes, size_t size)
+{
+    if (!m_start.f_video && m_pes_size + size > LONGEST_PES) {
+        const auto part = static_cast<size_t>(LONGEST_PES - m_pes_size);
+        if (part > 0) append(bytes, part);
+        next_pes_of_unit();
+        append(bytes + part, size - part);
+        return;
+    }
+    m_pes_size += size;
+    while (size > 0) {
+        if (m_fill == TS_SIZE) {
+            m_held += TS_SIZE;
+            begin_packet(*m_to, false);
+        }
+        // A copy of fixed size needs no call.
+        if (m_fill == TS_HEAD && size >= TS_ROOM) {
+            memcpy(packet() + TS_HEAD, bytes, TS_ROOM);
+            m_fill = TS_SIZE;
+            bytes += TS_ROOM;
+            size -= TS_ROOM;
+            continue;
+        }
+        const size_t part = std::min(size, TS_SIZE - m_fill);
+        memcpy(packet() + m_fill, bytes, part);
+        m_fill += part;
+        bytes += part;
+        size -= part;
+    }
+}
+
+void PacketWriter::align()
+{
+    if (m_fill == TS_SIZE || m_fill == TS_HEAD) return;
+    stuff();
+}
+
+void PacketWriter::end_pes()
+{
+    close_pes();
+    m_to = nullptr;
+}
+
+void PacketWriter::pass(const uint8_t *bytes, size_t size)
+{
+    while (size > 0) {
+        if (m_held == BLOCK) give(m_held);
+        const size_t part = std::min(size, BLOCK - m_held);
+        memcpy(packet(), bytes, part);
+        m_held += part;
+        bytes += part;
+        size -= part;
+    }
+}
+
+void PacketWriter::flush()
+{
+    if (m_to == nullptr) give(m_held);
+}
+
+// Private
+
+void PacketWriter::begin_packet(OutPid &to, bool f_unit_start)
+{
+    make_room();
+    to.counter = (to.counter + 1) & 0xF;
+    uint8_t *const at = packet();
+    at[0] = SYNC_BYTE;
+    put_be16(at + 1, to.pid);
+    if (f_unit_start) at[1] |= UNIT_START;
+    at[3] = static_cast<uint8_t>(PAYLOAD | to.counter);
+    m_fill = TS_HEAD;
+    m_adaptation = 0;
+}
+
+void PacketWriter::begin_pes_packet(const PesStart &start)
+{
+    if (m_held >= BLOCK) give(m_held);
+    begin_packet(*m_to, true);
+    begin_adaptation(start);
+    begin_header(start);
+}
+
+void PacketWriter::begin_adaptation(const PesStart &start)
+{
+    const bool has_pcr = start.pcr != NO_TIME;
+    if (!has_pcr && !start.f_random_access) return;
+    m_adaptation = 2 + (has_pcr ? PCR_SIZE : 0);
+    uint8_t *const at = packet();
+    at[3] |= ADAPTATION;
+    at[4] = static_cast<uint8_t>(m_adaptation - 1);
+    at[5] =
+        static_cast<uint8_t>((start.f_random_access ? RANDOM_ACCESS : 0) | (has_pcr ? HAS_PCR : 0));
+    if (has_pcr) put_pcr(at + 6, start.pcr);
+    m_fill += m_adaptation;
+}
+
+void PacketWriter::begin_header(const PesStart &start)
+{
+    const bool has_pts = start.pts != NO_TIME;
+    const bool has_dts = has_pts && start.dts != NO_TIME && start.dts != start.pts;
+    const size_t times = (has_pts ? TIME_SIZE : 0) + (has_dts ? TIME_SIZE : 0);
+    uint8_t *const at = packet() + m_fill;
+    put_be16(at, 0);
+    at[2] = 1;
+    at[3] = start.stream_id;
+    put_be16(at + PES_LENGTH_AT, 0);
+    at[6] =
+        has_pts ? 0x84 : 0x80;  // the payload begins with an access unit: data_alignment_indicator
+    at[7] = has_dts ? 0xC0 : has_pts ? 0x80 : 0;
+    at[8] = static_cast<uint8_t>(times);
+    if (has_pts) put_time(at + PES_HEAD, has_dts ? 3 : 2, start.pts);
+    if (has_dts) put_time(at + PES_HEAD + TIME_SIZE, 1, start.dts);
+    m_pes_at = m_held + m_fill + PES_LENGTH_AT;
+    m_f_pes_here = true;
+    m_fill += PES_HEAD + times;
+    m_pes_size = PES_HEAD - PES_UNCOUNTED + times;
+}
+
+// A unit of audio that is too long for a PES packet goes on in another one, which has no time.
+void PacketWriter::next_pes_of_unit()
+{
+    close_pes();
+    PesStart more;
+    more.stream_id = m_start.stream_id;
+    begin_pes_packet(more);
+}
+
+// Puts into the adaptation field what the open packet lacks, so that its payload ends where it does.
+void PacketWriter::stuff()
+{
+    const size_t missing = TS_SIZE - m_fill;
+    if (missing == 0) return;
+    uint8_t *const at = packet();
+    uint8_t *const payload = at + TS_HEAD + m_adaptation;
+    memmove(payload + missing, payload, m_fill - TS_HEAD - m_adaptation);
+    memset(payload, STUFFING, missing);
+    if (m_f_pes_here && m_pes_at >= m_held) m_pes_at += missing;
+    if (m_adaptation == 0 && missing > 1) at[5] = 0;  // flags
+    m_adaptation += missing;
+    at[3] |= ADAPTATION;
+    at[4] = static_cast<uint8_t>(m_adaptation - 1);
+    m_fill = TS_SIZE;
+}
+
+void PacketWriter::close_pes()
+{
+    stuff();
+    m_held += TS_SIZE;
+    m_fill = 0;
+    if (m_f_pes_here && m_pes_size <= LONGEST_PES)
+        put_be16(m_buffer + m_pes_at, static_cast<uint32_t>(m_pes_size));
+    m_f_pes_here = false;
+}
+
+// For one packet behind those that are held. No packet is open then.
+void PacketWriter::make_room()
+{
+    if (CAPACITY - m_held < TS_SIZE) give(m_held);
+}
+
+void PacketWriter::give(size_t size)
+{
+    if (size > 0 && !m_f_failed) m_f_failed = !m_write(m_handle, m_buffer, size);
+    if (!m_f_failed) m_bytes_out += size;
+    m_held = 0;
+    m_f_pes_here = false;
+}
+
+uint32_t section_crc(const uint8_t *bytes, size_t size)
+{
+    uint32_t crc = 0xFFFFFFFF;
+    for (size_t i = 0; i < size; ++i) {
+        crc ^= uint32_t{bytes[i]} << 24;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = crc << 1 ^ ((crc & 0x80000000) != 0 ? 0x04C11DB7u : 0);
+    }
+    return crc;
+}
+
+}  // namespace golt

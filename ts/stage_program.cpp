@@ -1,0 +1,131 @@
+#include "stage_program.h"
+
+#include <cstring>
+
+namespace golt {
+
+namespace {
+
+constexpr size_t COUNTER_AT = 3;  // of a packet
+constexpr size_t SECTION_AT = 5;  // behind pointer_field
+constexpr size_t ENTRIES_AT = 12, ENTRY_HEAD = 5;
+constexpr size_t CRC_SIZE = 4;
+constexpr size_t VERSION_AT = 5;
+
+const uint8_t PAT[] = {0x00, 0xB0, 0x0D, 0x00, 0x01, 0xC1, 0x00, 0x00, 0x00, 0x01, 0xEF, 0xFF};
+
+uint32_t be12(const uint8_t *at)
+{
+    return (at[0] & 0xFu) << 8 | at[1];
+}
+
+uint32_t be13(const uint8_t *at)
+{
+    return (at[0] & 0x1Fu) << 8 | at[1];
+}
+
+size_t add_crc(uint8_t *section, size_t size)
+{
+    const uint32_t crc = section_crc(section, size);
+    for (unsigned i = 0; i < CRC_SIZE; ++i)
+        section[size + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
+    return size + CRC_SIZE;
+}
+
+}  // namespace
+
+bool is_library_pat(const uint8_t *packet)
+{
+    static const uint8_t head[] = {0x47, 0x40, 0x00, 0x10, 0x00};
+    return memcmp(packet, head, sizeof head) == 0 &&
+           memcmp(packet + SECTION_AT, PAT, sizeof PAT) == 0;
+}
+
+void Program::take_pmt(const uint8_t *packet)
+{
+    if (memcmp(packet, m_taken, COUNTER_AT) == 0 &&
+        memcmp(packet + SECTION_AT, m_taken + SECTION_AT, TS_SIZE - SECTION_AT) == 0)
+        return;
+    const uint8_t *const section = packet + SECTION_AT;
+    const size_t end = be12(section + 1) + 3;
+    if ((packet[1] & 0x40) == 0 || (packet[3] & 0x30) != 0x10 || packet[4] != 0 ||
+        section[0] != 2 || end > TS_SIZE - SECTION_AT || end < ENTRIES_AT + CRC_SIZE)
+        return;
+    memcpy(m_taken, packet, TS_SIZE);
+    m_video = m_audio = Entry();
+    size_t at = ENTRIES_AT + be12(section + 10);
+    while (at + ENTRY_HEAD + CRC_SIZE <= end) {
+        const size_t size = be12(section + at + 3);
+        if (size > end - CRC_SIZE - ENTRY_HEAD - at) return;
+        Entry entry;
+        entry.type = section[at];
+        entry.size = size <= MOST_DESCRIPTORS ? size : 0;
+        memcpy(entry.descriptors, section + at + ENTRY_HEAD, entry.size);
+        const uint32_t pid = be13(section + at + 1);
+        if (pid == VIDEO_PID) m_video = entry;
+        if (pid == AUDIO_PID) m_audio = entry;
+        at += ENTRY_HEAD + size;
+    }
+}
+
+VideoCodec Program::video_codec() const
+{
+    return m_video.type == 0x1B   ? VideoCodec::H264
+           : m_video.type == 0x02 ? VideoCodec::MPEG2
+                                  : VideoCodec::NONE;
+}
+
+AudioCodec Program::audio_codec() const
+{
+    switch (m_audio.type) {
+    case 0x03:
+    case 0x04: return AudioCodec::MPEG;
+    case 0x0F: return AudioCodec::AAC;
+    case 0x81:
+    case 0x87: return AudioCodec::AC3;
+    default: return AudioCodec::NONE;
+    }
+}
+
+void Program::put_tables(PacketWriter &writer)
+{
+    uint8_t section[MOST_SECTION];
+    memcpy(section, PAT, sizeof PAT);
+    writer.put_section(m_pat, section, add_crc(section, sizeof PAT));
+
+    const size_t size = make_pmt(section);
+    const bool f_same = size == m_section_size && memcmp(section, m_section, size) == 0;
+    if (!f_same && m_section_size != 0) m_version = (m_version + 1) & 0x1F;
+    memcpy(m_section, section, size);
+    m_section_size = size;
+    section[VERSION_AT] = static_cast<uint8_t>(0xC1 | m_version << 1);
+    writer.put_section(m_pmt, section, add_crc(section, size));
+}
+
+size_t Program::put_entry(uint8_t *to, uint16_t pid, const Entry &entry)
+{
+    to[0] = entry.type;
+    to[1] = static_cast<uint8_t>(0xE0 | pid >> 8);
+    to[2] = static_cast<uint8_t>(pid);
+    to[3] = 0xF0;
+    to[4] = static_cast<uint8_t>(entry.size);
+    memcpy(to + ENTRY_HEAD, entry.descriptors, entry.size);
+    return ENTRY_HEAD + entry.size;
+}
+
+// Without version and CRC.
+size_t Program::make_pmt(uint8_t *to) const
+{
+    static const uint8_t head[ENTRIES_AT] = {0x02, 0xB0, 0,    0x00, 0x01, 0xC1,
+                                             0x00, 0x00, 0xE0, 0,    0xF0, 0x00};
+    memcpy(to, head, sizeof head);
+    to[8] = static_cast<uint8_t>(0xE0 | pcr_pid() >> 8);
+    to[9] = static_cast<uint8_t>(pcr_pid());
+    size_t size = ENTRIES_AT;
+    if (has_video()) size += put_entry(to + size, VIDEO_PID, m_video);
+    if (has_audio()) size += put_entry(to + size, AUDIO_PID, m_audio);
+    to[2] = static_cast<uint8_t>(size + CRC_SIZE - 3);
+    return size;
+}
+
+}  // namespace golt

@@ -1,0 +1,119 @@
+// What a stage keeps, and the steps of its work.
+
+#ifndef GOLT_STAGE_STATE_H
+#define GOLT_STAGE_STATE_H
+
+#include "golt_stage.h"
+#include "stage_audio.h"
+#include "stage_hold.h"
+#include "stage_input.h"
+#include "stage_packets.h"
+#include "stage_program.h"
+#include "stage_times.h"
+#include "stage_video.h"
+
+namespace golt {
+
+enum LaneIndex : size_t { VIDEO = 0, AUDIO = 1, NO_LANE = 2 };
+
+constexpr int64_t SECOND = 1000 * TICKS_PER_MS;
+constexpr int64_t LONGEST_GAP =
+    10 * SECOND;  // of the clock; it jumps where it has to go on by more
+constexpr size_t MOST_FIRST_TIMES = DecodeTimes::MOST_DEPTH + 1;
+
+// A packet goes through take, which sees where times jump and holds packets back until the times of the first ones
+// are known, and then through process, which writes. Times are those of the file with the hints' offsets; m_shift
+// comes to them where they are written.
+struct Stage::State {
+    State(Write sink, void *handle, const StageHints &hints);
+
+    bool write(const uint8_t *bytes, size_t size);
+    bool finish();
+
+    // Packets as they come
+    void take(const uint8_t *packet);
+    void take_start(LaneIndex lane, const UnitStart &start);
+    bool is_jump(LaneIndex lane, int64_t time) const;
+    void begin_hold();
+    void hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+              const UnitStart *start);
+    void look_for_depth(const Payload &payload, const UnitStart *start);
+    bool may_go_on() const;
+    size_t depth() const;
+    void end_hold();
+    LaneIndex lane_of(unsigned pid) const;
+
+    // Units as they are written
+    void process(const uint8_t *packet);
+    void feed(const Payload &payload);
+    void end_unit();
+    void begin_audio(Payload payload);
+    void begin_picture();
+    void order_picture(PesStart &start);
+    void put_head();
+    void put_sets(uint8_t type);
+    void take_sets();
+    void feed_slices(const uint8_t *bytes, size_t size);
+    int64_t advance_clock(LaneIndex lane, int64_t time, bool f_tables);
+    int64_t begin_clock(bool f_carries);
+    void put_clock(bool f_jumps);
+    void put_tables(bool f_due);
+    int64_t written(int64_t time) const { return time + m_shift; }
+
+    static void filtered(void *state, const uint8_t *bytes, size_t size)
+    {
+        static_cast<State *>(state)->m_writer.append(bytes, size);
+    }
+
+    StageMode m_mode;
+    const int64_t m_offsets[2];
+    const Durations m_durations;
+    const AacConfig m_aac;
+    PacketWriter m_writer;
+    StageCounts m_counts;
+    Program m_program;
+    OutPid m_pids[2] = {{VIDEO_PID}, {AUDIO_PID}};
+
+    // Packets as they come
+    TimeExtension m_in_times[2];
+    LaneIndex m_in_lane = NO_LANE;  // of the unit that has begun last
+    bool m_f_begun[2] = {};         // a unit has, since times last jumped
+    int64_t m_told[2] = {};         // time of the last one
+    bool m_f_holding = true;
+    PacketHold m_held;
+    int64_t m_first_times[MOST_FIRST_TIMES];  // of pictures that are held
+    size_t m_pictures_held = 0;
+    int64_t m_lowest = 0, m_highest = 0;  // of all times that are held
+    int64_t m_first_audio = 0;
+    bool m_f_depth_known = false;
+
+    // Units as they are written
+    enum class Phase : uint8_t { NONE, HEAD, SLICES, FILTERED_SLICES, AUDIO };
+    Phase m_phase = Phase::NONE;
+    LaneIndex m_lane = NO_LANE;
+    unsigned m_packets_moved = 0;
+    TimeExtension m_out_times[2];
+    int64_t m_time = 0;
+    uint8_t m_stream_id = 0;
+    DecodeTimes m_decode;
+    bool m_f_decode_begun = false;  // with the first times
+    size_t m_mpeg2_depth = 1;
+    AudioTimes m_audio;
+    FrameWalk m_walk;
+
+    ClockBound m_bound;
+    bool m_f_clock_begun = false;   // its first PCR has been written
+    bool m_f_clock_jumps = false;   // the next PCR is the first one behind a jump
+    int64_t m_pcr = 0;              // the last one
+    int64_t m_tables_at = NO_TIME;  // by the clock
+    int64_t m_shift = 0;
+    bool m_f_shifted = false;
+
+    ParameterSets m_sets;
+    PictureHead m_head;
+    SetFilter m_filter{m_sets, &State::filtered, this};
+};
+
+}  // namespace golt
+
+#endif

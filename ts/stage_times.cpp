@@ -1,0 +1,122 @@
+#include "stage_times.h"
+
+#include <algorithm>
+
+namespace golt {
+
+namespace {
+
+// By how much the times of a file, which are whole milliseconds, may be beside the exact ones.
+constexpr int64_t ROUNDING = 3 * TICKS_PER_MS / 2;
+constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
+constexpr int64_t USUAL_STEP = 40 * TICKS_PER_MS;
+
+}  // namespace
+
+// In front of the first picture that is shown stand as many times as pictures can be decoded before it.
+int64_t DecodeTimes::begin(size_t depth, int64_t *times, size_t count, int64_t lowest)
+{
+    set_depth(depth);
+    std::sort(times, times + count);
+    const int64_t first = count > 0 ? times[0] : 0;
+    int64_t step = USUAL_STEP;
+    for (size_t i = 1; i < count; ++i)
+        step = std::min(step, times[i] - times[i - 1]);
+    if (m_depth > 0 && lowest != INT64_MIN)
+        step = std::min(step, (first - lowest) / static_cast<int64_t>(m_depth));
+    step = std::max<int64_t>(step, 1);
+    m_count = m_depth;
+    for (size_t i = 0; i < m_count; ++i)
+        m_waiting[i] = first - static_cast<int64_t>(m_count - i) * step;
+    m_last = INT64_MIN;
+    return m_count > 0 ? m_waiting[0] : first;
+}
+
+int64_t DecodeTimes::next(int64_t pts)
+{
+    int64_t *const end = m_waiting + m_count;
+    int64_t *const at = std::upper_bound(m_waiting, end, pts);
+    std::copy_backward(at, end, end + 1);
+    *at = pts;
+    ++m_count;
+
+    const bool f_first = m_last == INT64_MIN;
+    int64_t time = f_first ? m_waiting[0] : m_last + 1;
+    if (m_count > m_depth) {
+        const size_t left = m_count - m_depth;
+        time = f_first ? m_waiting[left - 1] : std::max(time, m_waiting[left - 1]);
+        std::copy(m_waiting + left, m_waiting + m_count, m_waiting);
+        m_count = m_depth;
+    }
+    m_last = time;
+    return time;
+}
+
+// Audio
+
+int64_t AudioTimes::next(int64_t told, Durations durations)
+{
+    const bool f_follows = m_f_begun && m_last_samples > 0;
+    const int64_t follows = predicted();
+    const bool f_still = stands_still(told, durations);
+    if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
+        m_last = follows;
+    } else {
+        m_base = m_last = told;
+        m_samples = 0;
+    }
+    m_f_begun = true;
+    m_told = told;
+    m_last_samples = 0;
+    return m_last;
+}
+
+void AudioTimes::add(uint64_t samples, uint32_t rate)
+{
+    if (samples == 0 || rate == 0) return;
+    if (rate != m_rate) {
+        m_base = predicted();
+        m_samples = 0;
+        m_rate = rate;
+    }
+    m_samples += samples;
+    m_last_samples = samples;
+}
+
+bool AudioTimes::is_lost(int64_t told, Durations durations) const
+{
+    return stands_still(told, durations) && m_last_samples == 0;
+}
+
+bool AudioTimes::stands_still(int64_t told, Durations durations) const
+{
+    return m_f_begun && told == m_told && durations != Durations::TOLD;
+}
+
+int64_t AudioTimes::predicted() const
+{
+    if (m_rate == 0) return m_base;
+    const uint64_t ticks = m_samples * static_cast<uint64_t>(TICKS_PER_SECOND) + m_rate / 2;
+    return m_base + static_cast<int64_t>(ticks / m_rate);
+}
+
+// The clock
+
+int64_t ClockBound::add(size_t lane, int64_t dts, bool f_other_expected)
+{
+    Lane &mine = m_lanes[lane];
+    Lane &other = m_lanes[1 - lane];
+    // A lane that is behind may soon be farther behind.
+    if (other.f_begun && (other.last - dts) * 2 > m_spread)
+        m_spread = std::min((other.last - dts) * 2, MOST_SPREAD);
+    mine = {true, dts, 0};
+    if (!f_other_expected && !other.f_begun) return dts - FIRST_LEAD;
+
+    if (other.units_of_other < UNITS_UNTIL_STALLED) ++other.units_of_other;
+    const bool f_stalled = !other.f_begun || other.units_of_other >= UNITS_UNTIL_STALLED;
+    int64_t bound = other.f_begun ? std::min(dts, other.last + SLACK) : dts - m_spread;
+    if (f_stalled) bound = std::max(bound, dts - m_spread);
+    return bound - FIRST_LEAD;
+}
+
+}  // namespace golt

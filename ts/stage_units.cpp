@@ -1,0 +1,267 @@
+// Units of the library, a picture or a frame of audio each, as they are written.
+
+#include <algorithm>
+#include <cstring>
+
+#include "stage_state.h"
+
+namespace golt {
+
+namespace {
+
+constexpr int64_t PCR_STEP = 40 * TICKS_PER_MS;
+constexpr int64_t TABLES_STEP = 100 * TICKS_PER_MS;
+// Where several times are the same, or rounded.
+constexpr int64_t SAME_TIME = 2 * TICKS_PER_MS;
+// Packets of a picture behind which it is cheaper to fill one up than to move the bytes of all that follow.
+constexpr unsigned PACKETS_MOVED = 16;
+
+}  // namespace
+
+void Stage::State::process(const uint8_t *packet)
+{
+    const unsigned pid = (packet[1] & 0x1Fu) << 8 | packet[2];
+    const LaneIndex lane = pid == VIDEO_PID ? VIDEO : AUDIO;
+    Payload payload = payload_of(packet);
+    if ((packet[1] & 0x40) == 0) {
+        if (lane == m_lane) feed(payload);
+        return;
+    }
+    UnitStart start = {};
+    if (!read_unit_start(payload, start)) return;
+    end_unit();
+    payload = {payload.bytes + start.size, payload.size - start.size};
+    m_lane = lane;
+    m_stream_id = start.stream_id;
+    m_time = m_out_times[lane].extend(start.pts) + m_offsets[lane];
+    if (lane == AUDIO) {
+        begin_audio(payload);
+        return;
+    }
+    ++m_counts.pictures;
+    m_head.begin(m_program.video_codec());
+    m_phase = Phase::HEAD;
+    feed(payload);
+}
+
+void Stage::State::feed(const Payload &payload)
+{
+    switch (m_phase) {
+    case Phase::HEAD:
+        if (m_head.add(payload.bytes, payload.size)) begin_picture();
+        break;
+    case Phase::SLICES: feed_slices(payload.bytes, payload.size); break;
+    case Phase::FILTERED_SLICES: m_filter.add(payload.bytes, payload.size); break;
+    case Phase::AUDIO:
+        m_walk.add(payload.bytes, payload.size);
+        m_writer.append(payload.bytes, payload.size);
+        break;
+    case Phase::NONE: break;
+    }
+}
+
+void Stage::State::end_unit()
+{
+    if (m_phase == Phase::HEAD) {
+        m_head.end();
+        begin_picture();
+    }
+    if (m_phase == Phase::FILTERED_SLICES) m_filter.end();
+    if (m_phase == Phase::AUDIO) {
+        constexpr uint64_t USUAL_SAMPLES = 1024;
+        const bool f_short = m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known;
+        m_audio.add(f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples(),
+                    m_walk.rate());
+    }
+    if (m_phase != Phase::NONE) m_writer.end_pes();
+    m_phase = Phase::NONE;
+    m_lane = NO_LANE;
+}
+
+void Stage::State::begin_audio(Payload payload)
+{
+    ++m_counts.audio_frames;
+    if (m_audio.is_lost(m_time, m_durations)) ++m_counts.untimed_audio;
+    const int64_t time = m_audio.next(m_time, m_durations);
+    PesStart start;
+    start.stream_id = m_stream_id;
+    start.pcr = advance_clock(AUDIO, time, false);
+    start.pts = written(time);
+    m_writer.begin_pes(m_pids[AUDIO], start);
+    m_walk.begin(m_program.audio_codec());
+    m_phase = Phase::AUDIO;
+
+    if (m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known && payload.size >= ADTS_SIZE) {
+        uint8_t header[ADTS_SIZE];
+        memcpy(header, payload.bytes, ADTS_SIZE);
+        correct_adts(header, m_aac);
+        feed({header, ADTS_SIZE});
+        payload = {payload.bytes + ADTS_SIZE, payload.size - ADTS_SIZE};
+    }
+    feed(payload);
+}
+
+void Stage::State::begin_picture()
+{
+    take_sets();
+    PesStart start;
+    start.stream_id = m_stream_id;
+    start.f_video = true;
+    start.f_random_access = m_head.is_key();
+    order_picture(start);
+    m_writer.begin_pes(m_pids[VIDEO], start);
+    m_phase = Phase::SLICES;
+    m_packets_moved = 0;
+    put_head();
+}
+
+void Stage::State::order_picture(PesStart &start)
+{
+    if (!m_f_decode_begun) {
+        m_decode.begin(depth(), &m_time, 1, m_pcr + ClockBound::LEAD);
+        m_f_decode_begun = true;
+    }
+    int64_t pts = m_time;
+    int64_t dts = m_decode.next(pts);
+    if (dts > pts && dts - pts <= SAME_TIME) pts = dts;
+    if (dts > pts) {
+        // It is reordered farther than its parameter sets tell; those behind it may be, too.
+        ++m_counts.misordered;
+        m_decode.set_depth(m_decode.depth() + 1);
+        dts = pts;
+    }
+    start.pcr = advance_clock(VIDEO, dts, start.f_random_access);
+    start.pts = written(pts);
+    start.dts = written(dts);
+}
+
+// An access unit delimiter in front, and in front of a key picture the parameter sets, each once.
+void Stage::State::put_head()
+{
+    static const uint8_t delimiter[] = {0, 0, 0, 1, nal::DELIMITER, 0xF0};  // any kind of slices
+    const bool f_h264 = m_program.video_codec() == VideoCodec::H264;
+    const bool f_sets = f_h264 && m_head.is_key() && m_sets.count() > 0;
+    const bool has_delimiter = m_head.begins_with_delimiter();
+    const uint8_t *const bytes = m_head.bytes();
+    size_t done = 0;
+    if (f_h264 && !has_delimiter) m_writer.append(delimiter, sizeof delimiter);
+    if (f_h264 && has_delimiter) {
+        done = m_head.count() > 1 ? m_head.unit(1).start : m_head.body();
+        m_writer.append(bytes, done);
+    }
+    if (f_sets) {
+        put_sets(nal::SPS);
+        put_sets(nal::PPS);
+    }
+    bool has_own_sets = false;
+    for (size_t i = 0; f_sets && i < m_head.count(); ++i) {
+        const PictureHead::Unit &unit = m_head.unit(i);
+        if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
+        has_own_sets = true;
+        m_writer.append(bytes + done, unit.start - done);
+        done = i + 1 < m_head.count() ? m_head.unit(i + 1).start : m_head.body();
+    }
+    m_writer.append(bytes + done, m_head.body() - done);
+
+    // Where they stand in front of the first slice they may stand in front of others, too.
+    if (has_own_sets) {
+        m_phase = Phase::FILTERED_SLICES;
+        m_filter.begin();
+    }
+    for (done = m_head.body(); done < m_head.size();) {
+        const size_t part = std::min(m_head.size() - done, TS_ROOM);
+        feed({bytes + done, part});
+        done += part;
+    }
+}
+
+void Stage::State::put_sets(uint8_t type)
+{
+    static const uint8_t start_code[] = {0, 0, 0, 1};
+    for (size_t i = 0; i < m_sets.count(); ++i) {
+        if (m_sets.type(i) != type) continue;
+        m_writer.append(start_code, sizeof start_code);
+        m_writer.append(m_sets.unit(i), m_sets.size(i));
+    }
+}
+
+void Stage::State::take_sets()
+{
+    if (m_program.video_codec() == VideoCodec::MPEG2) {
+        if (m_head.mpeg2_depth() < 0) return;
+        m_mpeg2_depth = static_cast<size_t>(m_head.mpeg2_depth());
+        m_decode.set_depth(m_mpeg2_depth);
+        return;
+    }
+    bool f_new = false;
+    for (size_t i = 0; i < m_head.count(); ++i) {
+        const PictureHead::Unit &unit = m_head.unit(i);
+        if (unit.type == nal::SPS || unit.type == nal::PPS)
+            f_new = m_sets.take(m_head.bytes() + unit.at, unit.end - unit.at) || f_new;
+    }
+    if (f_new) m_decode.set_depth(depth());
+}
+
+void Stage::State::feed_slices(const uint8_t *bytes, size_t size)
+{
+    m_writer.append(bytes, size);
+    if (++m_packets_moved == PACKETS_MOVED) m_writer.align();
+}
+
+// Brings the clock to where a unit of this time may begin. Returns the PCR that its first packet has to bear, or
+// NO_TIME.
+int64_t Stage::State::advance_clock(LaneIndex lane, int64_t time, bool f_tables)
+{
+    const bool f_other_expected = lane == VIDEO ? m_program.has_audio() : m_program.has_video();
+    const bool f_carries = m_program.pcr_pid() == m_pids[lane].pid;
+    const int64_t bound = m_bound.add(lane, time, f_other_expected);
+    if (!m_f_clock_begun || m_f_clock_jumps) return begin_clock(f_carries);
+
+    const int64_t late = m_pcr + ClockBound::LEAD - time;
+    if (late > 0) ++m_counts.late;
+    m_counts.worst_late = std::max(m_counts.worst_late, late);
+    if (bound - m_pcr > LONGEST_GAP) {
+        m_pcr = bound;
+        put_clock(true);
+    }
+    while (bound - m_pcr > PCR_STEP) {
+        m_pcr += PCR_STEP;
+        put_tables(false);
+        put_clock(false);
+    }
+    const bool f_step = f_carries && bound > m_pcr;
+    if (f_step) m_pcr = bound;
+    put_tables(f_tables);
+    return f_step ? written(m_pcr) : NO_TIME;
+}
+
+int64_t Stage::State::begin_clock(bool f_carries)
+{
+    const bool f_jumps = m_f_clock_jumps;
+    m_f_clock_begun = true;
+    m_f_clock_jumps = false;
+    if (f_jumps || !f_carries) {
+        put_clock(f_jumps);
+        return NO_TIME;
+    }
+    put_tables(true);
+    return written(m_pcr);
+}
+
+// A packet of its own. Where the clock jumps, receivers get the tables, too.
+void Stage::State::put_clock(bool f_jumps)
+{
+    if (f_jumps) ++m_counts.jumps;
+    if (f_jumps || m_tables_at == NO_TIME) put_tables(true);
+    m_writer.put_clock(m_pids[m_program.has_video() ? VIDEO : AUDIO], written(m_pcr), f_jumps);
+}
+
+// f_due: even if the next PCR still came early enough for them.
+void Stage::State::put_tables(bool f_due)
+{
+    if (!f_due && m_pcr + PCR_STEP - m_tables_at <= TABLES_STEP) return;
+    m_tables_at = m_pcr;
+    m_program.put_tables(m_writer);
+}
+
+}  // namespace golt
