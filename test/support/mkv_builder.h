@@ -1,7 +1,7 @@
 // Matroska files (RFC 8794, RFC 9559) from a text, whose words say in the order of the file what
 // is in it:
 //
-//     h0 h1000                a SeekHead with the place of the Cues, or with one so many bytes later
+//     h0 h1000                a SeekHead with the place of the Cues, or with one so much later
 //     d473B8000               an Info with a Duration
 //     t1['V_VP8']E0[B0[10]]   a track: its number, its codec, its further children
 //     k                       the Cues
