@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
 #include <sstream>
 
-#include "bytes.h"
 #include "golt_poison.h"
 #include "heap.h"
+#include "source.h"
 
 // What happens is told on the standard output, between the messages of the cache: "r65536=100 " is
 // a read of the host and its result, "R " one that filled a whole buffer, "s65536 " a seek of the
@@ -39,22 +38,15 @@ constexpr int BLOCK = 0x10000;
 constexpr int ALL = 30 * BLOCK;
 const Bytes file = pattern(ALL, 1);
 
-struct ScriptedHost : public PELA::AVDemuxer::Listener {
-    std::deque<int> script;  // results of the next reads; a count above the room is a lie
-    std::function<int()> afterwards = [] { return ALL; };  // no lies here
-    int size = ALL;
-    int pos = 0;
+struct TellingHost : public Source {
+    std::function<int()> afterwards = [] { return ALL; };  // the script; no lies
+    int end = ALL;
     uint8_t *rest = nullptr;  // where the next byte of the last read would stand
 
     int read(uint8_t *buffer, int room) override
     {
-        int count = script.empty() ? std::min(afterwards(), room) : script.front();
-        if (!script.empty()) script.pop_front();
-        if (count > 0 && count <= room) {
-            count = std::max(std::min(count, size - pos), 0);
-            rest = std::copy_n(file.data() + (count > 0 ? pos : 0), count, buffer);
-            pos += count;
-        }
+        const int count = Source::read(buffer, room);
+        if (count >= 0 && count <= room) rest = buffer + count;
         count == BLOCK ? printf("R ") : printf("r%d=%d ", room, count);
         return count;
     }
@@ -62,14 +54,25 @@ struct ScriptedHost : public PELA::AVDemuxer::Listener {
     int64_t seek(int64_t offset, int whence) override
     {
         printf("s%lld ", static_cast<long long>(offset));
-        if (offset < 0 || whence != 0) return -1;
-        pos = static_cast<int>(offset);
-        return 0;
+        return Source::seek(offset, whence);
+    }
+
+    int64_t size() const override { return end; }
+
+protected:
+    int answer(int room) override
+    {
+        return script.empty() ? std::min(afterwards(), room) : Source::answer(room);
+    }
+
+    void deliver(uint8_t *buffer, int64_t at, int count) override
+    {
+        std::copy_n(file.data() + at, count, buffer);
     }
 };
 
 struct Cache : public ::testing::Test {
-    ScriptedHost host;
+    TellingHost host;
     std::unique_ptr<TCache> cache;
     int64_t pos = 0;  // of the reader
 
@@ -79,7 +82,7 @@ struct Cache : public ::testing::Test {
     void open(uint64_t declared)
     {
         cache = std::make_unique<TCache>(&host, declared);
-        host.pos = 0;
+        host.Source::seek(0, 0);
         pos = 0;
         host.script.clear();
     }
@@ -170,7 +173,7 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        host.size = row.size;
+        host.end = row.size;
         open(row.declared);
         EXPECT_EQ(run(row.steps), row.trace);
     }
@@ -201,7 +204,7 @@ TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
 
 TEST(CacheList, HasItsNumbersToBeRead)
 {
-    ScriptedHost host;
+    TellingHost host;
     EXPECT_EQ(List(&host, 0).minFillBuffers, 8);
     EXPECT_EQ(cachebuf_t(16).INVALID_OFFSET, 255u);
 }
@@ -227,7 +230,7 @@ TEST_F(Cache, GivesTheBytesOfTheFileWhateverTheHostDoes)
             if (roll < row.none) return roll < 0 ? -1 : 0;
             return row.longest == ALL ? ALL : 1 + below(row.longest);
         };
-        host.size = row.size;
+        host.end = row.size;
         open(static_cast<uint64_t>(row.declared));
         for (int i = 0; i < 1500; ++i) {
             const int64_t near = std::abs(pos + below(16 * BLOCK) - 8 * BLOCK);
