@@ -245,6 +245,72 @@ TEST_F(Cache, GivesTheBytesOfTheFileWhateverTheHostDoes)
     }
 }
 
+// A buffer by itself, of the block of 0x10000.
+TEST(CacheBuffer, AsksForWhatItLacksAndGivesWhatItHolds)
+{
+    Source host(file);
+    host.seek(BLOCK, 0);
+    cachebuf_t buffer(BLOCK);
+    Bytes out(BLOCK);
+    EXPECT_FALSE(buffer.needsFill(BLOCK) || buffer.consumed() || buffer.hasRoom());
+    buffer.setup(BLOCK + 77);
+    EXPECT_TRUE(buffer.off() == BLOCK && buffer.isValid() && buffer.hasRoom());
+    EXPECT_TRUE(buffer.consumed() && !buffer.incache(BLOCK)) << "empty";
+    EXPECT_EQ(buffer.fill(BLOCK + 10, nullptr, true), 0u);
+    host.script = {100};
+    EXPECT_EQ(buffer.fill(BLOCK + 10, &host, false), 100u);
+    EXPECT_EQ(buffer.fill(BLOCK + 100, &host, true), 0u) << "they are there";
+    EXPECT_EQ(host.reads, 1);
+    EXPECT_TRUE(buffer.needsFill(BLOCK + 101) && !buffer.needsFill(BLOCK + 100));
+    EXPECT_TRUE(buffer.needsFill(BLOCK - 1)) << "whole";
+    EXPECT_TRUE(buffer.incache(2 * BLOCK - 1) && !buffer.incache(2 * BLOCK));
+    EXPECT_EQ(buffer.read(BLOCK + 80, out.data(), 50), 20);
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 20, file.begin() + BLOCK + 80));
+    EXPECT_EQ(buffer.read(BLOCK + 100, out.data(), 1) + buffer.read(BLOCK - 1, out.data(), 1) +
+                  buffer.read(BLOCK, out.data(), 0),
+              0);
+    EXPECT_EQ(buffer.read(BLOCK, out.data(), 79), 79);
+    EXPECT_FALSE(buffer.consumed());
+    EXPECT_EQ(buffer.read(BLOCK, out.data(), 1), 1);
+    EXPECT_TRUE(buffer.consumed());
+    EXPECT_EQ(buffer.fill(0, &host, true), BLOCK - 100u);
+    EXPECT_EQ(buffer.fill(0, &host, true), 0u) << "full";
+    EXPECT_EQ(host.reads, 2);
+    buffer.invalidate();
+    EXPECT_FALSE(buffer.isValid() || buffer.needsFill(0) || buffer.incache(BLOCK));
+    EXPECT_EQ(buffer.len(), 0u);
+}
+
+TEST(CacheList, CutsItsTextToTheRoom)
+{
+    cbuflist_t head(0);
+    head.list_create(2, 16);
+    for (const bool f_verbose : {false, true}) {
+        char whole[400], text[400];
+        const int size = head.list_getDbgInfo(whole, sizeof whole, f_verbose);
+        EXPECT_EQ(head.list_getDbgInfo(text, 0, f_verbose), 0);
+        for (int room = 1; room <= size; ++room) {
+            memset(text, 'x', sizeof text);
+            ASSERT_EQ(head.list_getDbgInfo(text, room, f_verbose), room);
+            EXPECT_EQ(std::string(text), std::string(whole, static_cast<size_t>(room) - 1));
+            EXPECT_EQ(text[room], 'x');
+        }
+    }
+    head.list_destroy();
+}
+
+TEST(CacheList, DoesWithoutAListener)
+{
+    uint8_t byte = 0;
+    TCache cache(nullptr, 0);
+    EXPECT_EQ(cache.read(&byte, 1), 0);
+    EXPECT_EQ(cache.seek(BLOCK), 0);
+    g_TCacheEnabled = false;
+    EXPECT_EQ(cache.read(&byte, 1), 0);
+    EXPECT_EQ(cache.seek(0), -1);
+    g_TCacheEnabled = true;
+}
+
 TEST(CacheList, TellsItsItemsInOrder)
 {
     cbuflist_t head(0);
