@@ -248,6 +248,8 @@ TEST(Pes, PutsAnAdtsHeaderInFrontOfAac)
     } rows[] = {
         {44100, 2, 100, "FFF950800D7FFC"},
         {7350, 2, 100, "FFF94C800D7FFC"},  // unknown: counts as 48000
+        {UINT32_MAX, 2, 100, "FFF94C800D7FFC"},
+        {8000, 2, 100, "FFF96C800D7FFC"},
         {96000, 7, 100, "FFF941C00D7FFC"},
         {48000, 1, 8184, "FFF94C43FFFFFC"},  // the largest frame
     };
