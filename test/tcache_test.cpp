@@ -137,6 +137,10 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
         {"gives up after 5000 rounds", 0, ALL, times(10000, "<-1 ") + "10 10",
          times(5000, "r65536=-1 z10 ") + "GOLT/TCACHE: \t   fill @ 0x00000000: 65536 got     0 " +
              "[timeout:50000 us]\nr65536=-1 >0 " + times(4999, "r65536=-1 z10 ") + "R >10 "},
+        {"gives up amid a block", 0, ALL, "<100 4 <50 " + times(4999, "<-1 ") + "300",
+         "r65536=100 >4 r65436=50 z10 " + times(4999, "r65386=-1 z10 ") +
+             "GOLT/TCACHE: \t   fill @ 0x00000064: 65436 got    50 [timeout:50000 us]\n" + again +
+             "R >300 "},
         {"end of unknown place", 0, 1000, "1000 " + times(7, "10 ") + "@0x20000 @999 10",
          "r65536=1000 >1000 " + again + "r65536=1000 z10 r64536=0 z10 >0 " +
              times(4, "r64536=0 z10 r64536=0 >0 ") + "r64536=0 z10 r64536=0 " + t +
