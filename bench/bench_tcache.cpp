@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "bytes.h"
+#include "source.h"
 #include "tcache.h"
 
 namespace {
@@ -23,38 +23,34 @@ const Bytes &source()
 }
 
 // An endless source, the file over and over, so that neither its end nor a message gets in the way.
-class MemoryHost : public PELA::AVDemuxer::Listener {
+class EndlessSource : public Source {
 public:
-    explicit MemoryHost(bool f_copy)
+    explicit EndlessSource(bool f_copy)
         : m_fCopy(f_copy)
     {
     }
 
-    int64_t reads = 0;
-
     int read(uint8_t *buffer, int size) override
     {
-        ++reads;
-        const size_t count = std::min(static_cast<size_t>(size), FILE_SIZE - m_at);
-        if (m_fCopy) memcpy(buffer, source().data() + m_at, count);
-        m_at = (m_at + count) % FILE_SIZE;
-        return static_cast<int>(count);
+        if (position() == this->size()) Source::seek(0, 0);
+        return Source::read(buffer, size);
     }
 
-    int64_t seek(int64_t offset, int) override
+    int64_t size() const override { return FILE_SIZE; }
+
+protected:
+    void deliver(uint8_t *buffer, int64_t at, int count) override
     {
-        m_at = static_cast<size_t>(offset) % FILE_SIZE;
-        return 0;
+        if (m_fCopy) memcpy(buffer, source().data() + at, static_cast<size_t>(count));
     }
 
 private:
     const bool m_fCopy;
-    size_t m_at = 0;
 };
 
 void read_through_cache(benchmark::State &state, bool f_copy)
 {
-    MemoryHost host(f_copy);
+    EndlessSource host(f_copy);
     TCache cache(&host, 0);
     const auto size = static_cast<int>(state.range(0));
     uint8_t out[MAX_READ];

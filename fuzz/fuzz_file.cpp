@@ -19,71 +19,19 @@ constexpr size_t STREAM_CHECKED = 1000 * PACKET_SIZE;  // bytes
 
 // A read that takes more turns than these of the host's reads runs into the cache's time-out.
 constexpr int LEAST_STEADY_READ = 16;
-// A host that never says more than "not yet" costs the cache 5000 calls each time.
-constexpr int NEGATIVES = 50000;
-
-class FaultyHost : public AVDemuxer::Listener {
-public:
-    explicit FaultyHost(const Input &t_input)
-        : m_input(t_input)
-    {
+// The size that a host tells, by the rule of the recipe.
+int64_t told_size(const Input &t_input)
+{
+    const auto size = static_cast<int64_t>(t_input.file.size());
+    switch (t_input.told_size) {
+    case 1: return 0;
+    case 2: return size / 2;
+    case 3: return size * 2;
+    case 4: return -1;
+    case 5: return INT64_MAX;
+    default: return size;
     }
-
-    int read(uint8_t *buffer, int size) override
-    {
-        const LibraryCall host(false);
-        require(size > 0, "the host is asked for bytes");
-        const bool f_fault = is_fault();
-        if (f_fault && (m_input.faults & FAULT_LIE) != 0) return size + 1;
-        if (f_fault && (m_input.faults & FAULT_ZERO) != 0) return 0;
-        if (f_fault && (m_input.faults & FAULT_NEGATIVE) != 0 && m_negatives > 0) {
-            --m_negatives;
-            return -1 - m_negatives;
-        }
-        const int64_t left = static_cast<int64_t>(m_input.file.size()) - m_pos;
-        int64_t count = std::min<int64_t>({size, left, m_input.most_of_read});
-        if (f_fault && (m_input.faults & FAULT_SHORT) != 0) count /= 2;
-        if (count <= 0) return 0;
-        std::copy_n(m_input.file.data() + m_pos, count, buffer);
-        m_pos += count;
-        return static_cast<int>(count);
-    }
-
-    int64_t seek(int64_t offset, int whence) override
-    {
-        const LibraryCall host(false);
-        require(whence == 0, "seeks count from the start");
-        if (is_fault() && (m_input.faults & FAULT_SEEK) != 0) return -1;
-        // Behind the end, or in front of the start, there are no bytes.
-        m_pos = offset >= 0 ? offset : INT64_MAX;
-        return 0;
-    }
-
-    int64_t told_size() const
-    {
-        const auto size = static_cast<int64_t>(m_input.file.size());
-        switch (m_input.told_size) {
-        case 1: return 0;
-        case 2: return size / 2;
-        case 3: return size * 2;
-        case 4: return -1;
-        case 5: return INT64_MAX;
-        default: return size;
-        }
-    }
-
-private:
-    bool is_fault()
-    {
-        ++m_calls;
-        return m_calls >= m_input.first_fault && m_calls % m_input.fault_period == 0;
-    }
-
-    const Input &m_input;
-    int64_t m_pos = 0;
-    unsigned m_calls = 0;
-    int m_negatives = NEGATIVES;
-};
+}
 
 class CheckedSink : public AVMuxer::Listener {
 public:
@@ -117,8 +65,8 @@ class Session {
 public:
     explicit Session(const Input &t_input)
         : m_input(t_input)
-        , m_host(t_input)
-        , m_second_host(t_input)
+        , m_host(t_input, t_input.faults)
+        , m_second_host(t_input, t_input.faults)
     {
         const CallWatch watch;
         m_driver = GOLT_CreateRemuxerDriver();
@@ -181,9 +129,9 @@ public:
     }
 
 private:
-    IAVDemuxer create(unsigned format, FaultyHost &host)
+    IAVDemuxer create(unsigned format, FaultySource &host)
     {
-        return m_driver->createDemuxer(name_of(format), &host, host.told_size());
+        return m_driver->createDemuxer(name_of(format), &host, told_size(m_input));
     }
 
     void create_muxer()
@@ -253,8 +201,8 @@ private:
     }
 
     const Input &m_input;
-    FaultyHost m_host;
-    FaultyHost m_second_host;
+    FaultySource m_host;
+    FaultySource m_second_host;
     CheckedSink m_sink;
     bool m_has_video = false;
     IRemuxerDriver m_driver = nullptr;

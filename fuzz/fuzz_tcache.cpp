@@ -40,11 +40,10 @@ struct Script {
     }
 };
 
-struct ScriptedHost : public AVDemuxer::Listener {
-    Script script;
-    uint8_t faults;
-    uint64_t size;
-    uint64_t pos = 0;
+struct ScriptedHost : public Source {
+    Script bytes;  // of the script of its faults
+    uint8_t faults = 0;
+    int64_t end = 0;
     unsigned calls = 0;
     bool f_honest = true;  // it stands where it was sent
 
@@ -53,38 +52,53 @@ struct ScriptedHost : public AVDemuxer::Listener {
         const LibraryCall host(false);
         require(room > 0 && room <= READ_MOST, "the host is offered room");
         ++calls;
-        const uint8_t ui1_what = script.next();
-        const bool f_fault = ui1_what < 64;
-        if (f_fault && (faults & FAULT_ZERO) != 0) return 0;
-        if (f_fault && (faults & FAULT_NEGATIVE) != 0) return INT32_MIN + ui1_what;
-        if (f_fault && (faults & FAULT_LIE) != 0) return INT32_MAX - ui1_what;
-        const uint64_t left = pos < size ? size - pos : 0;
-        auto count = static_cast<int>(std::min<uint64_t>(static_cast<unsigned>(room), left));
-        if ((faults & FAULT_SHORT) != 0) count = std::min(count, 1 + ui1_what * 16);
-        for (int i = 0; i < count; ++i)
-            buffer[i] = byte_at(pos + static_cast<unsigned>(i));
-        pos += static_cast<unsigned>(count);
-        return count;
+        return Source::read(buffer, room);
     }
 
     int64_t seek(int64_t offset, int whence) override
     {
         const LibraryCall host(false);
         require(whence == 0, "seeks count from the start");
-        if ((faults & FAULT_SEEK) != 0 && script.next() < 64) {
-            f_honest = false;
-            return -1;
-        }
-        pos = static_cast<uint64_t>(offset);
-        return 0;
+        return Source::seek(offset >= 0 ? offset : INT64_MAX, whence);
+    }
+
+    int64_t size() const override { return end; }
+
+protected:
+    int answer(int room) override
+    {
+        const uint8_t ui1_what = bytes.next();
+        const bool f_fault = ui1_what < 64;
+        if (f_fault && (faults & FAULT_ZERO) != 0) return 0;
+        if (f_fault && (faults & FAULT_NEGATIVE) != 0) return INT32_MIN + ui1_what;
+        if (f_fault && (faults & FAULT_LIE) != 0) return INT32_MAX - ui1_what;
+        return (faults & FAULT_SHORT) != 0 ? std::min(room, 1 + ui1_what * 16) : room;
+    }
+
+    bool refuses() override
+    {
+        const bool f_refused = (faults & FAULT_SEEK) != 0 && bytes.next() < 64;
+        f_honest = f_honest && !f_refused;
+        return f_refused;
+    }
+
+    void deliver(uint8_t *buffer, int64_t at, int count) override
+    {
+        for (int i = 0; i < count; ++i)
+            buffer[i] = byte_at(static_cast<uint64_t>(at + i));
     }
 };
+
+uint64_t file_size(const ScriptedHost &host)
+{
+    return static_cast<uint64_t>(host.end);
+}
 
 class CacheRun {
 public:
     CacheRun(ScriptedHost &host, uint64_t told_size)
         : m_host(host)
-        , m_exact(told_size == host.size && host.size != 0 &&
+        , m_exact(told_size == file_size(host) && host.end != 0 &&
                   (host.faults &
                    (FAULT_ZERO | FAULT_NEGATIVE | FAULT_LIE | FAULT_SHORT | FAULT_MEMORY)) == 0)
     {
@@ -120,7 +134,7 @@ public:
         for (int i = 0; i < got; ++i)
             require(block[static_cast<unsigned>(i)] == byte_at(m_pos + static_cast<unsigned>(i)),
                     "the file's bytes");
-        const uint64_t left = m_pos < m_host.size ? m_host.size - m_pos : 0;
+        const uint64_t left = file_size(m_host) - std::min(m_pos, file_size(m_host));
         if (m_exact)
             require(static_cast<uint64_t>(got) ==
                         std::min<uint64_t>(static_cast<unsigned>(std::max(size, 0)), left),
@@ -172,15 +186,15 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
     begin_input();
     const uint8_t ui1_mode = pb_data[0];
     g_TCacheEnabled = (ui1_mode & 1) == 0;
-    ScriptedHost host = {};
+    ScriptedHost host;
     host.faults = pb_data[1];
-    host.size = uint64_t{pb_data[2]} << 14 | pb_data[3];
+    host.end = int64_t{pb_data[2]} << 14 | pb_data[3];
     // The ends of the range of 64 bits are far away only for files.
-    uint64_t told_size = host.size;
+    uint64_t told_size = file_size(host);
     if ((ui1_mode & 2) != 0) told_size = 0;
     if ((ui1_mode & 4) != 0) told_size = uint64_t{pb_data[4]} << (pb_data[5] & 63);
     const size_t half = (size - 8) / 2;
-    host.script = {pb_data + 8, half};
+    host.bytes = {pb_data + 8, half};
     Script script = {pb_data + 8 + half, size - 8 - half};
     if ((host.faults & FAULT_MEMORY) != 0) {
         g_heap.granted = pb_data[6];
@@ -190,7 +204,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
     {
         CacheRun run(host, told_size);
         for (int i = 0; i < OPS_MOST && script.at < script.size; ++i)
-            perform(run, script, host.size);
+            perform(run, script, file_size(host));
     }
     g_TCacheEnabled = true;
     return 0;

@@ -109,6 +109,59 @@ Input::Input(const uint8_t *pb_data, size_t size)
     file = std::vector<uint8_t>(pb_data + head, pb_data + size);
 }
 
+// Source
+
+namespace {
+
+// A host that never says more than "not yet" costs the cache 5000 calls each time.
+constexpr int NEGATIVES = 50000;
+
+}  // namespace
+
+FaultySource::FaultySource(const Input &t_input, uint8_t faults)
+    : Source(t_input.file)
+    , m_input(t_input)
+    , m_faults(faults)
+    , m_negatives(NEGATIVES)
+{
+    most = t_input.most_of_read;
+}
+
+int FaultySource::read(uint8_t *buffer, int size)
+{
+    const LibraryCall host(false);
+    return Source::read(buffer, size);
+}
+
+int64_t FaultySource::seek(int64_t offset, int whence)
+{
+    const LibraryCall host(false);
+    require(whence == 0, "seeks count from the start");
+    // Behind the end, or in front of the start, there are no bytes.
+    return Source::seek(offset >= 0 ? offset : INT64_MAX, whence);
+}
+
+int FaultySource::answer(int room)
+{
+    const int wanted = std::min(room, most);
+    if (!is_fault()) return wanted;
+    if ((m_faults & FAULT_LIE) != 0) return room + 1;
+    if ((m_faults & FAULT_ZERO) != 0) return 0;
+    if ((m_faults & FAULT_NEGATIVE) != 0 && m_negatives > 0) return -m_negatives--;
+    return (m_faults & FAULT_SHORT) != 0 ? wanted / 2 : wanted;
+}
+
+bool FaultySource::refuses()
+{
+    return is_fault() && (m_faults & FAULT_SEEK) != 0;
+}
+
+bool FaultySource::is_fault()
+{
+    ++calls;
+    return calls >= m_input.first_fault && calls % m_input.fault_period == 0;
+}
+
 // Frames
 
 seen_t look_at(const GOLT_frame_t &t_frame)
@@ -144,71 +197,22 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size)
 
 namespace {
 
-// The file under a demuxer that stands alone.
-class ModuleSource {
-public:
-    ModuleSource(const Input &t_input, bool f_faulty)
-        : m_input(t_input)
-        , m_faults(f_faulty ? t_input.faults : 0)
-    {
-    }
-
-    uint64_t calls = 0;
-
-    static uint32_t read_proc(void *source, uint8_t *pb_data, uint32_t ui4_size)
-    {
-        const LibraryCall host(false);
-        return static_cast<ModuleSource *>(source)->read(pb_data, ui4_size);
-    }
-
-    static int32_t seek_proc(void *source, int64_t i8_offset)
-    {
-        const LibraryCall host(false);
-        return static_cast<ModuleSource *>(source)->seek(i8_offset);
-    }
-
-private:
-    uint32_t read(uint8_t *pb_data, uint32_t ui4_size)
-    {
-        const bool f_fault = is_fault();
-        if (f_fault && (m_faults & (FAULT_ZERO | FAULT_NEGATIVE)) != 0) return 0;
-        const uint64_t left = m_pos < m_input.file.size() ? m_input.file.size() - m_pos : 0;
-        auto count = static_cast<uint32_t>(std::min<uint64_t>(ui4_size, left));
-        if (f_fault && (m_faults & FAULT_SHORT) != 0) count /= 2;
-        if (count != 0) std::copy_n(m_input.file.data() + m_pos, count, pb_data);
-        m_pos += count;
-        return count;
-    }
-
-    int32_t seek(int64_t i8_offset)
-    {
-        if (is_fault() && (m_faults & FAULT_SEEK) != 0) return -1;
-        m_pos = static_cast<uint64_t>(i8_offset);
-        return 0;
-    }
-
-    bool is_fault()
-    {
-        ++calls;
-        return m_faults != 0 && calls >= m_input.first_fault && calls % m_input.fault_period == 0;
-    }
-
-    const Input &m_input;
-    uint8_t m_faults;
-    uint64_t m_pos = 0;
-};
+// A module trusts its callbacks' counts, and only the cache makes whole reads of short ones.
+constexpr uint8_t MODULE_FAULTS = UINT8_MAX - FAULT_LIE;
 
 class ModuleRun {
 public:
     ModuleRun(const GOLT_DMX_handler_t &t_module, const Input &t_input, bool f_faulty)
         : m_module(t_module)
-        , m_source(t_input, f_faulty)
+        , m_source(t_input,
+                   f_faulty ? static_cast<uint8_t>(t_input.faults & MODULE_FAULTS) : uint8_t{0})
         // Sixteen boxes that overhang, each of which may have every box header of eight bytes read.
         , m_calls_limit(32 * t_input.file.size() + 100000)
     {
         GOLT_streamInfo_t t_info = {};
+        m_source.most = INT_MAX;
         m_is_open = call([&] {
-            return m_module.init(ModuleSource::read_proc, ModuleSource::seek_proc, &m_source);
+            return m_module.init(FaultySource::read_proc, FaultySource::seek_proc, &m_source);
         });
         if (m_is_open) m_module.getStreamInfo(&t_info);
     }
@@ -264,7 +268,7 @@ private:
     }
 
     const GOLT_DMX_handler_t &m_module;
-    ModuleSource m_source;
+    FaultySource m_source;
     uint64_t m_calls_limit;
     bool m_is_open = false;
 };

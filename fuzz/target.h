@@ -13,6 +13,7 @@
 
 #include "GOLT.h"
 #include "heap.h"
+#include "source.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size);
 /// Of libFuzzer: changes the size bytes at pb_data in place, to max_size at most; the new size.
@@ -55,6 +56,29 @@ struct Input {
     int granted;             ///< requests for memory in front of the one that is refused
     std::vector<op_t> ops;
     std::vector<uint8_t> file;
+};
+
+/// The file of an input, with the faults of its recipe. A negative result doesn't come without end.
+class FaultySource : public Source {
+public:
+    /// faults: those of the recipe that there are (fault_t).
+    FaultySource(const Input &t_input, uint8_t faults);
+
+    uint64_t calls = 0;  ///< by which faults are counted
+
+    int read(uint8_t *buffer, int size) override;
+    int64_t seek(int64_t offset, int whence) override;
+
+protected:
+    int answer(int room) override;
+    bool refuses() override;
+
+private:
+    bool is_fault();
+
+    const Input &m_input;
+    uint8_t m_faults;
+    int m_negatives;
 };
 
 /// What a host sees of a frame. The bytes are summed up.

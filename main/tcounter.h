@@ -39,7 +39,6 @@ protected:
     uint32_t *m_histodat;  // durations in each bin
     uint32_t *m_histolvl;  // upper ends of the bins; the last bin has none
 
-private:
     void add(uint32_t duration);
 };
 

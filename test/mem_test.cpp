@@ -38,6 +38,12 @@ TEST(Pool, ServesTheSmallestFreeBlockThatFitsAndThenTheHeap)
         EXPECT_EQ(std::count(pool.begin(), pool.end(), block), 0);
     give(heap);
     give(pool);
+    GOLT_memInit();  // does nothing more
+    const Blocks others = {GOLT_allocMem(0x20001), GOLT_allocMem(0x401), GOLT_allocMem(0x20000)};
+    EXPECT_EQ(std::count(pool.begin(), pool.end(), others[0]), 0) << "larger than all";
+    EXPECT_EQ(others[1], pool[4]) << "larger than the small ones";
+    EXPECT_EQ(others[2], pool[6]) << "as large as the largest";
+    give(others);
     EXPECT_EQ(take(4, 24), Blocks(pool.begin(), pool.begin() + 4)) << "the small ones first";
     EXPECT_EQ(take(1, 24), Blocks{pool[4]}) << "a larger one rather than the heap";
     EXPECT_EQ(GOLT_allocMem(0x14000), pool[5]);

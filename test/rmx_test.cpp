@@ -159,6 +159,21 @@ TEST(Psi, KeepsTheDescriptionWhenItStartsAgain)
     EXPECT_EQ(out.packet(2, 4), hex("47410130"));
 }
 
+TEST(Output, ReportsSuccess)
+{
+    Output out(GOLT_VCODEC_H264, GOLT_ACODEC_AAC);
+    GOLT_frame_t frame = {};
+    GOLT_streamInfo_t info = remux_context.sinfo;
+    GOLT_remuxInfo_t pids = {};
+    uint32_t pts = 0;
+    EXPECT_TRUE(GOLT_RMX_init(Sink::write_proc, &out.sink, true) && GOLT_RMX_setStreamInfo(&info));
+    EXPECT_TRUE(GOLT_RMX_getRemuxInfo(&pids) && pids.audioPid == 0x101 && pids.videoPid == 0x100);
+    EXPECT_TRUE(GOLT_RMX_getPTS(&frame, &pts) && GOLT_RMX_convertFrame(&frame, true));
+    EXPECT_TRUE(GOLT_RMX_writeHeader() && GOLT_RMX_writeTrailer() && GOLT_RMX_destroy());
+    EXPECT_TRUE(mpeg2ts_resend_psi() && mpeg2ts_send_pat() && mpeg2ts_send_pmt());
+    EXPECT_EQ(out.packets(), 4u);
+}
+
 TEST(Pes, CarriesAnyFrameWhole)
 {
     for (const GOLT_codecs_t audio : {GOLT_ACODEC_AAC, GOLT_ACODEC_AC3, GOLT_ACODEC_MP3}) {
@@ -248,6 +263,16 @@ TEST(Pes, PutsAnAdtsHeaderInFrontOfAac)
     } rows[] = {
         {44100, 2, 100, "FFF950800D7FFC"},
         {7350, 2, 100, "FFF94C800D7FFC"},  // unknown: counts as 48000
+        {UINT32_MAX, 2, 100, "FFF94C800D7FFC"},
+        {88200, 2, 100, "FFF944800D7FFC"},
+        {64000, 2, 100, "FFF948800D7FFC"},
+        {32000, 2, 100, "FFF954800D7FFC"},
+        {24000, 2, 100, "FFF958800D7FFC"},
+        {22050, 2, 100, "FFF95C800D7FFC"},
+        {16000, 2, 100, "FFF960800D7FFC"},
+        {12000, 2, 100, "FFF964800D7FFC"},
+        {11025, 2, 100, "FFF968800D7FFC"},
+        {8000, 2, 100, "FFF96C800D7FFC"},
         {96000, 7, 100, "FFF941C00D7FFC"},
         {48000, 1, 8184, "FFF94C43FFFFFC"},  // the largest frame
     };

@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
 #include <sstream>
 
-#include "bytes.h"
 #include "golt_poison.h"
 #include "heap.h"
+#include "source.h"
 
 // What happens is told on the standard output, between the messages of the cache: "r65536=100 " is
 // a read of the host and its result, "R " one that filled a whole buffer, "s65536 " a seek of the
@@ -39,22 +38,15 @@ constexpr int BLOCK = 0x10000;
 constexpr int ALL = 30 * BLOCK;
 const Bytes file = pattern(ALL, 1);
 
-struct ScriptedHost : public PELA::AVDemuxer::Listener {
-    std::deque<int> script;  // results of the next reads; a count above the room is a lie
-    std::function<int()> afterwards = [] { return ALL; };  // no lies here
-    int size = ALL;
-    int pos = 0;
+struct TellingHost : public Source {
+    std::function<int()> afterwards = [] { return ALL; };  // the script; no lies
+    int end = ALL;
     uint8_t *rest = nullptr;  // where the next byte of the last read would stand
 
     int read(uint8_t *buffer, int room) override
     {
-        int count = script.empty() ? std::min(afterwards(), room) : script.front();
-        if (!script.empty()) script.pop_front();
-        if (count > 0 && count <= room) {
-            count = std::max(std::min(count, size - pos), 0);
-            rest = std::copy_n(file.data() + (count > 0 ? pos : 0), count, buffer);
-            pos += count;
-        }
+        const int count = Source::read(buffer, room);
+        if (count >= 0 && count <= room) rest = buffer + count;
         count == BLOCK ? printf("R ") : printf("r%d=%d ", room, count);
         return count;
     }
@@ -62,14 +54,25 @@ struct ScriptedHost : public PELA::AVDemuxer::Listener {
     int64_t seek(int64_t offset, int whence) override
     {
         printf("s%lld ", static_cast<long long>(offset));
-        if (offset < 0 || whence != 0) return -1;
-        pos = static_cast<int>(offset);
-        return 0;
+        return Source::seek(offset, whence);
+    }
+
+    int64_t size() const override { return end; }
+
+protected:
+    int answer(int room) override
+    {
+        return script.empty() ? std::min(afterwards(), room) : Source::answer(room);
+    }
+
+    void deliver(uint8_t *buffer, int64_t at, int count) override
+    {
+        std::copy_n(file.data() + at, count, buffer);
     }
 };
 
 struct Cache : public ::testing::Test {
-    ScriptedHost host;
+    TellingHost host;
     std::unique_ptr<TCache> cache;
     int64_t pos = 0;  // of the reader
 
@@ -79,7 +82,7 @@ struct Cache : public ::testing::Test {
     void open(uint64_t declared)
     {
         cache = std::make_unique<TCache>(&host, declared);
-        host.pos = 0;
+        host.Source::seek(0, 0);
         pos = 0;
         host.script.clear();
     }
@@ -134,6 +137,10 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
         {"gives up after 5000 rounds", 0, ALL, times(10000, "<-1 ") + "10 10",
          times(5000, "r65536=-1 z10 ") + "GOLT/TCACHE: \t   fill @ 0x00000000: 65536 got     0 " +
              "[timeout:50000 us]\nr65536=-1 >0 " + times(4999, "r65536=-1 z10 ") + "R >10 "},
+        {"gives up amid a block", 0, ALL, "<100 4 <50 " + times(4999, "<-1 ") + "300",
+         "r65536=100 >4 r65436=50 z10 " + times(4999, "r65386=-1 z10 ") +
+             "GOLT/TCACHE: \t   fill @ 0x00000064: 65436 got    50 [timeout:50000 us]\n" + again +
+             "R >300 "},
         {"end of unknown place", 0, 1000, "1000 " + times(7, "10 ") + "@0x20000 @999 10",
          "r65536=1000 >1000 " + again + "r65536=1000 z10 r64536=0 z10 >0 " +
              times(4, "r64536=0 z10 r64536=0 >0 ") + "r64536=0 z10 r64536=0 " + t +
@@ -170,7 +177,7 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        host.size = row.size;
+        host.end = row.size;
         open(row.declared);
         EXPECT_EQ(run(row.steps), row.trace);
     }
@@ -201,7 +208,7 @@ TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
 
 TEST(CacheList, HasItsNumbersToBeRead)
 {
-    ScriptedHost host;
+    TellingHost host;
     EXPECT_EQ(List(&host, 0).minFillBuffers, 8);
     EXPECT_EQ(cachebuf_t(16).INVALID_OFFSET, 255u);
 }
@@ -227,7 +234,7 @@ TEST_F(Cache, GivesTheBytesOfTheFileWhateverTheHostDoes)
             if (roll < row.none) return roll < 0 ? -1 : 0;
             return row.longest == ALL ? ALL : 1 + below(row.longest);
         };
-        host.size = row.size;
+        host.end = row.size;
         open(static_cast<uint64_t>(row.declared));
         for (int i = 0; i < 1500; ++i) {
             const int64_t near = std::abs(pos + below(16 * BLOCK) - 8 * BLOCK);
@@ -240,6 +247,72 @@ TEST_F(Cache, GivesTheBytesOfTheFileWhateverTheHostDoes)
             ASSERT_TRUE(got == std::min(size, left) || (row.none > 0 && got < size)) << row.name;
         }
     }
+}
+
+// A buffer by itself, of the block of 0x10000.
+TEST(CacheBuffer, AsksForWhatItLacksAndGivesWhatItHolds)
+{
+    Source host(file);
+    host.seek(BLOCK, 0);
+    cachebuf_t buffer(BLOCK);
+    Bytes out(BLOCK);
+    EXPECT_FALSE(buffer.needsFill(BLOCK) || buffer.consumed() || buffer.hasRoom());
+    buffer.setup(BLOCK + 77);
+    EXPECT_TRUE(buffer.off() == BLOCK && buffer.isValid() && buffer.hasRoom());
+    EXPECT_TRUE(buffer.consumed() && !buffer.incache(BLOCK)) << "empty";
+    EXPECT_EQ(buffer.fill(BLOCK + 10, nullptr, true), 0u);
+    host.script = {100};
+    EXPECT_EQ(buffer.fill(BLOCK + 10, &host, false), 100u);
+    EXPECT_EQ(buffer.fill(BLOCK + 100, &host, true), 0u) << "they are there";
+    EXPECT_EQ(host.reads, 1);
+    EXPECT_TRUE(buffer.needsFill(BLOCK + 101) && !buffer.needsFill(BLOCK + 100));
+    EXPECT_TRUE(buffer.needsFill(BLOCK - 1)) << "whole";
+    EXPECT_TRUE(buffer.incache(2 * BLOCK - 1) && !buffer.incache(2 * BLOCK));
+    EXPECT_EQ(buffer.read(BLOCK + 80, out.data(), 50), 20);
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + 20, file.begin() + BLOCK + 80));
+    EXPECT_EQ(buffer.read(BLOCK + 100, out.data(), 1) + buffer.read(BLOCK - 1, out.data(), 1) +
+                  buffer.read(BLOCK, out.data(), 0),
+              0);
+    EXPECT_EQ(buffer.read(BLOCK, out.data(), 79), 79);
+    EXPECT_FALSE(buffer.consumed());
+    EXPECT_EQ(buffer.read(BLOCK, out.data(), 1), 1);
+    EXPECT_TRUE(buffer.consumed());
+    EXPECT_EQ(buffer.fill(0, &host, true), BLOCK - 100u);
+    EXPECT_EQ(buffer.fill(0, &host, true), 0u) << "full";
+    EXPECT_EQ(host.reads, 2);
+    buffer.invalidate();
+    EXPECT_FALSE(buffer.isValid() || buffer.needsFill(0) || buffer.incache(BLOCK));
+    EXPECT_EQ(buffer.len(), 0u);
+}
+
+TEST(CacheList, CutsItsTextToTheRoom)
+{
+    cbuflist_t head(0);
+    head.list_create(2, 16);
+    for (const bool f_verbose : {false, true}) {
+        char whole[400], text[400];
+        const int size = head.list_getDbgInfo(whole, sizeof whole, f_verbose);
+        EXPECT_EQ(head.list_getDbgInfo(text, 0, f_verbose), 0);
+        for (int room = 1; room <= size; ++room) {
+            memset(text, 'x', sizeof text);
+            ASSERT_EQ(head.list_getDbgInfo(text, room, f_verbose), room);
+            EXPECT_EQ(std::string(text), std::string(whole, static_cast<size_t>(room) - 1));
+            EXPECT_EQ(text[room], 'x');
+        }
+    }
+    head.list_destroy();
+}
+
+TEST(CacheList, DoesWithoutAListener)
+{
+    uint8_t byte = 0;
+    TCache cache(nullptr, 0);
+    EXPECT_EQ(cache.read(&byte, 1), 0);
+    EXPECT_EQ(cache.seek(BLOCK), 0);
+    g_TCacheEnabled = false;
+    EXPECT_EQ(cache.read(&byte, 1), 0);
+    EXPECT_EQ(cache.seek(0), -1);
+    g_TCacheEnabled = true;
 }
 
 TEST(CacheList, TellsItsItemsInOrder)

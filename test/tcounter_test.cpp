@@ -27,17 +27,40 @@ TEST(TimeCounter, CountsInMicroseconds)
 }
 
 struct Probe : timecounter {
+    using timecounter::add;
     using timecounter::m_maxcount;
     using timecounter::timecounter;
 };
 
+std::string printed(timecounter &counter)
+{
+    testing::internal::CaptureStdout();
+    counter.print();
+    return testing::internal::GetCapturedStdout();
+}
+
+TEST(TimeCounter, SortsDurationsIntoItsLevels)
+{
+    Probe counter("x", 7);
+    for (const uint32_t duration : {3u, 5u})
+        counter.add(duration);
+    EXPECT_EQ(printed(counter), "GOLT: x: 2 x 4 us, deviation 1, max 5, below 500: 2, "
+                                "below 1500: 0, below 10000: 0, above: 0\n");
+    counter.reset();
+    for (const uint32_t duration : {500u, 499u, 1500u, 1499u, 10000u, 9999u, 0xFFFFFFFFu})
+        counter.add(duration);
+    EXPECT_EQ(printed(counter), "GOLT: x: 7 x 613570184 us, deviation 1502924077, max 4294967295, "
+                                "below 500: 1, below 1500: 2, below 10000: 2, above: 2\n");
+    counter.add(1);
+    EXPECT_THAT(printed(counter), ::testing::StartsWith("GOLT: x: 1 x 1 us, deviation 0, max 1, "));
+}
+
 TEST(TimeCounter, KeepsItsNumberAndItsNameAsTheyAre)
 {
     EXPECT_EQ(Probe("", -2).m_maxcount, 0xFFFFFFFEu);
-    testing::internal::CaptureStdout();
-    timecounter(std::string(70, 'n').c_str(), 0).print();
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                ::testing::StartsWith("GOLT: " + std::string(64, 'n') + ": 0 x "));
+    timecounter counter(std::string(70, 'n').c_str(), 0);
+    EXPECT_THAT(printed(counter), ::testing::StartsWith("GOLT: " + std::string(64, 'n') +
+                                                        ": 0 x 0 us, deviation 0, max 0, "));
 }
 
 }  // namespace

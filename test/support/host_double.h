@@ -1,68 +1,11 @@
-// A host over bytes in memory: the source of a demuxer, with its faults, and the sink of a muxer.
+// A host over bytes in memory: the source of a demuxer, the sink of a muxer, and the driver.
 
 #ifndef GOLT_TEST_HOST_DOUBLE_H
 #define GOLT_TEST_HOST_DOUBLE_H
 
-#include <algorithm>
-#include <cstring>
-#include <utility>
-
-#include "bytes.h"
 #include "golt_mem.h"
 #include "libgolt.h"
-
-/// A source. Faults are fields: set them before the call that is to meet them.
-class Source : public PELA::AVDemuxer::Listener {
-public:
-    explicit Source(Bytes file)
-        : m_file(std::move(file))
-    {
-    }
-
-    int64_t fail_from = -1;  ///< reads that reach this offset deliver nothing of it, -1: never
-    bool refuse_seeks = false;
-    int reads = 0;
-    int seeks = 0;
-
-    int read(uint8_t *buffer, int size) override
-    {
-        ++reads;
-        const auto end = static_cast<int64_t>(m_file.size());
-        const int64_t limit = fail_from >= 0 ? std::min(fail_from, end) : end;
-        const int64_t count = std::min<int64_t>(size, limit - m_pos);
-        if (count <= 0) return 0;
-        memcpy(buffer, m_file.data() + m_pos, static_cast<size_t>(count));
-        m_pos += count;
-        return static_cast<int>(count);
-    }
-
-    int64_t seek(int64_t offset, int whence) override
-    {
-        ++seeks;
-        if (refuse_seeks || offset < 0 || whence != 0) return -1;
-        m_pos = offset;
-        return 0;
-    }
-
-    int64_t size() const { return static_cast<int64_t>(m_file.size()); }
-    int64_t position() const { return m_pos; }
-
-    /// The source as a demuxer module sees it; the handle is the Source.
-    static uint32_t read_proc(void *source, uint8_t *buffer, uint32_t size)
-    {
-        const int got = static_cast<Source *>(source)->read(buffer, static_cast<int>(size));
-        return static_cast<uint32_t>(got);
-    }
-
-    static int32_t seek_proc(void *source, int64_t offset)
-    {
-        return static_cast<int32_t>(static_cast<Source *>(source)->seek(offset, 0));
-    }
-
-private:
-    Bytes m_file;
-    int64_t m_pos = 0;
-};
+#include "source.h"
 
 /// A sink that keeps what is written.
 class Sink : public PELA::AVMuxer::Listener {
