@@ -135,7 +135,7 @@ merged() { # CODEC [OPTION...]
 
 @test "mkv starts at a picture that stands alone" {
     merged ac3
-    for start in 600 1000 1799; do
+    for start in 600ms 1000ms 1.799; do
         remuxed a.mkv 0 --start $start
         [ -z "$(ffmpeg -v error -nostdin -i out.ts -f null - 2>&1)" ]
         [ "$(frames out.ts -an | wc -l)" -eq "$(wc -l <video_times)" ]
