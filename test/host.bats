@@ -249,7 +249,12 @@ judges() {
     exec 4<>pipe
     $GOLT remux -q long.m2ts - >pipe 2>said &
     local writer=$! size
-    sleep 0.5
+    # Until the pipe is full, more or less.
+    python3 -c 'import array, fcntl, termios, time
+held = array.array("i", [0])
+while held[0] < 50000:
+    time.sleep(0.1)
+    fcntl.ioctl(4, termios.FIONREAD, held)'
     kill -TERM $writer
     wait $writer || true
     exec 5<pipe 4>&-
