@@ -8,10 +8,10 @@
 #include <vector>
 
 struct HttpOptions {
-    uint32_t timeout_s = 20;           ///< without data, after which a server is given up; up to 120
+    uint32_t timeout_s = 20;  ///< without data, after which a server is given up; up to 120
     std::vector<std::string> headers;  ///< "name: value", sent with each request
-    std::string ca_file;               ///< PEM file of the certificates trusted; empty: the system's
-    bool f_insecure = false;           ///< any certificate will do
+    std::string ca_file;      ///< PEM file of the certificates trusted; empty: the system's
+    bool f_insecure = false;  ///< any certificate will do
 };
 
 #endif

@@ -18,9 +18,10 @@ constexpr size_t LONGEST_LINE = 512;  // the rest is left out
 
 // Most lines say how the file is read, or name what isn't known and may well be there: thousands in
 // some films. These words name trouble,
-const char *const TROUBLE[] = {"length error", "DataLen  error", "error FileGet", "error cluster ID",
-                               "read error",   "not found",      "expected",      "nsupported",
-                               "Couldn't",     "COULD NOT",      "Bad frame"};
+const char *const TROUBLE[] = {"length error",     "DataLen  error", "error FileGet",
+                               "error cluster ID", "read error",     "not found",
+                               "expected",         "nsupported",     "Couldn't",
+                               "COULD NOT",        "Bad frame"};
 // but not in a line with one of these, which many files do without.
 const char *const ORDINARY[] = {"'ctts'", "'stss'"};
 
@@ -34,7 +35,7 @@ public:
 private:
     void end_line();
 
-    std::string m_line;                         // that hasn't ended
+    std::string m_line;                          // that hasn't ended
     std::array<std::string, LINES_KEPT> m_kept;  // the last one last
 };
 
