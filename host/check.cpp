@@ -101,6 +101,7 @@ private:
 
     const bool m_f_foreign;  // packets pass as they are: what is unusual in them is no fault
     std::map<uint16_t, StreamJudge> m_streams;
+    std::optional<int64_t> m_reached[2];  // the latest times of sound and of video
     std::optional<int64_t> m_pcr;
 };
 
@@ -152,6 +153,8 @@ void Judge::on_frame(const StreamFrame &frame)
     if (!frame.time) return;
 
     stream.reached = std::max(stream.reached.value_or(*frame.time), *frame.time);
+    std::optional<int64_t> &reached = m_reached[is_video(frame.codec)];
+    reached = std::max(reached.value_or(*stream.reached), *stream.reached);
     judge_distance(stream, frame);
     if (const auto step = stream.order.add(*frame.time))
         judge_step(stream, is_video(frame.codec), *step);
@@ -225,11 +228,9 @@ void Judge::judge_step(StreamJudge &stream, bool f_video, const TimeOrder::Step 
 void Judge::judge_distance(const StreamJudge &stream, const StreamFrame &frame)
 {
     if (frame.codec == Codec::UNKNOWN) return;
-    for (const auto &[pid, other] : m_streams) {
-        if (is_video(totals[pid].codec) == is_video(frame.codec) || !other.reached) continue;
-        const int64_t late = *other.reached - *stream.reached;
-        if (late > APART) findings.add(LATE, stream.name, frame.pes.first_packet, frame.time, late);
-    }
+    const std::optional<int64_t> &other = m_reached[!is_video(frame.codec)];
+    const int64_t late = other.value_or(*stream.reached) - *stream.reached;
+    if (late > APART) findings.add(LATE, stream.name, frame.pes.first_packet, frame.time, late);
 }
 
 void Judge::judge_content(StreamJudge &stream, const StreamFrame &frame)
@@ -296,22 +297,22 @@ int64_t length_of(const StreamFrame &frame)
     return static_cast<int64_t>(in_it * header.samples * TICKS_PER_SECOND / header.sample_rate);
 }
 
+// The verdict, and below it what it rests on.
 std::string report_text(const Input &input, const Judge &judge, const std::string &fault)
 {
-    const std::string &path = input.source().path();
-    std::string text;
+    const Findings &findings = judge.findings;
+    const uint64_t count =
+        findings.all().size() + findings.left_out() + static_cast<uint64_t>(!fault.empty());
+    std::string text = fmt::format("{}: {}\n", printable(input.source().path()),
+                                   count == 0 ? "nothing found" : counted(count, "finding"));
     for (const auto &[pid, totals] : judge.totals)
-        text += fmt::format("{}: PID {:#x}, {}: {}\n", path, pid, codec_name(totals.codec),
+        text += fmt::format("  PID {:#x}, {}: {}\n", pid, codec_name(totals.codec),
                             totals_text(totals));
-    for (const Finding &finding : judge.findings.all())
-        text += fmt::format("{}: {}\n", path, finding.text());
-    if (judge.findings.left_out() > 0)
-        text += fmt::format("{}: {} more of other kinds\n", path, judge.findings.left_out());
-    if (!fault.empty()) text += fmt::format("{}: {}\n", path, fault);
-    const size_t kinds = judge.findings.all().size() + (fault.empty() ? 0 : 1);
-    text += kinds == 0   ? fmt::format("{}: nothing found\n", path)
-            : kinds == 1 ? fmt::format("{}: 1 kind of finding\n", path)
-                         : fmt::format("{}: {} kinds of findings\n", path, kinds);
+    for (const Finding &finding : findings.all())
+        text += fmt::format("  {}\n", finding.text());
+    if (findings.left_out() > 0)
+        text += fmt::format("  {} more of other kinds\n", findings.left_out());
+    if (!fault.empty()) text += fmt::format("  {}\n", printable(fault));
     return text;
 }
 

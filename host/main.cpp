@@ -118,7 +118,6 @@ CLI::Option *add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
 bool parse_timeout(const std::string &text, uint32_t *seconds);
 void complete_options(Commands &commands);
-void check_headers(const std::vector<std::string> &headers);
 int print_help(const CLI::App &app, const CLI::Success &request);
 void print_json_error(int status, const std::string &message);
 bool asks_for_json(int argc, char **argv);
@@ -399,29 +398,6 @@ void complete_options(Commands &commands)
         if (path.empty()) throw BadUsage("OUT is required: the URL names no file");
     }
     options.output = path.replace_extension(".ts").string();
-}
-
-// The value may be secret: it isn't shown.
-void check_headers(const std::vector<std::string> &headers)
-{
-    for (const std::string &header : headers) {
-        const size_t colon = header.find(':');
-        std::string name = header.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char letter) {
-            return static_cast<char>(std::tolower(letter));
-        });
-        const bool f_token =
-            !name.empty() && std::all_of(name.begin(), name.end(), [](char letter) {
-                return std::isalnum(static_cast<unsigned char>(letter)) != 0 ||
-                       std::strchr("!#$%&'*+-.^_`|~", letter) != nullptr;
-            });
-        if (colon == std::string::npos || !f_token ||
-            header.find_first_of("\r\n") != std::string::npos)
-            throw BadUsage("--header takes NAME:VALUE");
-        for (const char *own : {"range", "if-range", "accept-encoding"}) {
-            if (name == own) throw BadUsage("--header can't set what the program sets: " + name);
-        }
-    }
 }
 
 int print_help(const CLI::App &app, const CLI::Success &request)

@@ -85,6 +85,12 @@ judges() {
     writes 0 piped           'in.m2ts /dev/stdout | cat >piped'
     writes 0 closed.ts       'in.m2ts closed.ts >&-'
     writes 0 bare.ts         'in.m2ts bare.ts <&- >&- 2>&-'
+    # The standard output by other names.
+    ln -s /proc/self/fd/1 link
+    writes 0 fd              'in.m2ts /dev/fd/1 >fd'
+    writes 0 proc            'in.m2ts /proc/self/fd/1 | cat >proc'
+    writes 0 linked          'in.m2ts link >linked'
+    writes 0 again           'in.m2ts again >again'
     writes 0 bytes_decide.ts 'bytes_decide.mp4'
     writes 0 named.ts        '--format video/ts in.m2ts named.ts'
     # What is in front of the first packet is told of.
@@ -93,6 +99,13 @@ judges() {
 
 @test "says what it has written, or nothing" {
     ends 0 'out: 1152 frames, 216576 bytes' 'in.m2ts out'
+    ends 0 'one: 1 frame, 188 bytes' 'in.m2ts one --frames 1'
+    ends 0 'two: 2 frames, ' 'video.mp4 two --frames 2'
+    # The library's own words, when they are wanted.
+    [[ $output != *GOLT* ]]
+    ends 0 'GOLT/' '-v video.mp4 three'
+    ends 1 $'the library says: GOLT/mp4: \'ftyp\' box not found\ngolt: in.m2ts: not a sound' \
+        'in.m2ts four --format mp4'
     ends 0 '' '-q in.m2ts quiet'
     [ -z "$output" ]
     # The reader goes away.
@@ -111,6 +124,8 @@ judges() {
     ln in.m2ts linked.ts
 
     refuses 2 'IN is required' ''
+    refuses 2 'OUT: the name is empty' 'in.m2ts ""'
+    refuses 2 'IN: the name is empty' '"" out'
     refuses 2 '--frames: 0 is no N' 'in.m2ts out --frames 0'
     refuses 2 '--frames: -1 is no N' 'in.m2ts out --frames -1'
     for time in 1:60 . 5. .5 5s5 1.5.5 5d 1:00s 1:2:3:4 -1; do
@@ -145,8 +160,14 @@ judges() {
 @test "replaces only by force" {
     printf old | tee old.ts >old.ts.part
     ln -s old.ts link.ts
+    chmod 600 old.ts
     writes 0 old.ts '--force in.m2ts link.ts'
     [ -L link.ts ]
+    [ "$(stat -c %a old.ts)" = 600 ]
+    # A link that leads to nothing yet.
+    ln -s new.ts dangling.ts
+    writes 0 new.ts 'in.m2ts dangling.ts'
+    [ -L dangling.ts ]
 }
 
 @test "knows formats by their first bytes" {
@@ -218,6 +239,68 @@ judges() {
     kill $reader
     [ "$status" -eq 143 ]
     [ "$(cat said)" = 'golt: standard output: stopped by SIGTERM' ]
+}
+
+@test "a pipe gets whole packets, also at a signal" {
+    mkfifo pipe
+    for _ in {1..4}; do cat in.m2ts; done >long.m2ts
+    exec 4<>pipe
+    $GOLT remux -q long.m2ts - >pipe 2>said &
+    local writer=$! size
+    # Until the pipe is full, more or less.
+    python3 -c 'import array, fcntl, termios, time
+held = array.array("i", [0])
+while held[0] < 50000:
+    time.sleep(0.1)
+    fcntl.ioctl(4, termios.FIONREAD, held)'
+    kill -TERM $writer
+    wait $writer || true
+    exec 5<pipe 4>&-
+    size=$(wc -c <&5)
+    exec 5<&-
+    echo "$size"
+    [ "$size" -gt 50000 ]
+    [ $((size % 188)) -eq 0 ]
+    # A descriptor that doesn't block, with a reader that takes its time.
+    run -0 python3 -c "import os, subprocess, sys, time
+for command in sys.argv[1:]:
+    read, write = os.pipe()
+    os.set_blocking(write, False)
+    child = subprocess.Popen(command, shell=True, stdout=write)
+    os.close(write)
+    time.sleep(0.5)
+    while os.read(read, 65536): pass
+    assert child.wait() == 0, command" "$GOLT frames long.m2ts --csv" "$GOLT remux -q long.m2ts -"
+}
+
+# plain FILE: there is nothing in it that a terminal takes for a command.
+plain() {
+    cat -v "$1"
+    ! LC_ALL=C grep -qP '[\x00-\x08\x0B-\x1F\x7F]|\xC2[\x80-\x9F]' "$1"
+}
+
+@test "a terminal gets text alone" {
+    local name=$'re\x1b[31md\x7f\xc2\x9b\xff\nx.mp4'
+    cp video.mp4 "$name"
+    # The letters of a kind of sample that the library doesn't know.
+    perl -pe 's/avc1/\x1b[2J/g' video.mp4 >"escapes.mp4"
+    for words in info frames check 'info --json' 'frames --json' 'check --json' 'remux -v'; do
+        for file in "$name" escapes.mp4 "no$name"; do
+            $GOLT ${words% *} "$file" $([[ $words != *-* ]] || printf -- "${words#* }") &>>said || true
+        done
+    done
+    $GOLT "$name" &>>said || true
+    $GOLT info video.mp4 --format "$name" &>>said || true
+    plain said
+    grep -qF 're\x1B[31md\x7F\u009B\xFF\x0Ax.mp4' said
+    grep -qF "'\\x1B[2J'" said
+}
+
+@test "tells when its help can't be written" {
+    for words in --help --version 'remux --help'; do
+        run -1 bash -c "$GOLT $words >/dev/full"
+        [ "$output" = 'golt: standard output: No space left on device' ]
+    done
 }
 
 @test "tells of a file that may not grow" {

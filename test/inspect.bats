@@ -126,9 +126,10 @@ finds() {
 
     # Status and words.
     run -0 $GOLT check movie.mp4
-    [[ $output == *'movie.mp4: nothing found'* ]]
+    [[ $output == *'movie.mp4: nothing found'$'\n''  PID 0x100, H.264: 100 frames'* ]]
     run -3 $GOLT check slow.mp4
-    [[ $output == *'clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
+    [[ $output == *'slow.mp4: 1 finding'* ]]
+    [[ $output == *'  clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
     picture front.mp4 4 -movflags +faststart
     head -c $(($(stat -c %s front.mp4) / 2)) front.mp4 >half.mp4
     is '[false,"ended at 00"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
@@ -147,6 +148,29 @@ finds() {
     $GOLT plot movie.m2ts -o m2ts.svg
     run -1 $GOLT plot movie.mp4 -o out.svg
     is 'golt: out.svg: exists already; --force replaces it' "$output"
+}
+
+@test "draws well-formed pictures of any name" {
+    local name
+    for name in $'\xff\xfe' $'\x01\x1f' $'\xc0\xaf' $'\xed\xa0\x80' $'\xf4\x90\x80\x80' \
+        $'\xef\xbf\xbe' $'\xe2\x82' ']]>&amp;"' $'\x7f\xc2\x85' $'\xf0\x9f\x8e\xac'; do
+        cp movie.mp4 "$name.mp4"
+        $GOLT plot "$name.mp4" -o - >out.svg
+        python3 -c 'import xml.dom.minidom; xml.dom.minidom.parse("out.svg")'
+    done
+    run -2 $GOLT plot movie.mp4 -o ''
+}
+
+@test "checks many streams as fast as it counts them" {
+    python3 "$BATS_TEST_DIRNAME/many_streams.py" 1386 20 many.m2ts
+    local start=${EPOCHREALTIME/./} scanned
+    $GOLT info --scan many.m2ts >said
+    scanned=$((${EPOCHREALTIME/./} - start))
+    [ "$(grep -c '20 frames' said)" -eq 1386 ]
+    start=${EPOCHREALTIME/./}
+    run -0 $GOLT check many.m2ts
+    echo "$scanned us, $((${EPOCHREALTIME/./} - start)) us"
+    [ $((${EPOCHREALTIME/./} - start)) -lt $((8 * scanned)) ]
 }
 
 @test "tells errors in JSON too" {

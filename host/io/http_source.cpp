@@ -257,7 +257,10 @@ void HttpSource::wait(int ms)
     const bool f_slow = m_waited_bytes < LEAST_RATE * static_cast<uint64_t>(m_timeout_ms) / 1000;
     m_waited_ms = 0;
     m_waited_bytes = 0;
-    if (f_slow && m_transfer->state() == HttpTransfer::RUNNING)
+    // A server may be slow in answers that are whole, one after another.
+    const bool f_more = m_transfer->state() == HttpTransfer::RUNNING ||
+                        (m_transfer->state() == HttpTransfer::DONE && m_f_ranges && !is_at_end());
+    if (f_slow && f_more)
         look_at_failure("the server sent next to nothing for " +
                             counted(static_cast<uint64_t>(m_timeout_ms) / 1000, "second"),
                         true);
