@@ -9,9 +9,9 @@
 namespace {
 
 /// The first byte of an input says how the source behaves, the second when it fails; the file follows.
-class Source final : public ByteSource {
+class FuzzedBytes final : public ByteSource {
 public:
-    Source(const uint8_t *pb_data, size_t size)
+    FuzzedBytes(const uint8_t *pb_data, size_t size)
         : m_f_knows_size((pb_data[0] & 1) != 0)
         , m_f_claims_more((pb_data[0] & 2) != 0)
         , m_fails_from((pb_data[0] & 4) != 0 ? pb_data[1] : UINT32_MAX)
@@ -52,7 +52,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
 {
     if (size < 2) return 0;
     begin_input();
-    Source source(pb_data, size);
+    FuzzedBytes source(pb_data, size);
     Outline outline;
     {
         const CallWatch watch;

@@ -113,13 +113,14 @@ std::string details_of(const Outline &outline, const Track &track)
             text += fmt::format(", {:.3f} frames/s", static_cast<double>(*rate) / 1000);
     }
     if (track.kind == TrackKind::AUDIO) {
-        const std::optional<AudioConfig> config =
-            codec_title(outline, track) == "AAC" ? parse_audio_config(track.config) : std::nullopt;
-        const uint32_t own = config && config->channel_config != 0 ? config->channel_config : 0;
+        AudioConfig config = {};
+        if (codec_title(outline, track) == "AAC")
+            config = parse_audio_config(track.config).value_or(config);
+        const uint32_t own = config.channel_config;
         constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
         const uint32_t channels = own == 0 ? track.channels : own == SEVEN_ONE ? 8 : own;
         if (channels != 0) text += ", " + counted(channels, "channel");
-        const uint32_t rate = config ? config->sample_rate : track.sample_rate;
+        const uint32_t rate = config.sample_rate != 0 ? config.sample_rate : track.sample_rate;
         if (rate != 0) text += fmt::format(", {} Hz", rate);
     }
     if (track.duration_ns) text += ", " + ns_text(*track.duration_ns);
