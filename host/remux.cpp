@@ -16,9 +16,6 @@
 
 namespace {
 
-// What getContentInfo reports as audioPid, always; the sink is made before the muxer can be asked.
-constexpr uint32_t AUDIO_PID = 0x101;
-
 /// One remuxing from the opening of the files to the report. Objects stand in the order in which
 /// they need each other.
 class Job {
@@ -29,12 +26,11 @@ public:
 private:
     void show(Progress &progress) const;
     std::string summary(double seconds) const;
-    std::string fault_in_input() const;
+    ExitStatus report();
 
     const RemuxOptions &m_options;
     Input m_input;
     Output m_output;
-    TsWatch m_sound{AUDIO_PID};
     Sink m_sink;
     Pump m_pump;
 };
@@ -53,7 +49,7 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_input(options.input)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
-    , m_sink(m_output.descriptor(), m_sound)
+    , m_sink(m_output.descriptor())
     , m_pump(m_input, m_sink)
 {
 }
@@ -81,7 +77,7 @@ ExitStatus Job::run()
                         m_output.name(), stop_signal_name()));
         return EXIT_NOT_DONE;
     }
-    return end_command(path, fault_in_input());
+    return report();
 }
 
 void Job::show(Progress &progress) const
@@ -96,18 +92,27 @@ std::string Job::summary(double seconds) const
     std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
     if (m_input.format().f_times) {
         const int64_t span_ms = m_pump.clock().reached_ms() - m_pump.clock().first_ms();
-        text += ", " + time_text(span_ms) + speed_text(span_ms, seconds, ", ");
+        text += ", " + time_text(span_ms);
+        if (m_options.input.start_ms.value_or(0) != 0)
+            text += " from " + time_text(m_pump.clock().first_ms());
+        text += speed_text(span_ms, seconds, ", ");
     }
     return text + rate_text(m_sink.bytes(), seconds, ", ");
 }
 
-std::string Job::fault_in_input() const
+// What of the file isn't in the stream, and what was wrong with it.
+ExitStatus Job::report()
 {
-    std::string fault = m_pump.fault_in_input();
-    if (!fault.empty() || !m_input.format().f_times || !m_sound.stands_still()) return fault;
-    // Matroska files by muxers that write no DefaultDuration.
-    return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
-                       m_sound.frames(), time_text(m_sound.first_ms()));
+    const std::string &path = m_input.source().path();
+    const Selection &selection = m_input.selection();
+    for (const std::string &loss : selection.losses)
+        say(fmt::format("golt: {}: no {}", path, loss));
+    if (!m_options.f_quiet) {
+        for (const std::string &note : selection.notes)
+            say(fmt::format("{}: left out: {}", path, note));
+    }
+    const ExitStatus status = end_command(path, m_pump.fault_in_input());
+    return selection.losses.empty() ? status : EXIT_DONE_WITH_FAULTS;
 }
 
 }  // namespace

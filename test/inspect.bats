@@ -132,7 +132,7 @@ finds() {
     [[ $output == *'  clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
     picture front.mp4 4 -movflags +faststart
     head -c $(($(stat -c %s front.mp4) / 2)) front.mp4 >half.mp4
-    is '[false,"ended early"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
+    is '[false,"ended at 00"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
 }
 
 @test "draws a picture" {
@@ -193,4 +193,15 @@ finds() {
             grep -q -e "$option\b" "$host/completions/_golt"
         done
     done
+}
+
+@test "folders include what is below them alone" {
+    local top=$BATS_TEST_DIRNAME/..
+    # Of each row the first folder doesn't know the others.
+    run grep -rnE '#include "(io|stream|outline)/|"golt\.h"' "$top/ts" --include=*.h --include=*.cpp
+    [ -z "$output" ]
+    run grep -rnE '#include "(stream|outline)/' "$top/host/io"
+    [ -z "$output" ]
+    run grep -rnE '#include "(remux|info|frames|check|plot)\.h"' "$top/host/io" "$top/host/stream"
+    [ -z "$output" ]
 }

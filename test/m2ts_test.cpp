@@ -39,7 +39,7 @@ TEST(M2ts, HandsOutEveryWholePacketWithItsStamp)
         int frames;
     } rows[] = {
         {"whole", records(5), 5},
-        {"bytes in front", Bytes(10) + records(5), 5},
+        {"bytes before", Bytes(10) + records(5), 5},
         {"cut in a packet", cut(records(5), 0, 1), 4},
         {"cut in a stamp", cut(records(5), 0, 190), 4},
         {"sync lost", lost, 3},
@@ -78,7 +78,7 @@ TEST(M2ts, AsksForTheFirstStampWhereverItIs)
     Source source(cut(records(5), 2, 0));
     EXPECT_TRUE(GOLT_DMX_M2TSInit(Source::read_proc, accept, &source));
     EXPECT_EQ(asked, -2);
-    // The source stands where the second confirmation left it, in a packet.
+    // The source is where the second confirmation left it, in a packet.
     GOLT_frame_t frame = {};
     EXPECT_FALSE(GOLT_DMX_M2TSReadFrame(&frame));
     EXPECT_TRUE(frame.pb_data == nullptr && frame.ui4_size == 0)

@@ -2,15 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include "dmx_mkv_lib.h"
+#include "dmx_mkv_frame.h"
 #include "heap.h"
 #include "host_double.h"
 #include "mkv_builder.h"
 
 namespace {
 
-const std::string AVC = "t1['V_MPEG4/ISO/AVC']", PICTURES = AVC + " c0 ";
-const std::string AAC = "t2['A_AAC']", SOUND = AAC + " c0 ";
+const std::string AVC = "t1['V_MPEG4/ISO/AVC']", VIDEO = AVC + " c0 ";
+const std::string AAC = "t2['A_AAC']", AUDIO = AAC + " c0 ";
 
 std::string times(int count, const std::string &text)
 {
@@ -18,7 +18,7 @@ std::string times(int count, const std::string &text)
 }
 
 // "|41=0102|65*9": bytes, a run of them, a start code.
-std::string tell(const Bytes &data)
+std::string spell_out(const Bytes &data)
 {
     const std::string all(data.begin(), data.end()), start_code("\0\0\0\1", 4);
     std::string out;
@@ -60,7 +60,7 @@ struct Demuxer {
             else
                 for (const Frame &frame : read_frames(GOLT_DMX_MKVReadFrame, std::stoul(word)))
                     out << (frame.type == GOLT_FT_VIDEO ? " v" : " a") << frame.time_ms
-                        << tell(frame.data);
+                        << spell_out(frame.data);
         }
         return out.str().empty() ? "" : out.str().substr(1);
     }
@@ -88,7 +88,7 @@ TEST(Mkv, TakesTheFirstTracksOfAKnownKind)
     const std::string stereo = "E1[B5[46FA0000]9F[02]] ";
     expect_traces({
         {"video", AVC + blocks, "0 112 0 0 0 v0|4199", "i 9"},
-        {"no known sound", "t2['A_EAC3']" + stereo + blocks, "0 0 2 32000 0", "i 9"},
+        {"no known audio", "t2['A_EAC3']" + stereo + blocks, "0 0 2 32000 0", "i 9"},
         {"the second", "t2['A_EAC3']" + stereo + ac3 + blocks, "103 0 1 44100 0 a0=0B77|09", "i 9"},
         {"the first", AAC + " " + ac3 + blocks, "102 0 1 8000 0 a0=08", "i 9"},
         {"99", times(99, AAC + " ") + blocks, "102 0 1 8000 0 a0=08", "i 9"},
@@ -107,35 +107,35 @@ TEST(Mkv, TakesTheFirstTracksOfAKnownKind)
 TEST(Mkv, WalksClustersAndBlocks)
 {
     expect_traces({
-        {"element between clusters", PICTURES + "v0(65) . =EC[00*5] c0 v0(41)", "v0|65"},
-        {"damaged cluster", SOUND + "a0=01 =00*4000 a0=02 c0 a0=03", "a0=01 a0=03"},
-        {"other tracks", PICTURES + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
-        {"times below zero", PICTURES + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
-        {"group", PICTURES + "=A0[FB[01]A1[81.%5(65)]9B[28]FB[D8]] v40(41)", "v5|65 v40|41"},
+        {"element between clusters", VIDEO + "v0(65) . =EC[00*5] c0 v0(41)", "v0|65"},
+        {"damaged cluster", AUDIO + "a0=01 =00*4000 a0=02 c0 a0=03", "a0=01 a0=03"},
+        {"other tracks", VIDEO + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
+        {"times below zero", VIDEO + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
+        {"group", VIDEO + "=A0[FB[01]A1[81.%5(65)]9B[28]FB[D8]] v40(41)", "v5|65 v40|41"},
         {"cluster of unknown size",
          AVC + " . =1F43B675.01FFFFFFFFFFFFFF.E7[07]A3[81%1(65)] c9 v0(41) . =A3[81%2(4199)]",
          "v8|65 v9|4199"},
-        {"cut picture", PICTURES + "=A3.8A.8100000000000002.41", "v0|4100"},
-        {"cut sound", SOUND + "=A3.87.82000000.0102", "a0=010200"},
+        {"cut video", VIDEO + "=A3.8A.8100000000000002.41", "v0|4100"},
+        {"cut audio", AUDIO + "=A3.87.82000000.0102", "a0=010200"},
         // 99 bytes of a unit that its length of 3 bytes says to have 328965.
-        {"3 MB missing", PICTURES + "v0(41) =A3.0800300000.81000000.05*99",
+        {"3 MB missing", VIDEO + "v0(41) =A3.0800300000.81000000.05*99",
          "v0|41 v0|05*9600*3145625"},
-        {"4 GB missing", PICTURES + "v0(41) =A3.08FFFFFFFF.81000000.05*99", "v0|41"},
+        {"4 GB missing", VIDEO + "v0(41) =A3.08FFFFFFFF.81000000.05*99", "v0|41"},
         {"AC-3", "t2['A_AC3'] c0 a0=0B7701 a0=020304 a0=0B", "a0=0B7701 a0=0B77020304 a0=0B"},
         {"clock", AAC + "23E383[1E847F] c9 l04.02.010203 c99 a0=04", "a9=01 a10=02 a12=03 a14=04"},
 
-        {"Xiph lace", SOUND + "l02.02.FEFF00.01*254.02*255.03", "a0=01*254 a0=02*255 a0=03"},
-        {"255", SOUND + "l02.FE." + times(254, "01") + "02*257", times(254, "a0=02 ") + "a0=02*3"},
-        {"fixed lace", SOUND + "l04.01.01*9.02*9.00 a0=03 a0=04", "a0=01*9 a0=02*9 a0=03 a0=04"},
-        {"EBML lace", SOUND + "l06.06.81.C0.5FFE.300000.17FFFFFE.0C00000000.01020203040405060607",
+        {"Xiph lace", AUDIO + "l02.02.FEFF00.01*254.02*255.03", "a0=01*254 a0=02*255 a0=03"},
+        {"255", AUDIO + "l02.FE." + times(254, "01") + "02*257", times(254, "a0=02 ") + "a0=02*3"},
+        {"fixed lace", AUDIO + "l04.01.01*9.02*9.00 a0=03 a0=04", "a0=01*9 a0=02*9 a0=03 a0=04"},
+        {"EBML lace", AUDIO + "l06.06.81.C0.5FFE.300000.17FFFFFE.0C00000000.01020203040405060607",
          "a0=01 a0=0202 a0=03 a0=0404 a0=05 a0=0606 a0=07"},
-        {"one", SOUND + "l02.00.05*4 l04.00.05*4 l06.00.83.05*4", "a0=05*4 a0=05*4 a0=05*3"},
-        {"one, larger than its block", SOUND + "l06.00.86.01*3 a0=02", "a0=01*3A38582"},
-        {"a size without a width", SOUND + "l06.01.00.05*4", "a0= a0=05*4"},
+        {"one", AUDIO + "l02.00.05*4 l04.00.05*4 l06.00.83.05*4", "a0=05*4 a0=05*4 a0=05*3"},
+        {"one, larger than its block", AUDIO + "l06.00.86.01*3 a0=02", "a0=01*3A38582"},
+        {"a size without a width", AUDIO + "l06.01.00.05*4", "a0= a0=05*4"},
         // 256 frames; sizes beyond the block and without an end; differences beyond the block,
         // below nothing and without a width; no flags and no count.
         {"damaged laces",
-         SOUND + "l04.FF.01*512 l02.02.40C0.02*255 l02.05.FF*100 l06.02.4100BF.03*300 "
+         AUDIO + "l04.FF.01*512 l02.02.40C0.02*255 l02.05.FF*100 l06.02.4100BF.03*300 "
                  "l06.03.8580BF.04*30 l06.02.0000.05*30 =A3[820000] l02 a0=06",
          "a0=06"},
     });
@@ -176,27 +176,27 @@ TEST(Mkv, Seeks)
 {
     const std::string all = "v0|65 v40|41 v5000|65 v10000|6501", there = all + " @ v5000|65";
     const std::string clusters = "C0 v0(65) v40(41) C5000 v0(65) C10000 v0(6501) ";
-    const std::string front = AVC + " k " + clusters, behind = AVC + " " + clusters + "k";
+    const std::string before = AVC + " k " + clusters, after = AVC + " " + clusters + "k";
     expect_traces({
-        {"cues behind", "h0 " + behind, there, "9 @5000 1"},
-        {"unknown", behind, all + " !", "9 @5000 1"},
-        {"in front", front, there, "9 @5000 1"},
-        {"in front and told", "h0 " + front, there, "9 @5000 1"},
-        {"missed", "h1000 " + behind, all + " !", "9 @5000 1"},
-        {"far off", "h1099511627776 " + behind, all + " !", "9 @5000 1"},
-        {"below zero", "h9223372036854775808 " + behind, all + " !", "9 @5000 1"},
-        {"the last of too many", front + times(4999, "q10001 ") + "q14999", "! @ v10000|6501",
+        {"cues at the end", "h0 " + after, there, "9 @5000 1"},
+        {"unknown", after, all + " !", "9 @5000 1"},
+        {"at the start", before, there, "9 @5000 1"},
+        {"there and in the SeekHead", "h0 " + before, there, "9 @5000 1"},
+        {"missed", "h1000 " + after, all + " !", "9 @5000 1"},
+        {"far off", "h1099511627776 " + after, all + " !", "9 @5000 1"},
+        {"below zero", "h9223372036854775808 " + after, all + " !", "9 @5000 1"},
+        {"the last of too many", before + times(4999, "q10001 ") + "q14999", "! @ v10000|6501",
          "@14999 @14998 1"},
         {"one", AVC + " k C2000 v0(65)", "! @ v2000|65", "@2000 @100 1"},
-        {"two Cues in front", AVC + " k k " + clusters, "@ v5000|65", "@5000 1"},
+        {"two Cues before", AVC + " k k " + clusters, "@ v5000|65", "@5000 1"},
         {"the second counts", AVC + " k . =1C53BB6B[BB[B3[09]B7[F1[00]]]] " + clusters, "! !",
          "@5000 @5"},
         // A cue point at 6000 with two places: the Segment's start and the Cluster at 5000.
         {"two places", "h0 " + AVC + " C0 v0(65) C5000 v0(65) q6000]B7[F1[00] q9000 k",
          "@ v5000|65", "@7000 1"},
 
-        {"between", front, "@ v5000|65 @ v0|65 @ v5000|65", "@7000 1 @4999 1 @4294972296 1"},
-        {"at the last", front, "v0|65 ! v40|41 ! v5000|65", "1 @10000 1 @99999 1"},
+        {"between", before, "@ v5000|65 @ v0|65 @ v5000|65", "@7000 1 @4999 1 @4294972296 1"},
+        {"at the last", before, "v0|65 ! v40|41 ! v5000|65", "1 @10000 1 @99999 1"},
         {"no video", AAC + " k C0 a0=01 q9", "!", "@5"},
         // What the first seek left, a key frame, is dropped; the second stops at the time.
         {"twice", AVC + " " + AAC + " k C0 a0=01 v0(41) v40(09)(65) v80(41) v120(65) q1000",
@@ -206,7 +206,7 @@ TEST(Mkv, Seeks)
         {"over a lace", AVC + " " + AAC + " k C0 l06.00.83.010203.A3[81%5(65)] v80(41) q1000",
          "@ v5|65", "@20 1"},
         {"destroyed in a lace", SCENES, "a2000=01", "1"},
-        {"destroyed behind a seek", SCENES, "@", "@2000"},
+        {"destroyed after a seek", SCENES, "@", "@2000"},
     });
     EXPECT_EQ(Demuxer(Bytes()).run("@0 1"), "!");
     EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(0) || GOLT_DMX_MKVReadFrame(nullptr)) << "no source";
@@ -231,7 +231,7 @@ TEST(Mkv, PassesOverUnknownElementsEverywhere)
         EXPECT_NE(printed.find("error " + kind + "4FFE\n"), std::string::npos) << kind;
 }
 
-// What a file tells beside what is used: it has no effect, and no message.
+// What a file holds besides what is used has no effect, and no message.
 TEST(Mkv, ReadsEveryElementThatItKnows)
 {
     const std::string info = "=73A4[01*16]7384['a']3CB923[02*99]3C83AB['b']3EB923[03*9]3E83BB['c']"
@@ -275,24 +275,23 @@ TEST(Mkv, EndsOnWhatIsNoMatroska)
     }
 }
 
-// A file that is all frames: how much is read, and that no seek is made for it, however large they
-// are. Beyond 16 MiB a frame comes in two parts.
-TEST(Mkv, ReadsALargeFrameWhereItStands)
+// How many reads a frame takes, from its Cluster on. Beyond 16 MiB it comes in two parts.
+TEST(Mkv, ReadsALargeFrameWithoutSeeking)
 {
     const struct {
         const char *name;
         std::string file, trace;
         int reads, seeks = 0;
     } rows[] = {
-        {"small", PICTURES + "v0(41*9)", "v0|41*9", 13},
-        {"3 MB", PICTURES + "v0(41*3000000)", "v0|41*3000000", 15},
-        {"16 MB", PICTURES + "v0(41*16000000)", "v0|41*16000000", 15},
-        {"20 MB", PICTURES + "v0(41*20000000)", "v0|41*20000000", 16},
-        {"in two units", PICTURES + "v0(41*16000000)(42*999999)", "v0|41*16000000|42*999999", 18},
+        {"small", VIDEO + "v0(41*9)", "v0|41*9", 13},
+        {"3 MB", VIDEO + "v0(41*3000000)", "v0|41*3000000", 15},
+        {"16 MB", VIDEO + "v0(41*16000000)", "v0|41*16000000", 15},
+        {"20 MB", VIDEO + "v0(41*20000000)", "v0|41*20000000", 16},
+        {"in two units", VIDEO + "v0(41*16000000)(42*999999)", "v0|41*16000000|42*999999", 18},
         {"another codec", "t1['V_VP8'] c0 v0.41*20000000", "v0=41*20000000", 15},
-        {"audio", SOUND + "a0=41*20000000", "a0=41*20000000", 15},
+        {"audio", AUDIO + "a0=41*20000000", "a0=41*20000000", 15},
         {"AC-3", "t2['A_AC3'] c0 a0=41*20000000", "a0=0B7741*20000000", 16},
-        {"above the limit", PICTURES + "v0(41*70000000) v9(41)", "v9|41", 19, 1},
+        {"above the limit", VIDEO + "v0(41*70000000) v9(41)", "v9|41", 19, 1},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -323,9 +322,9 @@ TEST(Mkv, TakesMemoryAsBytesCome)
 {
     // 60 MiB that aren't there, of a unit, of AAC, and of the last frame in a lace.
     const std::string huge = "=A3.0803C00000.";
-    const std::string rows[] = {PICTURES + huge + "81000000.03000000.41*99",
-                                SOUND + huge + "82000000.05*99",
-                                SOUND + huge + "82000006.01.81.05*99"};
+    const std::string rows[] = {VIDEO + huge + "81000000.03000000.41*99",
+                                AUDIO + huge + "82000000.05*99",
+                                AUDIO + huge + "82000006.01.81.05*99"};
     for (const std::string &words : rows) {
         for (int host = 0; host < 3; ++host) {  // honest, refusing, pretending
             Source source(MkvFile(words).build());
@@ -346,7 +345,7 @@ TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
 {
     GOLT_memInit();
     for (const std::string &words :
-         {PICTURES + "v0(65) =A3.8D.81000000.00000005.41", SOUND + "=A3.8C.82000000.01020304",
+         {VIDEO + "v0(65) =A3.8D.81000000.00000005.41", AUDIO + "=A3.8C.82000000.01020304",
           std::string("t2['A_AC3'] c0 =A3.8C.82000000.01020304")}) {
         uint8_t *block = GOLT_allocMem(1024);  // the one that the next frame gets
         std::fill_n(block, 1024, uint8_t{0xA5});
@@ -413,12 +412,12 @@ TEST(Mkv, CodecsWithoutATypeAreWritten)
     EXPECT_EQ(Bytes(stream.end() - 2, stream.end()), hex("4199"));
 }
 
-TEST(Mkv, DeliversWhatIsInFrontOfACut)
+TEST(Mkv, DeliversWhatIsBeforeACut)
 {
     const Bytes file = MkvFile(SCENES).build();
     const std::string all = Demuxer(file).run("99");
     for (auto end = file.begin(); end != file.end(); ++end) {
-        // Of the last frame what is behind the cut is 0.
+        // Of the last frame what is after the cut is 0.
         const std::string got = Demuxer(Bytes(file.begin(), end)).run("99");
         const size_t whole = got.find_last_of(" ") + 1;
         ASSERT_EQ(got.substr(0, whole), all.substr(0, whole)) << end - file.begin();

@@ -74,8 +74,8 @@ struct Player {
 TEST(Mp3, WalksFromHeaderToHeaderAndLooksForOne)
 {
     // Ten frames are read, and a seek to packet 20, which starts at 522.5 ms, estimates 8340. The
-    // search starts a quarter of a frame in front of it, at 8236, and takes 208 bytes at a time:
-    // the first chunk ends at 8444. A true header, of packet 10, stands at 8700.
+    // search starts a quarter of a frame before it, at 8236, and takes 208 bytes at a time:
+    // the first chunk ends at 8444. A true header, of packet 10, is at 8700.
     const auto with = [](const char *candidate, size_t at) {
         Bytes gap = Bytes(at - 4170) + hex(candidate);
         gap.resize(4530);
@@ -93,17 +93,17 @@ TEST(Mp3, WalksFromHeaderToHeaderAndLooksForOne)
         {"Layer II", Mp3().frames(3, 0xFFFDE400, 1152), "i 9", "1 101 1 48000 2 3:0-48"},
         {"Layer I", Mp3().frames(3, 0xFFFF1800, 48), "i 9", "1 101 1 32000 2 3:0-24"},
         {"padded by a slot", Mp3().frames(3, 0xFFFFE200, 488), "i 9", "1 101 1 44100 2 3:0-17"},
-        // 7 * 106997 / 4096 = 182.86; behind the eighth frame each takes 36 ms.
+        // 7 * 106997 / 4096 = 182.86; after the eighth frame each takes 36 ms.
         {"another rate", Mp3().frames(8).frames(3, 0xFFFB1800, 144), "8 3", "8:0-183 3:209-281"},
-        {"no frame in front", Mp3().raw(Bytes(4)).frames(3), "i @5000 9 9", "0 0 0 0 0 ! 0 0"},
+        {"no frame at the start", Mp3().raw(Bytes(4)).frames(3), "i @5000 9 9", "0 0 0 0 0 ! 0 0"},
 
-        {"in front of the search", with("FFFB90", 8235), "10 @522", "10:0-235 @10"},
+        {"before the search", with("FFFB90", 8235), "10 @522", "10:0-235 @10"},
         {"with another bit rate", with("FFFBE2", 8236), "10 @522", "10:0-235 >8236"},
         {"just within a chunk", with("FFFB90", 8441), "10 @522", "10:0-235 >8441"},
         {"across two chunks", with("FFFB90", 8442), "10 @522", "10:0-235 @10"},
         {"another protection_bit", with("FFFA90", 8300), "10 @522", "10:0-235 @10"},
         {"another sampling frequency", with("FFFB94", 8300), "10 @522", "10:0-235 @10"},
-        {"behind a lone byte", with("FFFFFB90", 8300), "10 @522", "10:0-235 >8301"},
+        {"after a lone byte", with("FFFFFB90", 8300), "10 @522", "10:0-235 >8301"},
 
         {"no way to estimate", Mp3().frames(6), "@0 @5000 1", "! ! 1:0-0"},
         {"the next", Mp3().frames(600), "400 @10449 1", "400:0-10423 ! 1:10449-10449"},
@@ -209,8 +209,8 @@ TEST(Mp3, HasNoMuxerWithoutAFrame)
 TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
 {
     // Packet n starts at n * 36 ms. The frame that turns out to be a known one still has its time
-    // by what was asked for, the next one has the true time. What lies behind all that was read has
-    // its time by the estimate, 45 packets behind the truth.
+    // by what was asked for, the next one has the true time. What lies after all that was read has
+    // its time by the estimate, 45 packets too early.
     const struct {
         const char *name, *before, *steps, *trace;
     } rows[] = {
@@ -222,10 +222,10 @@ TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
         {"tracker since entry 1666", "@36000 750", "@60516 750", "@1681 750:60516-87480"},
         {"its begin", "@36000 750", "@59976 750", "@1666 750:59976-86940"},
         {"second fine list, an entry", "@36000 750", "@36972 750", "@1025 750:36972-63936"},
-        {"behind all", "", "@2160000 750", "@60045 750:2160000-2186964"},
+        {"after all", "", "@2160000 750", "@60045 750:2160000-2186964"},
         {"there, to entry 60099", "@2160000 750", "@2161440 10 740",
          "@60090 10:2161440-2161764 740:2161980-2188584"},
-        {"behind the last entry", "@2160000 750", "@2051928 750", "@56998 750:2051928-2078892"},
+        {"after the last entry", "@2160000 750", "@2051928 750", "@56998 750:2051928-2078892"},
         {"to the tracker", "", "@2042748 8 742", "@56747 8:2042748-2043000 742:2043180-2069856"},
         // Only the low 32 bits of a time count.
         {"the tracker's oldest", "", "@4297010080 750", "@56744 750:2042784-2069748"},

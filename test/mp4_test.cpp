@@ -18,10 +18,10 @@ using ::testing::ElementsAre;
 
 const Bytes START = hex("00000001");
 
-// A file of three video samples and two of sound, with what a case changes in the video track.
+// A file of three video samples and two audio samples, with what a case changes in the video track.
 class Movie {
 public:
-    // Of the tracks; "a": the sound, "t": a text track, "h" and "l": HEVC and ALAC
+    // Of the tracks; "a": the audio, "t": a text track, "h" and "l": HEVC and ALAC
     std::string order = "v";
     Mp4Track v = track_of(Mp4Track::video(), 3);
     Mp4Track a = track_of(Mp4Track::audio(), 2);
@@ -29,7 +29,7 @@ public:
 
     // "order=va": the tracks; "mdia=hdlr,mdhd": the children of a box; "stco=1,48": a table box, of
     // the count of its entries and their fields; "stco:0000..": the bytes of a whole box;
-    // "sound:..": those of the sample entry of the sound; "short=trak": a box that is four bytes
+    // "audio:..": those of the sample entry of the audio; "short=trak": a box that is four bytes
     // longer than it says.
     Movie &change(const std::string &changes)
     {
@@ -51,7 +51,7 @@ public:
             else if (name == "file")
                 file.order = parts;
             else if (word[end] == ':')
-                (name == "sound" ? a.put["entry"] : v.put[name]) = hex(value);
+                (name == "audio" ? a.put["entry"] : v.put[name]) = hex(value);
             else if (isdigit(value[0]) == 0)
                 v.order[name] = parts;
             else
@@ -88,7 +88,7 @@ private:
     }
 };
 
-std::string printed_by(const std::function<bool()> &call)
+std::string printed_by(const std::function<void()> &call)
 {
     testing::internal::CaptureStdout();
     call();
@@ -104,12 +104,11 @@ struct Demuxer {
     explicit Demuxer(const Bytes &file)
         : source(file)
     {
-        printed = printed_by([this] {
-            return valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source);
-        });
-        GOLT_DMX_MP4GetStreamInfo(&info);
+        printed = printed_by(
+            [this] { valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source); });
+        EXPECT_TRUE(GOLT_DMX_MP4GetStreamInfo(&info));
     }
-    ~Demuxer() { GOLT_DMX_MP4Destroy(); }
+    ~Demuxer() { EXPECT_TRUE(GOLT_DMX_MP4Destroy()); }
 
     static std::vector<Frame> frames() { return read_frames(GOLT_DMX_MP4ReadFrame); }
     // "v0 a21": kind and time of each frame that is left.
@@ -122,7 +121,7 @@ struct Demuxer {
     }
     static std::string seek(uint64_t time_ms)
     {
-        return printed_by([=] { return GOLT_DMX_MP4SeekToTime(time_ms); });
+        return printed_by([=] { EXPECT_TRUE(GOLT_DMX_MP4SeekToTime(time_ms)); });
     }
 };
 
@@ -161,9 +160,9 @@ struct SparseSource {
     }
 };
 
-// "moov" decides whether a file is taken, its tables which frames come: what is sound of them, and
-// nothing from outside of a table.
-TEST(Mp4, DeliversWhatIsSound)
+// "moov" decides whether a file is taken, its tables which frames come: those that all tables agree
+// upon, and nothing from outside of a table.
+TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
 {
     const Case cases[] = {
         {"both tracks", "order=va", "v0 a0 a21 v40 v80"},
@@ -174,8 +173,8 @@ TEST(Mp4, DeliversWhatIsSound)
         {"text first", "order=tva", ""},
         {"two of a kind", "order=vvat", "v0 a0 a21 v40 v80"},
         {"a second one of another codec", "order=vh ctts=2,1,80,2,0", "v80 v40 v80"},
-        {"a second sound of another codec", "order=alv", "a0 a21"},
-        {"clock behind the kind", "mdia=hdlr,mdhd,minf", ""},
+        {"a second audio track of another codec", "order=alv", "a0 a21"},
+        {"clock after the kind", "mdia=hdlr,mdhd,minf", ""},
         {"tables ahead of the kind", "mdia=mdhd,minf,hdlr", ""},
         {"a second mdia without its kind",
          "trak=tkhd,mdia,more more:000000186D646961000000106D696E66000000087374626C", "v0 v40 v80"},
@@ -204,14 +203,17 @@ TEST(Mp4, DeliversWhatIsSound)
         {"no more than 16 that overhang", "order=vvvvvvvvvvvvvvvva stss=2,1", "v0 a0 a21 v40 v80"},
         {"the one after them", "order=vvvvvvvvvvvvvvvvva stss=2,1", "v0 v40 v80"},
         {"samples past 4 GiB", "stsz=0,3,6,-9,6", "v0"},
-        {"size of 7", "stts:0000000773747473", ""},
-        {"size of 0", "stts:0000000073747473", ""},
-        {"box past 4 GiB", "stts:FFFFFFFF737474730000000000000000", ""},
+        {"sync samples beyond the file", "stss=99,1", ""},
+        {"sync samples past 4 GiB", "stss=0x40000001,1", ""},
+        {"size of 7", "dinf:0000000764696E66", ""},
+        {"size of 0", "dinf:0000000064696E66", ""},
+        {"box past 4 GiB", "dinf:FFFFFFF864696E66", ""},
 
         // Each of these would take gigabytes if it were believed.
         {"a table", "stsz:800000007374737A000000000000000010000000", ""},
         {"samples of one size", "stsz=6,3 stsc=1,1,-9,1", "v0 v40 v80"},
         {"two such tracks", "order=vv stsz=6,3 stsc=1,1,600000,1", "v0 v40 v80"},
+        {"two that take all", "order=vv stsz=6,3 stsc=1,1,-9,1", ""},
         {"a sample", "stsz=0x7FFFFFFF,3", ""},
         {"parameter sets", "avcC:7FFFFFF061766343000000000000000000000000", ""},
     };
@@ -221,6 +223,54 @@ TEST(Mp4, DeliversWhatIsSound)
         EXPECT_TRUE(demuxer.valid);
         EXPECT_EQ(demuxer.times(), row.expected);
     }
+}
+
+// Two runs of chunks between those of another track. The sizes go on after the last sample.
+TEST(Mp4, FindsTheSamplesOfEachChunk)
+{
+    Movie movie;
+    movie.order = "va";
+    movie.v.samples.clear();
+    for (uint32_t i = 0; i < 13; ++i)
+        movie.v.sample(nal(pattern(1 + i * 5 % 7, i)));
+    movie.v.chunks = {3, 3, 3, 2, 2};
+    movie.v.put["stsc"] = table_box("stsc", 2, {1, 3, 1, 4, 2, 1});
+    std::vector<size_t> sizes = {15};
+    for (const Bytes &sample : movie.v.samples)
+        sizes.push_back(sample.size());
+    sizes.insert(sizes.end(), {1, 1});
+    movie.v.put["stsz"] = table_box("stsz", 0, sizes);
+    movie.a.samples = {{1, 2}, {3, 4}, {5, 6}};
+    movie.a.chunks = {1, 1, 1};
+    Demuxer demuxer(movie.build());
+    EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
+    std::vector<Bytes> got;
+    for (const Frame &frame : demuxer.frames()) {
+        if (frame.type == GOLT_FT_VIDEO) got.push_back(frame.data);
+    }
+    ASSERT_EQ(got.size(), 13u);
+    for (uint32_t i = 1; i < got.size(); ++i)
+        EXPECT_EQ(got[i], START + pattern(1 + i * 5 % 7, i)) << i;
+}
+
+// The mean interval and the rate go by all samples, also where not all are laid out.
+TEST(Mp4, CountsTheSamplesThatAreLeftOut)
+{
+    Movie movie;
+    movie.v.duration = 3000000 * 40;
+    movie.change("stsz=6,3 stsc=1,1,3000000,1 stts=2,1,40,2999999,40");
+    Demuxer demuxer(movie.build());
+    EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
+    EXPECT_EQ(demuxer.seek(80), "GOLT/mp4: seek: v(2), a(0)\n");
+    EXPECT_EQ(demuxer.times(), "v80");
+}
+
+TEST(Mp4, DeliversAudioFirstFromTheSamePlace)
+{
+    Movie movie;
+    movie.order = "va";
+    movie.v.put["stco"] = movie.a.put["stco"] = table_box("stco", 1, {48});
+    EXPECT_EQ(Demuxer(movie.build()).times(), "a0 v0 a21 v40 v80");
 }
 
 TEST(Mp4, SaysWhatIsMissing)
@@ -245,9 +295,11 @@ TEST(Mp4, SaysWhatIsMissing)
         {"other codec", "entry:0000000868766331",
          "GOLT/mp4: Unsupported Video Codec format 'hvc1'\n" + stbl +
              "expected 0xf boxes, got 0x0\n"},
-        {"other sound", "order=a sound:000000084F707573",
+        {"other audio", "order=a audio:000000084F707573",
          "GOLT/mp4: _dmx_mp4_parse_stsd: Audio format: 'Opus' unsupported\n"},
         {"no parameter sets", "avcC:", "GOLT/mp4: 'avcC' box not found\n"},
+        {"parameter sets after their entry", "entry=none stbl=stsd,stts,avcC,stsc,stsz,stco",
+         "GOLT/mp4: 'avcC' box not found\n"},
         {"short parameter sets", "avcC:000000096176634301",
          "GOLT/mp4: Couldn't alloc -4 bytes for 'avcC' header\n"},
     };
@@ -270,14 +322,16 @@ TEST(Mp4, ReadsNoFurtherThanItNeedsAndEndsWhereTheFileIsCut)
     for (size_t size = 0; size < whole.size(); ++size) {
         Bytes cut = whole;
         cut.resize(size);
-        const std::string got = Demuxer(cut).times();
+        Demuxer demuxer(cut);
+        EXPECT_EQ(demuxer.valid, size >= 24 + 8) << "ftyp and the header of moov";
+        const std::string got = demuxer.times();
         EXPECT_EQ(got, plain.substr(0, got.size())) << size;
     }
     EXPECT_EQ(Demuxer(movie.change("file=ftyp,mdat,moov").build()).source.position(), 8 + 16 + 4)
         << "back to mdat";
 }
 
-TEST(Mp4, TellsTheAudioFormat)
+TEST(Mp4, ReportsTheAudioFormat)
 {
     const struct {
         const char *format, *entry;
@@ -318,7 +372,7 @@ TEST(Mp4, TellsTheAudioFormat)
     }
 }
 
-TEST(Mp4, TellsTheVideoFormat)
+TEST(Mp4, ReportsTheVideoFormat)
 {
     const struct {
         uint32_t x, y, numerator, denominator, duration, rate;
@@ -342,7 +396,7 @@ TEST(Mp4, TellsTheVideoFormat)
     }
 }
 
-TEST(Mp4, PutsParameterSetsInFrontOfTheFirstFrameOnly)
+TEST(Mp4, PutsParameterSetsBeforeTheFirstFrameOnly)
 {
     Movie movie;
     movie.v.samples = {nal({0x65, 1}) + nal({0x65, 2, 3}), nal({0x41})};
@@ -356,7 +410,7 @@ TEST(Mp4, PutsParameterSetsInFrontOfTheFirstFrameOnly)
     EXPECT_EQ(demuxer.frames()[0].data, hex("00000001 6501 00000001 650203"));
 }
 
-TEST(Mp4, RewritesUnsoundLengthsInsideTheirBlock)
+TEST(Mp4, RewritesWrongLengthsInsideTheirBlock)
 {
     const struct {
         const char *sample, *expected;
@@ -365,10 +419,12 @@ TEST(Mp4, RewritesUnsoundLengthsInsideTheirBlock)
         {"FFFFFFFF 6501", "00000001 6501"},
         {"00000002 6501 0000", "00000001 6501 0000"},
         {"00000000 00000000", "00000001 00000001"},
+        {"00000003 6501", "00000001 6501"},
+        {"00000002 6501 00000001 41 FFFFFF", "00000001 6501 00000001 41 FFFFFF"},
         {"", ""},
     };
     Movie movie;
-    // The second set runs over its block: it is left out, with all behind it.
+    // The second set runs over its block: it is left out, and so is all after it.
     movie.v.put["avcC"] = box("avcC", hex("0142001EFF E2 0002 6742 0009 6743 01 0001 68"));
     for (const auto &row : rows) {
         movie.v.samples = {hex(row.sample)};

@@ -6,7 +6,7 @@
 namespace {
 
 constexpr uint8_t SYNC_BYTE = 0x47;
-constexpr uint32_t STAMP_SIZE = 4;     // bytes in front of each packet
+constexpr uint32_t STAMP_SIZE = 4;     // bytes before each packet
 constexpr uint32_t PACKET_SIZE = 188;  // bytes
 constexpr uint32_t RECORD_SIZE = STAMP_SIZE + PACKET_SIZE;
 
@@ -99,7 +99,7 @@ GOLT_EXPORT bool GOLT_DMX_M2TSGetStreamInfo(GOLT_streamInfo_t *)
 
 namespace {
 
-// Ends at the source's end at the latest. *pi8_pos: number of bytes in front of the sync byte.
+// Ends at the source's end at the latest. *pi8_pos: number of bytes before the sync byte.
 bool find_first_sync(int64_t *pi8_pos)
 {
     uint8_t ui1_byte = 0;

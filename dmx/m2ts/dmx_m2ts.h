@@ -1,7 +1,7 @@
-// M2TS demuxer: a transport stream whose packets are stored with a four-byte stamp in front, 192
-// bytes a record. Each frame is one 188-byte packet (ISO/IEC 13818-1), handed on as it stands.
+// M2TS demuxer: a transport stream whose packets are stored after a four-byte stamp each, 192
+// bytes a record. Each frame is one 188-byte packet (ISO/IEC 13818-1), handed on unchanged.
 //
-// One source at a time: the module keeps one static context.
+// One source at a time: the module's state is static.
 
 #ifndef GOLT_DMX_M2TS_H
 #define GOLT_DMX_M2TS_H
@@ -10,7 +10,7 @@
 
 /// Attaches to a source and finds the first sync byte; the two after it, at distances of 192 bytes,
 /// confirm it. False, with nothing held, when the source isn't such a stream. The source has to
-/// stand at its start. A source that is still attached is given up.
+/// be at its start. A source that is still attached is given up.
 GOLT_EXPORT bool GOLT_DMX_M2TSInit(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle);
 
 /// Gives up the source. Always true.

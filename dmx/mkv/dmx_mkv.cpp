@@ -165,9 +165,9 @@ void serve_video(GOLT_frame_t *pt_frame)
     mkvctx.SegInfo.AvailVideoFrameNo = 0;
 }
 
-// The entry in front of the first one behind ui4_time. Null when there is none behind it: the time
-// may then lie past the end of the file. The table is taken as it stands; one out of order only
-// makes the seek start at another Cluster.
+// The entry before the first one that is later than ui4_time. Null when none is later: the time may
+// then lie past the end of the file. The table is taken as it is; one out of order only makes the
+// seek start at another Cluster.
 const CUE_POINT_STRUCT *find_cue(uint32_t ui4_time)
 {
     const CUE_POINT_STRUCT *pt_cues = mkvctx.Cue;

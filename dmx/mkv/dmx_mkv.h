@@ -2,7 +2,7 @@
 // the first of each that it knows, out of a file with one Segment.
 //
 // Frames come in the order of the file, one block of it in memory at a time. H.264 comes out as a
-// byte stream with the parameter sets in front of each IDR slice, AC-3 with its sync words, AAC and
+// byte stream with the parameter sets before each IDR slice, AC-3 with its sync words, AAC and
 // MP3 as stored. Video has the time of its block; audio runs on a clock of its own that steps by
 // the track's DefaultDuration. Times are taken as milliseconds, whatever the TimecodeScale.
 //

@@ -12,10 +12,12 @@ constexpr uint32_t MKV_CODEC_PRIVATE_MAX = 128;  // bytes kept of a track's Code
 constexpr uint32_t MKV_PARAMETER_SETS_MAX = 256;
 constexpr uint32_t MKV_CUES_MAX = 4096;
 
-// Frames of a laced block. The format allows 256, one more than the counters below can tell.
+// Frames of a laced block. The format allows 256, one more than the counters below can hold.
 constexpr uint32_t MKV_LACED_FRAMES_MAX = 255;
 
-constexpr uint32_t MKV_START_CODE_SIZE = 4;
+// Before each NAL unit of a byte stream (ISO/IEC 14496-10, Annex B).
+constexpr uint8_t MKV_START_CODE[] = {0, 0, 0, 1};
+constexpr uint32_t MKV_START_CODE_SIZE = sizeof MKV_START_CODE;
 
 // NAL unit types (ISO/IEC 14496-10).
 constexpr uint8_t MKV_NAL_TYPE_MASK = 0x1F;
@@ -98,7 +100,7 @@ struct CODEC_PRIVATE {
     uint8_t data[MKV_CODEC_PRIVATE_MAX];
 };
 
-// What stands in front of an IDR slice.
+// What is put before an IDR slice.
 struct PARAMETER_SETS {
     uint32_t len;
     uint8_t data[MKV_PARAMETER_SETS_MAX];
@@ -167,6 +169,7 @@ struct VIDEO_FRAME_INFO {
     uint8_t *CurFrameData;  // from GOLT_allocMem, the demuxer's until it is handed out
     CODEC_PRIVATE VideoCodecPrivate;
     PARAMETER_SETS ParameterSets;  // VideoCodecPrivate in the form of the byte stream
+    uint32_t frameCapacity;        // bytes at CurFrameData, of which frameLen are the frame
 };
 
 struct CLUSTER_DATA_ANALYZE {
@@ -208,7 +211,9 @@ struct MKV_context_t {
     uint32_t TotalNumOfCues;
     uint8_t MKV_Header_ok;
     uint8_t MKV_Initialed;
-    bool f_ended;          // a read fell short or memory ran out since the pump was started
+    // A read fell short, or a block was lost or cut, since the pump was started. Set by _MKV_Read
+    // and BlockDataAnalyze, whose results have no room for it.
+    bool f_ended;
     bool f_seeking;        // audio is passed over unread
     uint32_t ui4_damaged;  // element headers in a row that couldn't be read
 };

@@ -24,16 +24,16 @@ enum MP3Header_StereoModes {
     MP3_MODE_SINGLE_CHANNEL = 3
 };
 
-// The start of an ID3v2 tag. Four bytes of 7 bits each tell the length of what follows it.
+// The start of an ID3v2 tag. Four bytes of 7 bits each are the length of what follows.
 struct ID3_t {
     uint8_t ID3v2_id[3];
     uint8_t ID3v2_version[2];
     uint8_t ID3v2_flags;
     uint8_t ID3v2_size[4];
 };
-static_assert(sizeof(ID3_t) == 10, "as it stands in the file");
+static_assert(sizeof(ID3_t) == 10, "as it is in the file");
 
-// A frame header as it stands in the file.
+// A frame header as it is in the file.
 struct MP3Header_t {
     uint8_t ab_bytes[HEADER_SIZE];
 };
@@ -254,8 +254,8 @@ GOLT_EXPORT bool GOLT_DMX_MP3GetStreamInfo(GOLT_streamInfo_t *sinfo)
 
 namespace {
 
-// Bytes of the ID3v2 tag at the present position, 0 without one. One tag is passed over, and no
-// footer behind it.
+// Bytes of the ID3v2 tag at the present position, 0 without one. One tag is skipped; a footer after
+// it isn't.
 MP3Offset_t id3_tag_size()
 {
     ID3_t t_tag = {};
@@ -278,7 +278,7 @@ bool MP3_readFrameInfo(MP3FrameInfo_t *pMP3Info)
     return true;
 }
 
-// A reserved sampling frequency and a free bit rate count as no header: neither tells the length of
+// A reserved sampling frequency and a free bit rate count as no header: neither gives the length of
 // a frame.
 bool measure_frame(MP3FrameInfo_t *pMP3Info)
 {
@@ -317,7 +317,7 @@ uint8_t *read_frame_block(const MP3FrameInfo_t &t_info)
     return pb_frame;
 }
 
-// Reports the frame just read to the tables and moves on behind it. Where it turns out to be a
+// Reports the frame just read to the tables and moves on past it. Where it turns out to be a
 // known one, the count is put right: this frame has got its time already, the next one has the true
 // time.
 void count_frame()
@@ -342,8 +342,8 @@ void set_clock(MP3FixPt_t timestamp_fixpt)
 }
 
 // The first header at an estimated offset, or the end of the file. The search begins a quarter of a
-// packet early, so that an estimate that falls a little behind a header finds that one. Without an
-// average there is no measure for it, and the estimate stands.
+// packet early, so that an estimate a little after a header finds that one. Without an average there
+// is no measure for it, and the estimate is taken as it is.
 MP3Offset_t find_frame(MP3Offset_t estimate)
 {
     const auto avePktSize = static_cast<uint32_t>(fixpt_to_int(BRT_aveBytesPerPkt()));

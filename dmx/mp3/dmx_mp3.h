@@ -1,5 +1,5 @@
 // MP3 demuxer: a plain MPEG audio file (ISO/IEC 11172-3, Layers I to III), with or without an ID3v2
-// tag in front, as one frame for each audio frame.
+// tag at its start, as one frame for each audio frame.
 //
 // The file has neither an index nor a duration. The demuxer walks from header to header; the time
 // of a frame is its number times the duration of a frame, from 0 at the first one. While it reads,
@@ -7,7 +7,7 @@
 // frames bear the time asked for, and their clock is put right as soon as the reader meets a place
 // that it knows.
 //
-// One source at a time: the module keeps one static context.
+// One source at a time: the module's state is static.
 
 #ifndef GOLT_DMX_MP3_H
 #define GOLT_DMX_MP3_H
@@ -22,7 +22,7 @@ GOLT_EXPORT bool GOLT_DMX_MP3Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_h
 /// Releases the tables and gives up the source. Always true.
 GOLT_EXPORT bool GOLT_DMX_MP3Destroy();
 
-/// Reads the next frame, header included, as it stands in the file; what the end of the file cuts
+/// Reads the next frame, header included, as it is in the file; what the end of the file cuts
 /// off of it is zero. False, with pt_frame unchanged, at the end of the file, where the next header
 /// is missing, and without memory: the next call then tries the same frame again.
 GOLT_EXPORT bool GOLT_DMX_MP3ReadFrame(GOLT_frame_t *pt_frame);
@@ -31,7 +31,7 @@ GOLT_EXPORT bool GOLT_DMX_MP3ReadFrame(GOLT_frame_t *pt_frame);
 GOLT_EXPORT bool GOLT_DMX_MP3SeekToBytes(int64_t i8_pos);
 
 /// Moves to ui8_time milliseconds, of which the low 32 bits count. False only when that is where
-/// the reader stands; true also behind the end, where the next read is false.
+/// the reader is; true also past the end, where the next read is false.
 GOLT_EXPORT bool GOLT_DMX_MP3SeekToTime(uint64_t ui8_time);
 
 /// Describes the first frame. False, with sinfo unchanged, when none was found.

@@ -303,7 +303,7 @@ bool PosList_timeWithin(PosList_t *pPosList, uint32_t pktno)
 }
 
 // Looks up a packet within the list. True when it has an entry. Otherwise the offset is
-// interpolated, and the known point behind it becomes the list's sync point.
+// interpolated, and the known point after it becomes the list's sync point.
 bool PosList_seek(PosList_t *pPosList, uint32_t pktno, MP3Offset_t *newOffset)
 {
     if (pPosList == nullptr) return true;
@@ -312,7 +312,7 @@ bool PosList_seek(PosList_t *pPosList, uint32_t pktno, MP3Offset_t *newOffset)
     if (pPosList->interval != 0) foundIdx = (pktno - pPosList->firstPktno) / pPosList->interval;
     if (foundIdx > pPosList->numEntries) return false;
 
-    // A list whose first report came from behind its start spans more than its entries. Just behind
+    // A list whose first report came from after its start spans more than its entries. Just after
     // the last one there is still the line from there to the list's end.
     const uint32_t lastIdx = pPosList->numEntries - 1u;
     if (foundIdx > lastIdx) foundIdx = lastIdx;
@@ -348,8 +348,8 @@ MP3Offset_t interpolate(sample_t from, sample_t to, uint32_t pktno)
     return from.offset + span / whole * part + span % whole * part / whole;
 }
 
-// Estimates by the recent average. The packet lies behind the list's end; in front of its start
-// only when even the coarse list has turned over, after a day and a half.
+// Estimates by the recent average. The packet lies after the list's end; before its start only when
+// even the coarse list has turned over, after a day and a half.
 bool PosList_extrapolate(PosList_t *pPosList, uint32_t pktno, MP3Offset_t *newOffset)
 {
     const MP3FixPt_t bytesPerPkt = BRT_aveBytesPerPkt();
@@ -377,7 +377,7 @@ uint32_t PosList_firstOffset(PosList_t *pPosList)
 
 bool PosList_syncPoint(PosList_t *pPosList, uint32_t, MP3Offset_t offset, uint32_t *pktno_sync)
 {
-    // The packet number tells whether a point is armed: in a file of more than 4 GiB a frame can
+    // The packet number says whether a point is armed: in a file of more than 4 GiB a frame can
     // start at NO_OFFSET.
     if (pPosList->syncPktno == NO_PKTNO || offset != pPosList->syncOffset) return false;
     *pktno_sync = pPosList->syncPktno;

@@ -3,7 +3,7 @@
 //
 // All parsing is done at start; after that the source is touched only to read samples. Frames come
 // in time order from both tracks. H.264 comes out as a byte stream with start codes, with the
-// parameter sets in front of the first frame. Only the first 4 GiB of a file can be reached;
+// parameter sets before the first frame. Only the first 4 GiB of a file can be reached;
 // fragments and edit lists are not looked at.
 //
 // One source at a time: the module keeps one static context.
@@ -31,7 +31,7 @@ GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame);
 GOLT_EXPORT bool GOLT_DMX_MP4SeekToBytes(int64_t i8_pos);
 
 /// Moves to ui8_time milliseconds: the video track to its first sync sample at or after that time,
-/// the audio track to where the video landed. Always true; behind the end the next read is false.
+/// the audio track to where the video landed. Always true; past the end the next read is false.
 GOLT_EXPORT bool GOLT_DMX_MP4SeekToTime(uint64_t ui8_time);
 
 /// Describes the tracks. Fields of a track that isn't there keep their values. Always true.

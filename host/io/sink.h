@@ -7,13 +7,11 @@
 #include <memory>
 
 #include "libgolt.h"
-#include "ts_watch.h"
 
 class Sink : public PELA::AVMuxer::Listener {
 public:
-    /// fd stays the caller's. sound: gets to see the packets that it wants; it has to outlive the
-    /// sink.
-    Sink(int fd, TsWatch &sound);
+    /// fd stays the caller's.
+    explicit Sink(int fd);
 
     int write(uint8_t *buffer, int size) override;
     /// Writes what is still in the buffer.
@@ -30,7 +28,6 @@ private:
 
     int m_fd;
     size_t m_pipe_size;  // 0 where it is no pipe
-    TsWatch &m_sound;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_held = 0;  // bytes in the buffer
     uint64_t m_flushed = 0;

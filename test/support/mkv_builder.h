@@ -1,7 +1,7 @@
 // Matroska files (RFC 8794, RFC 9559) from a text, whose words say in the order of the file what
-// stands in it:
+// is in it:
 //
-//     h0 h1000                a SeekHead with the place of the Cues, or with one so far behind it
+//     h0 h1000                a SeekHead with the place of the Cues, or with one so much later
 //     d473B8000               an Info with a Duration
 //     t1['V_VP8']E0[B0[10]]   a track: its number, its codec, its further children
 //     k                       the Cues
@@ -12,9 +12,9 @@
 //     .                       ends that
 //     n4FFE[01]               elements for the begin and the end of every master that follows
 //
-// Bytes are hexadecimal digits, with points between them as one likes; 41*9 are nine bytes of 0x41,
-// 41~9 has nine bytes of a pattern behind it; #9 is a number of eight bytes, %9 a block's time with
-// its flags, 0; [..] is a payload behind its size, (..) and {..} are NAL units behind a length of
+// Bytes are hexadecimal digits, with points between them anywhere; 41*9 are nine bytes of 0x41,
+// 41~9 has nine bytes of a pattern after it; #9 is a number of eight bytes, %9 a block's time with
+// its flags, 0; [..] is a payload after its size, (..) and {..} are NAL units after a length of
 // four and of three bytes; 'A_AAC' is a text.
 
 #ifndef GOLT_TEST_MKV_BUILDER_H
@@ -35,11 +35,11 @@ inline Bytes element_size(uint64_t size)
     return be(size | uint64_t{1} << (7 * width), width);
 }
 
-/// The bytes that a notation tells.
+/// The bytes that a notation stands for.
 inline Bytes spell(const std::string &notation)
 {
     Bytes out;
-    std::vector<Bytes> outer;  // what stands in front of each payload that is open
+    std::vector<Bytes> outer;  // what is before each payload that is open
     for (size_t i = 0, used = 0; i < notation.size(); i += 1 + used) {
         const char sign = notation[i];
         used = 0;
@@ -129,7 +129,7 @@ private:
     {
         return id + "[" + m_noise + children + m_noise + "]";
     }
-    // Ends the master that is open, and begins one, or what stands outside of one.
+    // Ends the master that is open, and begins one, or what is outside of one.
     void begin(const std::string &id, const std::string &children)
     {
         if (!m_id.empty()) m_segment += m_noise + "]";

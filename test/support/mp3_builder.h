@@ -11,7 +11,7 @@ struct Mp3 {
     Bytes file;
     std::vector<size_t> starts;  ///< offset of each frame
 
-    /// Frames with a header, as a word, and of the size that it tells: Layer III of 128 kbit/s at
+    /// Frames with a header, as a word, and of the size that it gives: Layer III of 128 kbit/s at
     /// 44100 Hz, unless another is given. The payload has no 0xFF: nothing in it looks like a
     /// header.
     Mp3 &frames(int count, uint32_t header = 0xFFFB9000, size_t size = 417)

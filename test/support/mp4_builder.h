@@ -1,5 +1,5 @@
 // Builds MP4 files (ISO/IEC 14496-12, -14 and -15) for tests: a case names what matters in it, the
-// rest is a sound file's.
+// rest is valid.
 //
 //     Mp4Track video = Mp4Track::video();
 //     video.sample(nal({0x65, 1, 2})).sample(nal({0x41, 3}));
@@ -7,7 +7,7 @@
 //     Bytes file = Mp4File().add(video).build();
 //
 // Any box can be left out, moved or replaced: order names the children of each container in the
-// file's order, put holds whole boxes that stand for the builder's own of that name. A name of
+// file's order, put holds whole boxes that replace the builder's own of that name. A name of
 // order may be a new one, if put has its box.
 
 #ifndef GOLT_TEST_MP4_BUILDER_H
@@ -31,7 +31,7 @@ inline Bytes table_box(const std::string &type, size_t entries, const std::vecto
     return box(type, payload);
 }
 
-/// A NAL unit as samples hold it, with its length in front.
+/// A NAL unit as samples hold it, with its length ahead of it.
 inline Bytes nal(const Bytes &unit, int length_size = 4)
 {
     return be(unit.size(), length_size) + unit;
@@ -105,7 +105,7 @@ public:
         return box(name == "entry" ? entry_type : name, payload);
     }
 
-    /// Adds the next chunk to the media, which stand at media_at in the file. False: there is none.
+    /// Adds the next chunk to the media, which begin at media_at in the file. False: there is none.
     bool lay_chunk(Bytes &media, size_t media_at)
     {
         if (m_laid == samples.size()) return false;
@@ -119,7 +119,7 @@ public:
     }
 
 private:
-    size_t m_laid = 0;  // samples that stand in chunks
+    size_t m_laid = 0;  // samples that are in chunks
     std::vector<size_t> m_stco, m_stsc;
 
     Bytes leaf(const std::string &name) const
@@ -197,7 +197,7 @@ public:
 
     Bytes build() const
     {
-        // The place of "mdat" hangs on the size of "moov", not on the offsets in it. Without "mdat" they
+        // The place of "mdat" depends on the size of "moov", not on the offsets in it. Without "mdat" they
         // lead past the end.
         size_t media_at = INT32_MAX;
         write(media_at);
@@ -207,7 +207,7 @@ public:
 private:
     std::vector<Mp4Track> m_tracks;
 
-    // media_at: in the file, of what stands in "mdat"; where it has come to stand afterwards.
+    // media_at: where the payload of "mdat" begins in the file; set to where it really does.
     Bytes write(size_t &media_at) const
     {
         std::vector<Mp4Track> tracks = m_tracks;
