@@ -134,6 +134,7 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
         {"slow, and released half full", 0, ALL, "<-1 <100 <-1 <200 <-1 <7 250 50 4",
          "r65536=-1 z10 r65536=100 z10 r65436=-1 z10 r65436=200 >250 " + again +
              "r65536=-1 >50 r65536=7 z10 r65529=65529 >4 "},
+        {"reads ahead before it has read", 0, ALL, "0 4", "R >0 R >4 "},
         {"gives up after 5000 rounds", 0, ALL, times(10000, "<-1 ") + "10 10",
          times(5000, "r65536=-1 z10 ") + "GOLT/TCACHE: \t   fill @ 0x00000000: 65536 got     0 " +
              "[timeout:50000 us]\nr65536=-1 >0 " + times(4999, "r65536=-1 z10 ") + "R >10 "},
@@ -202,7 +203,7 @@ TEST_F(Cache, PassesThroughWhereItHasNoTwoBuffers)
                                : "r25=10 r15=10 r5=5 >25 r5=-1 >0 r5=6 >0 >0 s7 r3=3 >3 s-9 !-1 ")
             << granted;
         open(0);
-        EXPECT_EQ(run("4"), "r4=4 >4 ") << "also a later one, with all its buffers";
+        EXPECT_EQ(run("4 1"), "r4=4 >4 r1=1 >1 ") << "also a later one, with all its buffers";
     }
 }
 
