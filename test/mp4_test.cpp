@@ -258,7 +258,8 @@ TEST(Mp4, CountsTheSamplesThatAreLeftOut)
 {
     Movie movie;
     movie.v.duration = 3000000 * 40;
-    movie.change("stsz=6,3 stsc=1,1,3000000,1 stts=2,1,40,2999999,40");
+    movie.v.chunks = {1, 2};
+    movie.change("stsz=6,3 stsc=3,1,1000000,1,2,7,1,2,2000000,1 stts=2,1,40,2999999,40");
     Demuxer demuxer(movie.build());
     EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
     EXPECT_EQ(demuxer.seek(80), "GOLT/mp4: seek: v(2), a(0)\n");
