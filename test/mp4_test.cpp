@@ -258,7 +258,8 @@ TEST(Mp4, CountsTheSamplesThatAreLeftOut)
 {
     Movie movie;
     movie.v.duration = 3000000 * 40;
-    movie.change("stsz=6,3 stsc=1,1,3000000,1 stts=2,1,40,2999999,40");
+    movie.v.chunks = {1, 2};
+    movie.change("stsz=6,3 stsc=3,1,1000000,1,2,7,1,2,2000000,1 stts=2,1,40,2999999,40");
     Demuxer demuxer(movie.build());
     EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
     EXPECT_EQ(demuxer.seek(80), "GOLT/mp4: seek: v(2), a(0)\n");
@@ -308,6 +309,38 @@ TEST(Mp4, SaysWhatIsMissing)
         const std::string printed = Demuxer(Movie().change(row.changes).build()).printed;
         EXPECT_EQ(printed.substr(0, row.expected.size()), row.expected);
         EXPECT_EQ(printed.empty(), row.expected.empty());
+    }
+}
+
+// What a cut through a field prints: each walker that misses a box says so, the one with the field
+// doesn't.
+TEST(Mp4, SaysNothingOfAFieldThatIsCut)
+{
+    const std::string prefix = "GOLT/mp4: _dmx_mp4_parse_";
+    const std::string track = prefix + "track: expected 0x3 boxes, got 0x1\n";
+    const std::string media = prefix + "mdia: expected 0x7 boxes, got 0x3\n" + track;
+    const std::string tables = prefix + "stbl: expected 0xf boxes, got 0x0\n" + media;
+    const struct {
+        const char *order, *type;
+        std::ptrdiff_t field;  // from the type of its box on
+        std::string printed;
+    } rows[] = {
+        {"v", "tkhd", 16, ""},     {"v", "mdhd", 16, track},  {"v", "mdhd", 20, track},
+        {"v", "hdlr", 12, track},  {"v", "stsz", 8, media},   {"v", "stsz", 12, media},
+        {"v", "stsz", 16, media},  {"v", "avc1", -4, tables}, {"v", "avc1", 28, tables},
+        {"v", "avc1", 30, tables}, {"v", "avc1", 32, tables}, {"v", "avc1", 36, tables},
+        {"v", "avcC", 9, tables},  {"a", "mp4a", 20, tables}, {"a", "mp4a", 28, tables},
+        {"a", "esds", 8, tables},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.type + std::to_string(row.field));
+        Movie movie;
+        movie.order = row.order;
+        Bytes file = movie.build();
+        const Bytes type = text(row.type);
+        const auto at = std::find_end(file.begin(), file.end(), type.begin(), type.end());
+        file.erase(at + row.field + 1, file.end());
+        EXPECT_EQ(Demuxer(file).printed, row.printed);
     }
 }
 
@@ -366,6 +399,7 @@ TEST(Mp4, ReportsTheAudioFormat)
             SCOPED_TRACE(row.dsi + demuxer.printed);
             EXPECT_EQ(demuxer.info.audioCodec, row.codec);
             EXPECT_EQ(demuxer.info.aud_sampleRate, row.rate);
+            EXPECT_EQ(demuxer.info.aud_numChannels, 2u);
             const size_t told = demuxer.printed.find(prefix + row.format + "\n");
             EXPECT_EQ(told, *row.format != '\0' ? 0 : std::string::npos);
         }
@@ -391,8 +425,9 @@ TEST(Mp4, ReportsTheVideoFormat)
         const GOLT_streamInfo_t info = Demuxer(movie.build()).info;
         EXPECT_THAT(
             (std::vector<uint32_t>{info.vid_pixelAspectNumerator, info.vid_pixelAspectDenominator,
-                                   info.duration, info.vid_framesPerKiloSeconds}),
-            ElementsAre(row.numerator, row.denominator, row.duration, row.rate));
+                                   info.duration, info.vid_framesPerKiloSeconds, info.vid_width,
+                                   info.vid_height}),
+            ElementsAre(row.numerator, row.denominator, row.duration, row.rate, 320, 240));
     }
 }
 
