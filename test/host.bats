@@ -293,7 +293,7 @@ plain() {
     $GOLT info video.mp4 --format "$name" &>>said || true
     plain said
     grep -qF 're\x1B[31md\x7F\u009B\xFF\x0Ax.mp4' said
-    grep -qF "'\\x1B[2J'" said
+    grep -qF '?[2J isn' said
 }
 
 @test "tells when its help can't be written" {
