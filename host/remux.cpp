@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "golt_stage.h"
 #include "io/interrupt.h"
 #include "io/output.h"
 #include "io/progress.h"
@@ -36,8 +37,11 @@ private:
     Output m_output;
     TsWatch m_sound{AUDIO_PID};
     Sink m_sink;
+    golt::StageListener<PELA::AVMuxer::Listener> m_stage;
     Pump m_pump;
 };
+
+golt::StageHints stage_hints(const Input &input);
 
 }  // namespace
 
@@ -48,13 +52,23 @@ ExitStatus remux(const RemuxOptions &options, Descriptor standard_output)
 
 namespace {
 
+golt::StageHints stage_hints(const Input &input)
+{
+    golt::StageHints hints;
+    hints.mode = input.format().f_times ? golt::StageMode::REMUX : golt::StageMode::PASS;
+    return hints;
+}
+
 Job::Job(const RemuxOptions &options, Descriptor standard_output)
     : m_options(options)
     , m_input(options.input)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor(), m_sound)
-    , m_pump(m_input, m_sink)
+    , m_stage(m_sink, stage_hints(m_input))
+    , m_pump(m_input, options.f_as_is || !m_input.format().f_times
+                          ? static_cast<PELA::AVMuxer::Listener &>(m_sink)
+                          : m_stage)
 {
 }
 
@@ -67,6 +81,7 @@ ExitStatus Job::run()
         if (m_sink.error() != 0) break;
         if (progress.is_due(m_sink.bytes())) show(progress);
     }
+    m_stage.finish();
     m_sink.flush();
     progress.clear();
 

@@ -25,7 +25,6 @@ Sink::Sink(int fd, TsWatch &sound)
     : m_fd(fd)
     , m_pipe_size(size_of_pipe(fd))
     , m_sound(sound)
-    , m_buffer(new uint8_t[BUFFER_SIZE])
 {
 }
 
@@ -33,7 +32,7 @@ int Sink::write(uint8_t *buffer, int size)
 {
     // Nearly everything is a packet that is only to be copied. This way has no call in it, which
     // would make it keep registers. m_held is below BUFFER_SIZE.
-    if (size != static_cast<int>(TS_PACKET_SIZE) || m_sound.wants(buffer) ||
+    if (size != static_cast<int>(TS_PACKET_SIZE) || m_held == 0 || m_sound.wants(buffer) ||
         BUFFER_SIZE - m_held <= TS_PACKET_SIZE)
         return write_other(buffer, size);
     // A copy of fixed size needs no call either. Header and payload are read as the library has
@@ -50,6 +49,12 @@ int Sink::write_other(const uint8_t *data, int size)
 {
     if (size <= 0) return 0;
     if (size == static_cast<int>(TS_PACKET_SIZE) && m_sound.wants(data)) m_sound.look(data);
+    // Packets that were gathered already aren't copied.
+    if (m_held == 0 && static_cast<size_t>(size) >= BUFFER_SIZE / 2) {
+        write_out(data, static_cast<size_t>(size));
+        return m_error == 0 ? size : -1;
+    }
+    if (m_buffer == nullptr) m_buffer.reset(new uint8_t[BUFFER_SIZE]);
     for (size_t left = static_cast<size_t>(size); left > 0;) {
         const size_t part = std::min(left, BUFFER_SIZE - m_held);
         memcpy(m_buffer.get() + m_held, data, part);
@@ -63,9 +68,14 @@ int Sink::write_other(const uint8_t *data, int size)
 
 void Sink::flush()
 {
-    if (m_error == 0) m_error = write_packets(m_fd, m_buffer.get(), m_held, m_pipe_size);
-    m_flushed += m_held;
+    write_out(m_buffer.get(), m_held);
     m_held = 0;
+}
+
+void Sink::write_out(const uint8_t *data, size_t size)
+{
+    if (m_error == 0) m_error = write_packets(m_fd, data, size, m_pipe_size);
+    m_flushed += size;
 }
 
 namespace {
