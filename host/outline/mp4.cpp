@@ -48,12 +48,12 @@ void read_mp4(Reader &reader, Outline &outline)
     Mp4Outline &mp4 = outline.mp4;
     Stretch file(reader, 0, reader.size());
     bool f_first = true;
-    while (!(mp4.f_moov && (mp4.f_mdat || mp4.f_fragmented))) {
+    while (!mp4.f_moof && !(mp4.f_moov && mp4.f_mdat && !mp4.f_fragmented)) {
         const std::optional<Box> box = next_box(file);
         if (!box) break;
         switch (box->type) {
         case box_type("ftyp"): mp4.f_ftyp = mp4.f_ftyp || f_first; break;
-        case box_type("moof"): mp4.f_fragmented = true; break;
+        case box_type("moof"): mp4.f_moof = mp4.f_fragmented = true; break;
         case box_type("mdat"): note_media_box(*box, mp4); break;
         case box_type("moov"):
             mp4.f_moov = true;

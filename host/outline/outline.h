@@ -82,6 +82,7 @@ struct Mp4Outline {
     bool f_mdat = false;
     bool f_64_bit_mdat = false;  ///< an "mdat" before "moov" whose size has 64 bits
     bool f_open_box = false;     ///< a box that goes on to the end of the file, before "moov"
+    bool f_moof = false;         ///< a fragment was seen
     bool f_fragmented = false;   ///< "mvex" or "moof" is there
     uint32_t timescale = 0;      ///< ticks in a second of the durations of edits
     std::optional<uint64_t>

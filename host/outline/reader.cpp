@@ -21,7 +21,7 @@ bool Reader::read(uint64_t offset, uint8_t *buffer, size_t size)
 // The window begins at the offset: what is read next mostly follows.
 bool Reader::load(uint64_t offset)
 {
-    if (m_loads >= MOST_LOADS || offset >= std::min(size(), m_end)) return false;
+    if (is_exhausted() || offset >= std::min(size(), m_end)) return false;
     ++m_loads;
     m_begin = offset;
     m_held = std::min(m_source.read_at(offset, m_window.data(), m_window.size()), m_window.size());

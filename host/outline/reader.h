@@ -33,8 +33,9 @@ public:
     static constexpr uint32_t MOST_LOADS = 2048;
 
     /// source: has to outlive the object.
-    explicit Reader(ByteSource &source)
+    explicit Reader(ByteSource &source, uint32_t most_loads = MOST_LOADS)
         : m_source(source)
+        , m_most_loads(most_loads)
     {
     }
 
@@ -43,11 +44,14 @@ public:
     /// The file's size in bytes; UINT64_MAX where it isn't known.
     uint64_t size() const { return m_source.size() == 0 ? UINT64_MAX : m_source.size(); }
     bool knows_size() const { return m_source.size() != 0; }
+    /// Whether the budget is spent: what can't be read then may be there all the same.
+    bool is_exhausted() const { return m_loads >= m_most_loads; }
 
 private:
     bool load(uint64_t offset);
 
     ByteSource &m_source;
+    const uint32_t m_most_loads;
     std::array<uint8_t, WINDOW_SIZE> m_window;
     uint64_t m_begin = 0;  // offset in the file of what the window holds
     size_t m_held = 0;

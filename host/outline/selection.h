@@ -1,0 +1,44 @@
+// Which tracks of a file the library takes, and why it leaves the others. The library tells neither:
+// its rules are told here, for people.
+
+#ifndef HOST_OUTLINE_SELECTION_H
+#define HOST_OUTLINE_SELECTION_H
+
+#include <string>
+#include <vector>
+
+#include "outline.h"
+
+enum class Fate {
+    TAKEN,
+    LEFT_OUT,    ///< nothing of it comes out of the library
+    UNPLAYABLE,  ///< the library writes its frames, but nobody can play them
+};
+
+struct Choice {
+    Fate fate = Fate::LEFT_OUT;
+    std::string reason;  ///< why it isn't taken: "subtitles", "Opus, which isn't remuxed"
+};
+
+struct Selection {
+    std::vector<Choice> choices;  ///< one for each of Outline::tracks
+    std::string refusal;  ///< why nothing of the file can be remuxed; empty where something can
+    /// The only audio, or the only video, of the file isn't taken; with what it is and why, a line each.
+    std::vector<std::string> losses;
+    /// What else isn't taken that a user may look for, a line each.
+    std::vector<std::string> notes;
+
+    /// The track of a kind that is taken, by its index; none.
+    std::optional<size_t> taken(const Outline &outline, TrackKind kind) const;
+    /// Whether the library writes frames of a kind that nobody can play.
+    bool is_unplayable(const Outline &outline, TrackKind kind) const;
+};
+
+Selection select_tracks(const Outline &outline);
+
+/// A codec's usual name: "HEVC" of "hvc1" or "V_MPEGH/ISO/HEVC"; the track's own where there is none.
+std::string codec_title(const Outline &outline, const Track &track);
+/// "video", "audio", "subtitles", "chapters", or "data".
+std::string kind_name(const Track &track);
+
+#endif
