@@ -2,18 +2,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include <unistd.h>
 
 #include <fmt/format.h>
 
-#include "golt_stage.h"
 #include "io/interrupt.h"
 #include "io/output.h"
 #include "io/progress.h"
 #include "io/sink.h"
 #include "stream/input.h"
+#include "stream/source_bytes.h"
+#include "stream/stage_hints.h"
 #include "stream/time_text.h"
+#include "ts_time.h"
 
 namespace {
 
@@ -31,17 +34,22 @@ private:
     void show(Progress &progress) const;
     std::string summary(double seconds) const;
     std::string fault_in_input() const;
+    std::string fault_in_times() const;
 
     const RemuxOptions &m_options;
     Input m_input;
     Output m_output;
     TsWatch m_sound{AUDIO_PID};
     Sink m_sink;
+    const Outline m_outline;
+    const StageSetup m_setup;
     golt::StageListener<PELA::AVMuxer::Listener> m_stage;
     Pump m_pump;
 };
 
-golt::StageHints stage_hints(const Input &input);
+Outline outline_of(Input &input);
+/// Ready-made packets pass as they are without it, too.
+bool passes_stage(const RemuxOptions &options, const Input &input);
 
 }  // namespace
 
@@ -52,11 +60,21 @@ ExitStatus remux(const RemuxOptions &options, Descriptor standard_output)
 
 namespace {
 
-golt::StageHints stage_hints(const Input &input)
+Outline outline_of(Input &input)
 {
-    golt::StageHints hints;
-    hints.mode = input.format().f_times ? golt::StageMode::REMUX : golt::StageMode::PASS;
-    return hints;
+    Source &source = input.source();
+    const auto position = static_cast<int64_t>(source.position());
+    const Outline outline = [&source] {
+        SourceBytes bytes(source);
+        return read_outline(bytes);
+    }();
+    source.seek(position, SEEK_SET);
+    return outline;
+}
+
+bool passes_stage(const RemuxOptions &options, const Input &input)
+{
+    return !options.f_as_is && input.format().f_times;
 }
 
 Job::Job(const RemuxOptions &options, Descriptor standard_output)
@@ -65,11 +83,14 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor(), m_sound)
-    , m_stage(m_sink, stage_hints(m_input))
-    , m_pump(m_input, options.f_as_is || !m_input.format().f_times
-                          ? static_cast<PELA::AVMuxer::Listener &>(m_sink)
-                          : m_stage)
+    , m_outline(outline_of(m_input))
+    , m_setup(stage_setup(m_outline, select_tracks(m_outline), !m_input.format().f_times))
+    , m_stage(m_sink, m_setup.hints)
+    , m_pump(m_input, passes_stage(options, m_input)
+                          ? static_cast<PELA::AVMuxer::Listener &>(m_stage)
+                          : m_sink)
 {
+    if (!m_stage.is_valid()) throw std::bad_alloc();
 }
 
 ExitStatus Job::run()
@@ -91,6 +112,10 @@ ExitStatus Job::run()
     if (m_pump.frames() == 0) throw NotDone(path, m_pump.why_nothing_came());
     m_output.complete();
     if (!m_options.f_quiet) say(m_output.name() + ": " + summary(progress.seconds()));
+    if (!m_options.f_quiet && passes_stage(m_options, m_input)) {
+        for (const std::string &note : m_setup.notes)
+            say(fmt::format("golt: {}: {}", path, note));
+    }
     if (stop_signal() != 0) {
         say(fmt::format("golt: {}: stopped by {}; what was written until then is whole",
                         m_output.name(), stop_signal_name()));
@@ -119,10 +144,27 @@ std::string Job::summary(double seconds) const
 std::string Job::fault_in_input() const
 {
     std::string fault = m_pump.fault_in_input();
+    if (fault.empty()) fault = fault_in_times();
     if (!fault.empty() || !m_input.format().f_times || !m_sound.stands_still()) return fault;
     // Matroska files by muxers that write no DefaultDuration.
     return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
                        m_sound.frames(), time_text(m_sound.first_ms()));
+}
+
+// What the stage couldn't mend.
+std::string Job::fault_in_times() const
+{
+    const golt::StageCounts counts = m_stage.counts();
+    if (counts.misordered > 0)
+        return "pictures in an order that their parameter sets don't allow: " +
+               std::to_string(counts.misordered);
+    if (counts.late > 0)
+        return fmt::format("badly interleaved: {} come up to {} ms too late",
+                           counted(counts.late, "frame"), counts.worst_late / TICKS_PER_MS);
+    if (counts.untimed_audio > 0)
+        return "tells neither when audio frames are to be heard nor how long they last: " +
+               std::to_string(counts.untimed_audio);
+    return "";
 }
 
 }  // namespace

@@ -1,0 +1,27 @@
+// A source as the outline reads it: at any place, without the library.
+
+#ifndef HOST_STREAM_SOURCE_BYTES_H
+#define HOST_STREAM_SOURCE_BYTES_H
+
+#include "io/source.h"
+#include "outline.h"
+
+class SourceBytes final : public ByteSource {
+public:
+    /// source: has to outlive the object; its position is at the start of the file afterwards.
+    explicit SourceBytes(Source &source)
+        : m_source(source)
+    {
+    }
+    ~SourceBytes() { m_source.seek(0, SEEK_SET); }
+    SourceBytes(const SourceBytes &) = delete;
+    SourceBytes &operator=(const SourceBytes &) = delete;
+
+    size_t read_at(uint64_t offset, uint8_t *buffer, size_t size) override;
+    uint64_t size() const override { return m_source.size(); }
+
+private:
+    Source &m_source;
+};
+
+#endif
