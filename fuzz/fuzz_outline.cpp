@@ -19,7 +19,7 @@ public:
     {
     }
 
-    size_t read_at(uint64_t offset, uint8_t *buffer, size_t size) override
+    size_t read_at(uint64_t offset, uint8_t *buffer, size_t /*least*/, size_t size) override
     {
         require(++m_reads <= Reader::MOST_LOADS, "a file is read a limited number of times");
         if (m_reads > m_fails_from || offset >= m_file.size()) return 0;
@@ -59,7 +59,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
         outline = read_outline(source);
     }
     require(outline.tracks.size() <= Outline::MOST_TRACKS, "tracks are limited");
-    require(outline.matroska.cue_times.size() <= Outline::MOST_CUES, "cues are limited");
+    require(outline.matroska.cues.size() <= Outline::MOST_CUES, "cues are limited");
     require(outline.duration_ns.value_or(0) >= 0, "a duration isn't negative");
     for (const Track &track : outline.tracks) {
         require(track.mp4.edits.size() <= Outline::MOST_EDITS, "edits are limited");

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "io/interrupt.h"
+#include "several.h"
 #include "stream/findings.h"
 #include "stream/scan.h"
 #include "stream/time_text.h"
@@ -104,6 +105,8 @@ private:
     std::optional<int64_t> m_pcr;
 };
 
+ExitStatus check_one(const CheckOptions &options, const InputOptions &input_options,
+                     Printer &printer);
 int64_t length_of(const StreamFrame &frame);
 std::string report_text(const Input &input, const Judge &judge, const std::string &fault);
 Json report_json(const Input &input, const Judge &judge, const std::string &fault);
@@ -112,7 +115,19 @@ Json report_json(const Input &input, const Judge &judge, const std::string &faul
 
 ExitStatus check(const CheckOptions &options, Printer &printer)
 {
-    Input input(options.input);
+    return for_each_input(options.paths, options.f_json, printer, [&](const std::string &path) {
+        InputOptions input = options.input;
+        input.path = path;
+        return check_one(options, input, printer);
+    });
+}
+
+namespace {
+
+ExitStatus check_one(const CheckOptions &options, const InputOptions &input_options,
+                     Printer &printer)
+{
+    Input input(input_options);
     Judge judge(!input.format().f_times);
     StreamFrames frames(0, judge);
     Pump pump(input, frames);
@@ -122,13 +137,12 @@ ExitStatus check(const CheckOptions &options, Printer &printer)
 
     std::string fault = pump.fault_in_input();
     if (stop_signal() != 0) fault = fmt::format("stopped by {}", stop_signal_name());
-    printer.print(options.f_json ? json_text(report_json(input, judge, fault))
+    const int indent = options.paths.size() > 1 ? -1 : 2;
+    printer.print(options.f_json ? json_text(report_json(input, judge, fault), indent)
                                  : report_text(input, judge, fault));
     printer.flush();
     return judge.findings.all().empty() && fault.empty() ? EXIT_DONE : EXIT_DONE_WITH_FAULTS;
 }
-
-namespace {
 
 void Judge::on_frame(const StreamFrame &frame)
 {

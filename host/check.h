@@ -4,12 +4,16 @@
 #ifndef HOST_CHECK_H
 #define HOST_CHECK_H
 
+#include <string>
+#include <vector>
+
 #include "io/message.h"
 #include "io/printer.h"
 #include "stream/input.h"
 
 struct CheckOptions {
-    InputOptions input;
+    InputOptions input;              ///< its path stays empty
+    std::vector<std::string> paths;  ///< one or more
     bool f_json = false;
 };
 

@@ -2,8 +2,11 @@
 
 #include <fmt/format.h>
 
+#include "io/text.h"
+#include "several.h"
 #include "stream/scan.h"
 #include "stream/time_text.h"
+#include "track_text.h"
 
 namespace {
 
@@ -17,61 +20,126 @@ public:
     void on_frame(const StreamFrame &frame) override { totals[frame.pes.pid].add(frame); }
 };
 
-/// The two streams, by the headers or, where these don't tell, by the scan.
-struct Streams {
-    Codec video, sound;
-    uint32_t video_pid, sound_pid;
+/// What reading all of an input has come to.
+struct Scan {
+    Scanner scanner;
+    uint64_t frames = 0;
+    uint64_t bytes = 0;  // of the stream
+    std::string fault;
 };
 
-Streams choose_streams(const Content &content, const Totals &totals);
-std::string info_text(const Input &input, const Content &content, const Streams &streams);
-std::string video_text(const Content &content, const Streams &streams);
-std::string sound_text(const Content &content, const Streams &streams);
-Json info_json(const Input &input, const Content &content, const Streams &streams);
+/// The two streams, by the headers or, where these don't tell, by the scan.
+struct Streams {
+    Codec video, audio;
+    uint32_t video_pid, audio_pid;
+};
+
+/// What is known of one input.
+struct Subject {
+    const InputFile &file;
+    Content content = {};
+    Streams streams = {};
+};
+
+ExitStatus info_of(const InfoOptions &options, const InputOptions &input, Printer &printer);
+ExitStatus refuse(const InfoOptions &options, const InputFile &file, Printer &printer);
+std::string scan_text(const Scan &scan);
+Json scan_json(const Scan &scan);
+Streams choose_streams(const Input &input, const Content &content, const Totals &totals);
+std::string info_text(const Subject &subject);
+std::string summary_text(const Subject &subject);
+std::string video_text(const Subject &subject);
+std::string audio_text(const Subject &subject);
+int64_t duration_ms(const Subject &subject);
+std::optional<uint64_t> frame_rate(const Subject &subject);
+Json info_json(const Subject &subject);
 Json number_or_null(uint64_t number);
+bool are_several(const InfoOptions &options);
 
 }  // namespace
 
 ExitStatus info(const InfoOptions &options, Printer &printer)
 {
-    Input input(options.input);
-    Scanner scanner;
-    StreamFrames frames(0, scanner);
-    Pump pump(input, frames);
-    std::string fault;
-    if (options.f_scan) {
-        read_all(input, pump, frames);
-        if (pump.frames() == 0) throw NotDone(input.source().path(), pump.why_nothing_came());
-        fault = pump.fault_in_input();
-    }
-
-    const Streams streams = choose_streams(pump.content(), scanner.totals);
-    if (options.f_json) {
-        Json json = info_json(input, pump.content(), streams);
-        if (options.f_scan) {
-            json["scan"]["frames"] = pump.frames();
-            json["scan"]["stream_bytes"] = frames.bytes();
-            json["scan"]["streams"] = Json::array();
-            for (const auto &[pid, totals] : scanner.totals)
-                json["scan"]["streams"].push_back(totals_json(totals));
-            json["scan"]["fault"] = fault.empty() ? Json() : Json(fault);
-        }
-        printer.print(json_text(json));
-    } else {
-        printer.print(info_text(input, pump.content(), streams));
-        for (const auto &[pid, totals] : scanner.totals)
-            printer.print(fmt::format("PID {:#05x}   {}, {}\n", pid, codec_name(totals.codec),
-                                      totals_text(totals)));
-        if (options.f_scan)
-            printer.print(fmt::format("output      {}\n", counted(frames.bytes(), "byte")));
-    }
-    printer.flush();
-    return end_command(input.source().path(), fault);
+    return for_each_input(options.paths, options.f_json, printer, [&](const std::string &path) {
+        InputOptions input = options.input;
+        input.path = path;
+        return info_of(options, input, printer);
+    });
 }
 
 namespace {
 
-Streams choose_streams(const Content &content, const Totals &totals)
+ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options, Printer &printer)
+{
+    InputFile file(input_options);
+    if (!file.selection().refusal.empty() && file.source().fault().empty())
+        return refuse(options, file, printer);
+    Input input(input_options, std::move(file));
+    Scan scan;
+    StreamFrames frames(0, scan.scanner);
+    Pump pump(input, frames);
+    if (options.f_scan) {
+        read_all(input, pump, frames);
+        if (pump.frames() == 0) throw NotDone(input.source().path(), pump.why_nothing_came());
+        scan.frames = pump.frames();
+        scan.bytes = frames.bytes();
+        scan.fault = pump.fault_in_input();
+    }
+
+    const Subject subject = {input.file(), pump.content(),
+                             choose_streams(input, pump.content(), scan.scanner.totals)};
+    if (options.f_json) {
+        Json json = info_json(subject);
+        if (options.f_scan) json["scan"] = scan_json(scan);
+        printer.print(json_text(json, are_several(options) ? -1 : 2));
+    } else if (are_several(options)) {
+        printer.print(summary_text(subject));
+    } else {
+        printer.print(info_text(subject));
+        if (options.f_scan) printer.print(scan_text(scan));
+    }
+    printer.flush();
+    return end_command(input.source().path(), scan.fault);
+}
+
+// Tells all the same what is in the file.
+ExitStatus refuse(const InfoOptions &options, const InputFile &file, Printer &printer)
+{
+    const Subject subject = {file};
+    if (options.f_json)
+        printer.print(json_text(info_json(subject), are_several(options) ? -1 : 2));
+    else if (!are_several(options))
+        printer.print(info_text(subject));
+    printer.flush();
+    say(fmt::format("golt: {}: {}", file.source().path(), file.selection().refusal));
+    return EXIT_NOT_DONE;
+}
+
+bool are_several(const InfoOptions &options)
+{
+    return options.paths.size() > 1;
+}
+
+std::string scan_text(const Scan &scan)
+{
+    std::string text;
+    for (const auto &[pid, totals] : scan.scanner.totals)
+        text += fmt::format("PID {:#05x}   {}, {}\n", pid, codec_name(totals.codec),
+                            totals_text(totals));
+    return text + fmt::format("output      {}\n", counted(scan.bytes, "byte"));
+}
+
+Json scan_json(const Scan &scan)
+{
+    Json json = {{"frames", scan.frames}, {"stream_bytes", scan.bytes}};
+    json["streams"] = Json::array();
+    for (const auto &[pid, totals] : scan.scanner.totals)
+        json["streams"].push_back(totals_json(totals));
+    json["fault"] = scan.fault.empty() ? Json() : Json(scan.fault);
+    return json;
+}
+
+Streams choose_streams(const Input &input, const Content &content, const Totals &totals)
 {
     Streams streams = {Codec::UNKNOWN, Codec::UNKNOWN, content.videoPid, content.audioPid};
     switch (content.videoCodec) {
@@ -80,66 +148,112 @@ Streams choose_streams(const Content &content, const Totals &totals)
     case PELA::VIDEO_CODEC_UNKNOWN: break;
     }
     switch (content.audioCodec) {
-    case PELA::AUDIO_CODEC_MP3: streams.sound = Codec::MPEG_AUDIO; break;
-    case PELA::AUDIO_CODEC_AAC: streams.sound = Codec::AAC; break;
-    case PELA::AUDIO_CODEC_DD: streams.sound = Codec::AC3; break;
-    case PELA::AUDIO_CODEC_DDP: streams.sound = Codec::EAC3; break;
+    case PELA::AUDIO_CODEC_MP3: streams.audio = Codec::MPEG_AUDIO; break;
+    case PELA::AUDIO_CODEC_AAC: streams.audio = Codec::AAC; break;
+    case PELA::AUDIO_CODEC_DD: streams.audio = Codec::AC3; break;
+    case PELA::AUDIO_CODEC_DDP: streams.audio = Codec::EAC3; break;
     case PELA::AUDIO_CODEC_UNKNOWN: break;
     }
-    if (streams.video != Codec::UNKNOWN || streams.sound != Codec::UNKNOWN) return streams;
+    const Selection &selection = input.selection();
+    if (selection.is_unplayable(input.outline(), TrackKind::VIDEO)) streams.video = Codec::UNKNOWN;
+    if (selection.is_unplayable(input.outline(), TrackKind::AUDIO)) streams.audio = Codec::UNKNOWN;
+    if (streams.video != Codec::UNKNOWN || streams.audio != Codec::UNKNOWN) return streams;
     for (const auto &[pid, total] : totals) {
         if (total.codec == Codec::UNKNOWN) continue;
-        Codec &codec = is_video(total.codec) ? streams.video : streams.sound;
+        Codec &codec = is_video(total.codec) ? streams.video : streams.audio;
         if (codec != Codec::UNKNOWN) continue;
         codec = total.codec;
-        (is_video(codec) ? streams.video_pid : streams.sound_pid) = pid;
+        (is_video(codec) ? streams.video_pid : streams.audio_pid) = pid;
     }
     return streams;
 }
 
-std::string info_text(const Input &input, const Content &content, const Streams &streams)
+std::string info_text(const Subject &subject)
 {
-    const Source &source = input.source();
+    const InputFile &file = subject.file;
+    const Source &source = file.source();
     std::string text = fmt::format("input       {}\nformat      {}\n", printable(source.path()),
-                                   input.format().name);
+                                   file.format().name);
     text += source.size() == 0 ? "size        unknown\n"
                                : fmt::format("size        {}\n", counted(source.size(), "byte"));
-    text += fmt::format("duration    {}\n",
-                        content.duration == 0 ? "unknown" : time_text(content.duration));
-    text += fmt::format("video       {}\n", video_text(content, streams));
-    text += fmt::format("sound       {}\n", sound_text(content, streams));
-    return text;
+    text += fmt::format("duration    {}{}\n",
+                        duration_ms(subject) == 0 ? "unknown" : time_text(duration_ms(subject)),
+                        file.outline().mpeg_audio.f_estimate ? " (estimate)" : "");
+    text += fmt::format("video       {}\n", video_text(subject));
+    text += fmt::format("audio       {}\n", audio_text(subject));
+    if (file.outline().container == Container::UNKNOWN) return text;
+    return text + file_text(file.outline(), file.selection()) +
+           tracks_text(file.outline(), file.selection());
 }
 
-std::string video_text(const Content &content, const Streams &streams)
+// One line.
+std::string summary_text(const Subject &subject)
 {
-    if (streams.video == Codec::UNKNOWN) return "none known";
-    std::string text = codec_name(streams.video);
+    const Selection &selection = subject.file.selection();
+    std::string text =
+        fmt::format("{}: {}", printable(subject.file.source().path()), subject.file.format().title);
+    if (duration_ms(subject) != 0) text += ", " + time_text(duration_ms(subject));
+    text += fmt::format("; video: {}; audio: {}", video_text(subject), audio_text(subject));
+    for (const std::vector<std::string> *lines : {&selection.losses, &selection.notes})
+        for (const std::string &line : *lines)
+            text += "; not remuxed: " + line;
+    return text + "\n";
+}
+
+std::string video_text(const Subject &subject)
+{
+    const Content &content = subject.content;
+    if (subject.streams.video == Codec::UNKNOWN) return "none";
+    std::string text = codec_name(subject.streams.video);
     if (content.width != 0) text += fmt::format(", {} x {} pixels", content.width, content.height);
     if (content.pixelAspectDenominator != 0)
         text += fmt::format(", pixel aspect {}:{}", content.pixelAspectNumerator,
                             content.pixelAspectDenominator);
-    if (content.framesPerKiloSeconds != 0)
-        text += fmt::format(", {:.3f} frames/s", content.framesPerKiloSeconds / 1000.0);
-    return text + fmt::format(", PID {:#x}", streams.video_pid);
+    if (const auto rate = frame_rate(subject))
+        text += fmt::format(", {:.3f} frames/s", static_cast<double>(*rate) / 1000);
+    return text + fmt::format(", PID {:#x}", subject.streams.video_pid);
 }
 
-std::string sound_text(const Content &content, const Streams &streams)
+std::string audio_text(const Subject &subject)
 {
-    if (streams.sound == Codec::UNKNOWN) return "none known";
-    std::string text = codec_name(streams.sound);
+    const Content &content = subject.content;
+    if (subject.streams.audio == Codec::UNKNOWN) return "none";
+    std::string text = codec_name(subject.streams.audio);
     if (content.numAudioChannels != 0) text += ", " + counted(content.numAudioChannels, "channel");
     if (content.audioSampleRate != 0) text += fmt::format(", {} Hz", content.audioSampleRate);
-    return text + fmt::format(", PID {:#x}", streams.sound_pid);
+    return text + fmt::format(", PID {:#x}", subject.streams.audio_pid);
 }
 
-Json info_json(const Input &input, const Content &content, const Streams &streams)
+// The library takes Matroska's ticks for milliseconds, whatever they are, and knows none of MP3.
+int64_t duration_ms(const Subject &subject)
 {
+    constexpr int64_t NS_PER_MS = 1000000;
+    const Outline &outline = subject.file.outline();
+    const int64_t own = outline.duration_ns.value_or(0) / NS_PER_MS;
+    const bool f_mp4 = outline.container == Container::MP4;
+    return own == 0 || (f_mp4 && subject.content.duration != 0) ? subject.content.duration : own;
+}
+
+// Frames over duration; the library's own figure drops the fraction of the last second.
+std::optional<uint64_t> frame_rate(const Subject &subject)
+{
+    const Outline &outline = subject.file.outline();
+    const auto video = subject.file.selection().taken(outline, TrackKind::VIDEO);
+    if (video) return mean_frame_rate(outline.tracks[*video]);
+    if (subject.content.framesPerKiloSeconds == 0) return {};
+    return subject.content.framesPerKiloSeconds;
+}
+
+Json info_json(const Subject &subject)
+{
+    const InputFile &file = subject.file;
+    const Content &content = subject.content;
+    const Streams &streams = subject.streams;
     Json json = json_document("golt.info/1");
-    json["input"] = input.source().path();
-    json["format"] = input.format().name;
-    json["size"] = number_or_null(input.source().size());
-    json["duration_ms"] = number_or_null(content.duration);
+    json["input"] = file.source().path();
+    json["format"] = file.format().name;
+    json["size"] = number_or_null(file.source().size());
+    json["duration_ms"] = number_or_null(static_cast<uint64_t>(duration_ms(subject)));
     json["video"] = nullptr;
     if (streams.video != Codec::UNKNOWN) {
         Json &video =
@@ -149,15 +263,18 @@ Json info_json(const Input &input, const Content &content, const Streams &stream
         video["pixel_aspect"] = nullptr;
         if (content.pixelAspectDenominator != 0)
             video["pixel_aspect"] = {content.pixelAspectNumerator, content.pixelAspectDenominator};
-        video["frames_per_1000_s"] = number_or_null(content.framesPerKiloSeconds);
+        video["frames_per_1000_s"] = number_or_null(frame_rate(subject).value_or(0));
     }
     json["sound"] = nullptr;
-    if (streams.sound != Codec::UNKNOWN) {
-        Json &sound =
-            json["sound"] = {{"codec", codec_id(streams.sound)}, {"pid", streams.sound_pid}};
-        sound["channels"] = number_or_null(content.numAudioChannels);
-        sound["sample_rate"] = number_or_null(content.audioSampleRate);
+    if (streams.audio != Codec::UNKNOWN) {
+        Json &audio =
+            json["sound"] = {{"codec", codec_id(streams.audio)}, {"pid", streams.audio_pid}};
+        audio["channels"] = number_or_null(content.numAudioChannels);
+        audio["sample_rate"] = number_or_null(content.audioSampleRate);
     }
+    const std::string &refusal = file.selection().refusal;
+    json["refusal"] = refusal.empty() ? Json() : Json(refusal);
+    add_tracks(json, file.outline(), file.selection());
     return json;
 }
 

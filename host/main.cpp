@@ -38,8 +38,8 @@ can't be done, OUT.part is removed. Pipes and devices are written to directly.
 SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
 
 Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
-output can't be written; 2 bad usage; 3 done, but the stream ended early or
-something else was wrong with the input; 128 + its number after a signal.
+output can't be written; 2 bad usage; 3 done, but the only audio or video isn't
+in it, it ended early, or the input is damaged; 128 + its number after a signal.
 
 Examples:
   golt remux movie.mp4
@@ -47,10 +47,13 @@ Examples:
   golt remux https://example.org/movie.mp4 movie.ts)";
 
 const char *const INFO_FOOTER = R"(
-Without --scan the headers of IN alone are read. Exit status: as of remux.
+Lists all tracks, whether they are remuxed, and why not. Without --scan the
+headers of IN alone are read. Of several files a line each is printed.
+Exit status: as of remux; of several files that of the worst.
 
 Examples:
   golt info movie.mp4
+  golt info *.mkv
   golt info movie.mkv --scan --json | jq .scan.streams)";
 
 const char *const FRAMES_FOOTER = R"(
@@ -75,7 +78,8 @@ Remuxes to nowhere and reads what comes out. What counts as found:
   Pictures in front of the first parameter sets; sound frames shorter than
     their header tells; PES packets above 65535 bytes that tell a length.
   Packets that break ISO/IEC 13818-1. An input that ended early.
-Exit status: 0 nothing was found, 3 something was; 1 and 2 as of remux.
+Exit status: 0 nothing was found, 3 something was; 1 and 2 as of remux; of
+several files that of the worst.
 
 Examples:
   golt check movie.mp4
@@ -108,11 +112,12 @@ void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
+void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths);
+void add_input_options(CLI::App &command, InputOptions &input);
 CLI::Option *add_verbose(CLI::App &command, Commands &commands);
 bool parse_count(const std::string &text, uint64_t *count);
 bool parse_timeout(const std::string &text, uint32_t *seconds);
 void complete_options(Commands &commands);
-void check_headers(const std::vector<std::string> &headers);
 int print_help(const CLI::App &app, const CLI::Success &request);
 void print_json_error(int status, const std::string &message);
 bool asks_for_json(int argc, char **argv);
@@ -224,7 +229,8 @@ void add_remux(CLI::App &app, Commands &commands)
     command
         ->add_option("OUT", options.output, "Default: IN's name with .ts; - is the standard output")
         ->check(is_not_empty);
-    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
+              "Begin at the last key picture before it");
     add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or behind it");
     add_value(*command, "--frames", "N", parse_count, options.input.frames,
@@ -246,7 +252,7 @@ void add_info(CLI::App &app, Commands &commands)
     InfoOptions &options = commands.info;
     CLI::App *command = app.add_subcommand("info", "Tells what IN is");
     command->footer(INFO_FOOTER);
-    add_input(*command, options.input);
+    add_inputs(*command, options.input, options.paths);
     command->add_flag("--scan", options.f_scan, "Read all frames, and tell what they come to");
     command->add_flag("--json", options.f_json, "Print JSON");
     add_verbose(*command, commands);
@@ -263,7 +269,8 @@ void add_frames(CLI::App &app, Commands &commands)
     CLI::App *command = app.add_subcommand("frames", "Lists the frames of IN");
     command->footer(FRAMES_FOOTER);
     add_input(*command, options.input);
-    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms, "Seek there first");
+    add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
+              "Begin at the last key picture before it");
     add_value(*command, "--count", "N", parse_count, options.count, "List so many frames");
     CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object a line");
     command->add_flag("--csv", options.f_csv, "Print comma-separated values")->excludes(json);
@@ -280,7 +287,7 @@ void add_check(CLI::App &app, Commands &commands)
     CheckOptions &options = commands.check;
     CLI::App *command = app.add_subcommand("check", "Finds what a strict receiver would trip over");
     command->footer(CHECK_FOOTER);
-    add_input(*command, options.input);
+    add_inputs(*command, options.input, options.paths);
     command->add_flag("--json", options.f_json, "Print JSON");
     add_verbose(*command, commands);
     command->callback([&commands] {
@@ -314,6 +321,19 @@ void add_input(CLI::App &command, InputOptions &input)
         .add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS, or its http(s) URL")
         ->required()
         ->check(is_not_empty);
+    add_input_options(command, input);
+}
+
+void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths)
+{
+    command.add_option("IN", paths, "Files of MP4, Matroska, MP3 or M2TS, or their http(s) URLs")
+        ->required()
+        ->check(is_not_empty);
+    add_input_options(command, input);
+}
+
+void add_input_options(CLI::App &command, InputOptions &input)
+{
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
     add_value(command, "--timeout", "SECONDS", parse_timeout, input.http.timeout_s,
@@ -379,29 +399,6 @@ void complete_options(Commands &commands)
         if (path.empty()) throw BadUsage("OUT is required: the URL names no file");
     }
     options.output = path.replace_extension(".ts").string();
-}
-
-// The value may be secret: it isn't shown.
-void check_headers(const std::vector<std::string> &headers)
-{
-    for (const std::string &header : headers) {
-        const size_t colon = header.find(':');
-        std::string name = header.substr(0, colon);
-        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char letter) {
-            return static_cast<char>(std::tolower(letter));
-        });
-        const bool f_token =
-            !name.empty() && std::all_of(name.begin(), name.end(), [](char letter) {
-                return std::isalnum(static_cast<unsigned char>(letter)) != 0 ||
-                       std::strchr("!#$%&'*+-.^_`|~", letter) != nullptr;
-            });
-        if (colon == std::string::npos || !f_token ||
-            header.find_first_of("\r\n") != std::string::npos)
-            throw BadUsage("--header takes NAME:VALUE");
-        for (const char *own : {"range", "if-range", "accept-encoding"}) {
-            if (name == own) throw BadUsage("--header can't set what the program sets: " + name);
-        }
-    }
 }
 
 int print_help(const CLI::App &app, const CLI::Success &request)

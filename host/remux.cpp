@@ -13,15 +13,11 @@
 #include "io/progress.h"
 #include "io/sink.h"
 #include "stream/input.h"
-#include "stream/source_bytes.h"
 #include "stream/stage_hints.h"
 #include "stream/time_text.h"
 #include "ts_time.h"
 
 namespace {
-
-// What getContentInfo reports as audioPid, always; the sink is made before the muxer can be asked.
-constexpr uint32_t AUDIO_PID = 0x101;
 
 /// One remuxing from the opening of the files to the report. Objects stand in the order in which
 /// they need each other.
@@ -33,23 +29,18 @@ public:
 private:
     void show(Progress &progress) const;
     std::string summary(double seconds) const;
-    std::string fault_in_input() const;
     std::string fault_in_times() const;
+    ExitStatus report();
 
     const RemuxOptions &m_options;
     Input m_input;
     Output m_output;
-    TsWatch m_sound{AUDIO_PID};
     Sink m_sink;
-    const Outline m_outline;
     const StageSetup m_setup;
     golt::StageListener<PELA::AVMuxer::Listener> m_stage;
+    const bool m_f_staged;  // ready-made packets pass as they are without it, too
     Pump m_pump;
 };
-
-Outline outline_of(Input &input);
-/// Ready-made packets pass as they are without it, too.
-bool passes_stage(const RemuxOptions &options, const Input &input);
 
 }  // namespace
 
@@ -60,35 +51,16 @@ ExitStatus remux(const RemuxOptions &options, Descriptor standard_output)
 
 namespace {
 
-Outline outline_of(Input &input)
-{
-    Source &source = input.source();
-    const auto position = static_cast<int64_t>(source.position());
-    const Outline outline = [&source] {
-        SourceBytes bytes(source);
-        return read_outline(bytes);
-    }();
-    source.seek(position, SEEK_SET);
-    return outline;
-}
-
-bool passes_stage(const RemuxOptions &options, const Input &input)
-{
-    return !options.f_as_is && input.format().f_times;
-}
-
 Job::Job(const RemuxOptions &options, Descriptor standard_output)
     : m_options(options)
     , m_input(options.input)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
-    , m_sink(m_output.descriptor(), m_sound)
-    , m_outline(outline_of(m_input))
-    , m_setup(stage_setup(m_outline, select_tracks(m_outline), !m_input.format().f_times))
+    , m_sink(m_output.descriptor())
+    , m_setup(stage_setup(m_input.outline(), m_input.selection(), !m_input.format().f_times))
     , m_stage(m_sink, m_setup.hints)
-    , m_pump(m_input, passes_stage(options, m_input)
-                          ? static_cast<PELA::AVMuxer::Listener &>(m_stage)
-                          : m_sink)
+    , m_f_staged(!options.f_as_is && m_input.format().f_times)
+    , m_pump(m_input, m_f_staged ? static_cast<PELA::AVMuxer::Listener &>(m_stage) : m_sink)
 {
     if (!m_stage.is_valid()) throw std::bad_alloc();
 }
@@ -112,16 +84,12 @@ ExitStatus Job::run()
     if (m_pump.frames() == 0) throw NotDone(path, m_pump.why_nothing_came());
     m_output.complete();
     if (!m_options.f_quiet) say(m_output.name() + ": " + summary(progress.seconds()));
-    if (!m_options.f_quiet && passes_stage(m_options, m_input)) {
-        for (const std::string &note : m_setup.notes)
-            say(fmt::format("golt: {}: {}", path, note));
-    }
     if (stop_signal() != 0) {
         say(fmt::format("golt: {}: stopped by {}; what was written until then is whole",
                         m_output.name(), stop_signal_name()));
         return EXIT_NOT_DONE;
     }
-    return end_command(path, fault_in_input());
+    return report();
 }
 
 void Job::show(Progress &progress) const
@@ -136,19 +104,31 @@ std::string Job::summary(double seconds) const
     std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
     if (m_input.format().f_times) {
         const int64_t span_ms = m_pump.clock().reached_ms() - m_pump.clock().first_ms();
-        text += ", " + time_text(span_ms) + speed_text(span_ms, seconds, ", ");
+        text += ", " + time_text(span_ms);
+        if (m_options.input.start_ms.value_or(0) != 0)
+            text += " from " + time_text(m_pump.clock().first_ms());
+        text += speed_text(span_ms, seconds, ", ");
     }
     return text + rate_text(m_sink.bytes(), seconds, ", ");
 }
 
-std::string Job::fault_in_input() const
+// What of the file isn't in the stream, and what was wrong with it.
+ExitStatus Job::report()
 {
+    const std::string &path = m_input.source().path();
+    const Selection &selection = m_input.selection();
+    for (const std::string &loss : selection.losses)
+        say(fmt::format("golt: {}: no {}", path, loss));
+    if (!m_options.f_quiet) {
+        for (const std::string &note : selection.notes)
+            say(fmt::format("{}: left out: {}", path, note));
+        for (const std::string &note : m_setup.notes)
+            if (m_f_staged) say(fmt::format("{}: {}", path, note));
+    }
     std::string fault = m_pump.fault_in_input();
     if (fault.empty()) fault = fault_in_times();
-    if (!fault.empty() || !m_input.format().f_times || !m_sound.stands_still()) return fault;
-    // Matroska files by muxers that write no DefaultDuration.
-    return fmt::format("doesn't tell how long a sound frame lasts: all {} of them have the time {}",
-                       m_sound.frames(), time_text(m_sound.first_ms()));
+    const ExitStatus status = end_command(path, fault);
+    return selection.losses.empty() ? status : EXIT_DONE_WITH_FAULTS;
 }
 
 // What the stage couldn't mend.

@@ -142,7 +142,7 @@ judges() {
     refuses 1 'text.txt: format not recognised' 'text.txt out'
     refuses 1 'text.m2ts: not a sound m2ts file' 'text.m2ts out'
     refuses 1 'in.m2ts: format avi not supported' 'in.m2ts out --format avi'
-    refuses 1 'tracks.mp4: no video or sound' 'tracks.mp4 out'
+    refuses 1 'tracks.mp4: it has neither video nor audio' 'tracks.mp4 out'
     refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4.001'
     refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
     refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
@@ -176,7 +176,7 @@ judges() {
         { printf '%b' "$head"; head -c 64 /dev/zero; } >file
         echo "$head"  # bats shows it where the check fails
         run golt 'file out --force'
-        [ "$status" -le 1 ]
+        [ "$status" -ne 2 ]
         [[ -n $output && $output != *'not recognised'* ]]
     done
 }
@@ -189,12 +189,12 @@ judges() {
     ends 0 ': 7 frames, '   'video.mp4 2 --frames 7'
     ends 0 ': 25 frames, '  'video.mp4 3 --to 1'
     ends 0 ': 26 frames, '  'video.mp4 4 --to 1001ms'
-    ends 0 ': 50 frames, '  'video.mp4 5 --start 0:01.5'
-    ends 0 ': 25 frames, '  'video.mp4 6 --start 1.5 --to 0:03'
+    ends 0 ': 50 frames, '  'video.mp4 5 --start 0:02.5'
+    ends 0 ': 75 frames, '  'video.mp4 6 --start 1.5 --to 0:03'
     ends 0 ': 100 frames, ' 'video.mp4 7 --start 0 --frames 500'
     ends 0 ': 100 frames, ' 'sound.mp3 8 --start 0'
-    ends 0 ': 61 frames, '  'sound.mp3 9 --start 1s'
-    ends 0 ': 4 frames, '   'sound.mp3 10 --start 0:01 --to 1.1s'
+    ends 0 ': 62 frames, '  'sound.mp3 9 --start 1s'
+    ends 0 ': 5 frames, '   'sound.mp3 10 --start 0:01 --to 1.1s'
 }
 
 @test "tells a sound input from one that ends early" {
@@ -208,8 +208,7 @@ judges() {
     local at
     at=$(ffprobe -v error -show_entries packet=pos -of csv=p=0 video.mp4 | sed -n 63p)
     head -c $((at + 1)) video.mp4 >cut.mp4
-    with_subtitle longer_subtitle.mkv 17
-    with_subtitle breaks_off.mkv 11
+    with_subtitle longer_subtitle.mkv 11
     head -c 1920 in.m2ts >whole.m2ts
     head -c 1919 in.m2ts >cut.m2ts
     { cat whole.m2ts; head -c 192 /dev/zero; cat whole.m2ts; } >sync_lost.m2ts
@@ -220,9 +219,8 @@ judges() {
     judges untimed.mp4         0 ': 100 frames'
     judges short_sound.mp4     0 ''
     judges long_sound.mp4      0 ''
-    judges cut.mp4             3 'ended early: at 00:00:02.440 of 00:00:04.000'
-    judges longer_subtitle.mkv 0 ': 17 frames'
-    judges breaks_off.mkv      3 'ended early: at 00:00:05.000 of 00:00:10.000'
+    judges cut.mp4             3 'ended at 00:00:02.480 of 00:00:04.000'
+    judges longer_subtitle.mkv 0 ': 11 frames'
     judges whole.m2ts          0 ': 10 frames'
     judges cut.m2ts            3 '191 of its 1919 bytes are in none'
     judges sync_lost.m2ts      3 '2112 of its 4032 bytes'
@@ -249,7 +247,12 @@ judges() {
     exec 4<>pipe
     $GOLT remux -q long.m2ts - >pipe 2>said &
     local writer=$! size
-    sleep 0.5
+    # Until the pipe is full, more or less.
+    python3 -c 'import array, fcntl, termios, time
+held = array.array("i", [0])
+while held[0] < 50000:
+    time.sleep(0.1)
+    fcntl.ioctl(4, termios.FIONREAD, held)'
     kill -TERM $writer
     wait $writer || true
     exec 5<pipe 4>&-

@@ -185,7 +185,7 @@ fails() {
     $GOLT check "$login/secret/movie.mp4" --json >>said 2>&1
     $GOLT plot "$login/secret/movie.mp4" -o - >>said 2>&1
     run -1 $GOLT frames "$login/plain/none.mp4" --json
-    run -2 $GOLT info "$login/plain/none.mp4" "$login/other"
+    run -2 $GOLT frames "$login/plain/none.mp4" "$login/other"
     printf '%s\n' "$output" >>said
     grep -q 'user:\*\*\*@127' said
     [ "$(grep -c hush said)" -eq 0 ]

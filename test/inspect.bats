@@ -132,7 +132,7 @@ finds() {
     [[ $output == *'  clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
     picture front.mp4 4 -movflags +faststart
     head -c $(($(stat -c %s front.mp4) / 2)) front.mp4 >half.mp4
-    is '[false,"ended early"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
+    is '[false,"ended at 00"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
 }
 
 @test "draws a picture" {

@@ -4,7 +4,6 @@
 
 #include "byte_view.h"
 #include "bytes.h"
-#include "ts_watch.h"
 
 namespace {
 
@@ -45,39 +44,6 @@ TEST(ByteView, StaysShort)
     EXPECT_EQ(in.left, 0u);
     in.take(0);
     EXPECT_TRUE(in.f_short);
-}
-
-// A packet whose PES packet begins after an adaptation field of the size; time: its last byte but
-// one, with marker bit.
-Bytes watched(uint8_t field, uint8_t time)
-{
-    Bytes packet = hex("47410130") + be(field, 1) + Bytes(field, 0xFF) +
-                   hex("000001C0 0000 808005 21000100") + be(time, 1);
-    packet.resize(188, 0xFF);
-    return packet;
-}
-
-TEST(TsWatch, SeesWhetherTimesMove)
-{
-    TsWatch still(0x101), moving(0x101);
-    for (const Bytes &packet : {watched(0, 1), watched(100, 1)}) {
-        ASSERT_TRUE(still.wants(packet.data()));
-        still.look(packet.data());
-        moving.look(packet.data());
-    }
-    EXPECT_TRUE(still.stands_still());
-    moving.look(watched(7, 3).data());
-    EXPECT_FALSE(moving.stands_still());
-    EXPECT_FALSE(moving.wants(watched(7, 3).data()));
-
-    // Without room for a PES header there is nothing to see.
-    TsWatch other(0x101);
-    Bytes packet = watched(0, 1);
-    packet[4] = 182;
-    other.look(packet.data());
-    packet[4] = 255;
-    other.look(packet.data());
-    EXPECT_EQ(other.frames(), 0u);
 }
 
 }  // namespace

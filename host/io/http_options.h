@@ -14,4 +14,7 @@ struct HttpOptions {
     bool f_insecure = false;  ///< any certificate will do
 };
 
+/// Refuses what is no field, and fields that the program sends itself. Throws BadUsage.
+void check_headers(const std::vector<std::string> &headers);
+
 #endif

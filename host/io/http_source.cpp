@@ -55,6 +55,7 @@ public:
     int read(uint8_t *buffer, int size) override;
     int64_t seek(int64_t offset, int whence) override;
     uint64_t size() const override { return m_total.value_or(0); }
+    bool is_seekable() const override { return m_f_ranges; }
 
 private:
     bool on_answer(const HttpAnswer &answer) override;
@@ -170,7 +171,7 @@ int HttpSource::take(uint8_t *buffer, uint64_t size)
     const uint64_t first = std::min(size, WINDOW_SIZE - from);
     memcpy(buffer, m_window.data() + from, static_cast<size_t>(first));
     memcpy(buffer + first, m_window.data(), static_cast<size_t>(size - first));
-    move_on(static_cast<int64_t>(size));
+    m_position += static_cast<int64_t>(size);
     m_transfer->resume();
     return static_cast<int>(size);
 }
@@ -256,7 +257,10 @@ void HttpSource::wait(int ms)
     const bool f_slow = m_waited_bytes < LEAST_RATE * static_cast<uint64_t>(m_timeout_ms) / 1000;
     m_waited_ms = 0;
     m_waited_bytes = 0;
-    if (f_slow && m_transfer->state() == HttpTransfer::RUNNING)
+    // A server may be slow in answers that are whole, one after another.
+    const bool f_more = m_transfer->state() == HttpTransfer::RUNNING ||
+                        (m_transfer->state() == HttpTransfer::DONE && m_f_ranges && !is_at_end());
+    if (f_slow && f_more)
         look_at_failure("the server sent next to nothing for " +
                             counted(static_cast<uint64_t>(m_timeout_ms) / 1000, "second"),
                         true);

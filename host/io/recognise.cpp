@@ -17,12 +17,12 @@ const struct {
     bool (*is_it)(const uint8_t *head, size_t size);
     const char *names;  // with a blank around each
 } rows[] = {
-    {{"mp4", 0, true, false}, is_mp4, " mp4 m4a m4v mov 3gp video/mp4 audio/mp4 "},
-    {{"mkv", 0, true, true},
+    {{"mp4", 0, true, "MP4", Container::MP4}, is_mp4, " mp4 m4a m4v mov 3gp video/mp4 audio/mp4 "},
+    {{"mkv", 0, true, "Matroska", Container::MATROSKA},
      is_matroska,
      " mkv mka mk3d webm audio/x-matroska video/x-matroska video/x-matroska-3d "},
-    {{"m2ts", 192, false, false}, is_m2ts, " m2ts mts video/ts "},
-    {{"mp3", 0, true, false}, is_mpeg_audio, " mp3 audio/mpeg "},
+    {{"m2ts", 192, false, "M2TS", Container::TRANSPORT_STREAM}, is_m2ts, " m2ts mts video/ts "},
+    {{"mp3", 0, true, "MPEG audio", Container::MPEG_AUDIO}, is_mpeg_audio, " mp3 audio/mpeg "},
 };
 
 }  // namespace

@@ -7,11 +7,14 @@
 #include <cstdint>
 #include <string>
 
+#include "outline.h"
+
 struct Format {
-    const char *name;        ///< as the library calls it
-    uint32_t record_size;    ///< bytes of the file behind each frame; 0 where that differs
-    bool f_times;            ///< frames have times, and the file can be sought in by time
-    bool f_duration_of_all;  ///< the duration is that of the longest track, chosen or not
+    const char *name;      ///< as the library calls it
+    uint32_t record_size;  ///< bytes of the file behind each frame; 0 where that differs
+    bool f_times;          ///< frames have times, and the file can be sought in by time
+    const char *title;     ///< for people
+    Container container;
 };
 
 /// Bytes of a file that have to be seen at most.

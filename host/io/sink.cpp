@@ -21,10 +21,9 @@ size_t size_of_pipe(int fd);
 
 }  // namespace
 
-Sink::Sink(int fd, TsWatch &sound)
+Sink::Sink(int fd)
     : m_fd(fd)
     , m_pipe_size(size_of_pipe(fd))
-    , m_sound(sound)
 {
 }
 
@@ -32,7 +31,7 @@ int Sink::write(uint8_t *buffer, int size)
 {
     // Nearly everything is a packet that is only to be copied. This way has no call in it, which
     // would make it keep registers. m_held is below BUFFER_SIZE.
-    if (size != static_cast<int>(TS_PACKET_SIZE) || m_held == 0 || m_sound.wants(buffer) ||
+    if (size != static_cast<int>(TS_PACKET_SIZE) || m_held == 0 ||
         BUFFER_SIZE - m_held <= TS_PACKET_SIZE)
         return write_other(buffer, size);
     // A copy of fixed size needs no call either. Header and payload are read as the library has
@@ -48,7 +47,6 @@ int Sink::write(uint8_t *buffer, int size)
 int Sink::write_other(const uint8_t *data, int size)
 {
     if (size <= 0) return 0;
-    if (size == static_cast<int>(TS_PACKET_SIZE) && m_sound.wants(data)) m_sound.look(data);
     // Packets that were gathered already aren't copied.
     if (m_held == 0 && static_cast<size_t>(size) >= BUFFER_SIZE / 2) {
         write_out(data, static_cast<size_t>(size));

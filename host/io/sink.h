@@ -7,13 +7,11 @@
 #include <memory>
 
 #include "golt.h"
-#include "ts_watch.h"
 
 class Sink : public PELA::AVMuxer::Listener {
 public:
-    /// fd stays the caller's. sound: gets to see the packets that it wants; it has to outlive the
-    /// sink.
-    Sink(int fd, TsWatch &sound);
+    /// fd stays the caller's.
+    explicit Sink(int fd);
 
     int write(uint8_t *buffer, int size) override;
     /// Writes what is still in the buffer.
@@ -30,10 +28,9 @@ private:
     void write_out(const uint8_t *data, size_t size);
 
     int m_fd;
-    size_t m_pipe_size;  // 0 where it is no pipe
-    TsWatch &m_sound;
+    size_t m_pipe_size;                   // 0 where it is no pipe
     std::unique_ptr<uint8_t[]> m_buffer;  // once it is needed
-    size_t m_held = 0;  // bytes in the buffer
+    size_t m_held = 0;                    // bytes in the buffer
     uint64_t m_flushed = 0;
     int m_error = 0;
 };

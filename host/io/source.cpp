@@ -9,18 +9,6 @@
 
 #include "message.h"
 
-void Source::move_on(int64_t count)
-{
-    m_position += count;
-    if (m_position > m_furthest) m_furthest = m_position;
-}
-
-uint64_t Source::unread() const
-{
-    const auto furthest = static_cast<uint64_t>(m_furthest);
-    return furthest < size() ? size() - furthest : 0;
-}
-
 FileSource::FileSource(const std::string &path)
     : Source(path)
 {
@@ -48,7 +36,7 @@ int FileSource::read(uint8_t *buffer, int size)
     if (count == 0 && m_position < m_status.st_size && m_fault.empty())
         m_fault = "the file became shorter while it was read";
     if (count <= 0) return 0;
-    move_on(count);
+    m_position += count;
     return static_cast<int>(count);
 }
 

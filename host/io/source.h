@@ -20,8 +20,8 @@ public:
     /// Bytes; 0 where that isn't known.
     virtual uint64_t size() const = 0;
     uint64_t position() const { return static_cast<uint64_t>(m_position); }
-    /// Bytes at the end of the input that no read has reached; 0 where its size isn't known.
-    uint64_t unread() const;
+    /// Whether a read at any place costs little, a request at most.
+    virtual bool is_seekable() const { return true; }
     /// What was wrong with the input while it was read; empty when nothing was.
     const std::string &fault() const { return m_fault; }
     /// Why it isn't sure that the input is whole; empty when it is.
@@ -32,16 +32,11 @@ protected:
         : m_path(path)
     {
     }
-    void move_on(int64_t count);
-
     std::string m_path;
     struct stat m_status = {};
     int64_t m_position = 0;
     std::string m_fault;
     std::string m_doubt;
-
-private:
-    int64_t m_furthest = 0;  // end of the bytes delivered
 };
 
 class FileSource : public Source {

@@ -118,7 +118,9 @@ bool Walker::take_cluster(const Element &cluster)
 bool Walker::take_child(const Element &child)
 {
     switch (child.id) {
-    case id::TIMESTAMP: m_time = static_cast<int64_t>(unsigned_of(child) & INT64_MAX >> 1); return true;
+    case id::TIMESTAMP:
+        m_time = static_cast<int64_t>(unsigned_of(child) & INT64_MAX >> 1);
+        return true;
     case id::SIMPLE_BLOCK:
         if (child.is_whole()) take_block(child.body, false, true);
         break;

@@ -36,6 +36,7 @@ void read_audio(Stretch body, Track &track);
 void read_encodings(Stretch body, MatroskaDetails &matroska);
 void read_encoding(Stretch body, MatroskaDetails &matroska);
 void read_cues(Stretch body, MatroskaOutline &matroska);
+void read_cue_place(Stretch body, Cue &cue, MatroskaOutline &matroska);
 void read_chapters(Stretch body, Outline &outline);
 void read_tags(Stretch body, Headers &headers);
 void read_tag(Stretch body, Headers &headers);
@@ -286,30 +287,35 @@ void read_encoding(Stretch body, MatroskaDetails &matroska)
 // A point has one time, and a place for each of its tracks.
 void read_cues(Stretch body, MatroskaOutline &matroska)
 {
-    constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7, CLUSTER_POSITION = 0xF1;
+    constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7;
     matroska.f_cues = true;
-    matroska.cue_times.clear();
+    matroska.cues.clear();
     matroska.more_cues = 0;
     while (const std::optional<Element> point = next_element(body)) {
         if (point->id != POINT) continue;
+        Cue cue = {};
         Stretch children = point->body;
         while (const std::optional<Element> child = next_element(children)) {
-            if (child->id == TIME) {
-                if (matroska.cue_times.size() < Outline::MOST_CUES)
-                    matroska.cue_times.push_back(unsigned_of(*child));
-                else
-                    ++matroska.more_cues;
-            }
-            if (child->id != POSITIONS) continue;
-            Stretch places = child->body;
-            while (const std::optional<Element> place = next_element(places)) {
-                if (place->id != CLUSTER_POSITION) continue;
-                const uint64_t position = unsigned_of(*place);
-                if (position > UINT64_MAX - matroska.segment_begin) continue;
-                matroska.last_cue_cluster = std::max(matroska.last_cue_cluster.value_or(0),
-                                                     matroska.segment_begin + position);
-            }
+            if (child->id == TIME) cue.time = unsigned_of(*child);
+            if (child->id == POSITIONS) read_cue_place(child->body, cue, matroska);
         }
+        if (matroska.cues.size() < Outline::MOST_CUES)
+            matroska.cues.push_back(cue);
+        else
+            ++matroska.more_cues;
+    }
+}
+
+void read_cue_place(Stretch body, Cue &cue, MatroskaOutline &matroska)
+{
+    constexpr uint32_t TRACK = 0xF7, CLUSTER_POSITION = 0xF1;
+    while (const std::optional<Element> child = next_element(body)) {
+        if (child->id == TRACK && cue.track == 0) cue.track = unsigned_of(*child);
+        if (child->id != CLUSTER_POSITION) continue;
+        const uint64_t position = unsigned_of(*child);
+        if (position > UINT64_MAX - matroska.segment_begin) continue;
+        matroska.last_cue_cluster =
+            std::max(matroska.last_cue_cluster.value_or(0), matroska.segment_begin + position);
     }
 }
 

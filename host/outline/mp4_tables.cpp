@@ -37,13 +37,26 @@ std::optional<uint64_t> find_end(const Tables &tables, const Sizes &sizes);
 
 }  // namespace
 
+namespace {
+
+TablePlace place_of(const Stretch &body)
+{
+    return {body.at(), body.end()};
+}
+
+}  // namespace
+
 void read_sample_tables(Stretch body, Track &track)
 {
     Tables tables;
     while (std::optional<Box> box = next_box(body)) {
         switch (box->type) {
         case box_type("stsd"): read_description(box->body, track); break;
-        case box_type("stts"): tables.durations = box->body; break;
+        case box_type("stts"):
+            tables.durations = box->body;
+            track.mp4.stts = place_of(box->body);
+            break;
+        case box_type("ctts"): track.mp4.ctts = place_of(box->body); break;
         case box_type("stsc"): tables.chunks = box->body; break;
         case box_type("stsz"): tables.sizes = box->body; break;
         case box_type("stz2"):
@@ -58,6 +71,7 @@ void read_sample_tables(Stretch body, Track &track)
             track.mp4.f_64_bit_offsets = tables.f_64_bit_offsets;
             break;
         case box_type("stss"):
+            track.mp4.stss = place_of(box->body);
             box->body.skip(4);
             track.mp4.sync_samples = box->body.u32();
             break;

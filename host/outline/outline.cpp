@@ -39,6 +39,7 @@ Outline read_outline(ByteSource &source)
         read_transport_stream(reader, result);
         if (result.container == Container::UNKNOWN) read_mpeg_audio(reader, result);
     }
+    result.f_partial = reader.has_failed();
     return result;
 }
 

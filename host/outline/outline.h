@@ -24,6 +24,12 @@ struct Edit {
     int32_t rate;  ///< speed as 16.16 fixed point; 0x10000 is the usual one, 0 dwells
 };
 
+/// Where a table is in the file: its version and flags come first. None where begin is 0.
+struct TablePlace {
+    uint64_t begin = 0;
+    uint64_t end = 0;
+};
+
 /// What MP4 has of a track beside what all containers have.
 struct Mp4Details {
     uint32_t timescale = 0;         ///< ticks in a second of the track's own times; 0: not told
@@ -42,6 +48,7 @@ struct Mp4Details {
     bool f_compact_sizes = false;   ///< by "stz2"
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
+    TablePlace stts, ctts, stss;           ///< durations, offsets of presentation, sync samples
 };
 
 /// What Matroska has of a track beside what all containers have.
@@ -89,6 +96,12 @@ struct Mp4Outline {
         mdat_end;  ///< by the size of the last "mdat" seen; may lie behind the file's end
 };
 
+/// A point that the file can be sought to.
+struct Cue {
+    uint64_t time;   ///< in ticks
+    uint64_t track;  ///< TrackNumber, of the first one that it is told for
+};
+
 struct MatroskaOutline {
     std::string doc_type;
     std::string muxing_app, writing_app;
@@ -98,8 +111,8 @@ struct MatroskaOutline {
     std::optional<uint64_t> first_cluster;  ///< offset
     bool f_cues = false;
     bool f_cues_announced =
-        false;  ///< the SeekHead leads to them, or they come before the clusters
-    std::vector<uint64_t> cue_times;  ///< in ticks, in the file's order, MOST_CUES at most
+        false;              ///< the SeekHead leads to them, or they come before the clusters
+    std::vector<Cue> cues;  ///< in the file's order, MOST_CUES at most
     uint64_t more_cues = 0;
     std::optional<uint64_t>
         last_cue_cluster;  ///< offset of the cluster of the last cue, of all tracks
@@ -138,6 +151,7 @@ struct Outline {
 
     Container container = Container::UNKNOWN;
     uint64_t size = 0;          ///< of the file, in bytes; 0: not known
+    bool f_partial = false;     ///< not all that was looked for could be read
     std::vector<Track> tracks;  ///< in the order of the file, MOST_TRACKS at most
     uint64_t more_tracks = 0;
     std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header tells it

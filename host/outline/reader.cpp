@@ -7,7 +7,7 @@ bool Reader::read(uint64_t offset, uint8_t *buffer, size_t size)
 {
     while (size > 0) {
         const bool f_held = offset >= m_begin && offset - m_begin < m_held;
-        if (!f_held && !load(offset)) return false;
+        if (!f_held && !load(offset, std::min(size, WINDOW_SIZE))) return false;
         const size_t skipped = static_cast<size_t>(offset - m_begin);
         const size_t count = std::min(size, m_held - skipped);
         memcpy(buffer, m_window.data() + skipped, count);
@@ -19,13 +19,21 @@ bool Reader::read(uint64_t offset, uint8_t *buffer, size_t size)
 }
 
 // The window begins at the offset: what is read next mostly follows.
-bool Reader::load(uint64_t offset)
+bool Reader::load(uint64_t offset, size_t least)
 {
-    if (is_exhausted() || offset >= std::min(size(), m_end)) return false;
+    if (offset >= std::min(size(), m_end)) return false;
+    if (is_exhausted()) {
+        m_f_failed = true;
+        return false;
+    }
     ++m_loads;
     m_begin = offset;
-    m_held = std::min(m_source.read_at(offset, m_window.data(), m_window.size()), m_window.size());
-    if (m_held < m_window.size()) m_end = std::min(m_end, offset + m_held);
+    m_held = std::min(m_source.read_at(offset, m_window.data(), least, m_window.size()),
+                      m_window.size());
+    if (m_held < least) {
+        m_end = std::min(m_end, offset + m_held);
+        m_f_failed = m_f_failed || m_end < size();
+    }
     return m_held > 0;
 }
 

@@ -13,9 +13,9 @@
 /// A file, by whatever means its bytes come.
 class ByteSource {
 public:
-    /// Copies the bytes from offset on, as many as there are and size at most; how many they were. Fewer
-    /// than size: the file ends there, or can't be read.
-    virtual size_t read_at(uint64_t offset, uint8_t *buffer, size_t size) = 0;
+    /// Copies the bytes from offset on, most at most; how many they were. Fewer than least: the file
+    /// ends there, or can't be read.
+    virtual size_t read_at(uint64_t offset, uint8_t *buffer, size_t least, size_t most) = 0;
     /// In bytes; 0 where that isn't known.
     virtual uint64_t size() const = 0;
 
@@ -46,9 +46,11 @@ public:
     bool knows_size() const { return m_source.size() != 0; }
     /// Whether the budget is spent: what can't be read then may be there all the same.
     bool is_exhausted() const { return m_loads >= m_most_loads; }
+    /// Whether something couldn't be read that may be there: beyond the budget, or by the source's fault.
+    bool has_failed() const { return m_f_failed; }
 
 private:
-    bool load(uint64_t offset);
+    bool load(uint64_t offset, size_t least);
 
     ByteSource &m_source;
     const uint32_t m_most_loads;
@@ -57,6 +59,7 @@ private:
     size_t m_held = 0;
     uint64_t m_end = UINT64_MAX;  // beyond which nothing was found
     uint32_t m_loads = 0;
+    bool m_f_failed = false;
 };
 
 /// A stretch of a file, read from its begin on. What is read past its end is 0, and marks it as short for

@@ -14,7 +14,7 @@ void note_losses(const Outline &outline, Selection &selection);
 
 std::string isnt_remuxed(const Outline &outline, const Track &track)
 {
-    return codec_title(outline, track) + ", which isn't remuxed";
+    return codec_title(outline, track) + " isn't remuxed";
 }
 
 }  // namespace
@@ -37,6 +37,8 @@ Selection select_tracks(const Outline &outline)
 {
     Selection selection;
     selection.choices.resize(outline.tracks.size());
+    // What wasn't reached is no reason to refuse the file.
+    if (outline.f_partial && outline.tracks.empty()) return selection;
     switch (outline.container) {
     case Container::MP4: select_mp4(outline, selection); break;
     case Container::MATROSKA: select_matroska(outline, selection); break;
@@ -77,7 +79,8 @@ void select_mp4(const Outline &outline, Selection &selection)
         }
         if (!stopped.empty()) {
             if (choice.reason.empty())
-                choice.reason = "after track " + stopped + ", where the search ends";
+                choice.reason =
+                    "comes after track " + stopped + ", where the library stops looking";
             continue;
         }
         if (!choice.reason.empty() && !f_unplayable) {
@@ -156,7 +159,7 @@ void select_matroska(const Outline &outline, Selection &selection)
         else if (f_taken)
             choice.reason = "another " + kind_name(track) + " track";
         else if (i >= MOST_ENTRIES)
-            choice.reason = "after the first 20 tracks, where the search ends";
+            choice.reason = "comes after the first 20 tracks";
         else
             choice.reason = why_unplayable(outline, track);
         // The first video track is the library's whatever its codec; of audio it looks at the codec.
@@ -190,7 +193,7 @@ void select_mpeg_audio(const Outline &outline, Selection &selection)
     Choice &choice = selection.choices.front();
     if (audio.version != 10)
         choice.reason = codec_title(outline, track) + " (" + std::to_string(track.sample_rate) +
-                        " Hz), which isn't remuxed";
+                        " Hz) isn't remuxed";
     else if (audio.id3v2_tags > 1)
         choice.reason = "it begins with several ID3 tags, of which only one is passed over";
     else if (*audio.first_frame != audio.id3v2_size)
@@ -217,13 +220,13 @@ std::string why_no_tracks(const Outline &outline)
     return "";
 }
 
-// "track 2, Opus, which isn't remuxed"
+// "track 2: Opus isn't remuxed", "track 3, AAC: another audio track"
 std::string text_of(const Outline &outline, size_t index, const Choice &choice)
 {
     const Track &track = outline.tracks[index];
     const std::string title = codec_title(outline, track);
     const bool f_named = choice.reason.compare(0, title.size(), title) == 0;
-    return "track " + std::to_string(track.number) + ", " + (f_named ? "" : title + ", ") +
+    return "track " + std::to_string(track.number) + (f_named ? ": " : ", " + title + ": ") +
            choice.reason;
 }
 
@@ -255,8 +258,7 @@ void note_losses(const Outline &outline, Selection &selection)
     if (more[1] > 0) selection.notes.push_back(count(more[1], "subtitle"));
     const bool f_nothing =
         !selection.taken(outline, TrackKind::VIDEO) && !selection.taken(outline, TrackKind::AUDIO);
-    if (f_nothing && selection.refusal.empty())
-        selection.refusal = "nothing in it can be remuxed: " + all;
+    if (f_nothing && selection.refusal.empty()) selection.refusal = "nothing to remux: " + all;
 }
 
 }  // namespace

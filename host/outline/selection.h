@@ -17,7 +17,7 @@ enum class Fate {
 
 struct Choice {
     Fate fate = Fate::LEFT_OUT;
-    std::string reason;  ///< why it isn't taken: "subtitles", "Opus, which isn't remuxed"
+    std::string reason;  ///< why it isn't taken: "subtitles", "Opus isn't remuxed"
 };
 
 struct Selection {

@@ -19,7 +19,6 @@ void FrameClock::count()
     if (!m_f_counting) m_first = m_reached = now;
     m_f_counting = true;
     m_clock.settle();
-    m_longest_step = std::max(m_longest_step, now - m_reached);
     m_reached = std::max(m_reached, now);
     m_first = std::min(m_first, now);
 }

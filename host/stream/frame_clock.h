@@ -21,14 +21,11 @@ public:
     /// Earliest and latest time counted, in milliseconds. Frames may go back and forth between.
     int64_t first_ms() const { return m_first / TICKS_PER_MS; }
     int64_t reached_ms() const { return m_reached / TICKS_PER_MS; }
-    /// The largest step of reached_ms.
-    int64_t longest_step_ms() const { return m_longest_step / TICKS_PER_MS; }
 
 private:
     CutClock m_clock;
     int64_t m_first = 0;
     int64_t m_reached = 0;
-    int64_t m_longest_step = 0;
     bool m_f_counting = false;
 };
 

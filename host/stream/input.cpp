@@ -5,10 +5,12 @@
 
 #include <fmt/format.h>
 
+#include "completeness.h"
 #include "heap.h"
 #include "io/http_source.h"
 #include "io/interrupt.h"
 #include "io/message.h"
+#include "source_bytes.h"
 #include "time_text.h"
 
 namespace {
@@ -19,42 +21,97 @@ constexpr uint64_t READ_AHEAD = 1024 * 1024;
 constexpr size_t SMALLER_THINGS = 256 * 1024;
 
 std::unique_ptr<Source> open_source(const InputOptions &options);
-Format choose_format(const InputOptions &options, Source &source);
+Outline outline_of(Source &source);
+Format choose_format(const InputOptions &options, Source &source, const Outline &outline);
 size_t read_head(Source &source, uint8_t *head, size_t size);
 std::string extension_of(const std::string &path);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
 
 }  // namespace
 
-Input::Input(const InputOptions &options)
-    : m_options(options)
-    , m_source(open_source(options))
-    , m_format(choose_format(options, *m_source))
-    , m_demuxer(open_demuxer(m_library, m_format, *m_source))
+InputFile::InputFile(const InputOptions &options)
+    : m_source(open_source(options))
+    , m_outline(outline_of(*m_source))
+    , m_format(choose_format(options, *m_source, m_outline))
 {
+    if (m_format.container == m_outline.container)
+        m_selection = select_tracks(m_outline);
+    else
+        m_outline = {};
+}
+
+Input::Input(const InputOptions &options, InputFile file)
+    : m_options(options)
+    , m_file(std::move(file))
+{
+    const std::string &refusal = m_file.selection().refusal;
+    if (!refusal.empty() && source().fault().empty()) throw NotDone(source().path(), refusal);
+    m_demuxer = open_demuxer(m_library, format(), source());
 }
 
 Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
     : m_input(input)
     , m_options(input.options())
-    , m_muxer(input.library().make_muxer(input.demuxer(), sink))
-    , m_clock(m_options.start_ms.value_or(0))
+    , m_tally(sink)
+    , m_muxer(input.library().make_muxer(input.demuxer(), m_tally))
+    , m_clock(0)
 {
     if (m_muxer == nullptr || !m_muxer->getContentInfo(&m_content))
         throw NotDone(m_input.source().path(), "nothing in it can be played");
+    if (!m_input.format().f_times) return;
+    const Selection &selection = m_input.selection();
+    if (selection.is_unplayable(m_input.outline(), TrackKind::VIDEO)) m_tally.drop_video();
+    if (selection.is_unplayable(m_input.outline(), TrackKind::AUDIO)) m_tally.drop_audio();
+    m_tally.begin(m_content);
 }
 
 void Pump::seek_to_start()
 {
     const uint32_t start_ms = m_options.start_ms.value_or(0);
-    if (start_ms == 0 || m_input.demuxer()->seekToTime(start_ms)) return;
-    // An MP3 file, which has no index, can be sought in only where it has been read. Sound alone
-    // can begin at any frame, so that the frames before are read and left out. A picture can't: it
-    // needs a key frame, and which ones are doesn't show here.
-    if (m_content.videoCodec != PELA::VIDEO_CODEC_UNKNOWN)
-        throw NotDone(m_input.source().path(),
-                      fmt::format("can't be sought to {}", time_text(start_ms)));
-    m_leave_out_to_ms = start_ms;
+    if (start_ms == 0) return;
+    const std::string &path = m_input.source().path();
+    if (const auto end_ms = end_of_tracks_ms(); end_ms && start_ms >= *end_ms)
+        throw NotDone(path, fmt::format("no frame follows {}: it ends at {}", time_text(start_ms),
+                                        time_text(*end_ms)));
+    const std::optional<SyncPoint> point = find_start(start_ms);
+    if (!point)
+        throw NotDone(path, fmt::format("can't be sought to {}: nothing leads to its key pictures",
+                                        time_text(start_ms)));
+    // A seek that the library refuses leaves the place as it was; then all up to the start is read.
+    const bool f_moved = point->ask_ms && m_input.demuxer()->seekToTime(*point->ask_ms);
+    const uint32_t expected_ms = f_moved ? *point->ask_ms : 0;
+    m_clock = FrameClock(expected_ms);
+    m_tally.expect(int64_t{expected_ms} * TICKS_PER_MS);
+    m_tally.pass_from(point->from_ms * TICKS_PER_MS);
+}
+
+std::optional<SyncPoint> Pump::find_start(uint32_t start_ms)
+{
+    const bool f_video = m_content.videoCodec != PELA::VIDEO_CODEC_UNKNOWN;
+    if (m_input.outline().container == Container::UNKNOWN) {
+        // Audio can begin at any frame.
+        if (!f_video) return SyncPoint{{}, start_ms};
+        if (m_input.demuxer()->seekToTime(start_ms)) return SyncPoint{{}, 0};
+        return {};
+    }
+    SourceBytes bytes(m_input.source());
+    return find_sync_point(bytes, m_input.outline(), m_input.selection(), start_ms,
+                           is_url(m_options.path));
+}
+
+// Of the longest of the tracks that are taken.
+std::optional<int64_t> Pump::end_of_tracks_ms() const
+{
+    constexpr int64_t NS_PER_MS = 1000000;
+    std::optional<int64_t> end_ms;
+    for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
+        const auto index = m_input.selection().taken(m_input.outline(), kind);
+        if (!index) continue;
+        const std::optional<int64_t> &duration = m_input.outline().tracks[*index].duration_ns;
+        if (!duration || m_input.outline().mpeg_audio.f_estimate) return {};
+        end_ms = std::max(end_ms.value_or(0), *duration / NS_PER_MS);
+    }
+    return end_ms;
 }
 
 bool Pump::copy_frame()
@@ -74,13 +131,13 @@ bool Pump::copy_frame()
         const int64_t time_ms = m_clock.follow(pts);
         m_f_stopped = m_options.to_ms && time_ms >= *m_options.to_ms;
         if (m_f_stopped) return false;
-        if (time_ms < m_leave_out_to_ms) return true;
-        m_clock.count();
     }
     if (!m_muxer->writeFrame(frame.get()))
         throw NotDone(m_input.source().path(),
                       fmt::format("frame {} can't be written", m_frames + 1));
-    ++m_frames;
+    const uint64_t before = m_frames;
+    m_frames = m_input.format().f_times ? m_tally.passed() : m_frames + 1;
+    if (m_frames > before) m_clock.count();
     return true;
 }
 
@@ -117,46 +174,31 @@ std::string Pump::why_nothing_came() const
     return "no video or sound in it can be read";
 }
 
-std::string Pump::fault_in_input() const
+std::string Pump::fault_in_input()
 {
-    if (!m_input.source().fault().empty()) return m_input.source().fault();
-    if (m_f_stopped) return "";
-    const std::string fault = fault_of_ending();
-    return fault.empty() ? m_input.source().doubt() : fault;
+    Source &source = m_input.source();
+    if (!source.fault().empty()) return source.fault();
+    std::string fault;
+    if (m_input.format().record_size != 0) {
+        if (!m_f_stopped) fault = fault_of_records();
+    } else {
+        SourceBytes bytes(source);
+        fault = find_loss(
+            {m_input.outline(), m_input.selection(), m_tally, is_url(m_options.path), m_f_stopped},
+            bytes);
+    }
+    if (m_f_stopped || source.doubt().empty()) return fault;
+    return fault + (fault.empty() ? "" : "; ") + source.doubt();
 }
 
-std::string Pump::fault_of_ending() const
+// Records of one size: what isn't in a frame was no packet, or only part of one.
+std::string Pump::fault_of_records() const
 {
     const Source &source = m_input.source();
-    const Format &format = m_input.format();
-    // Records of one size: what isn't in a frame was no packet, or only part of one.
-    if (format.record_size != 0) {
-        const uint64_t used = m_frames * format.record_size;
-        if (used >= source.size()) return "";
-        return fmt::format("{} of its {} are in none of the packets read", source.size() - used,
-                           counted(source.size(), "byte"));
-    }
-
-    // Where the duration isn't known, only a large part of the file that nobody asked for says
-    // something. A little of it is tags behind the last frame.
-    constexpr uint64_t UNREAD_TAIL = 4;  // a fourth of the file
-    if (m_content.duration == 0) {
-        if (source.unread() <= source.size() / UNREAD_TAIL) return "";
-        return fmt::format("ended early: the last {} of its {} were not read", source.unread(),
-                           counted(source.size(), "byte"));
-    }
-
-    // The last frame begins before the end, by its own length, and the tracks of a file differ a
-    // little; much where the duration is that of a track that isn't chosen, like subtitles or a
-    // second sound. Sound without a frame length, whose frames all have one time, tells nothing.
-    const int64_t slack_ms = format.f_duration_of_all
-                                 ? std::clamp<int64_t>(end_ms() / 5, 500, 20000)
-                                 : std::clamp<int64_t>(end_ms() / 20, 500, 5000);
-    const int64_t missing_ms = end_ms() - m_clock.reached_ms();
-    if (m_clock.longest_step_ms() == 0) return "";
-    if (missing_ms <= slack_ms + 2 * m_clock.longest_step_ms()) return "";
-    return fmt::format("ended early: at {} of {}", time_text(m_clock.reached_ms()),
-                       time_text(end_ms()));
+    const uint64_t used = m_frames * m_input.format().record_size;
+    if (used >= source.size()) return "";
+    return fmt::format("{} of its {} are in none of the packets read", source.size() - used,
+                       counted(source.size(), "byte"));
 }
 
 namespace {
@@ -167,14 +209,21 @@ std::unique_ptr<Source> open_source(const InputOptions &options)
     return std::make_unique<FileSource>(options.path);
 }
 
+Outline outline_of(Source &source)
+{
+    SourceBytes bytes(source);
+    return read_outline(bytes);
+}
+
 // By the user, else by the first bytes, else by the file's name.
-Format choose_format(const InputOptions &options, Source &source)
+Format choose_format(const InputOptions &options, Source &source, const Outline &outline)
 {
     const Format *format = nullptr;
     if (!options.format.empty()) {
         format = format_of_name(options.format);
         // The library decides about names that aren't known here.
-        if (format == nullptr) return {options.format.c_str(), 0, true, true};
+        if (format == nullptr)
+            return {options.format.c_str(), 0, true, options.format.c_str(), Container::UNKNOWN};
     } else {
         uint8_t head[RECOGNISE_SIZE] = {};
         const size_t size = read_head(source, head, RECOGNISE_SIZE);
@@ -183,6 +232,8 @@ Format choose_format(const InputOptions &options, Source &source)
         if (format == nullptr && !extension.empty()) format = format_of_name(extension);
         if (format == nullptr && !source.fault().empty())
             throw NotDone(source.path(), source.fault());
+        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
+            throw NotDone(source.path(), select_tracks(outline).refusal);
         if (format == nullptr)
             throw NotDone(source.path(), "format not recognised; --format names it");
     }

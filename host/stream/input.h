@@ -14,6 +14,10 @@
 #include "io/source.h"
 #include "io/text.h"
 #include "library.h"
+#include "outline.h"
+#include "selection.h"
+#include "sync_point.h"
+#include "tally.h"
 
 struct InputOptions {
     std::string path;    ///< of a file, or a URL
@@ -24,23 +28,49 @@ struct InputOptions {
     std::optional<uint64_t> frames;
 };
 
+/// An input, opened: its format, and what is in it.
+class InputFile {
+public:
+    /// Throws NotDone or BadUsage.
+    explicit InputFile(const InputOptions &options);
+
+    Source &source() { return *m_source; }
+    const Source &source() const { return *m_source; }
+    const Format &format() const { return m_format; }
+    /// Of the container UNKNOWN where the user says that the input is in another format.
+    const Outline &outline() const { return m_outline; }
+    const Selection &selection() const { return m_selection; }
+
+private:
+    std::unique_ptr<Source> m_source;
+    Outline m_outline;
+    Format m_format;
+    Selection m_selection;
+};
+
 /// The input, opened, and its demuxer.
 class Input {
 public:
     /// options: has to outlive the object. Throws NotDone or BadUsage.
-    explicit Input(const InputOptions &options);
+    explicit Input(const InputOptions &options)
+        : Input(options, InputFile(options))
+    {
+    }
+    Input(const InputOptions &options, InputFile file);
 
     const InputOptions &options() const { return m_options; }
-    Source &source() { return *m_source; }
-    const Source &source() const { return *m_source; }
-    const Format &format() const { return m_format; }
+    const InputFile &file() const { return m_file; }
+    Source &source() { return m_file.source(); }
+    const Source &source() const { return m_file.source(); }
+    const Format &format() const { return m_file.format(); }
+    const Outline &outline() const { return m_file.outline(); }
+    const Selection &selection() const { return m_file.selection(); }
     Library &library() { return m_library; }
     const Demuxer &demuxer() const { return m_demuxer; }
 
 private:
     const InputOptions &m_options;
-    std::unique_ptr<Source> m_source;
-    const Format m_format;
+    InputFile m_file;
     Library m_library;
     Demuxer m_demuxer;
 };
@@ -53,6 +83,8 @@ public:
 
     const PELA::MediaBuffer::ContentInfo &content() const { return m_content; }
 
+    /// Makes the stream begin at the last key picture that isn't after the start asked for, or, of audio
+    /// alone, at the frame that covers it. Throws NotDone where that can't be.
     void seek_to_start();
     /// Reads a frame and has the library write it to the sink, unless it is to be left out. False
     /// when there is no further frame, or none is wanted.
@@ -62,25 +94,27 @@ public:
     bool seek(uint32_t time_ms) { return m_input.demuxer()->seekToTime(time_ms); }
 
     uint64_t frames() const { return m_frames; }  ///< written
+    const Tally &tally() const { return m_tally; }
     const FrameClock &clock() const { return m_clock; }
     /// 0 to 1 of the work is done.
     double part_done() const;
 
     std::string why_nothing_came() const;
-    /// What the input seems to have lacked, judged by where the stream ended; empty when it was
-    /// sound. The library ends a stream without telling why.
-    std::string fault_in_input() const;
+    /// What was wrong with the input: what it lacked, or what of it is damaged; empty when nothing was.
+    std::string fault_in_input();
 
 private:
+    std::optional<SyncPoint> find_start(uint32_t start_ms);
+    std::optional<int64_t> end_of_tracks_ms() const;
     int64_t end_ms() const;
-    std::string fault_of_ending() const;
+    std::string fault_of_records() const;
 
     Input &m_input;
     const InputOptions &m_options;
+    Tally m_tally;
     Muxer m_muxer;
     PELA::MediaBuffer::ContentInfo m_content = {};
     FrameClock m_clock;
-    int64_t m_leave_out_to_ms = INT64_MIN;  // frames before this time
     uint64_t m_frames = 0;
     bool m_f_stopped = false;  // by an option or a signal, before the stream's own end
 };

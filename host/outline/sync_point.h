@@ -1,0 +1,23 @@
+// Where the stream of a time begins: at the last key picture that isn't after it.
+
+#ifndef HOST_OUTLINE_SYNC_POINT_H
+#define HOST_OUTLINE_SYNC_POINT_H
+
+#include "outline.h"
+#include "selection.h"
+
+struct SyncPoint {
+    /// What the library is to be asked for so that it comes to the point or to one before it, in its own
+    /// milliseconds. None: the file is read from its start.
+    std::optional<uint32_t> ask_ms;
+    /// From which time on frames are wanted, in the library's milliseconds. With video it is that of the
+    /// key picture.
+    int64_t from_ms = 0;
+};
+
+/// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. None:
+/// which pictures stand alone can't be found out.
+std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outline,
+                                         const Selection &selection, uint32_t time_ms, bool f_remote);
+
+#endif
