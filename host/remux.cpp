@@ -103,10 +103,11 @@ std::string Job::summary(double seconds) const
 {
     std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
     if (m_input.format().f_times) {
-        const int64_t span_ms = m_pump.clock().reached_ms() - m_pump.clock().first_ms();
+        const Tally &tally = m_pump.tally();
+        const int64_t span_ms = (tally.reached() - tally.first_passed()) / TICKS_PER_MS;
         text += ", " + time_text(span_ms);
         if (m_options.input.start_ms.value_or(0) != 0)
-            text += " from " + time_text(m_pump.clock().first_ms());
+            text += " from " + time_text(tally.first_passed() / TICKS_PER_MS);
         text += speed_text(span_ms, seconds, ", ");
     }
     return text + rate_text(m_sink.bytes(), seconds, ", ");

@@ -44,9 +44,9 @@ std::string file_text(const Outline &outline, const Selection &selection)
 {
     const Seeking seeking = seeking_of(outline, selection);
     std::string text = fmt::format("container   {}\n", container_text(outline));
-    if (outline.chapters.value_or(0) > 0) text += fmt::format("chapters    {}\n", *outline.chapters);
-    if (!seeking.reason.empty())
-        text += fmt::format("seeking     {}\n", seeking.reason);
+    if (outline.chapters.value_or(0) > 0)
+        text += fmt::format("chapters    {}\n", *outline.chapters);
+    if (!seeking.reason.empty()) text += fmt::format("seeking     {}\n", seeking.reason);
     return text;
 }
 
@@ -141,8 +141,8 @@ std::string edits_text(const Outline &outline, const Mp4Details &mp4)
             delay_ms += static_cast<int64_t>(static_cast<double>(edit.duration) * 1000 /
                                              outline.mp4.timescale);
         } else if (media_entries++ == 0 && edit.media_time >= 0 && mp4.timescale != 0) {
-            skipped_ms = static_cast<int64_t>(static_cast<double>(edit.media_time) * 1000 /
-                                              mp4.timescale);
+            skipped_ms =
+                static_cast<int64_t>(static_cast<double>(edit.media_time) * 1000 / mp4.timescale);
             f_usual = f_usual && edit.rate == USUAL_RATE;
         } else {
             f_usual = false;
@@ -175,7 +175,8 @@ std::string structure_text(const Outline &outline)
     const Mp4Outline &mp4 = outline.mp4;
     const MatroskaOutline &matroska = outline.matroska;
     std::string text;
-    if (mp4.f_moov) text += mp4.f_moov_first ? ", headers before the media" : ", headers after the media";
+    if (mp4.f_moov)
+        text += mp4.f_moov_first ? ", headers before the media" : ", headers after the media";
     if (mp4.f_fragmented) text += ", fragmented";
     if (mp4.f_64_bit_mdat) text += ", media box of 64 bits";
     if (!matroska.muxing_app.empty()) text += ", by " + matroska.muxing_app;
@@ -183,7 +184,8 @@ std::string structure_text(const Outline &outline)
         text += fmt::format(", ticks of {} ns", matroska.timestamp_scale);
     if (matroska.segment_end && outline.size != 0 && *matroska.segment_end > outline.size)
         text += fmt::format(", cut off: {} of {} are missing",
-                            counted(*matroska.segment_end - outline.size, "byte"), *matroska.segment_end);
+                            counted(*matroska.segment_end - outline.size, "byte"),
+                            *matroska.segment_end);
     return text;
 }
 
@@ -229,15 +231,16 @@ Json edits_json(const Outline &outline, const Mp4Details &mp4)
 
 Json track_json(const Outline &outline, const Track &track, const Choice &choice)
 {
-    Json json = {{"number", track.number},
-                 {"kind", kind_name(track)},
-                 {"codec", text_or_null(track.codec)},
-                 {"name", codec_title(outline, track)},
-                 {"remuxed", choice.fate == Fate::TAKEN},
-                 {"reason", text_or_null(choice.reason)},
-                 {"language", text_or_null(track.language)},
-                 {"enabled", track.f_enabled},
-                 {"duration_ms", track.duration_ns ? Json(*track.duration_ns / NS_PER_MS) : Json()}};
+    Json json = {
+        {"number", track.number},
+        {"kind", kind_name(track)},
+        {"codec", text_or_null(track.codec)},
+        {"name", codec_title(outline, track)},
+        {"remuxed", choice.fate == Fate::TAKEN},
+        {"reason", text_or_null(choice.reason)},
+        {"language", text_or_null(track.language)},
+        {"enabled", track.f_enabled},
+        {"duration_ms", track.duration_ns ? Json(*track.duration_ns / NS_PER_MS) : Json()}};
     if (track.kind == TrackKind::VIDEO) {
         const std::optional<uint64_t> rate = mean_frame_rate(track);
         json["width"] = number_or_null(track.width);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "cluster_walk.h"
 
@@ -95,7 +96,8 @@ std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool
 {
     const double duration_ms = std::floor(static_cast<double>(mp4.duration) * 1000 / mp4.timescale);
     double interval = f_table ? 0 : first_length * (1000.0 / mp4.timescale);
-    if (interval == 0 && mp4.samples != 0) interval = duration_ms / static_cast<double>(mp4.samples);
+    if (interval == 0 && mp4.samples != 0)
+        interval = duration_ms / static_cast<double>(mp4.samples);
     const double ask = std::ceil(static_cast<double>(sample) * interval);
     if (interval <= 0 || ask > UINT32_MAX) return {};
     return static_cast<uint32_t>(ask);
@@ -140,15 +142,24 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uin
     return point;
 }
 
-// The library goes to a cue and reads forward to a picture that it knows to stand alone, or to the time asked
-// for; it refuses a time at or after the last cue. So it is asked for the cue before, and what comes before the
-// key picture is left out.
+// The library goes to the last cue that isn't after the time asked for, whatever its track, and refuses one
+// at or after the last cue of all.
+bool leads_to_track(const MatroskaOutline &matroska, uint64_t time, uint64_t track)
+{
+    const auto after = std::find_if(matroska.cues.begin(), matroska.cues.end(),
+                                    [&](const Cue &cue) { return cue.time > time; });
+    return after != matroska.cues.begin() && after != matroska.cues.end() &&
+           matroska.more_cues == 0 && std::prev(after)->track == track;
+}
+
+// From the cue it reads forward to a picture that it knows to stand alone, or to the time asked for. What
+// comes before the key picture is left out; where the picture's own cue can't be had, from the one before.
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote)
 {
     const MatroskaOutline &matroska = outline.matroska;
-    const double ticks = static_cast<double>(time_ms) * 1e6 /
-                         static_cast<double>(matroska.timestamp_scale);
+    const double ticks =
+        static_cast<double>(time_ms) * 1e6 / static_cast<double>(matroska.timestamp_scale);
     const auto until = static_cast<uint64_t>(ticks);
     std::optional<uint64_t> key, before;
     for (const Cue &cue : matroska.cues) {
@@ -159,7 +170,9 @@ std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &out
     }
     SyncPoint point;
     if (key) {
-        if (matroska.f_cues_announced && before) point.ask_ms = static_cast<uint32_t>(*before);
+        const bool f_own = leads_to_track(matroska, *key, video.number);
+        const std::optional<uint64_t> ask = f_own && *key != 0 ? key : before;
+        if (matroska.f_cues_announced && ask) point.ask_ms = static_cast<uint32_t>(*ask);
         point.from_ms = static_cast<int64_t>(*key);
         return point;
     }

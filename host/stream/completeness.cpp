@@ -17,12 +17,14 @@ constexpr int64_t MOST_MISSING_MS = 250;
 struct Reach {
     int64_t reached_ms = 0;
     int64_t end_ms = 0;
+    bool f_at_most = false;  // the end may be that of another track
 
     int64_t missing_ms() const { return end_ms - reached_ms; }
     bool is_short() const { return missing_ms() >= MOST_MISSING_MS; }
     std::string text() const
     {
-        return fmt::format("ended at {} of {}", time_text(reached_ms), time_text(end_ms));
+        return fmt::format("ended at {} of {}{}", time_text(reached_ms),
+                           f_at_most ? "at most " : "", time_text(end_ms));
     }
 };
 
@@ -32,9 +34,12 @@ std::string find_loss_in_mp4(const Delivery &delivery);
 std::string find_loss_in_matroska(const Delivery &delivery, ByteSource &source);
 std::string find_loss_in_mpeg_audio(const Delivery &delivery);
 
-const StreamTally &tally_of(const Delivery &delivery, TrackKind kind)
+// How far the stream of a kind got.
+int64_t reached_ms(const Delivery &delivery, TrackKind kind)
 {
-    return kind == TrackKind::VIDEO ? delivery.tally.video() : delivery.tally.audio();
+    const StreamTally &tally =
+        kind == TrackKind::VIDEO ? delivery.tally.video() : delivery.tally.audio();
+    return std::max(tally.end() / TICKS_PER_MS, delivery.start_ms);
 }
 
 }  // namespace
@@ -73,31 +78,36 @@ std::string find_damage(const Tally &tally)
 Reach worst_reach(const Delivery &delivery)
 {
     Reach worst;
+    const std::vector<Track> &tracks = delivery.outline.tracks;
     for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
         const std::optional<size_t> index = delivery.selection.taken(delivery.outline, kind);
         if (!index) continue;
-        const std::optional<int64_t> duration = delivery.outline.tracks[*index].duration_ns;
+        const std::optional<int64_t> duration = tracks[*index].duration_ns;
         const int64_t end_ns = duration.value_or(delivery.outline.duration_ns.value_or(0));
-        const Reach reach = {tally_of(delivery, kind).end() / TICKS_PER_MS, end_ns / NS_PER_MS};
+        const Reach reach = {reached_ms(delivery, kind), end_ns / NS_PER_MS,
+                             !duration && tracks.size() > 1};
         if (reach.missing_ms() > worst.missing_ms() || worst.end_ms == 0) worst = reach;
     }
     return worst;
 }
 
-// The tables tell the number of samples and their durations.
+// The tables tell the number of samples, their durations, and where they are.
 std::string find_loss_in_mp4(const Delivery &delivery)
 {
+    const Outline &outline = delivery.outline;
+    if (outline.mp4.f_moof) return "fragmented MP4: what is in the fragments isn't remuxed";
     const Reach reach = worst_reach(delivery);
-    const Mp4Outline &mp4 = delivery.outline.mp4;
-    if (mp4.f_moof) return "fragmented MP4: what is in the fragments isn't remuxed";
-    if (!reach.is_short()) return "";
     uint64_t media_end = 0;
-    for (const Track &track : delivery.outline.tracks)
-        media_end = std::max(media_end, track.mp4.end.value_or(0));
-    const uint64_t size = delivery.outline.size;
-    if (size == 0 || media_end <= size) return reach.text();
-    return reach.text() + fmt::format(": the file was cut off, {} of it are missing",
-                                      counted(media_end - size, "byte"));
+    for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
+        const std::optional<size_t> index = delivery.selection.taken(outline, kind);
+        if (index) media_end = std::max(media_end, outline.tracks[*index].mp4.end.value_or(0));
+    }
+    std::string text = reach.is_short() ? reach.text() : "";
+    if (outline.size != 0 && media_end > outline.size)
+        text += fmt::format("{}the file was cut off, {} missing", text.empty() ? "" : ": ",
+                            counted(media_end - outline.size, "byte"));
+    if (outline.mp4.f_moov_cut) text += text.empty() ? "moov is cut off" : "; moov is cut off";
+    return text;
 }
 
 /// What gives rise to a doubt: then the clusters are looked at.
@@ -108,7 +118,10 @@ bool is_doubtful(const Delivery &delivery, const Reach &reach)
                        *matroska.segment_end > delivery.outline.size;
     const StreamTally &video = delivery.tally.video();
     const bool f_gap = video.longest_step > MOST_MISSING_MS * TICKS_PER_MS + 2 * video.mean_step();
-    return reach.end_ms == 0 || reach.is_short() || f_cut || !matroska.segment_end || f_gap;
+    // What is found then is damage, or nothing.
+    constexpr int64_t A_FEW_FRAMES_MS = 100;
+    return reach.end_ms == 0 || reach.missing_ms() > A_FEW_FRAMES_MS || f_cut ||
+           !matroska.segment_end || f_gap;
 }
 
 // The last block of the tracks that are taken.
@@ -122,8 +135,9 @@ Reach reach_by_blocks(const Delivery &delivery, const ClusterWalk &walk)
         if (!index) continue;
         const auto span = walk.tracks.find(delivery.outline.tracks[*index].number);
         if (span == walk.tracks.end()) continue;
-        const Reach reach = {tally_of(delivery, kind).end() / TICKS_PER_MS,
-                             static_cast<int64_t>(static_cast<double>(span->second.last) * ms_per_tick)};
+        const Reach reach = {
+            reached_ms(delivery, kind),
+            static_cast<int64_t>(static_cast<double>(span->second.last) * ms_per_tick)};
         if (reach.missing_ms() > worst.missing_ms() || worst.end_ms == 0) worst = reach;
     }
     return worst;
@@ -170,12 +184,12 @@ std::string find_loss_in_mpeg_audio(const Delivery &delivery)
     const uint64_t expected = audio.end - std::min(audio.end, *audio.first_frame);
     if (tally.bytes > expected)
         return (reach.is_short() ? reach.text() + ": " : "") +
-               fmt::format("the last frame is cut, {} of it are missing",
+               fmt::format("the last frame is cut, {} missing",
                            counted(tally.bytes - expected, "byte"));
     const uint64_t rest = expected - tally.bytes;
-    const auto rest_ms =
-        static_cast<int64_t>(static_cast<double>(rest) / static_cast<double>(std::max<uint64_t>(tally.bytes, 1)) *
-                             static_cast<double>(reach.reached_ms));
+    const auto rest_ms = static_cast<int64_t>(
+        static_cast<double>(rest) / static_cast<double>(std::max<uint64_t>(tally.bytes, 1)) *
+        static_cast<double>(reach.reached_ms));
     reach.end_ms = std::max(reach.end_ms, reach.reached_ms + rest_ms);
     if (!reach.is_short()) return "";
     if (rest == 0) return reach.text();

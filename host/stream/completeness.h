@@ -14,8 +14,9 @@ struct Delivery {
     const Outline &outline;
     const Selection &selection;
     const Tally &tally;
-    bool f_remote;   ///< the file is on a server: it is asked as little as can be
-    bool f_stopped;  ///< before its end, as it was wished
+    bool f_remote;     ///< the file is on a server: it is asked as little as can be
+    bool f_stopped;    ///< before its end, as it was wished
+    int64_t start_ms;  ///< what comes before it wasn't wanted
 };
 
 /// What of the file is missing in the stream, or damaged; empty when nothing is. A quarter of a second

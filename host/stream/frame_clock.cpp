@@ -16,9 +16,8 @@ FrameClock::FrameClock(uint32_t start_ms)
 void FrameClock::count()
 {
     const int64_t now = m_clock.now();
-    if (!m_f_counting) m_first = m_reached = now;
+    if (!m_f_counting) m_reached = now;
     m_f_counting = true;
     m_clock.settle();
     m_reached = std::max(m_reached, now);
-    m_first = std::min(m_first, now);
 }

@@ -18,13 +18,11 @@ public:
     /// Counts the frame whose time was followed last.
     void count();
 
-    /// Earliest and latest time counted, in milliseconds. Frames may go back and forth between.
-    int64_t first_ms() const { return m_first / TICKS_PER_MS; }
+    /// Latest time counted, in milliseconds. Frames may go back and forth before it.
     int64_t reached_ms() const { return m_reached / TICKS_PER_MS; }
 
 private:
     CutClock m_clock;
-    int64_t m_first = 0;
     int64_t m_reached = 0;
     bool m_f_counting = false;
 };

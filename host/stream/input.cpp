@@ -58,7 +58,10 @@ Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
 {
     if (m_muxer == nullptr || !m_muxer->getContentInfo(&m_content))
         throw NotDone(m_input.source().path(), "nothing in it can be played");
-    if (!m_input.format().f_times) return;
+    if (!m_input.format().f_times) {
+        m_tally.watch_packets();
+        return;
+    }
     const Selection &selection = m_input.selection();
     if (selection.is_unplayable(m_input.outline(), TrackKind::VIDEO)) m_tally.drop_video();
     if (selection.is_unplayable(m_input.outline(), TrackKind::AUDIO)) m_tally.drop_audio();
@@ -171,7 +174,8 @@ std::string Pump::why_nothing_came() const
     if (m_f_stopped) return fmt::format("no frame lies before {}", time_text(*m_options.to_ms));
     if (m_options.start_ms)
         return fmt::format("no frame follows {}", time_text(*m_options.start_ms));
-    return "no video or sound in it can be read";
+    if (m_input.outline().mp4.f_moov_cut) return "moov is cut off: no track in it is whole";
+    return "no video or audio in it can be read";
 }
 
 std::string Pump::fault_in_input()
@@ -183,9 +187,9 @@ std::string Pump::fault_in_input()
         if (!m_f_stopped) fault = fault_of_records();
     } else {
         SourceBytes bytes(source);
-        fault = find_loss(
-            {m_input.outline(), m_input.selection(), m_tally, is_url(m_options.path), m_f_stopped},
-            bytes);
+        fault = find_loss({m_input.outline(), m_input.selection(), m_tally, is_url(m_options.path),
+                           m_f_stopped, m_options.start_ms.value_or(0)},
+                          bytes);
     }
     if (m_f_stopped || source.doubt().empty()) return fault;
     return fault + (fault.empty() ? "" : "; ") + source.doubt();
@@ -196,6 +200,9 @@ std::string Pump::fault_of_records() const
 {
     const Source &source = m_input.source();
     const uint64_t used = m_frames * m_input.format().record_size;
+    const uint64_t missing = m_tally.packets().missing();
+    if (used >= source.size() && missing > 0)
+        return fmt::format("ends within a PES packet, {} missing", counted(missing, "byte"));
     if (used >= source.size()) return "";
     return fmt::format("{} of its {} are in none of the packets read", source.size() - used,
                        counted(source.size(), "byte"));

@@ -7,9 +7,11 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 
 #include "golt.h"
+#include "packet_watch.h"
 #include "ts_elementary.h"
 #include "ts_packet.h"
 #include "ts_time.h"
@@ -22,7 +24,7 @@ struct StreamTally {
     uint64_t bytes = 0;    ///< in them, as far as their length is told
     uint64_t damaged = 0;  ///< frames that don't begin as frames of their codec do
     int64_t first_damaged = 0;
-    int64_t first = 0;         ///< earliest and latest time, 90 kHz
+    int64_t first = 0;  ///< earliest and latest time, 90 kHz
     int64_t reached = 0;
     int64_t longest_step = 0;  ///< of reached
     uint64_t samples = 0;      ///< of audio, in each channel
@@ -44,6 +46,9 @@ public:
 
     /// The streams that are coming: their PIDs and codecs. Without a call nothing is counted.
     void begin(const PELA::MediaBuffer::ContentInfo &content);
+    /// The packets are ready-made: they pass, and are watched.
+    void watch_packets() { m_f_foreign = m_f_gated = true; }
+    const PacketWatch &packets() const { return m_packets; }
     /// About where the first frames are, 90 kHz; 0 without a call.
     void expect(int64_t time);
     /// Lets nothing of the video, or the audio, pass.
@@ -57,15 +62,16 @@ public:
     {
         // Nearly every packet goes on within a frame that passes.
         const bool f_look = size != static_cast<int>(TS_PACKET_SIZE) || m_f_gated ||
-                            (buffer[1] & UNIT_START) != 0;
+                            (buffer[1] & UNIT_START) != 0 || is_suspect(buffer);
         return f_look ? look(buffer, size) : m_next.write(buffer, size);
     }
 
     const StreamTally &video() const { return m_streams[VIDEO].tally; }
     const StreamTally &audio() const { return m_streams[AUDIO].tally; }
     uint64_t passed() const { return video().passed + audio().passed; }
-    /// The time of the first frame that passed, 90 kHz.
-    std::optional<int64_t> first_passed() const { return m_first_passed; }
+    /// The earliest time of a frame that passed, and the latest of all, 90 kHz.
+    int64_t first_passed() const { return m_first_passed.value_or(0); }
+    int64_t reached() const;
 
 private:
     static constexpr uint8_t UNIT_START = 0x40;
@@ -75,13 +81,28 @@ private:
         StreamTally tally;
         uint16_t pid = 0;
         bool f_dropped = false;
-        bool f_passes = true;  // the present frame
+        bool f_passes = true;    // the present frame
+        bool f_damaged = false;  // likewise, and counted
+        int64_t time = 0;        // of it
         CutClock clock{PTS_BITS, 0};
         std::optional<int64_t> from;
+        int64_t frame_start = 0;  // of the present frame, of audio by its samples
+        int64_t shift = 0;        // added to the times of audio that has no clock
     };
 
+    // Eight zeros in the middle of a packet: in H.264 they may be a hole in the file.
+    static bool is_suspect(const uint8_t *packet)
+    {
+        uint64_t middle = 0;
+        memcpy(&middle, packet + TS_PACKET_SIZE / 2, sizeof middle);
+        return middle == 0;
+    }
     int look(uint8_t *buffer, int size);
-    void begin_frame(Stream &stream, const uint8_t *packet);
+    void shift_times(const Stream &stream, uint8_t *packet) const;
+    void find_hole(Stream &stream, const uint8_t *packet);
+    void count_audio(Stream &stream, const uint8_t *frame, size_t size, size_t length);
+    static void note_damage(Stream &stream);
+    void begin_frame(Stream &stream, uint8_t *packet);
     void count(Stream &stream, int64_t time, const uint8_t *pes, size_t size);
     bool is_wanted(Stream &stream, int64_t time);
     int pass(uint8_t *packet);
@@ -89,6 +110,8 @@ private:
     PELA::AVMuxer::Listener &m_next;
     std::array<Stream, STREAMS> m_streams;
     bool m_f_counting = false;
+    bool m_f_foreign = false;
+    PacketWatch m_packets;
     bool m_f_gated = false;  // something is held back, or may be
     // The last tables that came while nothing had passed: PAT and PMT.
     std::array<std::array<uint8_t, TS_PACKET_SIZE>, 2> m_tables = {};
