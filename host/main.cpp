@@ -235,6 +235,7 @@ void add_remux(CLI::App &app, Commands &commands)
               "Stop before the first frame at or behind it");
     add_value(*command, "--frames", "N", parse_count, options.input.frames,
               "Stop after so many frames");
+    command->add_flag("--as-is", options.f_as_is, "Write the library's stream, unmended");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
     CLI::Option *verbose = add_verbose(*command, commands);
     command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong")

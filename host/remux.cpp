@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include <unistd.h>
 
@@ -12,7 +13,9 @@
 #include "io/progress.h"
 #include "io/sink.h"
 #include "stream/input.h"
+#include "stream/stage_hints.h"
 #include "stream/time_text.h"
+#include "ts_time.h"
 
 namespace {
 
@@ -26,12 +29,16 @@ public:
 private:
     void show(Progress &progress) const;
     std::string summary(double seconds) const;
+    std::string fault_in_times() const;
     ExitStatus report();
 
     const RemuxOptions &m_options;
     Input m_input;
     Output m_output;
     Sink m_sink;
+    const StageSetup m_setup;
+    golt::StageListener<PELA::AVMuxer::Listener> m_stage;
+    const bool m_f_staged;  // ready-made packets pass as they are without it, too
     Pump m_pump;
 };
 
@@ -50,8 +57,12 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor())
-    , m_pump(m_input, m_sink)
+    , m_setup(stage_setup(m_input.outline(), m_input.selection(), !m_input.format().f_times))
+    , m_stage(m_sink, m_setup.hints)
+    , m_f_staged(!options.f_as_is && m_input.format().f_times)
+    , m_pump(m_input, m_f_staged ? static_cast<PELA::AVMuxer::Listener &>(m_stage) : m_sink)
 {
+    if (!m_stage.is_valid()) throw std::bad_alloc();
 }
 
 ExitStatus Job::run()
@@ -63,6 +74,7 @@ ExitStatus Job::run()
         if (m_sink.error() != 0) break;
         if (progress.is_due(m_sink.bytes())) show(progress);
     }
+    m_stage.finish();
     m_sink.flush();
     progress.clear();
 
@@ -111,9 +123,29 @@ ExitStatus Job::report()
     if (!m_options.f_quiet) {
         for (const std::string &note : selection.notes)
             say(fmt::format("{}: left out: {}", path, note));
+        for (const std::string &note : m_setup.notes)
+            if (m_f_staged) say(fmt::format("{}: {}", path, note));
     }
-    const ExitStatus status = end_command(path, m_pump.fault_in_input());
+    std::string fault = m_pump.fault_in_input();
+    if (fault.empty()) fault = fault_in_times();
+    const ExitStatus status = end_command(path, fault);
     return selection.losses.empty() ? status : EXIT_DONE_WITH_FAULTS;
+}
+
+// What the stage couldn't mend.
+std::string Job::fault_in_times() const
+{
+    const golt::StageCounts counts = m_stage.counts();
+    if (counts.misordered > 0)
+        return "pictures in an order that their parameter sets don't allow: " +
+               std::to_string(counts.misordered);
+    if (counts.late > 0)
+        return fmt::format("badly interleaved: {} come up to {} ms too late",
+                           counted(counts.late, "frame"), counts.worst_late / TICKS_PER_MS);
+    if (counts.untimed_audio > 0)
+        return "tells neither when audio frames are to be heard nor how long they last: " +
+               std::to_string(counts.untimed_audio);
+    return "";
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 struct RemuxOptions {
     InputOptions input;
     std::string output;  ///< "-": the standard output
+    bool f_as_is = false;  ///< the library's own bytes
     bool f_force = false;
     bool f_quiet = false;
 };

@@ -48,7 +48,7 @@ set_channels() {
 remuxed() {
     local file=$1 expected=$2 status=0
     shift 2
-    $GOLT remux -q --force "$@" "$file" out.ts 2>said || status=$?
+    $GOLT remux -q --as-is --force "$@" "$file" out.ts 2>said || status=$?
     cat said
     [ "$status" -eq "$expected" ]
     [ "$status" -ne 0 ] || [ ! -s said ]

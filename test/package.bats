@@ -81,8 +81,29 @@ CMAKE
     sed -n '/^```cpp/,/^```$/p' "$TOP/docs/host.md" | grep -v '^```' >host.cpp
     "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -o host
     ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
-    "$PREFIX/bin/golt" remux -q "$TOP/samples/h264_aac.mp4" golt.ts
+    "$PREFIX/bin/golt" remux -q --as-is "$TOP/samples/h264_aac.mp4" golt.ts
     cmp mine.ts golt.ts
     run -1 ./host mp4 /dev/null none.ts
     run -1 ./host mkv "$TOP/samples/short.m2ts" none.ts
+}
+
+# The lines that the guide adds, put where it says.
+@test "Has a guide for hosts whose stage makes the stream fit for receivers" {
+    local line
+    sed -n '/^```cpp/,/^```$/p' "$TOP/docs/host.md" | grep -v '^```' >host.cpp
+    sed -n '/^```diff/,/^```$/p' "$TOP/docs/host.md" | sed -n 's/^+//p' >added
+    [ "$(wc -l <added)" -eq 4 ]
+    line=$(grep 'StageListener' added)
+    sed -i -e "s|^#include <golt.h>|&\n$(grep '#include' added)|" -e "s|^ *Output output(out);|&\n$line|" \
+        -e 's|&output, false|\&stage, false|' -e "s|^ *driver->destroyMuxer|$(grep finish added)\n&|" host.cpp
+    "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -lgolt_stage -o host
+    ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
+    # Of pictures and audio it is what golt makes, which knows the edit list and moves the audio by it.
+    "$PREFIX/bin/golt" remux -q "$TOP/samples/h264_aac.mp4" golt.ts
+    for stream in mine golt; do
+        ffprobe -v error -show_entries packet=stream_index,flags,size -show_data_hash md5 -of csv $stream.ts |
+            sort >$stream.packets
+    done
+    [ "$(wc -l <mine.packets)" -gt 200 ]
+    diff mine.packets golt.packets
 }

@@ -113,6 +113,7 @@ public:
     {
         return size >= 0 && m_stage.write(buffer, static_cast<size_t>(size)) ? size : -1;
     }
+    bool is_valid() const { return m_stage.is_valid(); }
     bool flush() { return m_stage.flush(); }
     bool finish() { return m_stage.finish(); }
     StageCounts counts() const { return m_stage.counts(); }

@@ -169,39 +169,41 @@ void FrameWalk::begin(AudioCodec codec)
     m_samples = m_rate = 0;
 }
 
-void FrameWalk::add(const uint8_t *bytes, size_t size)
+void FrameWalk::add_more(const uint8_t *bytes, size_t size)
 {
     while (size > 0 && m_codec != AudioCodec::NONE) {
         const size_t skipped = std::min(m_skip, size);
         m_skip -= skipped;
         bytes += skipped;
         size -= skipped;
+        if (size >= FRAME_HEAD_SIZE && m_head_size == 0) {
+            take_head(bytes);
+            continue;
+        }
         const size_t part = std::min(FRAME_HEAD_SIZE - m_head_size, size);
-        if (part == 0) continue;
         memcpy(m_head + m_head_size, bytes, part);
         m_head_size += part;
         bytes += part;
         size -= part;
-        if (m_head_size == FRAME_HEAD_SIZE) take_head();
+        if (m_head_size < FRAME_HEAD_SIZE) continue;
+        m_head_size = 0;
+        take_head(m_head);
+        m_skip -= std::min(m_skip, FRAME_HEAD_SIZE);
     }
 }
 
 // Behind what is no header, or tells no size, nothing can be found.
-void FrameWalk::take_head()
+void FrameWalk::take_head(const uint8_t *bytes)
 {
     FrameHead head;
-    m_head_size = 0;
-    if (!read_frame_head(m_codec, m_head, head)) {
+    if (!read_frame_head(m_codec, bytes, head)) {
         m_codec = AudioCodec::NONE;
         return;
     }
     m_samples += head.samples;
     if (m_rate == 0) m_rate = head.rate;
-    if (head.size <= FRAME_HEAD_SIZE) {
-        m_codec = AudioCodec::NONE;
-        return;
-    }
-    m_skip = head.size - FRAME_HEAD_SIZE;
+    m_skip = head.size;
+    if (head.size < FRAME_HEAD_SIZE) m_codec = AudioCodec::NONE;
 }
 
 }  // namespace golt

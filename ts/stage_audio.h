@@ -44,14 +44,21 @@ void correct_adts(uint8_t *header, const AacConfig &config);
 class FrameWalk {
 public:
     void begin(AudioCodec codec);
-    void add(const uint8_t *bytes, size_t size);
+    void add(const uint8_t *bytes, size_t size)
+    {
+        if (size <= m_skip)
+            m_skip -= size;
+        else
+            add_more(bytes, size);
+    }
 
     /// Samples of all frames that have begun, and their rate; 0 where no header was found.
     uint64_t samples() const { return m_samples; }
     uint32_t rate() const { return m_rate; }
 
 private:
-    void take_head();
+    void add_more(const uint8_t *bytes, size_t size);
+    void take_head(const uint8_t *bytes);
 
     AudioCodec m_codec = AudioCodec::NONE;
     uint8_t m_head[FRAME_HEAD_SIZE];

@@ -13,6 +13,12 @@ Payload payload_of(const uint8_t *packet)
     return {packet + at, TS_SIZE - at};
 }
 
+bool has_plain_pcr(const uint8_t *packet)
+{
+    constexpr uint8_t CONTROL = 0x30, HAS_PCR = 0x10;
+    return (packet[3] & CONTROL) == CONTROL && packet[4] >= 7 && packet[5] == HAS_PCR;
+}
+
 bool read_unit_start(const Payload &payload, UnitStart &start)
 {
     constexpr size_t HEAD = 9, PTS_SIZE = 5;
@@ -27,6 +33,7 @@ bool read_unit_start(const Payload &payload, UnitStart &start)
     start.stream_id = pes[3];
     start.pts = (int64_t{pts[0]} >> 1 & 7) << 30 | bits15(pts + 1) << 15 | bits15(pts + 3);
     start.size = HEAD + pes[8];
+    start.f_plain = pes[6] == 0x80 && pes[7] == HAS_PTS && pes[8] == PTS_SIZE;
     return true;
 }
 

@@ -13,7 +13,8 @@ constexpr int64_t TIME_RANGE = int64_t{1} << 33;  // after which PTS and PCR sta
 struct UnitStart {
     uint8_t stream_id;
     int64_t pts;
-    size_t size;  // of the PES header
+    size_t size;   // of the PES header
+    bool f_plain;  // it has a PTS and nothing else
 };
 
 struct Payload {
@@ -23,6 +24,8 @@ struct Payload {
 
 /// Without header and adaptation field; empty where there is none, or the packet contradicts itself.
 Payload payload_of(const uint8_t *packet);
+/// Whether its adaptation field has a PCR and nothing else, as the library writes it where a unit begins.
+bool has_plain_pcr(const uint8_t *packet);
 /// The header of a PES packet, which has to be whole, with a PTS. False: that is none.
 bool read_unit_start(const Payload &payload, UnitStart &start);
 

@@ -20,13 +20,9 @@ constexpr size_t PCR_SIZE = 6;
 constexpr size_t TIME_SIZE = 5;      // of a PTS or DTS
 constexpr size_t PES_HEAD = 9;       // without times
 constexpr size_t PES_LENGTH_AT = 4;  // in it
-constexpr size_t PES_UNCOUNTED = 6;  // bytes of it that its length doesn't count
-constexpr uint64_t LONGEST_PES = 65535;
 
-// What a write takes at once. A PES packet of which the length can be told fits behind it: it begins where less than
-// that is held.
-constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
-constexpr size_t CAPACITY = BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
+constexpr uint8_t ALIGNED = 0x04;  // data_alignment_indicator: an access unit begins here
+constexpr uint32_t PTS_ALONE = 2, PTS_AND_DTS = 3, DTS_BEHIND = 1;  // what stands before times
 
 void put_be16(uint8_t *to, uint32_t value)
 {
@@ -66,15 +62,13 @@ bool PacketWriter::open()
     return m_buffer != nullptr;
 }
 
-void PacketWriter::put_section(OutPid &to, const uint8_t *section, size_t size)
+void PacketWriter::put_packet(OutPid &to, const uint8_t *made)
 {
-    begin_packet(to, true);
-    uint8_t *const at = packet() + TS_HEAD;
-    at[0] = 0;  // pointer_field
-    memcpy(at + 1, section, size);
-    memset(at + 1 + size, STUFFING, TS_ROOM - 1 - size);
+    make_room();
+    to.counter = (to.counter + 1) & 0xF;
+    memcpy(packet(), made, TS_SIZE);
+    packet()[3] = static_cast<uint8_t>(PAYLOAD | to.counter);
     m_held += TS_SIZE;
-    m_fill = 0;
 }
 
 void PacketWriter::put_clock(const OutPid &to, int64_t pcr, bool f_jumps)
@@ -97,6 +91,33 @@ void PacketWriter::begin_pes(OutPid &to, const PesStart &start)
     m_to = &to;
     m_start = start;
     begin_pes_packet(start);
+}
+
+uint8_t *PacketWriter::begin_copied_pes(OutPid &to, const uint8_t *from, size_t pes_at,
+                                        const PesStart &start)
+{
+    if (m_held >= BLOCK) give(m_held);
+    make_room();
+    m_to = &to;
+    m_start = start;
+    to.counter = (to.counter + 1) & 0xF;
+    uint8_t *const at = packet();
+    memcpy(at, from, TS_HEAD);
+    memcpy(at + TS_HEAD, from + TS_HEAD, TS_ROOM);
+    at[3] = static_cast<uint8_t>(PAYLOAD | ADAPTATION | to.counter);
+    at[5] = start.pcr != NO_TIME ? HAS_PCR : 0;
+    if (start.pcr != NO_TIME)
+        put_pcr(at + 6, start.pcr);
+    else
+        memset(at + 6, STUFFING, PCR_SIZE);
+    uint8_t *const pes = at + pes_at;
+    pes[6] |= ALIGNED;
+    put_time(pes + PES_HEAD, PTS_ALONE, start.pts);
+    m_fill = TS_SIZE;
+    m_pes_at = m_held + pes_at + PES_LENGTH_AT;
+    m_f_pes_here = true;
+    m_pes_size = TS_SIZE - pes_at - PES_UNCOUNTED;
+    return pes + PES_HEAD + TIME_SIZE;
 }
 
 void PacketWriter::append(const uint8_t *bytes, size_t size)
@@ -130,6 +151,18 @@ void PacketWriter::append(const uint8_t *bytes, size_t size)
     }
 }
 
+void PacketWriter::copy(const uint8_t *from, size_t payload_size)
+{
+    m_held += TS_SIZE;
+    make_room();
+    m_to->counter = (m_to->counter + 1) & 0xF;
+    uint8_t *const to = packet();
+    memcpy(to, from, TS_HEAD);
+    to[3] = static_cast<uint8_t>((from[3] & 0xF0) | m_to->counter);
+    memcpy(to + TS_HEAD, from + TS_HEAD, TS_ROOM);
+    m_pes_size += payload_size;
+}
+
 void PacketWriter::align()
 {
     if (m_fill == TS_SIZE || m_fill == TS_HEAD) return;
@@ -144,6 +177,13 @@ void PacketWriter::end_pes()
 
 void PacketWriter::pass(const uint8_t *bytes, size_t size)
 {
+    // Mostly one packet, for which a copy of fixed size needs no call.
+    if (size == TS_SIZE && BLOCK - m_held > TS_SIZE) {
+        memcpy(packet(), bytes, TS_HEAD);
+        memcpy(packet() + TS_HEAD, bytes + TS_HEAD, TS_ROOM);
+        m_held += TS_SIZE;
+        return;
+    }
     while (size > 0) {
         if (m_held == BLOCK) give(m_held);
         const size_t part = std::min(size, BLOCK - m_held);
@@ -210,8 +250,8 @@ void PacketWriter::begin_header(const PesStart &start)
         has_pts ? 0x84 : 0x80;  // the payload begins with an access unit: data_alignment_indicator
     at[7] = has_dts ? 0xC0 : has_pts ? 0x80 : 0;
     at[8] = static_cast<uint8_t>(times);
-    if (has_pts) put_time(at + PES_HEAD, has_dts ? 3 : 2, start.pts);
-    if (has_dts) put_time(at + PES_HEAD + TIME_SIZE, 1, start.dts);
+    if (has_pts) put_time(at + PES_HEAD, has_dts ? PTS_AND_DTS : PTS_ALONE, start.pts);
+    if (has_dts) put_time(at + PES_HEAD + TIME_SIZE, DTS_BEHIND, start.dts);
     m_pes_at = m_held + m_fill + PES_LENGTH_AT;
     m_f_pes_here = true;
     m_fill += PES_HEAD + times;
@@ -252,12 +292,6 @@ void PacketWriter::close_pes()
     if (m_f_pes_here && m_pes_size <= LONGEST_PES)
         put_be16(m_buffer + m_pes_at, static_cast<uint32_t>(m_pes_size));
     m_f_pes_here = false;
-}
-
-// For one packet behind those that are held. No packet is open then.
-void PacketWriter::make_room()
-{
-    if (CAPACITY - m_held < TS_SIZE) give(m_held);
 }
 
 void PacketWriter::give(size_t size)

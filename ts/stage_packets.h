@@ -4,6 +4,8 @@
 #ifndef GOLT_STAGE_PACKETS_H
 #define GOLT_STAGE_PACKETS_H
 
+#include <cstring>
+
 #include "golt_stage.h"
 
 namespace golt {
@@ -12,6 +14,7 @@ constexpr size_t TS_SIZE = 188;
 constexpr size_t TS_HEAD = 4;
 constexpr size_t TS_ROOM = TS_SIZE - TS_HEAD;
 constexpr int64_t NO_TIME = INT64_MIN;
+constexpr uint64_t LONGEST_PES = 65535;  // by PES_packet_length
 
 struct OutPid {
     uint16_t pid;
@@ -44,18 +47,43 @@ public:
     bool has_failed() const { return m_f_failed; }
     uint64_t bytes_out() const { return m_bytes_out; }
 
-    /// A section with its CRC, of 183 bytes at most, in a packet of its own.
-    void put_section(OutPid &to, const uint8_t *section, size_t size);
+    /// A packet that lacks nothing but its counter.
+    void put_packet(OutPid &to, const uint8_t *packet);
     /// A packet that has a PCR and no payload. f_jumps: discontinuity_indicator.
     void put_clock(const OutPid &to, int64_t pcr, bool f_jumps);
 
-    /// Between begin_pes and end_pes only append and align may be called.
+    /// Between the begin of a PES packet and end_pes only append, align and copy may be called.
     void begin_pes(OutPid &to, const PesStart &start);
+    /// Begins it with a packet of the library, in which a PES header with a PTS alone stands at pes_at, behind an
+    /// adaptation field with a PCR. Returns its payload as it is written.
+    uint8_t *begin_copied_pes(OutPid &to, const uint8_t *packet, size_t pes_at,
+                              const PesStart &start);
     void append(const uint8_t *bytes, size_t size);
     /// Fills the present packet up, so that the next byte is the first of a packet.
     void align();
+    /// A packet of the library, with payload_size bytes of the PES packet. The present packet has to be full.
+    void copy(const uint8_t *packet, size_t payload_size);
+    /// Whether a packet can be copied without giving away what is held.
+    bool has_room() const { return CAPACITY - m_held >= 2 * TS_SIZE; }
+    /// A packet that has nothing but payload, where there is room. head: its first four bytes without the counter.
+    void copy_full(uint32_t head, const uint8_t *packet)
+    {
+        m_held += TS_SIZE;
+        m_pes_size += TS_ROOM;
+        m_to->counter = (m_to->counter + 1) & 0xF;
+        head |= m_to->counter;
+        uint8_t *const to = m_buffer + m_held;
+        to[0] = static_cast<uint8_t>(head >> 24);
+        to[1] = static_cast<uint8_t>(head >> 16);
+        to[2] = static_cast<uint8_t>(head >> 8);
+        to[3] = static_cast<uint8_t>(head);
+        // As the library has stored it: the processor hands on a store that is still on its way only to a load that
+        // lies within it.
+        memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
+    }
     void end_pes();
-    bool in_pes() const { return m_to != nullptr; }
+    /// Bytes of it behind its length.
+    uint64_t pes_size() const { return m_pes_size; }
 
     /// Bytes that pass outside of any packet that is written here.
     void pass(const uint8_t *bytes, size_t size);
@@ -63,6 +91,13 @@ public:
     void flush();
 
 private:
+    static constexpr size_t PES_UNCOUNTED = 6;  // bytes up to the end of PES_packet_length
+    // What a write takes at once. A PES packet of which the length can be told fits behind it: it begins where less
+    // than that is held.
+    static constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
+    static constexpr size_t CAPACITY =
+        BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
+
     void begin_packet(OutPid &to, bool f_unit_start);
     void begin_pes_packet(const PesStart &start);
     void begin_adaptation(const PesStart &start);
@@ -70,7 +105,11 @@ private:
     void next_pes_of_unit();
     void stuff();
     void close_pes();
-    void make_room();
+    // For one packet behind those that are held. No packet is open then.
+    void make_room()
+    {
+        if (CAPACITY - m_held < TS_SIZE) give(m_held);
+    }
     void give(size_t size);
     uint8_t *packet() { return m_buffer + m_held; }
 

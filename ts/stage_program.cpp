@@ -24,12 +24,22 @@ uint32_t be13(const uint8_t *at)
     return (at[0] & 0x1Fu) << 8 | at[1];
 }
 
-size_t add_crc(uint8_t *section, size_t size)
+// A packet without payload yet; its counter comes when it is written.
+void begin_packet(uint8_t *packet, uint16_t pid)
+{
+    memset(packet, 0xFF, TS_SIZE);
+    packet[0] = 0x47;
+    packet[1] = static_cast<uint8_t>(0x40 | pid >> 8);
+    packet[2] = static_cast<uint8_t>(pid);
+    packet[3] = 0x10;
+    packet[4] = 0;  // pointer_field
+}
+
+void add_crc(uint8_t *section, size_t size)
 {
     const uint32_t crc = section_crc(section, size);
     for (unsigned i = 0; i < CRC_SIZE; ++i)
         section[size + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
-    return size + CRC_SIZE;
 }
 
 }  // namespace
@@ -53,6 +63,7 @@ void Program::take_pmt(const uint8_t *packet)
         return;
     memcpy(m_taken, packet, TS_SIZE);
     m_video = m_audio = Entry();
+    m_f_changed = true;
     size_t at = ENTRIES_AT + be12(section + 10);
     while (at + ENTRY_HEAD + CRC_SIZE <= end) {
         const size_t size = be12(section + at + 3);
@@ -89,17 +100,32 @@ AudioCodec Program::audio_codec() const
 
 void Program::put_tables(PacketWriter &writer)
 {
-    uint8_t section[MOST_SECTION];
-    memcpy(section, PAT, sizeof PAT);
-    writer.put_section(m_pat, section, add_crc(section, sizeof PAT));
+    if (m_f_changed) make_tables();
+    writer.put_packet(m_pat, m_pat_packet);
+    writer.put_packet(m_pmt, m_pmt_packet);
+    m_f_written = true;
+}
 
-    const size_t size = make_pmt(section);
-    const bool f_same = size == m_section_size && memcmp(section, m_section, size) == 0;
-    if (!f_same && m_section_size != 0) m_version = (m_version + 1) & 0x1F;
-    memcpy(m_section, section, size);
-    m_section_size = size;
-    section[VERSION_AT] = static_cast<uint8_t>(0xC1 | m_version << 1);
-    writer.put_section(m_pmt, section, add_crc(section, size));
+void Program::make_tables()
+{
+    m_f_changed = false;
+    begin_packet(m_pat_packet, PAT_PID);
+    memcpy(m_pat_packet + SECTION_AT, PAT, sizeof PAT);
+    add_crc(m_pat_packet + SECTION_AT, sizeof PAT);
+
+    uint8_t before[TS_SIZE];
+    memcpy(before, m_pmt_packet, TS_SIZE);
+    const auto make = [this] {
+        begin_packet(m_pmt_packet, PMT_PID);
+        uint8_t *const section = m_pmt_packet + SECTION_AT;
+        const size_t size = make_pmt(section);
+        section[VERSION_AT] = static_cast<uint8_t>(0xC1 | m_version << 1);
+        add_crc(section, size);
+    };
+    make();
+    if (!m_f_written || memcmp(before, m_pmt_packet, TS_SIZE) == 0) return;
+    m_version = (m_version + 1) & 0x1F;
+    make();
 }
 
 size_t Program::put_entry(uint8_t *to, uint16_t pid, const Entry &entry)

@@ -20,7 +20,11 @@ public:
     /// Takes a packet of the library's PMT. What isn't sound is passed over.
     void take_pmt(const uint8_t *packet);
     /// Tells that there are packets of audio: the library's PMT lists it always.
-    void note_audio() { m_f_audio_seen = true; }
+    void note_audio()
+    {
+        m_f_changed = m_f_changed || !m_f_audio_seen;
+        m_f_audio_seen = true;
+    }
 
     bool has_video() const { return video_codec() != VideoCodec::NONE; }
     bool has_audio() const
@@ -38,7 +42,6 @@ public:
 private:
     static constexpr uint8_t PRIVATE = 0x06;  // stream_type of PES packets of any data
     static constexpr size_t MOST_DESCRIPTORS = 48;
-    static constexpr size_t MOST_SECTION = 160;
 
     struct Entry {
         uint8_t type = 0;  // stream_type; 0: none
@@ -47,6 +50,7 @@ private:
     };
 
     static size_t put_entry(uint8_t *to, uint16_t pid, const Entry &entry);
+    void make_tables();
     size_t make_pmt(uint8_t *to) const;
 
     uint8_t m_taken[TS_SIZE] = {};  // the packet that was taken last
@@ -56,8 +60,10 @@ private:
 
     OutPid m_pat{PAT_PID};
     OutPid m_pmt{PMT_PID};
-    uint8_t m_section[MOST_SECTION];  // the PMT that was written last
-    size_t m_section_size = 0;
+    uint8_t m_pat_packet[TS_SIZE];  // as they are written
+    uint8_t m_pmt_packet[TS_SIZE];
+    bool m_f_changed = true;  // what they list
+    bool m_f_written = false;
     uint8_t m_version = 0;
 };
 

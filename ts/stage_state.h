@@ -25,10 +25,28 @@ constexpr size_t MOST_FIRST_TIMES = DecodeTimes::MOST_DEPTH + 1;
 // are known, and then through process, which writes. Times are those of the file with the hints' offsets; m_shift
 // comes to them where they are written.
 struct Stage::State {
+    // Of the unit that is being written. Where COPIED, packets are written as they come, with a counter of their own.
+    enum class Phase : uint8_t {
+        NONE,
+        HEAD,
+        SLICES,
+        COPIED_SLICES,
+        FILTERED_SLICES,
+        AUDIO,
+        COPIED_AUDIO
+    };
+
     State(Write sink, void *handle, const StageHints &hints);
 
     bool write(const uint8_t *bytes, size_t size);
     bool finish();
+    // Whether a packet of a picture only has to be copied, as nearly all have.
+    bool is_copied(const uint8_t *packet) const
+    {
+        const uint32_t head = uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 |
+                              uint32_t{packet[2]} << 8 | packet[3];
+        return (head & ~uint32_t{0xF}) == m_copied_head;
+    }
 
     // Packets as they come
     void take(const uint8_t *packet);
@@ -44,16 +62,20 @@ struct Stage::State {
     LaneIndex lane_of(unsigned pid) const;
 
     // Units as they are written
-    void process(const uint8_t *packet);
+    void process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+                 const UnitStart *start);
+    void replay(const uint8_t *packet);
     void feed(const Payload &payload);
+    void feed_packet(const uint8_t *packet, const Payload &payload);
+    void enter(Phase phase);
+    void align();
     void end_unit();
-    void begin_audio(Payload payload);
+    void begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit);
     void begin_picture();
     void order_picture(PesStart &start);
     void put_head();
     void put_sets(uint8_t type);
     void take_sets();
-    void feed_slices(const uint8_t *bytes, size_t size);
     int64_t advance_clock(LaneIndex lane, int64_t time, bool f_tables);
     int64_t begin_clock(bool f_carries);
     void put_clock(bool f_jumps);
@@ -65,6 +87,8 @@ struct Stage::State {
         static_cast<State *>(state)->m_writer.append(bytes, size);
     }
 
+    // Of packets that only have to be copied: their first four bytes without the counter, or 0.
+    uint32_t m_copied_head = 0;
     StageMode m_mode;
     const int64_t m_offsets[2];
     const Durations m_durations;
@@ -88,7 +112,6 @@ struct Stage::State {
     bool m_f_depth_known = false;
 
     // Units as they are written
-    enum class Phase : uint8_t { NONE, HEAD, SLICES, FILTERED_SLICES, AUDIO };
     Phase m_phase = Phase::NONE;
     LaneIndex m_lane = NO_LANE;
     unsigned m_packets_moved = 0;

@@ -7,7 +7,7 @@ namespace golt {
 namespace {
 
 // By how much the times of a file, which are whole milliseconds, may be beside the exact ones.
-constexpr int64_t ROUNDING = 3 * TICKS_PER_MS / 2;
+constexpr int64_t ROUNDING = TICKS_PER_MS;
 constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
 constexpr int64_t USUAL_STEP = 40 * TICKS_PER_MS;
 

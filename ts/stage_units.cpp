@@ -18,44 +18,81 @@ constexpr unsigned PACKETS_MOVED = 16;
 
 }  // namespace
 
-void Stage::State::process(const uint8_t *packet)
+void Stage::State::replay(const uint8_t *packet)
 {
     const unsigned pid = (packet[1] & 0x1Fu) << 8 | packet[2];
-    const LaneIndex lane = pid == VIDEO_PID ? VIDEO : AUDIO;
-    Payload payload = payload_of(packet);
-    if ((packet[1] & 0x40) == 0) {
-        if (lane == m_lane) feed(payload);
+    const Payload payload = payload_of(packet);
+    UnitStart start = {};
+    const bool f_start = (packet[1] & 0x40) != 0 && read_unit_start(payload, start);
+    process(packet, pid == VIDEO_PID ? VIDEO : AUDIO, payload, f_start ? &start : nullptr);
+}
+
+void Stage::State::process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+                           const UnitStart *start)
+{
+    if (start == nullptr) {
+        if (lane == m_lane) feed_packet(packet, payload);
         return;
     }
-    UnitStart start = {};
-    if (!read_unit_start(payload, start)) return;
     end_unit();
-    payload = {payload.bytes + start.size, payload.size - start.size};
     m_lane = lane;
-    m_stream_id = start.stream_id;
-    m_time = m_out_times[lane].extend(start.pts) + m_offsets[lane];
+    m_stream_id = start->stream_id;
+    m_time = m_out_times[lane].extend(start->pts) + m_offsets[lane];
     if (lane == AUDIO) {
-        begin_audio(payload);
+        begin_audio(packet, payload, *start);
         return;
     }
     ++m_counts.pictures;
     m_head.begin(m_program.video_codec());
-    m_phase = Phase::HEAD;
-    feed(payload);
+    enter(Phase::HEAD);
+    feed({payload.bytes + start->size, payload.size - start->size});
 }
 
+void Stage::State::enter(Phase phase)
+{
+    constexpr uint32_t VIDEO_HEAD = 0x47000010 | uint32_t{VIDEO_PID} << 8;
+    m_phase = phase;
+    m_copied_head = phase == Phase::COPIED_SLICES && !m_f_holding ? VIDEO_HEAD : 0;
+}
+
+void Stage::State::feed_packet(const uint8_t *packet, const Payload &payload)
+{
+    const bool f_audio = m_phase == Phase::COPIED_AUDIO;
+    if (!f_audio && m_phase != Phase::COPIED_SLICES) {
+        feed(payload);
+        if (++m_packets_moved >= PACKETS_MOVED) align();
+    } else if (f_audio && m_writer.pes_size() + payload.size > LONGEST_PES) {
+        enter(Phase::AUDIO);
+        feed(payload);
+    } else {
+        if (f_audio) m_walk.add(payload.bytes, payload.size);
+        m_writer.copy(packet, payload.size);
+    }
+}
+
+void Stage::State::align()
+{
+    if (m_phase == Phase::FILTERED_SLICES && m_filter.is_between()) m_writer.align();
+    if (m_phase != Phase::SLICES) return;
+    m_writer.align();
+    enter(Phase::COPIED_SLICES);
+}
+
+// Bytes of a unit, TS_ROOM at most.
 void Stage::State::feed(const Payload &payload)
 {
     switch (m_phase) {
     case Phase::HEAD:
         if (m_head.add(payload.bytes, payload.size)) begin_picture();
         break;
-    case Phase::SLICES: feed_slices(payload.bytes, payload.size); break;
+    case Phase::SLICES: m_writer.append(payload.bytes, payload.size); break;
     case Phase::FILTERED_SLICES: m_filter.add(payload.bytes, payload.size); break;
     case Phase::AUDIO:
         m_walk.add(payload.bytes, payload.size);
         m_writer.append(payload.bytes, payload.size);
         break;
+    case Phase::COPIED_SLICES:
+    case Phase::COPIED_AUDIO:
     case Phase::NONE: break;
     }
 }
@@ -67,18 +104,18 @@ void Stage::State::end_unit()
         begin_picture();
     }
     if (m_phase == Phase::FILTERED_SLICES) m_filter.end();
-    if (m_phase == Phase::AUDIO) {
+    if (m_phase == Phase::AUDIO || m_phase == Phase::COPIED_AUDIO) {
         constexpr uint64_t USUAL_SAMPLES = 1024;
         const bool f_short = m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known;
         m_audio.add(f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples(),
                     m_walk.rate());
     }
     if (m_phase != Phase::NONE) m_writer.end_pes();
-    m_phase = Phase::NONE;
+    enter(Phase::NONE);
     m_lane = NO_LANE;
 }
 
-void Stage::State::begin_audio(Payload payload)
+void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit)
 {
     ++m_counts.audio_frames;
     if (m_audio.is_lost(m_time, m_durations)) ++m_counts.untimed_audio;
@@ -87,18 +124,21 @@ void Stage::State::begin_audio(Payload payload)
     start.stream_id = m_stream_id;
     start.pcr = advance_clock(AUDIO, time, false);
     start.pts = written(time);
-    m_writer.begin_pes(m_pids[AUDIO], start);
-    m_walk.begin(m_program.audio_codec());
-    m_phase = Phase::AUDIO;
-
-    if (m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known && payload.size >= ADTS_SIZE) {
-        uint8_t header[ADTS_SIZE];
-        memcpy(header, payload.bytes, ADTS_SIZE);
-        correct_adts(header, m_aac);
-        feed({header, ADTS_SIZE});
-        payload = {payload.bytes + ADTS_SIZE, payload.size - ADTS_SIZE};
+    const AudioCodec codec = m_program.audio_codec();
+    const size_t size = payload.size - unit.size;
+    const bool f_correct = codec == AudioCodec::AAC && m_aac.is_known && size >= ADTS_SIZE;
+    m_walk.begin(codec);
+    if (!unit.f_plain || !has_plain_pcr(packet)) {
+        m_writer.begin_pes(m_pids[AUDIO], start);
+        enter(Phase::AUDIO);
+        feed({payload.bytes + unit.size, size});
+        return;
     }
-    feed(payload);
+    const auto pes_at = static_cast<size_t>(payload.bytes - packet);
+    uint8_t *const frame = m_writer.begin_copied_pes(m_pids[AUDIO], packet, pes_at, start);
+    enter(Phase::COPIED_AUDIO);
+    if (f_correct) correct_adts(frame, m_aac);
+    m_walk.add(frame, size);
 }
 
 void Stage::State::begin_picture()
@@ -110,7 +150,7 @@ void Stage::State::begin_picture()
     start.f_random_access = m_head.is_key();
     order_picture(start);
     m_writer.begin_pes(m_pids[VIDEO], start);
-    m_phase = Phase::SLICES;
+    enter(Phase::SLICES);
     m_packets_moved = 0;
     put_head();
 }
@@ -165,7 +205,7 @@ void Stage::State::put_head()
 
     // Where they stand in front of the first slice they may stand in front of others, too.
     if (has_own_sets) {
-        m_phase = Phase::FILTERED_SLICES;
+        enter(Phase::FILTERED_SLICES);
         m_filter.begin();
     }
     for (done = m_head.body(); done < m_head.size();) {
@@ -200,12 +240,6 @@ void Stage::State::take_sets()
             f_new = m_sets.take(m_head.bytes() + unit.at, unit.end - unit.at) || f_new;
     }
     if (f_new) m_decode.set_depth(depth());
-}
-
-void Stage::State::feed_slices(const uint8_t *bytes, size_t size)
-{
-    m_writer.append(bytes, size);
-    if (++m_packets_moved == PACKETS_MOVED) m_writer.align();
 }
 
 // Brings the clock to where a unit of this time may begin. Returns the PCR that its first packet has to bear, or

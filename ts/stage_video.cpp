@@ -44,6 +44,13 @@ size_t find_code(const uint8_t *bytes, size_t from, size_t size)
     return size;
 }
 
+// Whether a start code may begin with the last bytes, of which there is at least one.
+bool may_begin_code(const uint8_t *bytes, size_t size)
+{
+    return bytes[size - 1] == 0 || (size > 2 && bytes[size - 1] == 1 && bytes[size - 2] == 0) ||
+           size <= 2;
+}
+
 }  // namespace
 
 // Parameter sets
@@ -225,6 +232,10 @@ void SetFilter::begin()
 
 void SetFilter::add(const uint8_t *bytes, size_t size)
 {
+    if (is_between() && find_code(bytes, 0, size) == size && !may_begin_code(bytes, size)) {
+        m_put(m_handle, bytes, size);
+        return;
+    }
     uint8_t piece[CARRY + PIECE];
     memcpy(piece, m_carry, m_carried);
     memcpy(piece + m_carried, bytes, size);

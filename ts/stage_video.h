@@ -124,6 +124,8 @@ public:
     /// Takes the next bytes of the picture, beginning with a start code; TS_SIZE at most.
     void add(const uint8_t *bytes, size_t size);
     void end();
+    /// Whether nothing is held back.
+    bool is_between() const { return m_carried == 0 && !m_f_in_set; }
 
 private:
     static constexpr size_t PIECE = 188;

@@ -16,7 +16,7 @@ _golt() {
         return
     fi
     case ${COMP_WORDS[1]} in
-    remux) options="$shared --start --to --frames --force --quiet" ;;
+    remux) options="$shared --start --to --frames --as-is --force --quiet" ;;
     info) options="$shared --scan --json" ;;
     frames) options="$shared --start --count --json --csv" ;;
     check) options="$shared --json" ;;

@@ -24,7 +24,6 @@ size_t size_of_pipe(int fd);
 Sink::Sink(int fd)
     : m_fd(fd)
     , m_pipe_size(size_of_pipe(fd))
-    , m_buffer(new uint8_t[BUFFER_SIZE])
 {
 }
 
@@ -32,7 +31,8 @@ int Sink::write(uint8_t *buffer, int size)
 {
     // Nearly everything is a packet that is only to be copied. This way has no call in it, which
     // would make it keep registers. m_held is below BUFFER_SIZE.
-    if (size != static_cast<int>(TS_PACKET_SIZE) || BUFFER_SIZE - m_held <= TS_PACKET_SIZE)
+    if (size != static_cast<int>(TS_PACKET_SIZE) || m_held == 0 ||
+        BUFFER_SIZE - m_held <= TS_PACKET_SIZE)
         return write_other(buffer, size);
     // A copy of fixed size needs no call either. Header and payload are read as the library has
     // just written them: the processor hands on a store that is still on its way only to a load
@@ -47,6 +47,12 @@ int Sink::write(uint8_t *buffer, int size)
 int Sink::write_other(const uint8_t *data, int size)
 {
     if (size <= 0) return 0;
+    // Packets that were gathered already aren't copied.
+    if (m_held == 0 && static_cast<size_t>(size) >= BUFFER_SIZE / 2) {
+        write_out(data, static_cast<size_t>(size));
+        return m_error == 0 ? size : -1;
+    }
+    if (m_buffer == nullptr) m_buffer.reset(new uint8_t[BUFFER_SIZE]);
     for (size_t left = static_cast<size_t>(size); left > 0;) {
         const size_t part = std::min(left, BUFFER_SIZE - m_held);
         memcpy(m_buffer.get() + m_held, data, part);
@@ -60,9 +66,14 @@ int Sink::write_other(const uint8_t *data, int size)
 
 void Sink::flush()
 {
-    if (m_error == 0) m_error = write_packets(m_fd, m_buffer.get(), m_held, m_pipe_size);
-    m_flushed += m_held;
+    write_out(m_buffer.get(), m_held);
     m_held = 0;
+}
+
+void Sink::write_out(const uint8_t *data, size_t size)
+{
+    if (m_error == 0) m_error = write_packets(m_fd, data, size, m_pipe_size);
+    m_flushed += size;
 }
 
 namespace {

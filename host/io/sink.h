@@ -25,11 +25,12 @@ public:
 
 private:
     [[gnu::noinline]] int write_other(const uint8_t *data, int size);
+    void write_out(const uint8_t *data, size_t size);
 
     int m_fd;
-    size_t m_pipe_size;  // 0 where it is no pipe
-    std::unique_ptr<uint8_t[]> m_buffer;
-    size_t m_held = 0;  // bytes in the buffer
+    size_t m_pipe_size;                   // 0 where it is no pipe
+    std::unique_ptr<uint8_t[]> m_buffer;  // once it is needed
+    size_t m_held = 0;                    // bytes in the buffer
     uint64_t m_flushed = 0;
     int m_error = 0;
 };
