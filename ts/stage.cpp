@@ -123,7 +123,7 @@ void Stage::State::take(const uint8_t *packet)
     UnitStart start = {};
     if (f_start) m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
     if (lane == NO_LANE || lane != m_in_lane || payload.size == 0) {
-        if (m_in_lane == NO_LANE) m_copied_head = 0;
+        if (m_in_lane == NO_LANE) m_copied_head = NO_HEAD;
         ++m_counts.dropped;
         return;
     }
@@ -174,7 +174,7 @@ bool Stage::State::is_jump(LaneIndex lane, int64_t time) const
 void Stage::State::begin_hold()
 {
     m_f_holding = true;
-    m_copied_head = 0;
+    m_copied_head = NO_HEAD;
     m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
     m_pictures_held = 0;
 }

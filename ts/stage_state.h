@@ -87,8 +87,9 @@ struct Stage::State {
         static_cast<State *>(state)->m_writer.append(bytes, size);
     }
 
-    // Of packets that only have to be copied: their first four bytes without the counter, or 0.
-    uint32_t m_copied_head = 0;
+    // Of packets that only have to be copied: their first four bytes without the counter; or NO_HEAD, which has one.
+    static constexpr uint32_t NO_HEAD = 0xF;
+    uint32_t m_copied_head = NO_HEAD;
     StageMode m_mode;
     const int64_t m_offsets[2];
     const Durations m_durations;

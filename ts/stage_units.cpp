@@ -52,7 +52,7 @@ void Stage::State::enter(Phase phase)
 {
     constexpr uint32_t VIDEO_HEAD = 0x47000010 | uint32_t{VIDEO_PID} << 8;
     m_phase = phase;
-    m_copied_head = phase == Phase::COPIED_SLICES && !m_f_holding ? VIDEO_HEAD : 0;
+    m_copied_head = phase == Phase::COPIED_SLICES && !m_f_holding ? VIDEO_HEAD : NO_HEAD;
 }
 
 void Stage::State::feed_packet(const uint8_t *packet, const Payload &payload)
