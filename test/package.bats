@@ -94,7 +94,7 @@ CMAKE
     sed -n '/^```diff/,/^```$/p' "$TOP/docs/host.md" | sed -n 's/^+//p' >added
     [ "$(wc -l <added)" -eq 4 ]
     line=$(grep 'StageListener' added)
-    sed -i -e "s|^#include <golt.h>|&\n$(grep '#include' added)|" -e "s|^ *Output output(out);|&\n$line|" \
+    sed -i -e "s|^#include <libgolt.h>|&\n$(grep '#include' added)|" -e "s|^ *Output output(out);|&\n$line|" \
         -e 's|&output, false|\&stage, false|' -e "s|^ *driver->destroyMuxer|$(grep finish added)\n&|" host.cpp
     "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -lgolt_stage -o host
     ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
