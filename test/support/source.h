@@ -60,7 +60,8 @@ public:
     static uint32_t read_proc(void *source, uint8_t *buffer, uint32_t size)
     {
         const auto room = static_cast<int>(std::min<uint32_t>(size, INT_MAX));
-        return static_cast<uint32_t>(std::max(static_cast<Source *>(source)->read(buffer, room), 0));
+        return static_cast<uint32_t>(
+            std::max(static_cast<Source *>(source)->read(buffer, room), 0));
     }
 
     static int32_t seek_proc(void *source, int64_t offset)
