@@ -135,7 +135,9 @@ fails() {
 
 @test "reads without ranges, as far as that goes" {
     same "$nginx/whole/movie.mp4" movie
-    same "$nginx/whole/end.mp4" end
+    # What the edit list at its end says can't be known in time.
+    $GOLT remux -q --as-is "$BATS_FILE_TMPDIR/end.mp4" bare.expected
+    same "$nginx/whole/end.mp4" bare --as-is
     same "$server/chunks/movie.mp4" movie
     same "$server/chunks/sound.mp3" sound
 }
