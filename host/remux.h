@@ -11,7 +11,7 @@
 
 struct RemuxOptions {
     InputOptions input;
-    std::string output;  ///< "-": the standard output
+    std::string output;    ///< "-": the standard output
     bool f_as_is = false;  ///< the library's own bytes
     bool f_force = false;
     bool f_quiet = false;
