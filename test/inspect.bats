@@ -194,3 +194,14 @@ finds() {
         done
     done
 }
+
+@test "folders include what is below them alone" {
+    local top=$BATS_TEST_DIRNAME/..
+    # Of each row the first folder doesn't know the others.
+    run grep -rnE '#include "(io|stream|outline)/|"golt\.h"' "$top/ts" --include=*.h --include=*.cpp
+    [ -z "$output" ]
+    run grep -rnE '#include "(stream|outline)/' "$top/host/io"
+    [ -z "$output" ]
+    run grep -rnE '#include "(remux|info|frames|check|plot)\.h"' "$top/host/io" "$top/host/stream"
+    [ -z "$output" ]
+}

@@ -1,11 +1,13 @@
 #include "printer.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <unistd.h>
 
 #include "descriptor.h"
 #include "message.h"
+#include "text.h"
 
 namespace {
 
@@ -22,7 +24,11 @@ Printer::Printer(int fd, const std::string &name)
 
 void Printer::print(const std::string &text)
 {
-    m_text += text;
+    // Most of it is letters of ASCII alone.
+    const bool f_plain = std::all_of(text.begin(), text.end(), [](char letter) {
+        return (letter >= ' ' && letter < 0x7F) || letter == '\n';
+    });
+    m_text += f_plain ? text : printable(text, true);
     if (m_f_terminal || m_text.size() >= BUFFER_SIZE) flush();
 }
 

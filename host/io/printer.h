@@ -10,7 +10,7 @@ public:
     /// fd stays the caller's. name: of it, in messages.
     Printer(int fd, const std::string &name);
 
-    /// Gathers text; on a terminal it appears at once. Throws NotDone when it can't be written. A
+    /// Gathers text, escaped where a terminal would take it for a command; there it appears at once. Throws NotDone when it can't be written. A
     /// reader that goes away is no failure: it has had all that it wanted.
     void print(const std::string &text);
     void flush();

@@ -4,8 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "stream/time_text.h"
-
 namespace {
 
 constexpr uint64_t LOOK_INTERVAL = 1024 * 1024;  // bytes
