@@ -106,6 +106,8 @@ std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
 {
     constexpr uint32_t MOST_LOADS = 8192;
+    // Three days at 60 pictures a second. A few bytes may tell of more.
+    constexpr uint64_t MOST_SAMPLES = 1 << 24;
     const Mp4Details &mp4 = video.mp4;
     Reader reader(source, MOST_LOADS);
     // Three cursors: each has a window of its own.
@@ -117,7 +119,7 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uin
     int64_t best_ms = 0;
     uint32_t first_length = 0;
     bool f_found = false;
-    for (uint64_t sample = 0; sample < mp4.samples; ++sample) {
+    for (uint64_t sample = 0; sample < std::min(mp4.samples, MOST_SAMPLES); ++sample) {
         const uint32_t length = lengths.next();
         const auto offset = static_cast<int32_t>(offsets.next());
         if (sample == 0) first_length = length;
