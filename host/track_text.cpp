@@ -10,6 +10,7 @@ namespace {
 constexpr int64_t NS_PER_MS = 1000000;
 
 std::string details_of(const Outline &outline, const Track &track);
+std::string audio_details_of(const Outline &outline, const Track &track);
 std::string edits_text(const Outline &outline, const Mp4Details &mp4);
 std::string container_text(const Outline &outline);
 std::string first_frame_text(const MpegAudioOutline &audio);
@@ -112,20 +113,26 @@ std::string details_of(const Outline &outline, const Track &track)
         if (const auto rate = mean_frame_rate(track))
             text += fmt::format(", {:.3f} frames/s", static_cast<double>(*rate) / 1000);
     }
-    if (track.kind == TrackKind::AUDIO) {
-        const std::optional<AudioConfig> config =
-            codec_title(outline, track) == "AAC" ? parse_audio_config(track.config) : std::nullopt;
-        const uint32_t own = config && config->channel_config != 0 ? config->channel_config : 0;
-        constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
-        const uint32_t channels = own == 0 ? track.channels : own == SEVEN_ONE ? 8 : own;
-        if (channels != 0) text += ", " + counted(channels, "channel");
-        const uint32_t rate = config ? config->sample_rate : track.sample_rate;
-        if (rate != 0) text += fmt::format(", {} Hz", rate);
-    }
+    if (track.kind == TrackKind::AUDIO) text += audio_details_of(outline, track);
     if (track.duration_ns) text += ", " + ns_text(*track.duration_ns);
     if (!track.language.empty() && track.language != "und") text += ", " + track.language;
     if (!track.f_enabled) text += ", disabled";
     text += edits_text(outline, track.mp4);
+    return text;
+}
+
+// The decoder's own setup is right where the container's fields differ.
+std::string audio_details_of(const Outline &outline, const Track &track)
+{
+    AudioConfig config = {0, track.sample_rate, 0};
+    if (codec_title(outline, track) == "AAC")
+        config = parse_audio_config(track.config).value_or(config);
+    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
+    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
+    const uint32_t channels = own == 0 ? track.channels : own;
+    std::string text;
+    if (channels != 0) text += ", " + counted(channels, "channel");
+    if (config.sample_rate != 0) text += fmt::format(", {} Hz", config.sample_rate);
     return text;
 }
 

@@ -27,15 +27,21 @@ Bytes packet(uint16_t pid, uint64_t time, const Bytes &frame, size_t length)
                  static_cast<uint8_t>((time >> 14 & 0xFE) | 1), static_cast<uint8_t>(time >> 7),
                  static_cast<uint8_t>((time << 1 & 0xFE) | 1)};
     Bytes out = hex("47") + be16(0x4000u | pid) + hex("30 07 10") + be(time >> 1, 4) +
-                be16((time & 1) << 15 | 0x7E00) + hex("000001E0") + be16(static_cast<uint32_t>(length + 8)) +
-                hex("808005") + pts + frame;
+                be16((time & 1) << 15 | 0x7E00) + hex("000001E0") +
+                be16(static_cast<uint32_t>(length + 8)) + hex("808005") + pts + frame;
     out.resize(TS_PACKET_SIZE, 0x55);
     return out;
 }
 
 // AC-3 of 48 kHz and 32 kbit/s: 128 bytes, 1536 samples, 2880 ticks.
-Bytes audio(uint64_t time) { return packet(AUDIO_PID, time, hex("0B77 0000 00 40"), 128); }
-Bytes picture(uint64_t time) { return packet(VIDEO_PID, time, hex("00000001 65"), 999); }
+Bytes audio(uint64_t time)
+{
+    return packet(AUDIO_PID, time, hex("0B77 0000 00 40"), 128);
+}
+Bytes picture(uint64_t time)
+{
+    return packet(VIDEO_PID, time, hex("00000001 65"), 999);
+}
 Bytes rest(uint16_t pid, uint8_t byte)
 {
     Bytes out = hex("47") + be16(pid) + hex("10") + Bytes(184, byte);
@@ -60,7 +66,8 @@ TEST(Tally, CountsFramesAndTheirEnds)
     Sink sink;
     Tally tally(sink);
     tally.begin(content());
-    write(tally, {picture(3600), rest(VIDEO_PID, 1), audio(0), picture(10800), audio(2880), picture(7200)});
+    write(tally, {picture(3600), rest(VIDEO_PID, 1), audio(0), picture(10800), audio(2880),
+                  picture(7200)});
     EXPECT_EQ(tally.video().frames, 3u);
     EXPECT_EQ(tally.video().end(), 14400);  // the mean step after the last
     EXPECT_EQ(tally.audio().end(), 2 * 2880);
@@ -102,9 +109,10 @@ TEST(Tally, PassesFromTheTimeWanted)
     tally.begin(content());
     tally.pass_from(9000);
     const Bytes pat = rest(0, 1), pmt = rest(0xFFF, 2), later = rest(0xFFF, 3);
-    write(tally, {pat, pmt, picture(5400), rest(VIDEO_PID, 1), audio(5760), later, audio(6480), picture(9000),
-                  rest(VIDEO_PID, 4), picture(7200)});
-    EXPECT_EQ(sink.stream, pat + later + audio(6480) + picture(9000) + rest(VIDEO_PID, 4) + picture(7200));
+    write(tally, {pat, pmt, picture(5400), rest(VIDEO_PID, 1), audio(5760), later, audio(6480),
+                  picture(9000), rest(VIDEO_PID, 4), picture(7200)});
+    EXPECT_EQ(sink.stream,
+              pat + later + audio(6480) + picture(9000) + rest(VIDEO_PID, 4) + picture(7200));
     EXPECT_EQ(tally.passed(), 3u);
 }
 
