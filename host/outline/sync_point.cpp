@@ -1,7 +1,6 @@
 #include "sync_point.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 
 #include "cluster_walk.h"
@@ -94,13 +93,15 @@ private:
 std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool f_table,
                                     uint32_t first_length)
 {
-    const double duration_ms = std::floor(static_cast<double>(mp4.duration) * 1000 / mp4.timescale);
+    const uint64_t duration_ms =
+        mp4.duration / mp4.timescale * 1000 + mp4.duration % mp4.timescale * 1000 / mp4.timescale;
     double interval = f_table ? 0 : first_length * (1000.0 / mp4.timescale);
     if (interval == 0 && mp4.samples != 0)
-        interval = duration_ms / static_cast<double>(mp4.samples);
-    const double ask = std::ceil(static_cast<double>(sample) * interval);
-    if (interval <= 0 || ask > UINT32_MAX) return {};
-    return static_cast<uint32_t>(ask);
+        interval = static_cast<double>(duration_ms) / static_cast<double>(mp4.samples);
+    const double exact = static_cast<double>(sample) * interval;
+    if (interval <= 0 || exact >= UINT32_MAX) return {};
+    const auto whole = static_cast<uint32_t>(exact);
+    return whole < exact ? whole + 1 : whole;
 }
 
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
