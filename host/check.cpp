@@ -24,16 +24,16 @@ constexpr int64_t PCR_RANGE = (int64_t{1} << PTS_BITS) * PCR_PER_TICK;  // 27 MH
 
 constexpr FindingKind
     BACKWARD = {"time-backward", "a time runs backward", Amount::TICKS, "at most by"},
-    REPEATED = {"time-repeated", "a frame has the time of the one before", Amount::NONE, ""},
+    REPEATED = {"time-repeated", "a frame has the time of the previous one", Amount::NONE, ""},
     JUMP = {"time-jump", "the time jumps", Amount::TICKS, "at most by"},
-    LATE = {"apart", "frames come late behind the other stream", Amount::TICKS, "at most by"},
+    LATE = {"apart", "frames come later than those of the other stream", Amount::TICKS, "at most by"},
     PCR_BACKWARD = {"clock-backward", "the PCR runs backward", Amount::TICKS, "at most by"},
     PCR_LATE = {"clock-late", "the PCR comes later than 100 ms", Amount::TICKS, "at most after"},
     NO_SETS = {"no-parameter-sets", "a picture comes before the first parameter sets", Amount::NONE,
                ""},
-    LONG_PES = {"pes-length", "a PES packet is longer than its length field can tell",
+    LONG_PES = {"pes-length", "a PES packet is longer than its length field can hold",
                 Amount::BYTES, "at most"},
-    CUT = {"cut-frame", "a frame is shorter than its header tells", Amount::BYTES, "at most by"},
+    CUT = {"cut-frame", "a frame is shorter than its header states", Amount::BYTES, "at most by"},
     STRUCTURE = {"structure", "in the packets", Amount::NONE, ""};
 
 /// The times of a stream, brought into the order of presentation by as many pictures as a decoder

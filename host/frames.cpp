@@ -86,10 +86,10 @@ std::string header_of(const FramesOptions &options, const Input &input)
 std::string text_line(const StreamFrame &frame)
 {
     std::string content = unit_names(frame.codec, frame.content);
-    if (const auto &sound = frame.content.sound) {
+    if (const auto &audio = frame.content.sound) {
         content = fmt::format("{} {} Hz, {} ch, {} samples", codec_name(frame.codec),
-                              sound->sample_rate, sound->channels, sound->samples);
-        if (sound->bit_rate != 0) content += fmt::format(", {} kbit/s", sound->bit_rate / 1000);
+                              audio->sample_rate, audio->channels, audio->samples);
+        if (audio->bit_rate != 0) content += fmt::format(", {} kbit/s", audio->bit_rate / 1000);
     }
     return fmt::format("{:>8} {:6} {:>12} {:>8}  {}\n", frame.number, kind_of(frame),
                        frame.time ? time_text(*frame.time / TICKS_PER_MS) : "-",
@@ -104,10 +104,10 @@ std::string csv_line(const StreamFrame &frame)
     std::string line = fmt::format("{},{},{},{},{},{},{},{}", frame.number, kind_of(frame),
                                    frame.pes.pid, codec_id(frame.codec), time_of(frame),
                                    frame.pes.payload_size, frame.pes.first_packet, units);
-    const auto &sound = frame.content.sound;
-    if (!sound) return line + ",,,,\n";
-    return line + fmt::format(",{},{},{},{}\n", sound->sample_rate, sound->channels,
-                              sound->bit_rate, sound->samples);
+    const auto &audio = frame.content.sound;
+    if (!audio) return line + ",,,,\n";
+    return line + fmt::format(",{},{},{},{}\n", audio->sample_rate, audio->channels,
+                              audio->bit_rate, audio->samples);
 }
 
 std::string json_line(const StreamFrame &frame)
@@ -126,11 +126,11 @@ std::string json_line(const StreamFrame &frame)
             units.push_back(frame.content.units[i]);
         if (frame.content.more_units != 0) json["more_units"] = frame.content.more_units;
     }
-    if (const auto &sound = frame.content.sound) {
-        json["sample_rate"] = sound->sample_rate;
-        json["channels"] = sound->channels;
-        if (sound->bit_rate != 0) json["bits_per_second"] = sound->bit_rate;
-        json["samples"] = sound->samples;
+    if (const auto &audio = frame.content.sound) {
+        json["sample_rate"] = audio->sample_rate;
+        json["channels"] = audio->channels;
+        if (audio->bit_rate != 0) json["bits_per_second"] = audio->bit_rate;
+        json["samples"] = audio->samples;
     }
     return json_text(json, -1);
 }

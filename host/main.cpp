@@ -31,10 +31,10 @@
 namespace {
 
 const char *const REMUX_FOOTER = R"(
-TIME: seconds (90, 5.5), a unit (1500ms, 90s, 2m, 1h) or hh:mm:ss.mmm, of which
-hours and fraction may be left out. N is 1 or more.
-OUT is written as OUT.part and gets its name when it is complete; when the work
-can't be done, OUT.part is removed. Pipes and devices are written to directly.
+TIME: seconds (90, 5.5), a number with a unit (1500ms, 90s, 2m, 1h) or
+hh:mm:ss.mmm, where hours and fraction may be omitted. N is 1 or more.
+OUT is written as OUT.part and renamed when it is complete; if it can't be
+completed, OUT.part is removed. Pipes and devices are written to directly.
 SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
 
 Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
@@ -47,9 +47,9 @@ Examples:
   golt remux https://example.org/movie.mp4 movie.ts)";
 
 const char *const INFO_FOOTER = R"(
-Lists all tracks, whether they are remuxed, and why not. Without --scan the
-headers of IN alone are read. Of several files a line each is printed.
-Exit status: as of remux; of several files that of the worst.
+Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
+the headers of IN are read. For several files one line each is printed.
+Exit status: as for remux; for several files that of the worst.
 
 Examples:
   golt info movie.mp4
@@ -57,10 +57,10 @@ Examples:
   golt info movie.mkv --scan --json | jq .scan.streams)";
 
 const char *const FRAMES_FOOTER = R"(
-A line for each frame: number, stream, time, bytes, and the NAL units of a
-picture or the figures of a sound frame's header. With --json each line is a
-JSON object, the first one tells the schema. Of M2TS files the lines are PES
-packets, in the order in which they end. TIME and exit status: as of remux.
+Prints a line for each frame: number, stream, time, bytes, and the NAL units of
+a picture or the values in an audio frame's header. With --json each line is a
+JSON object; the first one names the schema. For M2TS files the lines are PES
+packets, in the order in which they end. TIME and exit status: as for remux.
 
 Examples:
   golt frames movie.mp4 --start 1:00 --count 50
@@ -68,17 +68,17 @@ Examples:
   golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
 
 const char *const CHECK_FOOTER = R"(
-Remuxes to nowhere and reads what comes out. What counts as found:
-  Times that run backward: of sound at once; of pictures where one comes after
-    16 others that all are to be shown later. Times that come twice.
-  Jumps: sound that goes on 100 ms after the end of the frame before; pictures
-    10 s apart, if that is 10 times as long as usual in this stream.
-  A frame of one stream that comes behind ones of the other that are 1 s later.
-  A PCR that runs backward, or comes more than 100 ms after the one before.
-  Pictures in front of the first parameter sets; sound frames shorter than
-    their header tells; PES packets above 65535 bytes that tell a length.
+Remuxes without writing an output, and reads the resulting stream. Findings are:
+  Times that run backward: for audio any; for video, a picture that comes after
+    16 others that are all shown later. Times that are repeated.
+  Jumps: audio that continues 100 ms after the end of the previous frame;
+    pictures 10 s apart, if that is 10 times as long as usual in this stream.
+  A frame that comes after frames of the other stream that are 1 s later.
+  A PCR that runs backward, or is more than 100 ms after the previous one.
+  Pictures before the first parameter sets; audio frames shorter than their
+    header states; PES packets above 65535 bytes with a length field.
   Packets that break ISO/IEC 13818-1. An input that ended early.
-Exit status: 0 nothing was found, 3 something was; 1 and 2 as of remux; of
+Exit status: 0 nothing was found, 3 something was; 1 and 2 as for remux; for
 several files that of the worst.
 
 Examples:
@@ -86,9 +86,9 @@ Examples:
   golt check movie.mkv --json | jq '.findings[].code')";
 
 const char *const PLOT_FOOTER = R"(
-The picture shows the bit rates of both streams, how late each comes behind the
-other in the file's order, and the sync points that seeks to 120 places came to
-(in files with pictures; not at URLs). Exit status: as of remux.
+The plot shows the bit rates of both streams, how late each stream is compared
+with the other in the file's order, and the sync points that seeks to 120 places
+find (in files with video, but not in URLs). Exit status: as for remux.
 
 Example:
   golt plot movie.mp4 -o timeline.svg)";
@@ -131,7 +131,7 @@ void add_value(CLI::App &command, const char *name, const char *type,
 {
     const auto take = [=, &value](const std::string &text) {
         Value parsed = 0;
-        if (!parse(text, &parsed)) throw BadUsage(fmt::format("{}: {} is no {}", name, text, type));
+        if (!parse(text, &parsed)) throw BadUsage(fmt::format("{}: {} is not a valid {}", name, text, type));
         value = parsed;
     };
     command.add_option_function<std::string>(name, take, help)->type_name(type);
@@ -155,10 +155,10 @@ namespace {
 
 int run(int argc, char **argv)
 {
-    // A reader that went away and a file that may not grow are told by the write that fails.
+    // The write that fails reports a reader that went away and a file that may not grow.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    CLI::App app("Remuxes media files into MPEG-2 transport streams, and looks into them.", "golt");
+    CLI::App app("Remuxes media files into MPEG-2 transport streams, and examines them.", "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
     Commands commands;
@@ -176,7 +176,7 @@ int run(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         const auto chosen = app.get_subcommands();
         const std::string name = chosen.empty() ? "" : chosen[0]->get_name() + " ";
-        const std::string text = fmt::format("{}; golt {}--help tells more", error.what(), name);
+        const std::string text = fmt::format("{}; see golt {}--help", error.what(), name);
         say("golt: " + text);
         if (f_json) print_json_error(EXIT_BAD_USAGE, text);
         return EXIT_BAD_USAGE;
@@ -232,13 +232,13 @@ void add_remux(CLI::App &app, Commands &commands)
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
               "Begin at the last key picture before it");
     add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
-              "Stop before the first frame at or behind it");
+              "Stop before the first frame at or after it");
     add_value(*command, "--frames", "N", parse_count, options.input.frames,
-              "Stop after so many frames");
-    command->add_flag("--as-is", options.f_as_is, "Write the library's stream, unmended");
-    command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, where it exists");
+              "Stop after N frames");
+    command->add_flag("--as-is", options.f_as_is, "Write the library's stream, without the stage");
+    command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, if it exists");
     CLI::Option *verbose = add_verbose(*command, commands);
-    command->add_flag("-q,--quiet", options.f_quiet, "Tell nothing but what went wrong")
+    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")
         ->excludes(verbose);
     command->callback([&commands] {
         commands.run = [&commands](Descriptor &standard_output, Printer &) {
@@ -250,10 +250,10 @@ void add_remux(CLI::App &app, Commands &commands)
 void add_info(CLI::App &app, Commands &commands)
 {
     InfoOptions &options = commands.info;
-    CLI::App *command = app.add_subcommand("info", "Tells what IN is");
+    CLI::App *command = app.add_subcommand("info", "Describes IN");
     command->footer(INFO_FOOTER);
     add_inputs(*command, options.input, options.paths);
-    command->add_flag("--scan", options.f_scan, "Read all frames, and tell what they come to");
+    command->add_flag("--scan", options.f_scan, "Read all frames, and print their totals");
     command->add_flag("--json", options.f_json, "Print JSON");
     add_verbose(*command, commands);
     command->callback([&commands] {
@@ -271,8 +271,8 @@ void add_frames(CLI::App &app, Commands &commands)
     add_input(*command, options.input);
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
               "Begin at the last key picture before it");
-    add_value(*command, "--count", "N", parse_count, options.count, "List so many frames");
-    CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object a line");
+    add_value(*command, "--count", "N", parse_count, options.count, "List N frames");
+    CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object on each line");
     command->add_flag("--csv", options.f_csv, "Print comma-separated values")->excludes(json);
     add_verbose(*command, commands);
     command->callback([&commands] {
@@ -285,7 +285,7 @@ void add_frames(CLI::App &app, Commands &commands)
 void add_check(CLI::App &app, Commands &commands)
 {
     CheckOptions &options = commands.check;
-    CLI::App *command = app.add_subcommand("check", "Finds what a strict receiver would trip over");
+    CLI::App *command = app.add_subcommand("check", "Finds what a strict receiver would reject");
     command->footer(CHECK_FOOTER);
     add_inputs(*command, options.input, options.paths);
     command->add_flag("--json", options.f_json, "Print JSON");
@@ -300,13 +300,13 @@ void add_check(CLI::App &app, Commands &commands)
 void add_plot(CLI::App &app, Commands &commands)
 {
     PlotOptions &options = commands.plot;
-    CLI::App *command = app.add_subcommand("plot", "Draws bit rates and times of IN");
+    CLI::App *command = app.add_subcommand("plot", "Plots bit rates and times of IN");
     command->footer(PLOT_FOOTER);
     add_input(*command, options.input);
     command->add_option("-o,--output", options.output, "The SVG to write; - is the standard output")
         ->required()
         ->check(is_not_empty);
-    command->add_flag("--force", options.f_force, "Replace the file where it exists");
+    command->add_flag("--force", options.f_force, "Replace the file if it exists");
     add_verbose(*command, commands);
     command->callback([&commands] {
         commands.run = [&commands](Descriptor &standard_output, Printer &) {
@@ -337,11 +337,11 @@ void add_input_options(CLI::App &command, InputOptions &input)
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
     add_value(command, "--timeout", "SECONDS", parse_timeout, input.http.timeout_s,
-              "Give a server up that sends nothing for so long (1 to 120; default: 20)");
+              "Give up a server that sends nothing for this long (1 to 120; default: 20)");
     command.add_option("--header", input.http.headers, "Send this field to the server; repeatable")
         ->type_name("NAME:VALUE")
         ->allow_extra_args(false);
-    command.add_option("--ca", input.http.ca_file, "Trust the certificates of this PEM file")
+    command.add_option("--ca", input.http.ca_file, "Trust the certificates in this PEM file")
         ->type_name("FILE")
         ->check(is_not_empty);
     command.add_flag("--insecure", input.http.f_insecure, "Accept any certificate of a server");
@@ -350,7 +350,7 @@ void add_input_options(CLI::App &command, InputOptions &input)
 CLI::Option *add_verbose(CLI::App &command, Commands &commands)
 {
     return command.add_flag("-v,--verbose", commands.f_verbose,
-                            "Let the library's messages through, to the standard error");
+                            "Print the library's messages to the standard error");
 }
 
 // As CLI11 asks for it: what is wrong, or nothing.
@@ -390,7 +390,7 @@ void complete_options(Commands &commands)
     RemuxOptions &options = commands.remux;
     const InputOptions &input = options.input;
     if (input.to_ms && *input.to_ms <= input.start_ms.value_or(0))
-        throw BadUsage("--to has to lie behind --start");
+        throw BadUsage("--to has to be after --start");
     if (!options.output.empty() || input.path.empty()) return;
     std::filesystem::path path = input.path;
     if (is_url(input.path)) {

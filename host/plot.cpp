@@ -32,7 +32,7 @@ public:
     void on_frame(const StreamFrame &frame) override;
 
 private:
-    std::optional<int64_t> m_video, m_sound;  // the latest times
+    std::optional<int64_t> m_video, m_audio;  // the latest times
 };
 
 /// A panel of the picture: a place for values, and its scale.
@@ -91,7 +91,7 @@ ExitStatus plot(const PlotOptions &options, Descriptor standard_output)
     if (plotter.timeline.is_empty()) throw NotDone(path, "no frame in it has a time");
     const std::string fault = pump.fault_in_input();
 
-    // At a server each seek would be a request. Sound can begin anywhere.
+    // At a server each seek would be a request. Audio can begin anywhere.
     const bool f_probe = !is_url(path) && input.format().f_times && stop_signal() == 0 &&
                          pump.content().videoCodec != PELA::VIDEO_CODEC_UNKNOWN;
     if (f_probe) probe(pump, frames, plotter);
@@ -122,14 +122,14 @@ void Plotter::on_frame(const StreamFrame &frame)
     }
     totals[frame.pes.pid].add(frame);
     if (!frame.time || frame.codec == Codec::UNKNOWN) return;
-    std::optional<int64_t> &own = f_video ? m_video : m_sound;
-    const std::optional<int64_t> &other = f_video ? m_sound : m_video;
+    std::optional<int64_t> &own = f_video ? m_video : m_audio;
+    const std::optional<int64_t> &other = f_video ? m_audio : m_video;
     own = std::max(own.value_or(*frame.time), *frame.time);
 
     TimelineBin &bin = timeline.at(*frame.time);
-    (f_video ? bin.video_bytes : bin.sound_bytes) += frame.pes.payload_size;
+    (f_video ? bin.video_bytes : bin.audio_bytes) += frame.pes.payload_size;
     if (!other) return;
-    int64_t &late = f_video ? bin.video_late : bin.sound_late;
+    int64_t &late = f_video ? bin.video_late : bin.audio_late;
     late = std::max(late, *other - *own);
 }
 
@@ -159,15 +159,15 @@ const char *const HEAD =
 <style>
 .paper {{ fill: #ffffff }} text {{ fill: #222222 }} .title {{ font-size: 15px }} .small {{ fill: #666666 }}
 .grid {{ stroke: #dddddd }} .axis {{ stroke: #888888 }} .limit {{ stroke: #bb2222; stroke-dasharray: 4 3 }}
-.video {{ fill: #2b6cb0; fill-opacity: 0.3; stroke: #2b6cb0 }} .sound {{ fill: none; stroke: #c05621; stroke-width: 1.5 }}
+.video {{ fill: #2b6cb0; fill-opacity: 0.3; stroke: #2b6cb0 }} .audio {{ fill: none; stroke: #c05621; stroke-width: 1.5 }}
 .late {{ fill: #c05621; fill-opacity: 0.6; stroke: none }} .early {{ fill: #2b6cb0; fill-opacity: 0.6; stroke: none }}
-.sync {{ stroke: #2f855a; stroke-width: 1.5 }} .video-word {{ fill: #2b6cb0 }} .sound-word {{ fill: #c05621 }} .sync-word {{ fill: #2f855a }}
+.sync {{ stroke: #2f855a; stroke-width: 1.5 }} .video-word {{ fill: #2b6cb0 }} .audio-word {{ fill: #c05621 }} .sync-word {{ fill: #2f855a }}
 @media (prefers-color-scheme: dark) {{
 .paper {{ fill: #15181d }} text {{ fill: #e4e6ea }} .small {{ fill: #a0a6b0 }}
 .grid {{ stroke: #333941 }} .axis {{ stroke: #7a818c }} .limit {{ stroke: #ff7b72 }}
-.video {{ fill: #63a4e8; stroke: #63a4e8 }} .sound {{ stroke: #f0a35e }}
+.video {{ fill: #63a4e8; stroke: #63a4e8 }} .audio {{ stroke: #f0a35e }}
 .late {{ fill: #f0a35e }} .early {{ fill: #63a4e8 }}
-.sync {{ stroke: #6fcf97 }} .video-word {{ fill: #63a4e8 }} .sound-word {{ fill: #f0a35e }} .sync-word {{ fill: #6fcf97 }}
+.sync {{ stroke: #6fcf97 }} .video-word {{ fill: #63a4e8 }} .audio-word {{ fill: #f0a35e }} .sync-word {{ fill: #6fcf97 }}
 }}
 </style>
 <rect class="paper" width="{0}" height="{1}"/>
@@ -189,10 +189,10 @@ void Drawing::draw_frame(const std::string &title)
     text("title", LEFT, 24, title);
     m_printer.print(fmt::format(
         "<text x=\"{}\" y=\"44\">bit rate in kbit/s: <tspan class=\"video-word\">video</tspan>, "
-        "<tspan class=\"sound-word\">sound</tspan></text>\n",
+        "<tspan class=\"audio-word\">audio</tspan></text>\n",
         LEFT));
     m_printer.print(fmt::format("<text x=\"{}\" y=\"{}\">distance in the file's order, in seconds: "
-                                "<tspan class=\"sound-word\">sound late</tspan>, "
+                                "<tspan class=\"audio-word\">audio late</tspan>, "
                                 "<tspan class=\"video-word\">video late</tspan></text>\n",
                                 LEFT, DISTANCE_TOP - 12));
 }
@@ -206,7 +206,7 @@ void Drawing::draw_rates()
     double highest = 1;
     for (size_t i = 0; i < m_timeline.used(); ++i)
         highest = std::max(
-            {highest, rate(m_timeline.bin(i).video_bytes), rate(m_timeline.bin(i).sound_bytes)});
+            {highest, rate(m_timeline.bin(i).video_bytes), rate(m_timeline.bin(i).audio_bytes)});
     const double step = nice_step(highest, 4);
     const int steps = static_cast<int>(std::ceil(highest / step));
     const Panel panel = {RATE_TOP, RATE_BOTTOM, 0, steps * step};
@@ -218,7 +218,7 @@ void Drawing::draw_rates()
     area(
         "video", panel, [&](const TimelineBin &bin) { return rate(bin.video_bytes); }, true);
     area(
-        "sound", panel, [&](const TimelineBin &bin) { return rate(bin.sound_bytes); }, false);
+        "audio", panel, [&](const TimelineBin &bin) { return rate(bin.audio_bytes); }, false);
 }
 
 void Drawing::draw_distance()
@@ -226,14 +226,14 @@ void Drawing::draw_distance()
     const auto seconds = [](int64_t ticks) {
         return static_cast<double>(ticks) / TICKS_PER_SECOND;
     };
-    double sound = 0.02, video = 0.02;
+    double audio = 0.02, video = 0.02;
     for (size_t i = 0; i < m_timeline.used(); ++i) {
-        sound = std::max(sound, seconds(m_timeline.bin(i).sound_late));
+        audio = std::max(audio, seconds(m_timeline.bin(i).audio_late));
         video = std::max(video, seconds(m_timeline.bin(i).video_late));
     }
-    const double step = nice_step(sound + video, 4);
+    const double step = nice_step(audio + video, 4);
     const int below = static_cast<int>(std::ceil(video / step));
-    const int above = static_cast<int>(std::ceil(sound / step));
+    const int above = static_cast<int>(std::ceil(audio / step));
     const Panel panel = {DISTANCE_TOP, DISTANCE_BOTTOM, -below * step, above * step};
     for (int i = -below; i <= above; ++i) {
         const double value = i * step;
@@ -242,7 +242,7 @@ void Drawing::draw_distance()
              fmt::format("{:g}", std::fabs(value)));
     }
     area(
-        "late", panel, [&](const TimelineBin &bin) { return seconds(bin.sound_late); }, true);
+        "late", panel, [&](const TimelineBin &bin) { return seconds(bin.audio_late); }, true);
     area(
         "early", panel, [&](const TimelineBin &bin) { return -seconds(bin.video_late); }, true);
     for (const double limit : {1.0, -1.0}) {

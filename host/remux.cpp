@@ -85,7 +85,7 @@ ExitStatus Job::run()
     m_output.complete();
     if (!m_options.f_quiet) say(m_output.name() + ": " + summary(progress.seconds()));
     if (stop_signal() != 0) {
-        say(fmt::format("golt: {}: stopped by {}; what was written until then is whole",
+        say(fmt::format("golt: {}: stopped by {}; what was written before is complete",
                         m_output.name(), stop_signal_name()));
         return EXIT_NOT_DONE;
     }
@@ -143,7 +143,7 @@ std::string Job::fault_in_times() const
         return fmt::format("badly interleaved: {} come up to {} ms too late",
                            counted(counts.late, "frame"), counts.worst_late / TICKS_PER_MS);
     if (counts.untimed_audio > 0)
-        return "tells neither when audio frames are to be heard nor how long they last: " +
+        return "states neither times nor durations of audio frames: " +
                std::to_string(counts.untimed_audio);
     return "";
 }

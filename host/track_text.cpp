@@ -78,10 +78,10 @@ Seeking seeking_of(const Outline &outline, const Selection &selection)
             return {true, "by " + counted(*outline.tracks[*video].mp4.sync_samples, "key picture")};
         return {true, "at every sample"};
     case Container::MATROSKA:
-        if (!video) return {false, "audio alone: the file is read from its start"};
+        if (!video) return {false, "audio only: the file is read from its start"};
         if (!matroska.f_cues) return {false, "no Cues: the file is read from its start"};
         if (!matroska.f_cues_announced)
-            return {false, "nothing leads to the Cues: the file is read from its start"};
+            return {false, "nothing points to the Cues: the file is read from its start"};
         return {true, "by " + counted(matroska.cues.size() + matroska.more_cues, "cue")};
     case Container::MPEG_AUDIO: return {false, "no index: the file is read from its start"};
     case Container::TRANSPORT_STREAM: return {false, "its packets have no times"};

@@ -104,7 +104,7 @@ judges() {
     # The library's own words, when they are wanted.
     [[ $output != *GOLT* ]]
     ends 0 'GOLT/' '-v video.mp4 three'
-    ends 1 $'the library says: GOLT/mp4: \'ftyp\' box not found\ngolt: in.m2ts: not a sound' \
+    ends 1 $'the library says: GOLT/mp4: \'ftyp\' box not found\ngolt: in.m2ts: not a valid' \
         'in.m2ts four --format mp4'
     ends 0 '' '-q in.m2ts quiet'
     [ -z "$output" ]
@@ -126,13 +126,13 @@ judges() {
     refuses 2 'IN is required' ''
     refuses 2 'OUT: the name is empty' 'in.m2ts ""'
     refuses 2 'IN: the name is empty' '"" out'
-    refuses 2 '--frames: 0 is no N' 'in.m2ts out --frames 0'
-    refuses 2 '--frames: -1 is no N' 'in.m2ts out --frames -1'
+    refuses 2 '--frames: 0 is not a valid N' 'in.m2ts out --frames 0'
+    refuses 2 '--frames: -1 is not a valid N' 'in.m2ts out --frames -1'
     for time in 1:60 . 5. .5 5s5 1.5.5 5d 1:00s 1:2:3:4 -1; do
-        refuses 2 "--start: $time is no TIME" "in.m2ts out --start='$time'"
+        refuses 2 "--start: $time is not a valid TIME" "in.m2ts out --start='$time'"
     done
-    refuses 2 '--to: 4294967296 is no TIME' 'in.m2ts out --to 4294967296'
-    refuses 2 '--to has to lie behind --start' 'in.m2ts out --start 2000ms --to 0:02'
+    refuses 2 '--to: 4294967296 is not a valid TIME' 'in.m2ts out --to 4294967296'
+    refuses 2 '--to has to be after --start' 'in.m2ts out --start 2000ms --to 0:02'
     refuses 2 'in.m2ts: the frames of m2ts have no times' 'in.m2ts out --start 0'
     refuses 1 "standard input: can't be sought in" '- out < <(cat in.m2ts)'
     refuses 1 'gone.mp4: No such file' 'gone.mp4 out'
@@ -140,13 +140,13 @@ judges() {
     refuses 1 '/dev/null: not a regular file' '/dev/null out'
     refuses 1 'empty.mp4: the file is empty' 'empty.mp4 out'
     refuses 1 'text.txt: format not recognised' 'text.txt out'
-    refuses 1 'text.m2ts: not a sound m2ts file' 'text.m2ts out'
+    refuses 1 'text.m2ts: not a valid m2ts file' 'text.m2ts out'
     refuses 1 'in.m2ts: format avi not supported' 'in.m2ts out --format avi'
     refuses 1 'tracks.mp4: it has neither video nor audio' 'tracks.mp4 out'
     refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4.001'
     refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
     refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
-    refuses 1 'begun.ts.part: is left of a run' 'in.m2ts begun.ts'
+    refuses 1 'begun.ts.part: was left by a run' 'in.m2ts begun.ts'
     refuses 1 'linked.ts: is the input itself' 'in.m2ts linked.ts --force'
     refuses 1 'standard output: is the input itself' 'in.m2ts - >>in.m2ts'
     refuses 1 'standard output: Bad file descriptor' 'in.m2ts - >&-'
@@ -204,7 +204,7 @@ judges() {
     perl -0777 -pe 's/mdhd.{16}\K.{4}/\0\0\0\0/s' video.mp4 >untimed.mp4
     with_sound short_sound.mp4 0.4
     with_sound long_sound.mp4 10
-    # One byte is left of the frame behind that of 2.44 s.
+    # One byte is left of the frame after that of 2.44 s.
     local at
     at=$(ffprobe -v error -show_entries packet=pos -of csv=p=0 video.mp4 | sed -n 63p)
     head -c $((at + 1)) video.mp4 >cut.mp4

@@ -206,7 +206,7 @@ void HttpSource::take_end()
 {
     m_total = m_end;
     if (!m_f_framed)
-        m_doubt = "the server told neither its size nor its end; whether it is whole isn't known";
+        m_doubt = "the server stated neither its size nor its end; whether it is whole isn't known";
 }
 
 bool HttpSource::start_request()

@@ -118,7 +118,7 @@ void Output::open_part(const struct stat &input, unsigned mode)
         const bool f_written = is_locked(old.get());
         if (!m_f_force)
             throw NotWritten(part, f_written ? "is being written by another run"
-                                             : "is left of a run that was stopped; --force "
+                                             : "was left by a run that was stopped; --force "
                                                "replaces it");
         if (f_written)
             part = m_target + '.' + std::to_string(getpid()) + ".part";

@@ -100,9 +100,9 @@ void select_mp4(const Outline &outline, Selection &selection)
                                 ? "no moov: the media box (mdat) goes on to the file's end"
                                 : "no moov: the file was cut off";
     else if (mp4.f_64_bit_mdat && !mp4.f_moov_first)
-        selection.refusal = "a media box (mdat) of 64 bits before moov isn't passed over";
+        selection.refusal = "a media box (mdat) of 64 bits before moov isn't skipped";
     else if (!mp4.f_ftyp)
-        selection.refusal = "no ftyp box at its begin";
+        selection.refusal = "no ftyp box at its start";
 }
 
 // Empty: it is taken. *f_unplayable: its frames come out of the library all the same.
@@ -115,7 +115,7 @@ std::string why_not_mp4(const Outline &outline, const Track &track, bool *f_unpl
         track.codec != "ec-3")
         return isnt_remuxed(outline, track);
     if (track.codec == "mp4a" && (mp4.entry_version != 0 || mp4.object_type == 0))
-        return codec_title(outline, track) + " described in the way of QuickTime";
+        return codec_title(outline, track) + " with a QuickTime sample description";
     if (track.kind == TrackKind::VIDEO && track.config.empty()) return "H.264 without avcC";
     if (mp4.f_64_bit_offsets) return "chunk offsets of 64 bits (co64)";
     if (mp4.f_compact_sizes) return "compact sample sizes (stz2)";
@@ -195,7 +195,7 @@ void select_mpeg_audio(const Outline &outline, Selection &selection)
         choice.reason = codec_title(outline, track) + " (" + std::to_string(track.sample_rate) +
                         " Hz) isn't remuxed";
     else if (audio.id3v2_tags > 1)
-        choice.reason = "it begins with several ID3 tags, of which only one is passed over";
+        choice.reason = "it begins with several ID3 tags, and only one is skipped";
     else if (*audio.first_frame != audio.id3v2_size)
         choice.reason = std::to_string(*audio.first_frame - audio.id3v2_size) +
                         " bytes that belong to no frame come before the first one";

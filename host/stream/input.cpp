@@ -171,7 +171,7 @@ std::string Pump::why_nothing_came() const
 {
     if (!m_input.source().fault().empty()) return m_input.source().fault();
     if (stop_signal() != 0) return fmt::format("stopped by {}", stop_signal_name());
-    if (m_f_stopped) return fmt::format("no frame lies before {}", time_text(*m_options.to_ms));
+    if (m_f_stopped) return fmt::format("no frame is before {}", time_text(*m_options.to_ms));
     if (m_options.start_ms)
         return fmt::format("no frame follows {}", time_text(*m_options.start_ms));
     if (m_input.outline().mp4.f_moov_cut) return "moov is cut off: no track in it is whole";
@@ -284,7 +284,7 @@ Demuxer open_demuxer(Library &library, const Format &format, Source &source)
     if (!source.fault().empty()) throw NotDone(source.path(), source.fault());
     if (stop_signal() != 0)
         throw NotDone(source.path(), fmt::format("stopped by {}", stop_signal_name()));
-    throw NotDone(source.path(), fmt::format("not a sound {} file", format.name));
+    throw NotDone(source.path(), fmt::format("not a valid {} file", format.name));
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 void TimelineBin::merge(const TimelineBin &other)
 {
     video_bytes += other.video_bytes;
-    sound_bytes += other.sound_bytes;
-    sound_late = std::max(sound_late, other.sound_late);
+    audio_bytes += other.audio_bytes;
+    audio_late = std::max(audio_late, other.audio_late);
     video_late = std::max(video_late, other.video_late);
 }
 

@@ -9,8 +9,8 @@
 
 struct TimelineBin {
     uint64_t video_bytes = 0;
-    uint64_t sound_bytes = 0;
-    int64_t sound_late = 0;  ///< most that sound comes behind video in the file, 90 kHz
+    uint64_t audio_bytes = 0;
+    int64_t audio_late = 0;  ///< most that audio comes behind video in the file, 90 kHz
     int64_t video_late = 0;  ///< the other way round
 
     void merge(const TimelineBin &other);
