@@ -52,7 +52,7 @@ bool is_printable(const std::string &text)
                        [](char letter) { return letter >= 0x20 && letter < 0x7F; });
 }
 
-void follow(Source &source, const Outline &outline, uint32_t time_ms)
+void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
 {
     const CallWatch watch;
     const Selection selection = select_tracks(outline);
