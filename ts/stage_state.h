@@ -24,6 +24,8 @@ constexpr size_t MOST_FIRST_TIMES = DecodeTimes::MOST_DEPTH + 1;
 // A packet goes through take, which sees where times jump and holds packets back until the times of the first ones
 // are known, and then through process, which writes. Times are those of the file with the hints' offsets; m_shift
 // comes to them where they are written.
+// One object a stream: its fields are in the order of their use.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 struct Stage::State {
     // Of the unit that is being written. Where COPIED, packets are written as they come, with a counter of their own.
     enum class Phase : uint8_t {
