@@ -19,7 +19,7 @@
 
 namespace {
 
-/// One remuxing from the opening of the files to the report. Objects stand in the order in which
+/// One remuxing from the opening of the files to the report. Objects are in the order in which
 /// they need each other.
 class Job {
 public:

@@ -14,7 +14,7 @@
 
 /// One row of the format table: the six functions of a demuxer.
 struct GOLT_DMX_handler_t {
-    /// NUL-terminated names one behind the other, ended by an empty one; a row with an empty list
+    /// NUL-terminated names one after another, ended by an empty one; a row with an empty list
     /// is passed over by the search, a null pointer ends the table.
     const char *format;
     bool (*init)(tpf_read, tpf_seek, void *);
@@ -43,7 +43,7 @@ public:
 
 class GOLT_DMX : public PELA::AVDemuxer {
 public:
-    /// Says in m_cookie that a usable GOLT_DMX stands behind a host's handle.
+    /// Says in m_cookie that a usable GOLT_DMX is behind a host's handle.
     static constexpr uint32_t COOKIE = 0x676F6C74;
 
     GOLT_DMX(GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize);

@@ -16,7 +16,7 @@ constexpr int TICKS_PER_MS = 90;
 
 constexpr int PCR_FIELD_END = 12;         // header, adaptation field length, flags and PCR
 constexpr int PES_HEADER_SIZE = 14;       // with a PTS
-constexpr uint32_t PES_SIZE_COUNTED = 8;  // bytes of the PES header behind PES_packet_length
+constexpr uint32_t PES_SIZE_COUNTED = 8;  // bytes of the PES header after PES_packet_length
 constexpr int ADTS_HEADER_SIZE = 7;
 
 constexpr uint8_t STREAM_TYPE_MPEG2_VIDEO = 0x02;
@@ -64,7 +64,7 @@ GOLT_EXPORT bool GOLT_RMX_setStreamInfo(GOLT_streamInfo_t *pt_sinfo)
     remux_context.service.pcr_pid =
         remux_context.video.is_present ? remux_context.video.PID : remux_context.audio.PID;
 
-    // The audio entry stands in the PMT whatever the codec, also where the source has no audio.
+    // The audio entry is in the PMT whatever the codec, also where the source has no audio.
     remux_context.audio.stream_type = audio_stream_type(pt_sinfo->audioCodec);
     remux_context.audio.is_present = true;
     return true;
@@ -139,7 +139,7 @@ void ms2pcr(uint8_t *pb, uint64_t pts)
     pb[5] = 0;
 }
 
-// PTS alone, five bytes: '0010', then 3, 15 and 15 bits, each with a marker bit behind it.
+// PTS alone, five bytes: '0010', then 3, 15 and 15 bits, each with a marker bit after it.
 void write_pts(uint8_t *pb, uint64_t pts)
 {
     pb[0] = static_cast<uint8_t>(0x21 | (pts >> 30 & 0x7) << 1);

@@ -45,7 +45,7 @@ GOLT_EXPORT bool GOLT_RMX_convertFrame(GOLT_frame_t *pt_frame, bool b_adjust_pts
 /// Stores the PIDs of the output. Always true.
 GOLT_EXPORT bool GOLT_RMX_getRemuxInfo(GOLT_remuxInfo_t *pt_rinfo);
 
-/// Writes one frame; one of GOLT_FT_MPEG2TS goes to the sink as it stands. False, with nothing
+/// Writes one frame; one of GOLT_FT_MPEG2TS goes to the sink as it is. False, with nothing
 /// written, for a frame type that isn't known.
 GOLT_EXPORT bool GOLT_RMX_writeFrame(GOLT_frame_t *pt_frame);
 

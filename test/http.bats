@@ -136,7 +136,7 @@ fails() {
 
 @test "reads without ranges, as far as that goes" {
     same "$nginx/whole/movie.mp4" movie
-    # The edit lists stand at the end of it, where such a server lets nobody look ahead.
+    # The edit lists are at its end, where nobody can look ahead with such a server.
     same "$nginx/whole/end.mp4" end.as_is --as-is
     same "$server/chunks/movie.mp4" movie
     same "$server/chunks/sound.mp3" sound

@@ -24,7 +24,7 @@ struct StreamHints {
     size_t config_size = 0;
 };
 
-/// Whether a file tells how long each frame lasts.
+/// Whether a file states how long each frame lasts.
 enum class Durations : uint8_t {
     UNKNOWN,  ///< frames of audio that all have the same time are taken to come one after the other
     TOLD,     ///< each time is the file's own
@@ -82,7 +82,7 @@ public:
     /// Gives the sink what is ready. A host that sends live may call it as often as it likes; of the PES packet that
     /// came last, and of the first pictures, which are needed for the times, more may be held back.
     bool flush();
-    /// Tells that the stream ends, or that a pause follows: all that has come goes to the sink.
+    /// To be called when the stream ends, or when a pause follows: all that has come goes to the sink.
     bool finish();
 
     StageCounts counts() const;
@@ -95,7 +95,7 @@ private:
     State *m_state;
 };
 
-/// The stage as a Listener of a muxer, in front of another one:
+/// The stage as a Listener of a muxer, before another one:
 ///
 ///     golt::StageListener<PELA::AVMuxer::Listener> stage(output);
 ///     ... driver->createMuxer(PELA::CONTAINER_TS, demuxer, &stage, false) ...

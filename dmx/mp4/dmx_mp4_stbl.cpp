@@ -316,7 +316,7 @@ struct delta_walk_t {
     {
     }
 
-    // Moves to the next run that has samples. Behind the last one, where it returns false, there is
+    // Moves to the next run that has samples. After the last one, where it returns false, there is
     // one of delta 0 for all the samples that a track can have.
     bool next_run()
     {

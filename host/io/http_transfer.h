@@ -11,14 +11,14 @@
 
 #include "http_options.h"
 
-/// What the server's answer tells of the file.
+/// What the server's answer says about the file.
 struct HttpAnswer {
     uint64_t first = 0;             ///< offset of the first byte that comes
     std::optional<uint64_t> end;    ///< offset after the last byte that comes
     std::optional<uint64_t> total;  ///< bytes of the whole file
     bool f_range = false;           ///< the server serves ranges
     bool f_framed = false;          ///< an answer that breaks off is noticed
-    // Both change when the file does; empty where the server doesn't tell them.
+    // Both change when the file does; empty if the server doesn't send them.
     std::string tag;       ///< strong ETag
     std::string modified;  ///< Last-Modified
 };
@@ -27,10 +27,10 @@ class HttpReceiver {
 public:
     /// Comes before the first bytes of a request. False refuses them: the transfer fails.
     virtual bool on_answer(const HttpAnswer &answer) = 0;
-    /// False when there is no room: the transfer stands still, and the same bytes come again after
+    /// False when there is no room: the transfer pauses, and the same bytes come again after
     /// resume.
     virtual bool on_bytes(const uint8_t *bytes, size_t size) = 0;
-    /// There is nothing from the offset asked for on. total: bytes of the whole file, if told.
+    /// There is nothing from the offset asked for on. total: bytes of the whole file, if stated.
     virtual void on_nothing(std::optional<uint64_t> total) = 0;
 
 protected:

@@ -79,7 +79,7 @@ void Sink::write_out(const uint8_t *data, size_t size)
 namespace {
 
 // Returns 0 or an errno value. A pipe gets whole packets alone, whenever a signal ends a write to a
-// reader that stands still: a write up to PIPE_BUF bytes is done whole or not at all, and so is one
+// reader that has stopped reading: a write up to PIPE_BUF bytes is done whole or not at all, and so is one
 // to an empty pipe up to its size.
 int write_packets(int fd, const uint8_t *data, size_t size, size_t pipe_size)
 {

@@ -152,7 +152,7 @@ bool leads_to_track(const MatroskaOutline &matroska, uint64_t time, uint64_t tra
            matroska.more_cues == 0 && std::prev(after)->track == track;
 }
 
-// From the cue it reads forward to a picture that it knows to stand alone, or to the time asked for. What
+// From the cue it reads on to a picture that is known to be independent, or to the time asked for. What
 // comes before the key picture is left out; where the picture's own cue can't be had, from the one before.
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote)
