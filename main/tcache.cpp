@@ -9,7 +9,7 @@
 
 bool g_TCacheEnabled = true;
 
-// Nothing feeds it: there for whoever measures the reads.
+// Not used by the library: for measuring the reads.
 static timecounter g_tcReads("tcRead", 500);
 
 namespace {
@@ -35,7 +35,7 @@ cachebuf_list_t::cachebuf_list_t(Listener *listener, uint64_t maxFilesize)
     , m_fEof(false)
     , m_eof_retries(0)
 {
-    // Buffers are of use only where both heads are there.
+    // Buffers are useful only if both heads exist.
     if (m_cbuflist != nullptr && m_freelist != nullptr)
         m_freelist->list_create(NUM_BUFFERS, cachebuf_t::BLOCK_SIZE);
 }
@@ -122,7 +122,7 @@ GOLT_RARE cachebuf_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
         m_cbuflist->list_detach(pCache);
     } else {
         pCache = m_freelist->list_detach(nullptr);
-        // What was read ahead farthest is needed last.
+        // The buffer that was read ahead farthest is needed last.
         if (pCache == nullptr) pCache = m_cbuflist->list_detach(m_cbuflist->tail());
     }
     m_cbuflist->list_insertAfter(pCache, nullptr);
@@ -288,7 +288,7 @@ int TCache::readCached(uint8_t *buf, int size)
         buf += nread;
         if (pCache->consumed()) m_cacheList->release(pCache);
     }
-    // Who was served from memory pays for one round of read-ahead; who waited has waited enough.
+    // A read that was served from memory pays for one round of read-ahead; one that waited doesn't.
     if (fillCount == 0) m_cacheList->fillBuffers(0);
     return totalread;
 }

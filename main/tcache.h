@@ -1,7 +1,7 @@
 // TCache, the object through which every demuxer reads its source: a position, a read and a seek.
 //
 // It keeps 64 KiB blocks of the source in 16 buffers, reads ahead, and waits for a slow host within
-// bounds, so that the many small reads of the parsers cost little. The layers below it stand in
+// bounds, so that the many small reads of the parsers cost little. The layers below it are in
 // this header for the tests: cachebuf_t holds one block, cbuflist_t is a list of them, and
 // cachebuf_list_t decides which buffer holds which block and talks to the host.
 
@@ -12,9 +12,9 @@
 
 #include "pela/PELARemuxerDriver.h"
 
-/// False puts every TCache into pass-through mode, in which reads and seeks go straight to the
-/// host. It becomes false when the buffers of a TCache can't be had, and stays so as long as the
-/// library is loaded. A demuxer that is open at that moment has lost its place until its next seek:
+/// False puts every TCache into pass-through mode, in which reads and seeks go directly to the
+/// host. It becomes false when there is no memory for the buffers of a TCache, and stays so as long
+/// as the library is loaded. A demuxer that is open then has lost its place until its next seek:
 /// its host is where the read-ahead ended.
 extern bool g_TCacheEnabled;
 
@@ -103,9 +103,9 @@ public:
     /// Puts pItem, unless null, after this node. The head's count and tail stay.
     cbuflist_t *insertAfter(cbuflist_t *pItem);
 
-    /// Appends numItems new items, those left out that get no memory.
+    /// Appends numItems new items, without those that get no memory.
     void list_create(int numItems, uint32_t bufsize);
-    /// Destroys the items. The head is fit for nothing but its own destruction then.
+    /// Destroys the items. After that the head can only be destroyed.
     void list_destroy();
     /// Takes out pItem, or with null the first item, and returns it; null when there is none.
     cbuflist_t *list_detach(cbuflist_t *pItem);
@@ -113,7 +113,7 @@ public:
     cbuflist_t *list_insertAfter(cbuflist_t *pItem, cbuflist_t *prevItem);
     /// The first item that holds bytes of the block of offset, or null.
     cbuflist_t *list_search(uint64_t offset) const;
-    /// The list as a text of at most maxsize bytes, its NUL included, and their number.
+    /// Writes the list as a text of at most maxsize bytes, including its NUL; returns their number.
     int list_getDbgInfo(char *str, int maxsize, bool fVerbose) const;
 
     int count() const { return m_count; }
@@ -186,7 +186,7 @@ private:
     void clearEof();
 
     Listener *m_listener;
-    cbuflist_t *m_cbuflist;  // in use: first what was asked for last, at the back the read-ahead
+    cbuflist_t *m_cbuflist;  // in use: the last requested one first, the read-ahead at the back
     cbuflist_t *m_freelist;
     uint64_t m_maxFilesize;        // 0 where unknown
     uint64_t m_inpOffset;          // where the host's next read is believed to deliver from
