@@ -132,7 +132,7 @@ ExitStatus Job::report()
     return selection.losses.empty() ? status : EXIT_DONE_WITH_FAULTS;
 }
 
-// What the stage couldn't mend.
+// What the stage couldn't correct.
 std::string Job::fault_in_times() const
 {
     const golt::StageCounts counts = m_stage.counts();

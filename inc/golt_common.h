@@ -95,11 +95,11 @@ struct GOLT_streamInfo_t {
 /// number. A short count is legal; 0 means that nothing could be read.
 typedef uint32_t (*tpf_read)(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
 
-/// Sets the position of the next read to i8_offset bytes from the start of the file; 0 or, refused,
-/// -1.
+/// Sets the position of the next read to i8_offset bytes from the start of the file. Returns 0, or
+/// -1 if that isn't possible.
 typedef int32_t (*tpf_seek)(void *pv_handle, int64_t i8_offset);
 
-/// Takes ui4_size bytes, to be consumed or copied within the call. The result isn't looked at.
+/// Takes ui4_size bytes, to be consumed or copied within the call. The result is ignored.
 typedef uint32_t (*tpf_write)(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
 
 #endif

@@ -193,7 +193,7 @@ bool HttpSource::keep_request_going()
     case HttpTransfer::DONE:
         if (!m_total && !m_f_ranges) take_end();
         if (is_at_end()) return false;
-        // A server may send less than all of what was asked for, but not for ever.
+        // A server may send less than was requested, but not for ever.
         if (f_ahead && m_request_bytes == 0)
             return look_at_failure("the server sends nothing", true);
         return start_request();
@@ -201,7 +201,7 @@ bool HttpSource::keep_request_going()
     }
 }
 
-// All of the file has come. Of a part that ends with the connection nobody knows whether it is all.
+// All of the file has come. If an answer ends with the connection, it may be incomplete.
 void HttpSource::take_end()
 {
     m_total = m_end;

@@ -30,7 +30,7 @@ public:
     /// False when there is no room: the transfer pauses, and the same bytes come again after
     /// resume.
     virtual bool on_bytes(const uint8_t *bytes, size_t size) = 0;
-    /// There is nothing from the offset asked for on. total: bytes of the whole file, if stated.
+    /// There is nothing from the requested offset on. total: bytes of the whole file, if stated.
     virtual void on_nothing(std::optional<uint64_t> total) = 0;
 
 protected:
@@ -47,7 +47,7 @@ public:
         REFUSED  ///< as it will be every time
     };
 
-    /// tag: the strong ETag of the file of which the bytes are to be; empty: not known.
+    /// tag: the strong ETag of the file that the bytes have to belong to; empty: not known.
     virtual void start(uint64_t offset, const std::string &tag) = 0;
     virtual void stop() = 0;
     /// Lets the bytes come that found no room.

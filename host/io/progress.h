@@ -37,7 +37,7 @@ private:
 /// "12.3 MB/s" after the text before; nothing at all for a time too short to be measured.
 std::string rate_text(uint64_t bytes, double seconds, const char *before);
 
-/// "12.3x real time" of a stream that lasts so long, after the text before; nothing at all where it
+/// "12.3x real time" of a stream of this duration, after the text before; nothing at all where it
 /// can't be measured.
 std::string speed_text(int64_t span_ms, double seconds, const char *before);
 

@@ -11,7 +11,7 @@ bool is_matroska(const uint8_t *head, size_t size);
 bool is_m2ts(const uint8_t *head, size_t size);
 bool is_mpeg_audio(const uint8_t *head, size_t size);
 
-// The stamps of M2TS may look like a frame of MPEG audio, so that it is tried first.
+// The stamps of M2TS may look like a frame of MPEG audio, so M2TS is tried first.
 const struct {
     Format format;
     bool (*is_it)(const uint8_t *head, size_t size);

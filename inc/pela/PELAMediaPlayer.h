@@ -1,6 +1,5 @@
-// The host player's media interfaces. Of these the library needs MediaBuffer::ContentInfo and its
-// two enumerations; MediaBuffer and BufferStream themselves are the host's, neither implemented nor
-// called here.
+// The host player's media interfaces. The library needs only MediaBuffer::ContentInfo and its two
+// enumerations; the host implements MediaBuffer and BufferStream, and the library never calls them.
 
 #ifndef PELA_MEDIA_PLAYER_H
 #define PELA_MEDIA_PLAYER_H
@@ -13,7 +12,7 @@
 
 namespace PELA {
 
-/// A stream of bytes of the host.
+/// A byte stream of the host.
 class BufferStream {
 public:
     /// Moves by offset from whence (0 start, 1 position, 2 end); the new position or -1.
