@@ -212,7 +212,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
 
     uint8_t *pb_pes = packet + PCR_FIELD_END + stuffing_size;
     put_be32(pb_pes, 0x00000100u | stream_id_of(frametype));
-    // PES_packet_length has 16 bits; of a larger frame the low ones are stored.
+    // PES_packet_length has 16 bits; for a larger frame the low 16 bits are stored.
     const uint32_t pes_size =
         PES_SIZE_COUNTED + static_cast<uint32_t>(size) + (f_adts ? ADTS_HEADER_SIZE : 0);
     put_be16(pb_pes + 4, static_cast<uint16_t>(pes_size));
@@ -226,7 +226,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
     return packet_payload_size;
 }
 
-// A packet that the frame's bytes fill.
+// A packet that is filled with the frame's bytes.
 void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
 {
     write_header(stream, 0, PAYLOAD);
@@ -234,8 +234,8 @@ void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
     send_packet();
 }
 
-// A frame's last packet, which its size bytes don't fill: an adaptation field makes up for the rest, its first
-// two bytes being its length and its flags as far as there is room.
+// A frame's last packet, which its size bytes don't fill. An adaptation field takes the rest; it starts with its
+// length and, if there is room, its flags.
 void write_last_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf, int size)
 {
     uint8_t *packet = remux_context.packet;
