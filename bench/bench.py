@@ -156,6 +156,7 @@ def gstreamer(form, path):
 
 def programs(bench, form, path):
     commands = {"golt": bench.remux(path),
+                "as-is": bench.remux(path, "--as-is"),
                 "ffmpeg": ["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", path, "-c", "copy", "-f", "mpegts",
                            "/dev/null"],
                 "gstreamer": gstreamer(form, path),

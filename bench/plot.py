@@ -21,7 +21,7 @@ text { fill: #e6edf3; } .small { fill: #9da7b3; }
 """
 
 WIDTH = 860
-CLASSES = {"golt": "c0", "ffmpeg": "c1", "gstreamer": "c2", "cat": "c3"}
+CLASSES = {"golt": "c0", "as-is": "c0", "ffmpeg": "c1", "gstreamer": "c2", "cat": "c3"}
 FORM_CLASSES = {"mp4": "c0", "mkv": "c1", "mp3": "c2", "m2ts": "c3"}
 LABELS = {"mp4": "MP4", "mkv": "Matroska", "mkvmerge": "Matroska, mkvmerge", "mp3": "MP3", "m2ts": "M2TS"}
 

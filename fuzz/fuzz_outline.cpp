@@ -1,9 +1,12 @@
-// The outline of any file, from a source that may not know its size, may end early, and may fail.
+// The outline of any file and what follows from it, from a source that may not know its size, may end early, and may fail.
 
 #include <algorithm>
 #include <cstring>
 
+#include "cluster_walk.h"
 #include "outline.h"
+#include "selection.h"
+#include "sync_point.h"
 #include "target.h"
 
 namespace {
@@ -21,7 +24,7 @@ public:
 
     size_t read_at(uint64_t offset, uint8_t *buffer, size_t /*least*/, size_t size) override
     {
-        require(++m_reads <= Reader::MOST_LOADS, "a file is read a limited number of times");
+        require(++m_reads <= m_most, "a file is read a limited number of times");
         if (m_reads > m_fails_from || offset >= m_file.size()) return 0;
         const size_t at = static_cast<size_t>(offset);
         const size_t count = std::min(size, m_file.size() - at);
@@ -33,17 +36,38 @@ public:
         return m_f_knows_size ? m_file.size() + (m_f_claims_more ? uint64_t{1} << 40 : 0) : 0;
     }
 
+    void allow(uint32_t more) { m_most = m_reads + more; }
+
 private:
     const bool m_f_knows_size, m_f_claims_more;
     const uint32_t m_fails_from;
     const std::vector<uint8_t> m_file;
     uint32_t m_reads = 0;
+    uint32_t m_most = Reader::MOST_LOADS;
 };
 
 bool is_printable(const std::string &text)
 {
     return std::all_of(text.begin(), text.end(),
                        [](char letter) { return letter >= 0x20 && letter < 0x7F; });
+}
+
+void follow(Source &source, const Outline &outline, uint32_t time_ms)
+{
+    const CallWatch watch;
+    const Selection selection = select_tracks(outline);
+    require(selection.choices.size() == outline.tracks.size(), "a choice for each track");
+    for (const std::vector<std::string> *lines : {&selection.losses, &selection.notes}) {
+        for (const std::string &line : *lines)
+            require(is_printable(line), "lines can be printed");
+    }
+    source.allow(3 * 8192 + 4096);
+    find_sync_point(source, outline, selection, time_ms, false);
+    WalkOptions options;
+    options.most_loads = 4096;
+    source.allow(options.most_loads);
+    const ClusterWalk walk = walk_clusters(source, outline, options);
+    require(!walk.f_whole || !walk.damaged_at, "what is whole isn't damaged");
 }
 
 }  // namespace
@@ -70,5 +94,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
                 "texts can be printed");
         parse_audio_config(track.config);
     }
+    follow(source, outline, static_cast<uint32_t>(pb_data[1]) * 40);
     return 0;
 }

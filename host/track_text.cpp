@@ -10,6 +10,7 @@ namespace {
 constexpr int64_t NS_PER_MS = 1000000;
 
 std::string details_of(const Outline &outline, const Track &track);
+std::string audio_details_of(const Outline &outline, const Track &track);
 std::string edits_text(const Outline &outline, const Mp4Details &mp4);
 std::string container_text(const Outline &outline);
 std::string first_frame_text(const MpegAudioOutline &audio);
@@ -54,14 +55,16 @@ std::optional<uint64_t> mean_frame_rate(const Track &track)
 {
     const Mp4Details &mp4 = track.mp4;
     constexpr double SECONDS = 1000;
-    if (mp4.ticks.value_or(0) != 0 && mp4.samples != 0)
-        return static_cast<uint64_t>(SECONDS * static_cast<double>(mp4.samples) * mp4.timescale /
-                                         static_cast<double>(*mp4.ticks) +
-                                     0.5);
-    if (track.matroska.default_duration_ns)
-        return static_cast<uint64_t>(
-            SECONDS * 1e9 / static_cast<double>(*track.matroska.default_duration_ns) + 0.5);
-    return {};
+    double rate = 0;
+    if (mp4.ticks.value_or(0) != 0)
+        rate = SECONDS * static_cast<double>(mp4.samples) * mp4.timescale /
+               static_cast<double>(*mp4.ticks);
+    else if (track.matroska.default_duration_ns)
+        rate = SECONDS * 1e9 / static_cast<double>(*track.matroska.default_duration_ns);
+    constexpr double MOST = 1e15;
+    if (rate <= 0 || rate > MOST) return {};
+    // Rounded without the mathematics library, which would have to be loaded for it.
+    return (static_cast<uint64_t>(rate * 2) + 1) / 2;
 }
 
 Seeking seeking_of(const Outline &outline, const Selection &selection)
@@ -112,21 +115,26 @@ std::string details_of(const Outline &outline, const Track &track)
         if (const auto rate = mean_frame_rate(track))
             text += fmt::format(", {:.3f} frames/s", static_cast<double>(*rate) / 1000);
     }
-    if (track.kind == TrackKind::AUDIO) {
-        AudioConfig config = {};
-        if (codec_title(outline, track) == "AAC")
-            config = parse_audio_config(track.config).value_or(config);
-        const uint32_t own = config.channel_config;
-        constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
-        const uint32_t channels = own == 0 ? track.channels : own == SEVEN_ONE ? 8 : own;
-        if (channels != 0) text += ", " + counted(channels, "channel");
-        const uint32_t rate = config.sample_rate != 0 ? config.sample_rate : track.sample_rate;
-        if (rate != 0) text += fmt::format(", {} Hz", rate);
-    }
+    if (track.kind == TrackKind::AUDIO) text += audio_details_of(outline, track);
     if (track.duration_ns) text += ", " + ns_text(*track.duration_ns);
     if (!track.language.empty() && track.language != "und") text += ", " + track.language;
     if (!track.f_enabled) text += ", disabled";
     text += edits_text(outline, track.mp4);
+    return text;
+}
+
+// The decoder's own setup is right where the container's fields differ.
+std::string audio_details_of(const Outline &outline, const Track &track)
+{
+    AudioConfig config = {0, track.sample_rate, 0};
+    if (codec_title(outline, track) == "AAC")
+        config = parse_audio_config(track.config).value_or(config);
+    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
+    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
+    const uint32_t channels = own == 0 ? track.channels : own;
+    std::string text;
+    if (channels != 0) text += ", " + counted(channels, "channel");
+    if (config.sample_rate != 0) text += fmt::format(", {} Hz", config.sample_rate);
     return text;
 }
 

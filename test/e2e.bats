@@ -150,8 +150,8 @@ beside() {
 
 @test "mkv starts at an independent picture" {
     merged ac3
-    for start in 700 1000 1799; do
-        remuxed a.mkv 0 --start ${start}ms
+    for start in 700ms 1000ms 1.799; do
+        remuxed a.mkv 0 --start $start
         [ -z "$(ffmpeg -v error -nostdin -i out.ts -f null - 2>&1)" ]
         [ "$(frames out.ts -an | wc -l)" -eq "$(wc -l <video_times)" ]
         [ "$(wc -l <video_times)" -lt 40 ]

@@ -4,10 +4,13 @@
 
 #include <cstring>
 
+#include "cluster_walk.h"
 #include "mkv_builder.h"
 #include "mp3_builder.h"
 #include "mp4_builder.h"
 #include "outline.h"
+#include "selection.h"
+#include "sync_point.h"
 
 namespace {
 
@@ -345,6 +348,142 @@ TEST(Outline, ReadsLittleOfALargeFile)
     } endless;
     read_outline(endless);
     EXPECT_EQ(endless.reads, Reader::MOST_LOADS);
+}
+
+// What is taken of the tracks: T for taken, U for what nobody can play, and - for the rest.
+TEST(Selection, FollowsTheLibrarysRules)
+{
+    Mp4Track video = video_of(2), audio = Mp4Track::audio().sample({1}), subtitles = video_of(1);
+    Mp4Track hevc = video, far = audio, short_lengths = video, opus = audio;
+    subtitles.handler = "text";
+    hevc.entry_type = "hvc1";
+    opus.entry_type = "Opus";
+    far.put["stco"] = box("co64", be32(0) + be32(1) + be(99, 8));
+    short_lengths.put["avcC"] = box("avcC", hex("0142001EFDE10001670100 0168"));
+    const auto mp4 = [](std::initializer_list<Mp4Track> tracks) {
+        Mp4File file;
+        for (const Mp4Track &track : tracks)
+            file.add(track);
+        return file.build();
+    };
+    const auto mkv = [](const std::string &tracks) {
+        return MkvFile(tracks + " c0 v0(65)").build();
+    };
+    const struct {
+        const char *name;
+        Bytes file;
+        const char *fates;
+        const char *words;  // among refusal, losses and notes
+    } rows[] = {
+        {"both", mp4({video, audio}), "TT", ""},
+        {"a third track", mp4({video, audio, audio}), "TT-", "1 further audio"},
+        {"a later one replaces", mp4({audio, audio, video}), "-TT", "a later track"},
+        {"subtitles first", mp4({subtitles, video}), "--", "comes after track 1 (subtitles)"},
+        {"subtitles between", mp4({video, subtitles, audio}), "T--", "audio: track 2"},
+        {"another codec", mp4({hevc, audio}), "--", "HEVC isn't remuxed"},
+        {"audio of another codec", mp4({video, opus}), "T-", "Opus isn't remuxed"},
+        {"offsets of 64 bits", mp4({video, far}), "T-", "co64"},
+        {"short NAL lengths", mp4({short_lengths, audio}), "UT", "less than 4 bytes"},
+        {"no movie", Mp4File().build(), "", "neither video nor audio"},
+        {"VP9", mkv("t1['V_VP9'] t2['A_AAC']"), "UT", "VP9 isn't remuxed"},
+        {"the first that is known", mkv("t1['V_MPEG4/ISO/AVC'] t2['A_DTS'] t3['A_AC3']"), "T-T",
+         "DTS isn't remuxed"},
+        {"MPEG-4 Visual", mkv("t1['V_MPEG4/ISO/ASP'] t2['A_AC3']"), "UT", "MPEG-4 Visual"},
+        {"compressed", mkv("t1['V_MPEG4/ISO/AVC']6D80[6240[5034[]]] t2['A_AC3']"), "UT",
+         "compressed"},
+        {"MPEG-2", Mp3().frames(9, 0xFFF380C0, 208).file, "-", "(22050 Hz)"},
+        {"padding", Bytes(9) + Mp3().frames(9).file, "-", "9 bytes that belong to no frame"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const Outline outline = outline_of(row.file);
+        const Selection selection = select_tracks(outline);
+        std::string fates, words = selection.refusal;
+        for (const Choice &choice : selection.choices)
+            fates += choice.fate == Fate::TAKEN ? 'T' : choice.fate == Fate::UNPLAYABLE ? 'U' : '-';
+        for (const auto *lines : {&selection.losses, &selection.notes})
+            for (const std::string &line : *lines)
+                words += line;
+        EXPECT_EQ(fates, row.fates);
+        EXPECT_NE(words.find(row.words), std::string::npos) << words;
+        EXPECT_EQ(selection.refusal.empty(), fates.find('T') != std::string::npos);
+    }
+}
+
+TEST(ClusterWalk, FindsTheEndAndWhatIsWrong)
+{
+    const std::string head = "t1['V_MPEG4/ISO/AVC'] t2['A_AC3'] ";
+    const Bytes sound = MkvFile(head + "c0 v0(65) a0=01 v40(41) c80 v0(65) k").build();
+    const Bytes open = MkvFile(head + ". =1F43B675.01FFFFFFFFFFFFFF.E7[00] v0(65) v40(41) "
+                                      "=1F43B675.01FFFFFFFFFFFFFF.E7[50] v0(65)")
+                           .build();
+    const struct {
+        const char *name;
+        Bytes file;
+        bool f_whole, f_damaged, f_cut, f_parted;
+        int64_t last;
+    } rows[] = {
+        {"sound", sound, true, false, false, false, 80},
+        {"no sizes", open, true, false, false, false, 80},
+        {"cut in a cluster", Bytes(sound.begin(), sound.end() - 16), false, false, true, false, 40},
+        {"no cluster where one is due", MkvFile(head + "c0 v0(65) . =AABB c80 v0(65)").build(),
+         false, true, false, false, 0},
+        {"no child", MkvFile(head + "c0 v0(65) =EF80 v40(41)").build(), false, true, false, false,
+         0},
+        {"between clusters", MkvFile(head + "c0 v0(65) . =EC82.0000 c80 v0(65)").build(), false,
+         false, false, true, 80},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Memory memory(row.file);
+        const Outline outline = read_outline(memory);
+        const ClusterWalk walk = walk_clusters(memory, outline);
+        EXPECT_EQ(walk.f_whole, row.f_whole);
+        EXPECT_EQ(walk.damaged_at.has_value(), row.f_damaged);
+        EXPECT_EQ(walk.cut_in.has_value(), row.f_cut);
+        EXPECT_EQ(walk.parted_at.has_value(), row.f_parted);
+        ASSERT_EQ(walk.tracks.count(1), 1u);
+        EXPECT_EQ(walk.tracks.at(1).last, row.last);
+    }
+}
+
+// Pictures of 40 ms; each second one stands alone.
+TEST(SyncPoint, IsTheLastKeyPictureBefore)
+{
+    Mp4Track video = video_of(8);
+    video.stss = {1, 3, 5, 7};
+    video.put["ctts"] = table_box("ctts", 1, {8, 80});
+    const Bytes mp4 = Mp4File().add(video).build();
+    const std::string tracks = "t1['V_MPEG4/ISO/AVC'] ";
+    const std::string blocks = "C0 v0(65) C80 v0(65) C160 v0(65) ";
+    const Bytes cues = MkvFile("h0 " + tracks + blocks + "k").build();
+    // SimpleBlocks with the flag of a key picture.
+    const std::string key = "=A3[81.0000.80.65] ";
+    const Bytes bare = MkvFile(tracks + "c0 " + key + "c80 " + key + "v40(41) c160 " + key).build();
+    const struct {
+        const char *name;
+        Bytes file;
+        uint32_t time;
+        int64_t ask, from;  // ask -1: from the start
+    } rows[] = {
+        {"mp4", mp4, 200, 80, 159},           {"mp4, between", mp4, 235, 80, 159},
+        {"mp4, the end", mp4, 900, 240, 319}, {"mp4, before the first", mp4, 10, -1, 79},
+        {"cues", cues, 100, 80, 80},          {"the last cue", cues, 160, 80, 160},
+        {"no cues", bare, 150, -1, 80},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Bytes file = row.file;
+        Memory memory(file);
+        Outline outline = read_outline(memory);
+        for (Cue &cue : outline.matroska.cues)
+            cue.track = 1;
+        const auto point =
+            find_sync_point(memory, outline, select_tracks(outline), row.time, false);
+        ASSERT_TRUE(point.has_value());
+        EXPECT_EQ(point->ask_ms ? static_cast<int64_t>(*point->ask_ms) : -1, row.ask);
+        EXPECT_EQ(point->from_ms, row.from);
+    }
 }
 
 TEST(AudioConfig, ReadsEveryForm)

@@ -81,6 +81,23 @@ TEST(Stage, DecodesPicturesInTheOrderInWhichTheyCome)
     }
 }
 
+// The SPS tells that none are reordered. One comes too late for that, and those behind it are waited for.
+TEST(Stage, LearnsThatPicturesAreReorderedFarther)
+{
+    Staged out(GOLT_VCODEC_H264, GOLT_CODEC_NONE);
+    const std::vector<int> pts = {0, 80, 40, 160, 120, 240, 200},
+                           dts = {0, 80, 40, 80, 120, 160, 200};
+    for (const int each : pts)
+        out.video(static_cast<uint64_t>(each),
+                  each == 0 ? unit(sps_of(0)) + unit(PPS) + slice(0x65, 9, 1) : slice(0x41, 9, 1));
+    const std::vector<FinishedUnit> units = out.finish().of(VIDEO);
+    for (size_t i = 0; i < pts.size(); ++i) {
+        EXPECT_EQ((units.at(i).pts - 90000) / 90, pts[i]);
+        EXPECT_EQ((units.at(i).dts - 90000) / 90, dts[i]) << i;
+    }
+    EXPECT_EQ(out.stage.counts().misordered, 1u);
+}
+
 TEST(Stage, PutsParameterSetsOnceBeforeEachKeyPicture)
 {
     const Bytes sps = unit(sps_of(0)), pps = unit(PPS), sets = sps + pps;

@@ -98,6 +98,7 @@ uint8_t *PacketWriter::begin_copied_pes(OutPid &to, const uint8_t *from, size_t 
 {
     if (m_held >= BLOCK) give(m_held);
     make_room();
+    m_pes_begin = m_held;
     m_to = &to;
     m_start = start;
     to.counter = (to.counter + 1) & 0xF;
@@ -196,7 +197,16 @@ void PacketWriter::pass(const uint8_t *bytes, size_t size)
 
 void PacketWriter::flush()
 {
-    if (m_to == nullptr) give(m_held);
+    // The start of a PES packet stays here as long as its length isn't known.
+    const bool f_open = m_to != nullptr;
+    const size_t ready = f_open && m_f_pes_here ? m_pes_begin : m_held;
+    const size_t rest = m_held + (f_open ? m_fill : 0) - ready;
+    write_out(ready);
+    memmove(m_buffer, m_buffer + ready, rest);
+    m_held -= ready;
+    if (!m_f_pes_here) return;
+    m_pes_begin -= ready;
+    m_pes_at -= ready;
 }
 
 // Private
@@ -217,6 +227,7 @@ void PacketWriter::begin_packet(OutPid &to, bool f_unit_start)
 void PacketWriter::begin_pes_packet(const PesStart &start)
 {
     if (m_held >= BLOCK) give(m_held);
+    m_pes_begin = m_held;
     begin_packet(*m_to, true);
     begin_adaptation(start);
     begin_header(start);
@@ -296,10 +307,15 @@ void PacketWriter::close_pes()
 
 void PacketWriter::give(size_t size)
 {
-    if (size > 0 && !m_f_failed) m_f_failed = !m_write(m_handle, m_buffer, size);
-    if (!m_f_failed) m_bytes_out += size;
+    write_out(size);
     m_held = 0;
     m_f_pes_here = false;
+}
+
+void PacketWriter::write_out(size_t size)
+{
+    if (size > 0 && !m_f_failed) m_f_failed = !m_write(m_handle, m_buffer, size);
+    if (!m_f_failed) m_bytes_out += size;
 }
 
 uint32_t section_crc(const uint8_t *bytes, size_t size)

@@ -111,6 +111,7 @@ private:
         if (CAPACITY - m_held < TS_SIZE) give(m_held);
     }
     void give(size_t size);
+    void write_out(size_t size);
     uint8_t *packet() { return m_buffer + m_held; }
 
     Stage::Write m_write;
@@ -124,8 +125,9 @@ private:
     size_t m_adaptation = 0;  // of them in its adaptation field
 
     OutPid *m_to = nullptr;     // of the PES packet that is open
+    size_t m_pes_begin = 0;     // where its first packet is
     size_t m_pes_at = 0;        // where its length is
-    bool m_f_pes_here = false;  // m_pes_at is still in the buffer
+    bool m_f_pes_here = false;  // both are still in the buffer
     uint64_t m_pes_size = 0;    // bytes after its length
     PesStart m_start;
 };

@@ -2,7 +2,6 @@
 // leads to.
 
 #include <algorithm>
-#include <cmath>
 #include <map>
 
 #include "ebml.h"
@@ -390,12 +389,12 @@ std::optional<int64_t> parse_tagged_time(const std::string &text)
 
 void set_durations(Headers &headers)
 {
-    constexpr double MOST_NS = 9e18;
+    constexpr double MOST_NS = 4e18;
     Outline &outline = headers.outline;
     const double duration_ns =
         headers.duration_ticks * static_cast<double>(outline.matroska.timestamp_scale);
     if (duration_ns >= 1 && duration_ns < MOST_NS)
-        outline.duration_ns = static_cast<int64_t>(std::llround(duration_ns));
+        outline.duration_ns = (static_cast<int64_t>(duration_ns * 2) + 1) / 2;
     for (Track &track : outline.tracks) {
         const auto tagged = headers.tagged_ns.find(track.matroska.uid);
         if (tagged != headers.tagged_ns.end() && track.matroska.uid != 0)

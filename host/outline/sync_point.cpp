@@ -1,7 +1,6 @@
 #include "sync_point.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 
 #include "cluster_walk.h"
@@ -94,18 +93,22 @@ private:
 std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool f_table,
                                     uint32_t first_length)
 {
-    const double duration_ms = std::floor(static_cast<double>(mp4.duration) * 1000 / mp4.timescale);
+    const uint64_t duration_ms =
+        mp4.duration / mp4.timescale * 1000 + mp4.duration % mp4.timescale * 1000 / mp4.timescale;
     double interval = f_table ? 0 : first_length * (1000.0 / mp4.timescale);
     if (interval == 0 && mp4.samples != 0)
-        interval = duration_ms / static_cast<double>(mp4.samples);
-    const double ask = std::ceil(static_cast<double>(sample) * interval);
-    if (interval <= 0 || ask > UINT32_MAX) return {};
-    return static_cast<uint32_t>(ask);
+        interval = static_cast<double>(duration_ms) / static_cast<double>(mp4.samples);
+    const double exact = static_cast<double>(sample) * interval;
+    if (interval <= 0 || exact >= UINT32_MAX) return {};
+    const auto whole = static_cast<uint32_t>(exact);
+    return whole < exact ? whole + 1 : whole;
 }
 
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
 {
     constexpr uint32_t MOST_LOADS = 8192;
+    // Three days at 60 pictures a second. A few bytes may tell of more.
+    constexpr uint64_t MOST_SAMPLES = 1 << 24;
     const Mp4Details &mp4 = video.mp4;
     Reader reader(source, MOST_LOADS);
     // Three cursors: each has a window of its own.
@@ -117,7 +120,7 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uin
     int64_t best_ms = 0;
     uint32_t first_length = 0;
     bool f_found = false;
-    for (uint64_t sample = 0; sample < mp4.samples; ++sample) {
+    for (uint64_t sample = 0; sample < std::min(mp4.samples, MOST_SAMPLES); ++sample) {
         const uint32_t length = lengths.next();
         const auto offset = static_cast<int32_t>(offsets.next());
         if (sample == 0) first_length = length;

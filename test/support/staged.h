@@ -117,12 +117,14 @@ public:
     golt::Stage stage;
     Bytes stream;
     size_t writes = 0;
+    bool f_flushed = false;  ///< after each frame
 
 private:
     Staged &write(uint32_t type, uint64_t time_ms, Bytes bytes)
     {
         GOLT_frame_t frame = {time_ms, type, bytes.data(), static_cast<uint32_t>(bytes.size())};
         GOLT_RMX_writeFrame(&frame);
+        if (f_flushed) stage.flush();
         return *this;
     }
     static bool write_proc(void *self, const uint8_t *packets, size_t size)
