@@ -81,7 +81,7 @@ TEST(Stage, DecodesPicturesInTheOrderInWhichTheyCome)
     }
 }
 
-// The SPS tells that none are reordered. One comes too late for that, and those behind it are waited for.
+// The SPS states that none are reordered. One comes too late for that, and those after it are waited for.
 TEST(Stage, LearnsThatPicturesAreReorderedFarther)
 {
     Staged out(GOLT_VCODEC_H264, GOLT_CODEC_NONE);

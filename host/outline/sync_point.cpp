@@ -107,7 +107,7 @@ std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
 {
     constexpr uint32_t MOST_LOADS = 8192;
-    // Three days at 60 pictures a second. A few bytes may tell of more.
+    // Three days at 60 pictures a second. A few bytes may state more.
     constexpr uint64_t MOST_SAMPLES = 1 << 24;
     const Mp4Details &mp4 = video.mp4;
     Reader reader(source, MOST_LOADS);
