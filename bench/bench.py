@@ -85,7 +85,7 @@ def peak_memory(command):
 
 
 def check(command, status):
-    # 3: golt has something to say about the input, such as sound without a clock.
+    # 3: golt has something to say about the input, such as audio without a clock.
     if status not in (0, 3):
         sys.exit(f"{' '.join(command)}: exit status {status}")
 

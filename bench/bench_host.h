@@ -9,7 +9,7 @@
 
 #include "host_double.h"
 
-/// As long as it lives, the library's diagnostics go nowhere: the results stand on the same output.
+/// As long as it lives, the library's diagnostics go nowhere: the results go to the same output.
 class QuietOutput {
 public:
     QuietOutput();

@@ -8,7 +8,7 @@
 
 namespace {
 
-// 40 Clusters of half a second: 12 pictures of one size, with sound in laces of 4 frames of 340
+// 40 Clusters of half a second: 12 pictures of one size, with audio in laces of 4 frames of 340
 // bytes between them.
 Bytes make_mkv(size_t picture_size)
 {

@@ -1,5 +1,5 @@
 // MP3: whole remuxes from memory, and seeks to where the tables know the way and to where they have
-// to estimate, each with the frame behind it.
+// to estimate, each with the frame after it.
 
 #include <benchmark/benchmark.h>
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t PIECE = 188;
 
-// A second of film: 25 pictures of one size and 47 sound frames.
+// A second of film: 25 pictures of one size and 47 audio frames.
 std::vector<Bytes> make_frames(size_t picture_size)
 {
     std::vector<Bytes> frames;

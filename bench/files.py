@@ -17,7 +17,7 @@ def ffmpeg(*arguments):
 
 # Real files
 
-# Name, seconds encoded, picture, filter behind it, kbit/s of video, of AAC.
+# Name, seconds encoded, picture, filter after it, kbit/s of video, of AAC.
 FILMS = (
     ("high", 16, "1280x720", "noise=alls=30:allf=t", 16000, 128),
     ("low", 60, "320x240", "null", 250, 64),
@@ -197,7 +197,7 @@ def make_mp3(path, size):
 
 
 def make_m2ts(path, size):
-    """Null packets, each behind its stamp."""
+    """Null packets, each after its stamp."""
     make_repeated(path, bytes(4) + bytes.fromhex("471fff10") + b"\xff" * 184, size)
 
 

@@ -17,7 +17,7 @@ HEIGHT = 470
 
 
 def make_streams(golt, folder):
-    """Matroska by ffmpeg: B pictures, and audio of which the file doesn't tell how long a frame lasts."""
+    """Matroska by ffmpeg: B pictures, and audio frames whose duration the file doesn't state."""
     film = os.path.join(folder, "film.mkv")
     subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", "testsrc2=s=320x240:r=25:d=3",
                     "-f", "lavfi", "-i", "sine=d=3", "-c:v", "libx264", "-threads", "1", "-bf", "3", "-g", "50",
@@ -88,7 +88,7 @@ def main():
     middle = WIDTH / 2
     parts = [text(12, 24, "Times in a transport stream, seconds", "title")]
     parts += panel(before, "As the library writes it", 50, middle - 30, 0.0, False)
-    parts += panel(after, "Behind the stage", middle + 50, WIDTH - 20, 0.6, True)
+    parts += panel(after, "After the stage", middle + 50, WIDTH - 20, 0.6, True)
     x = 50
     for style, words in (("c0", "PTS of pictures"), ("c1", "DTS of pictures"), ("c2", "PTS of audio"), ("c3", "PCR")):
         parts.append(f'<circle cx="{x}" cy="{HEIGHT - 20}" r="4" class="{style}"/>\n')

@@ -19,7 +19,7 @@ constexpr size_t STREAM_CHECKED = 1000 * PACKET_SIZE;  // bytes
 
 // A read that takes more turns than these of the host's reads runs into the cache's time-out.
 constexpr int LEAST_STEADY_READ = 16;
-// The size that a host tells, by the rule of the recipe.
+// The size that a host states, by the rule of the recipe.
 int64_t told_size(const Input &t_input)
 {
     const auto size = static_cast<int64_t>(t_input.file.size());

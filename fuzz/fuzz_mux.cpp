@@ -41,7 +41,7 @@ struct Output {
     static uint32_t write_proc(void *output, uint8_t *pb_data, uint32_t ui4_size)
     {
         auto &self = *static_cast<Output *>(output);
-        require(ui4_size == self.expected, "whole packets, or a frame as it stands");
+        require(ui4_size == self.expected, "whole packets, or a frame as it is");
         if (ui4_size == PACKET_SIZE)
             self.stream.insert(self.stream.end(), pb_data, pb_data + ui4_size);
         return static_cast<uint32_t>(self.stream.size());
@@ -70,7 +70,7 @@ GOLT_streamInfo_t info_from(Numbers &numbers)
     return t_info;
 }
 
-// The frame that the next numbers tell, in a block of its exact size.
+// The frame that the next numbers describe, in a block of its exact size.
 GOLT_frame_t frame_from(Numbers &numbers, std::unique_ptr<uint8_t[]> &block)
 {
     const auto kind = static_cast<uint32_t>(numbers.take(1));

@@ -1,4 +1,4 @@
-// The stage behind the muxer, given frames of any kind and packets that nobody would write: what comes out is a sound
+// The stage after the muxer, given frames of any kind and packets that nobody would write: what comes out is a sound
 // stream all the same, and memory stays bounded.
 
 #include <optional>
@@ -175,7 +175,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
     }
     require(g_heap.held == 0, "everything is given back");
     require(g_heap.most < HEAP_MOST, "memory is bounded");
-    // Without the library's PAT in front, packets may have passed as they are.
+    // Without the library's PAT first, packets may have passed as they are.
     if (hints.mode == golt::StageMode::REMUX && !output.f_fails)
         judge(FinishedStream(output.stream));
     return 0;

@@ -1,4 +1,4 @@
-// The cache under any host. As long as the host is honest about where its bytes stand, each byte
+// The cache under any host. As long as the host is honest about where its bytes are, each byte
 // that comes out has to be the file's, and a host without faults gets all of them out.
 
 #include <algorithm>
@@ -45,7 +45,7 @@ struct ScriptedHost : public Source {
     uint8_t faults = 0;
     int64_t end = 0;
     unsigned calls = 0;
-    bool f_honest = true;  // it stands where it was sent
+    bool f_honest = true;  // it is where it was sent
 
     int read(uint8_t *buffer, int room) override
     {

@@ -1,6 +1,6 @@
 // Writes the seeds of the fuzz targets, small files of every kind with the recipes of some runs, to
 // the folder that is named: DIR/TARGET/NAME. Further arguments are files, of whose contents seeds are
-// made too; their extension tells the format.
+// made too; their extension gives the format.
 
 #include <cstdio>
 #include <filesystem>
@@ -22,7 +22,7 @@ void write_seed(const std::string &target, const std::string &name, const Bytes 
 
 const std::string FORMATS[] = {"m2ts", "mp3", "mp4", "mkv"};
 
-// What comes behind the format in a recipe: how the size is told, the size of reads, the faults, their
+// What comes after the format in a recipe: how the size is stated, the size of reads, the faults, their
 // period, the first of them (two bytes), a spare byte, then eight steps.
 const struct {
     const char *name, *recipe;
@@ -183,7 +183,7 @@ void write_tcache()
     }
 }
 
-// In front of each file how its source behaves.
+// Before each file, how its source behaves.
 void write_outline(const std::string &name, const Bytes &file)
 {
     write_seed("outline", name, Bytes{1, 0} + file);

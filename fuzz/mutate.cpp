@@ -106,7 +106,7 @@ void change(Elements &top, Random &random)
         place.list->insert(place.at(), copy);
         break;
     }
-    case 8: {  // a copy of another one in front of this one
+    case 8: {  // a copy of another one before this one
         const Element copy = other.element();
         place.list->insert(place.at(), copy);
         break;

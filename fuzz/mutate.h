@@ -10,9 +10,9 @@
 
 struct Element {
     Bytes id;      ///< empty: bytes that are no element
-    Bytes fields;  ///< in front of the children; of an element without children, all it has
+    Bytes fields;  ///< before the children; of an element without children, all it has
     std::vector<Element> children;
-    uint64_t grown = 0;  ///< added to the size that is told, modulo its width: a lie unless 0
+    uint64_t grown = 0;  ///< added to the size that is stated, modulo its width: a lie unless 0
     int width = 0;       ///< least bytes of the size, where the format leaves a choice
 };
 
@@ -30,7 +30,7 @@ struct Format {
 extern const Format MP4_FORMAT;
 extern const Format MKV_FORMAT;
 
-/// For LLVMFuzzerCustomMutator: changes an input whose file, behind the recipe, has that format.
+/// For LLVMFuzzerCustomMutator: changes an input whose file, after the recipe, has that format.
 size_t mutate_input(const Format &format, uint8_t *pb_data, size_t size, size_t max_size,
                     unsigned seed);
 /// For LLVMFuzzerCustomCrossOver: puts elements of one input's file into the other's.

@@ -13,7 +13,7 @@ constexpr size_t HEADER_SIZE = 8;
 constexpr int DEPTH_MOST = 12;
 const Bytes MDAT = text("mdat"), STCO = text("stco");
 
-// Boxes with children, and the bytes in front of these.
+// Boxes with children, and the bytes before these.
 size_t const *fields_in_front(const Bytes &id)
 {
     static const std::map<std::string, size_t> containers = {
@@ -125,7 +125,7 @@ size_t media_at(const Bytes &file)
 
 void move_offsets(Elements &boxes, uint32_t distance)
 {
-    constexpr size_t ENTRIES = 8;  // behind version and count
+    constexpr size_t ENTRIES = 8;  // after version and count
     for (Element &box : boxes) {
         move_offsets(box.children, distance);
         if (box.id != STCO) continue;
@@ -137,7 +137,7 @@ void move_offsets(Elements &boxes, uint32_t distance)
     }
 }
 
-// The media move as the boxes in front of them grow and shrink.
+// The media move as the boxes before them grow and shrink.
 void mend(Elements &boxes, const Bytes &before, Random &)
 {
     const size_t media_before = media_at(before), media_now = media_at(boxes);

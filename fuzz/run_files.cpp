@@ -1,5 +1,5 @@
 // Runs the inputs of a fuzz target that are named on the command line, files and folders of files,
-// so that every compiler's build can run them. Tells what it saw on the standard error.
+// so that every compiler's build can run them. Prints what it saw on the standard error.
 
 #include <algorithm>
 #include <cstdio>
@@ -37,7 +37,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "no inputs\n");
         return 2;
     }
-    // What the library tells there isn't of interest.
+    // What the library prints there isn't of interest.
     if (freopen("/dev/null", "w", stdout) == nullptr) return 2;
     size_t most = 0;
     for (const Path &path : files) {

@@ -19,7 +19,7 @@ extern "C" int usleep(useconds_t)
 
 namespace {
 
-// Inputs are far smaller than the files for which the limits are told, but sanitizers are slow.
+// Inputs are far smaller than the files for which the limits are stated, but sanitizers are slow.
 #ifdef GOLT_FUZZING
 constexpr double LONGEST_CALL = 2.0;  // seconds
 #endif
@@ -137,7 +137,7 @@ int64_t FaultySource::seek(int64_t offset, int whence)
 {
     const LibraryCall host(false);
     require(whence == 0, "seeks count from the start");
-    // Behind the end, or in front of the start, there are no bytes.
+    // After the end, or before the start, there are no bytes.
     return Source::seek(offset >= 0 ? offset : INT64_MAX, whence);
 }
 
@@ -184,7 +184,7 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size)
 {
     switch (format) {
     case 0: return ui8_size / 192;
-    // The shortest frame that a header can tell, of Layer I; the last one may be cut.
+    // The shortest frame that a header can describe, of Layer I; the last one may be cut.
     case 1: return ui8_size / 32 + 1;
     // A size for each sample, or one for all, and then two million that are taken on the file's word.
     case 2: return 2 * 1024 * 1024 + 2 * ui8_size;

@@ -1,6 +1,6 @@
 // What the fuzz targets share: the shape of an input that is a file, and the rules of a run.
 //
-// Such an input begins with a recipe, which says what is done with the file behind it and which
+// Such an input begins with a recipe, which says what is done with the file after it and which
 // faults the host has; a recipe of zeros is a host without faults. A host that says "not yet" costs
 // the cache 50 ms at most; its sleeps take no time in these programs.
 
@@ -48,12 +48,12 @@ struct Input {
 
     unsigned format;         ///< row of the format table
     unsigned second_format;  ///< of a demuxer that lives beside the first
-    uint8_t told_size;       ///< by which rule the host tells the size
+    uint8_t told_size;       ///< by which rule the host states the size
     int most_of_read;        ///< bytes that a read delivers at most
     uint8_t faults;          ///< fault_t
     unsigned fault_period;   ///< one call in so many has a fault
     unsigned first_fault;    ///< number of the call from which on that is so
-    int granted;             ///< requests for memory in front of the one that is refused
+    int granted;             ///< requests for memory before the one that is refused
     std::vector<op_t> ops;
     std::vector<uint8_t> file;
 };
@@ -103,7 +103,7 @@ std::vector<seen_t> run_demuxer(const GOLT_DMX_handler_t &t_module, const Input 
 
 /// Frames that a file can have, by its size in bytes.
 uint64_t frames_limit(unsigned format, uint64_t ui8_size);
-/// Frames that one run looks at. Some formats tell very many in few bytes.
+/// Frames that one run looks at. Some formats describe very many in few bytes.
 constexpr size_t FRAMES_LOOKED_AT = 20000;
 
 /// Measures one call of the library, in the programs that fuzz: it mustn't take long, nor the heap

@@ -12,7 +12,7 @@
 
 namespace {
 
-// The limits. --help and the manual tell them.
+// The limits. --help and the manual repeat them.
 constexpr size_t REORDER_PICTURES = 16;                  // MaxDpbFrames of H.264
 constexpr int64_t SOUND_JUMP = 100 * TICKS_PER_MS;       // over the length of a frame
 constexpr int64_t PICTURE_JUMP = 10 * TICKS_PER_SECOND;  // and over
@@ -26,7 +26,8 @@ constexpr FindingKind
     BACKWARD = {"time-backward", "a time runs backward", Amount::TICKS, "at most by"},
     REPEATED = {"time-repeated", "a frame has the time of the previous one", Amount::NONE, ""},
     JUMP = {"time-jump", "the time jumps", Amount::TICKS, "at most by"},
-    LATE = {"apart", "frames come later than those of the other stream", Amount::TICKS, "at most by"},
+    LATE = {"apart", "frames come later than those of the other stream", Amount::TICKS,
+            "at most by"},
     PCR_BACKWARD = {"clock-backward", "the PCR runs backward", Amount::TICKS, "at most by"},
     PCR_LATE = {"clock-late", "the PCR comes later than 100 ms", Amount::TICKS, "at most after"},
     NO_SETS = {"no-parameter-sets", "a picture comes before the first parameter sets", Amount::NONE,
@@ -37,7 +38,7 @@ constexpr FindingKind
     STRUCTURE = {"structure", "in the packets", Amount::NONE, ""};
 
 /// The times of a stream, brought into the order of presentation by as many pictures as a decoder
-/// may hold back; a sound decoder holds back none.
+/// may hold back; an audio decoder holds back none.
 class TimeOrder {
 public:
     explicit TimeOrder(size_t held_back)
@@ -75,7 +76,7 @@ struct StreamJudge {
     uint64_t packet = 0;             // where the last frame begins
     std::optional<int64_t> reached;  // the latest time
     int64_t sum = 0, steps = 0;      // of the steps between pictures
-    int64_t frame_length = 0;        // of the last sound frame, by its header
+    int64_t frame_length = 0;        // of the last audio frame, by its header
     bool f_sequence = false, f_picture_sets = false;
 };
 
@@ -101,7 +102,7 @@ private:
 
     const bool m_f_foreign;  // packets pass as they are: what is unusual in them is no fault
     std::map<uint16_t, StreamJudge> m_streams;
-    std::optional<int64_t> m_reached[2];  // the latest times of sound and of video
+    std::optional<int64_t> m_reached[2];  // the latest times of audio and of video
     std::optional<int64_t> m_pcr;
 };
 
@@ -287,7 +288,7 @@ TimeOrder::Step TimeOrder::leave()
     return step;
 }
 
-// How long a PES packet of sound lasts, 90 kHz; ready-made ones may hold several frames.
+// How long a PES packet of audio lasts, 90 kHz; ready-made ones may hold several frames.
 int64_t length_of(const StreamFrame &frame)
 {
     const SoundHeader &header = *frame.content.sound;

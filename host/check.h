@@ -1,4 +1,4 @@
-// The subcommand check: what a strict receiver would trip over in the stream that comes of an
+// The subcommand check: what a strict receiver would reject in the stream that is made from an
 // input.
 
 #ifndef HOST_CHECK_H

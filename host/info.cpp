@@ -28,7 +28,7 @@ struct Scan {
     std::string fault;
 };
 
-/// The two streams, by the headers or, where these don't tell, by the scan.
+/// The two streams, by the headers or, if these don't say, by the scan.
 struct Streams {
     Codec video, audio;
     uint32_t video_pid, audio_pid;
@@ -102,7 +102,7 @@ ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options
     return end_command(input.source().path(), scan.fault);
 }
 
-// Tells all the same what is in the file.
+// Prints what is in the file all the same.
 ExitStatus refuse(const InfoOptions &options, const InputFile &file, Printer &printer)
 {
     const Subject subject = {file};
@@ -278,7 +278,7 @@ Json info_json(const Subject &subject)
     return json;
 }
 
-// 0 stands for what isn't known.
+// 0 means not known.
 Json number_or_null(uint64_t number)
 {
     return number == 0 ? Json() : Json(number);

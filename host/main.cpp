@@ -131,7 +131,8 @@ void add_value(CLI::App &command, const char *name, const char *type,
 {
     const auto take = [=, &value](const std::string &text) {
         Value parsed = 0;
-        if (!parse(text, &parsed)) throw BadUsage(fmt::format("{}: {} is not a valid {}", name, text, type));
+        if (!parse(text, &parsed))
+            throw BadUsage(fmt::format("{}: {} is not a valid {}", name, text, type));
         value = parsed;
     };
     command.add_option_function<std::string>(name, take, help)->type_name(type);
@@ -215,7 +216,7 @@ int run_command(const Commands &commands, bool f_json)
         if (f_json) printer.print(json_error(status, text));
         printer.flush();
     } catch (const NotDone &) {
-        // It has been told that the output can't be written.
+        // It has been reported that the output can't be written.
     }
     return status;
 }
@@ -233,13 +234,11 @@ void add_remux(CLI::App &app, Commands &commands)
               "Begin at the last key picture before it");
     add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or after it");
-    add_value(*command, "--frames", "N", parse_count, options.input.frames,
-              "Stop after N frames");
+    add_value(*command, "--frames", "N", parse_count, options.input.frames, "Stop after N frames");
     command->add_flag("--as-is", options.f_as_is, "Write the library's stream, without the stage");
     command->add_flag("--force", options.f_force, "Replace OUT, or OUT.part, if it exists");
     CLI::Option *verbose = add_verbose(*command, commands);
-    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")
-        ->excludes(verbose);
+    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")->excludes(verbose);
     command->callback([&commands] {
         commands.run = [&commands](Descriptor &standard_output, Printer &) {
             return remux(commands.remux, std::move(standard_output));
@@ -272,7 +271,8 @@ void add_frames(CLI::App &app, Commands &commands)
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
               "Begin at the last key picture before it");
     add_value(*command, "--count", "N", parse_count, options.count, "List N frames");
-    CLI::Option *json = command->add_flag("--json", options.f_json, "Print a JSON object on each line");
+    CLI::Option *json =
+        command->add_flag("--json", options.f_json, "Print a JSON object on each line");
     command->add_flag("--csv", options.f_csv, "Print comma-separated values")->excludes(json);
     add_verbose(*command, commands);
     command->callback([&commands] {
@@ -418,7 +418,7 @@ void print_json_error(int status, const std::string &message)
         printer.print(json_error(status, message));
         printer.flush();
     } catch (const NotWritten &) {
-        // The exit status tells of a failure anyway.
+        // The exit status reports a failure anyway.
     }
 }
 

@@ -323,7 +323,7 @@ double Drawing::x(double seconds) const
 // 1, 2 or 5 times a power of ten, so that about as many steps make up the range.
 double nice_step(double range, int steps)
 {
-    // By multiplication: the mathematical library alone takes 300 KB of memory.
+    // By multiplication: the mathematical library would take 300 KB of memory.
     const double least = range / steps;
     double power = 1;
     while (power * 10 <= least)

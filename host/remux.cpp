@@ -19,7 +19,7 @@
 
 namespace {
 
-/// One remuxing from the opening of the files to the report. Objects stand in the order in which
+/// One remuxing from the opening of the files to the report. Objects are in the order in which
 /// they need each other.
 class Job {
 public:
@@ -132,7 +132,7 @@ ExitStatus Job::report()
     return selection.losses.empty() ? status : EXIT_DONE_WITH_FAULTS;
 }
 
-// What the stage couldn't mend.
+// What the stage couldn't correct.
 std::string Job::fault_in_times() const
 {
     const golt::StageCounts counts = m_stage.counts();

@@ -17,7 +17,7 @@ struct RemuxOptions {
     bool f_quiet = false;
 };
 
-/// Throws NotDone or BadUsage; no new output file stands then.
+/// Throws NotDone or BadUsage; there is no new output file then.
 ExitStatus remux(const RemuxOptions &options, Descriptor standard_output);
 
 #endif

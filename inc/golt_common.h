@@ -68,7 +68,7 @@ enum GOLT_info_dim_t {
 /// reads it.
 struct GOLT_frame_t {
     /// Presentation time in milliseconds. In a GOLT_FT_MPEG2TS frame: the 32-bit stamp of the
-    /// source packet as it stands, in no particular unit.
+    /// source packet as it is, in no particular unit.
     uint64_t ui8_timestamp;
     uint32_t ui4_frametype;  ///< one of GOLT_frametypes_t
     uint8_t *pb_data;        ///< the bytes; null as long as the frame is empty
@@ -80,7 +80,7 @@ struct GOLT_streamInfo_t {
     GOLT_codecs_t audioCodec;             ///< of the one audio stream
     GOLT_codecs_t videoCodec;             ///< of the one video stream
     uint32_t duration;                    ///< milliseconds, 0 where unknown
-    uint32_t aud_numChannels;             ///< as the container tells
+    uint32_t aud_numChannels;             ///< as the container states
     uint32_t aud_sampleRate;              ///< hertz
     GOLT_info_AR_t vid_arInfo;            ///< GOLT_AR_ENCODED
     uint32_t vid_width;                   ///< pixels
@@ -95,11 +95,11 @@ struct GOLT_streamInfo_t {
 /// number. A short count is legal; 0 means that nothing could be read.
 typedef uint32_t (*tpf_read)(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
 
-/// Sets the position of the next read to i8_offset bytes from the start of the file; 0 or, refused,
-/// -1.
+/// Sets the position of the next read to i8_offset bytes from the start of the file. Returns 0, or
+/// -1 if that isn't possible.
 typedef int32_t (*tpf_seek)(void *pv_handle, int64_t i8_offset);
 
-/// Takes ui4_size bytes, to be consumed or copied within the call. The result isn't looked at.
+/// Takes ui4_size bytes, to be consumed or copied within the call. The result is ignored.
 typedef uint32_t (*tpf_write)(void *pv_handle, uint8_t *pb_data, uint32_t ui4_size);
 
 #endif

@@ -24,7 +24,7 @@ GOLT *g_GOLT_Driver = nullptr;
 // when that muxer is gone, and its Listener perhaps with it.
 GOLT_RMX *g_GOLT_Muxer = nullptr;
 
-// Nothing feeds these: they are there for whoever measures the frames' way in and out.
+// Not used by the library: for measuring how long frames take to be read and written.
 timecounter g_tcRdFrame("rdframe", 500);
 timecounter g_tcWrFrame("wrframe", 500);
 

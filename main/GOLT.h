@@ -1,9 +1,9 @@
 // The driver front: the classes behind the host's RemuxerDriver, AVDemuxer and AVMuxer, and the
-// table that ties a format name to the functions of one demuxer.
+// table that maps a format name to the functions of one demuxer.
 //
-// Every demuxer module and the remuxer keep one static context. So at most one demuxer of a format
+// The state of every demuxer module and of the remuxer is static. So at most one demuxer of a format
 // and one muxer are meant to be alive at a time. A second one is harmless: the object made last
-// owns the context, and the one before it reads or writes nothing sensible any more.
+// owns the state, and the one before it reads or writes nothing sensible any more.
 
 #ifndef GOLT_DRIVER_H
 #define GOLT_DRIVER_H
@@ -14,8 +14,8 @@
 
 /// One row of the format table: the six functions of a demuxer.
 struct GOLT_DMX_handler_t {
-    /// NUL-terminated names one behind the other, ended by an empty one; a row with an empty list
-    /// is passed over by the search, a null pointer ends the table.
+    /// NUL-terminated names one after another, ended by an empty one; a row with an empty list
+    /// is skipped by the search, a null pointer ends the table.
     const char *format;
     bool (*init)(tpf_read, tpf_seek, void *);
     bool (*destroy)();
@@ -43,7 +43,7 @@ public:
 
 class GOLT_DMX : public PELA::AVDemuxer {
 public:
-    /// Says in m_cookie that a usable GOLT_DMX stands behind a host's handle.
+    /// Says in m_cookie that a usable GOLT_DMX is behind a host's handle.
     static constexpr uint32_t COOKIE = 0x676F6C74;
 
     GOLT_DMX(GOLT_DMX_handler_t *handler, Listener *listener, int64_t fileSize);

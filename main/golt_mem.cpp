@@ -79,7 +79,7 @@ GOLT_EXPORT uint8_t *GOLT_allocMem(uint32_t size)
         ASAN_UNPOISON_MEMORY_REGION(bucket->memptr, size);
         return bucket->memptr;
     }
-    // At least one byte: an empty frame has to be told from no memory.
+    // At least one byte: an empty frame has to differ from no memory.
     return static_cast<uint8_t *>(std::malloc(size != 0 ? size : 1));
 }
 

@@ -1,13 +1,13 @@
 // The frame memory pool: a few preallocated blocks of three sizes for frame records and frame data.
-// What the pool can't serve comes from the general heap, so a request fails only when the heap has
-// nothing left.
+// Requests that the pool can't serve go to the general heap, so they fail only when the heap is
+// exhausted.
 
 #ifndef GOLT_MEM_H
 #define GOLT_MEM_H
 
 #include "golt_common.h"
 
-/// Sets the pool up; does nothing while it is up. Blocks that can't be had leave a smaller pool.
+/// Sets up the pool; does nothing if it is set up. Without memory for all blocks it is smaller.
 GOLT_EXPORT void GOLT_memInit();
 
 /// Releases every block of the pool, also those that are out: all frames have to be destroyed
@@ -18,7 +18,7 @@ GOLT_EXPORT void GOLT_memClose();
 /// GOLT_freeMem.
 GOLT_EXPORT uint8_t *GOLT_allocMem(uint32_t size);
 
-/// Gives a block of GOLT_allocMem back; null is ignored.
+/// Releases a block of GOLT_allocMem; null is ignored.
 GOLT_EXPORT void GOLT_freeMem(uint8_t *ptr);
 
 #endif

@@ -9,7 +9,7 @@
 
 bool g_TCacheEnabled = true;
 
-// Nothing feeds it: there for whoever measures the reads.
+// Not used by the library: for measuring the reads.
 static timecounter g_tcReads("tcRead", 500);
 
 namespace {
@@ -35,7 +35,7 @@ cachebuf_list_t::cachebuf_list_t(Listener *listener, uint64_t maxFilesize)
     , m_fEof(false)
     , m_eof_retries(0)
 {
-    // Buffers are of use only where both heads are there.
+    // Buffers are useful only if both heads exist.
     if (m_cbuflist != nullptr && m_freelist != nullptr)
         m_freelist->list_create(NUM_BUFFERS, cachebuf_t::BLOCK_SIZE);
 }
@@ -61,7 +61,7 @@ uint32_t cachebuf_list_t::quietBytes(uint64_t offset, const uint8_t **pb_at) con
     if (pFront == nullptr || canReadAhead()) return 0;
     const uint32_t nbytes = pFront->unconsumed(offset, pb_at);
     if (m_maxFilesize == 0) return nbytes;
-    // Behind a known end of the file every read makes sure of it.
+    // After a known end of the file every read makes sure of it.
     const uint64_t left = m_maxFilesize - std::min(offset, m_maxFilesize);
     return static_cast<uint32_t>(std::min<uint64_t>(nbytes, left));
 }
@@ -122,7 +122,7 @@ GOLT_RARE cachebuf_t *cachebuf_list_t::reuseBuffer(uint64_t offset)
         m_cbuflist->list_detach(pCache);
     } else {
         pCache = m_freelist->list_detach(nullptr);
-        // What was read ahead farthest is needed last.
+        // The buffer that was read ahead farthest is needed last.
         if (pCache == nullptr) pCache = m_cbuflist->list_detach(m_cbuflist->tail());
     }
     m_cbuflist->list_insertAfter(pCache, nullptr);
@@ -186,7 +186,7 @@ void cachebuf_list_t::noteFill(uint32_t nFilled)
     if (m_maxFilesize != 0) {
         if (m_inpOffset >= m_maxFilesize) setEof("GOLT/TCACHE:  fillCache: eof[1]");
     } else if (nFilled == 0) {
-        // The count stands still above the limit: near the end of the 64-bit range fills are tried
+        // The count stops above the limit: near the end of the 64-bit range fills are tried
         // without end.
         if (m_eof_retries <= MAX_EOF_RETRIES) ++m_eof_retries;
         if (m_eof_retries > MAX_EOF_RETRIES) setEof("GOLT/TCACHE:  fillCache: eof[2]");
@@ -252,7 +252,7 @@ int TCache::read(uint8_t *buf, int size)
 
 int64_t TCache::seek(int64_t offset)
 {
-    // To where the reader stands, amid bytes that are held: demuxers often say so to be sure.
+    // To where the reader is, within bytes that are held: demuxers often say so to be sure.
     const uint64_t dest = static_cast<uint64_t>(offset);
     if (m_runLeft != 0 && dest == m_outOffset && g_TCacheEnabled) return 0;
     closeRun();
@@ -288,7 +288,7 @@ int TCache::readCached(uint8_t *buf, int size)
         buf += nread;
         if (pCache->consumed()) m_cacheList->release(pCache);
     }
-    // Who was served from memory pays for one round of read-ahead; who waited has waited enough.
+    // A read that was served from memory pays for one round of read-ahead; one that waited doesn't.
     if (fillCount == 0) m_cacheList->fillBuffers(0);
     return totalread;
 }

@@ -1,7 +1,7 @@
 // TCache, the object through which every demuxer reads its source: a position, a read and a seek.
 //
 // It keeps 64 KiB blocks of the source in 16 buffers, reads ahead, and waits for a slow host within
-// bounds, so that the many small reads of the parsers cost little. The layers below it stand in
+// bounds, so that the many small reads of the parsers cost little. The layers below it are in
 // this header for the tests: cachebuf_t holds one block, cbuflist_t is a list of them, and
 // cachebuf_list_t decides which buffer holds which block and talks to the host.
 
@@ -12,10 +12,10 @@
 
 #include "pela/PELARemuxerDriver.h"
 
-/// False puts every TCache into pass-through mode, in which reads and seeks go straight to the
-/// host. It becomes false when the buffers of a TCache can't be had, and stays so as long as the
-/// library is loaded. A demuxer that is open at that moment has lost its place until its next seek:
-/// its host stands where the read-ahead ended.
+/// False puts every TCache into pass-through mode, in which reads and seeks go directly to the
+/// host. It becomes false when there is no memory for the buffers of a TCache, and stays so as long
+/// as the library is loaded. A demuxer that is open then has lost its place until its next seek:
+/// its host is where the read-ahead ended.
 extern bool g_TCacheEnabled;
 
 /// The leading bytes of one block of the source.
@@ -39,7 +39,7 @@ public:
     /// Copies up to size bytes from offset off on and returns their number, 0 where it holds none.
     int read(uint64_t off, uint8_t *buf, int size);
     /// Number of bytes held from offset off on that can go out before all are consumed, and
-    /// in *pb_at where they stand. Who hands them out has to count them.
+    /// in *pb_at where they are. Who hands them out has to count them.
     uint32_t unconsumed(uint64_t off, const uint8_t **pb_at) const;
     void countOut(uint32_t nbytes) { m_used += nbytes; }
     /// Reads from the host until the bytes up to tgtOffset or the end of the block are there, and
@@ -49,7 +49,7 @@ public:
     uint32_t fill(uint64_t tgtOffset, Listener *listener, bool fCompleteFill);
     /// Whether a fill up to tgtOffset would ask the host.
     bool needsFill(uint64_t tgtOffset) const { return m_len < minFill(tgtOffset) && isValid(); }
-    /// Whether it stands for a block that it doesn't hold whole.
+    /// Whether it is for a block that it doesn't hold whole.
     bool hasRoom() const { return m_len < m_siz && isValid(); }
     /// Block, bytes held and bytes handed out as a text; the result is that of snprintf.
     int getDbgInfo(char *str, int maxsize) const;
@@ -71,7 +71,7 @@ private:
     static constexpr uint32_t NO_BLOCK = 255;
 
     // Bytes that a fill up to tgtOffset has to end with. The distance is taken in 32 bits: a target
-    // in front of the block, as behind a known end of the file, asks for more than there is.
+    // before the block, as after a known end of the file, asks for more than there is.
     uint32_t minFill(uint64_t tgtOffset) const
     {
         const auto wanted = static_cast<uint32_t>(tgtOffset - m_off);
@@ -86,7 +86,7 @@ private:
     uint32_t m_used;  // sum of the bytes handed out since setup: a range read twice counts twice
 
 public:
-    /// What off() is where the buffer stands for no block: 255, at which none starts.
+    /// What off() is where the buffer is for no block: 255, at which none starts.
     const uint32_t INVALID_OFFSET;
 };
 
@@ -100,20 +100,20 @@ public:
     bool isAvail() const { return m_buf != nullptr; }
     /// Takes this item out from between its neighbours. The head's count and tail stay.
     cbuflist_t *detach();
-    /// Puts pItem, unless null, behind this node. The head's count and tail stay.
+    /// Puts pItem, unless null, after this node. The head's count and tail stay.
     cbuflist_t *insertAfter(cbuflist_t *pItem);
 
-    /// Appends numItems new items, those left out that get no memory.
+    /// Appends numItems new items, without those that get no memory.
     void list_create(int numItems, uint32_t bufsize);
-    /// Destroys the items. The head is fit for nothing but its own destruction then.
+    /// Destroys the items. After that the head can only be destroyed.
     void list_destroy();
     /// Takes out pItem, or with null the first item, and returns it; null when there is none.
     cbuflist_t *list_detach(cbuflist_t *pItem);
-    /// Puts pItem, unless null, behind prevItem, or with null at the front, and returns pItem.
+    /// Puts pItem, unless null, after prevItem, or with null at the front, and returns pItem.
     cbuflist_t *list_insertAfter(cbuflist_t *pItem, cbuflist_t *prevItem);
     /// The first item that holds bytes of the block of offset, or null.
     cbuflist_t *list_search(uint64_t offset) const;
-    /// The list as a text of at most maxsize bytes, its NUL included, and their number.
+    /// Writes the list as a text of at most maxsize bytes, including its NUL; returns their number.
     int list_getDbgInfo(char *str, int maxsize, bool fVerbose) const;
 
     int count() const { return m_count; }
@@ -144,7 +144,7 @@ public:
     /// of it, or else an empty one, for which the last in use is given up when none is free.
     cachebuf_t *search_setup(uint64_t offset);
     /// Number of bytes from offset on whose reading changes nothing but the count of the first
-    /// buffer in use, and in *pb_at where they stand: the host isn't asked, and no buffer becomes
+    /// buffer in use, and in *pb_at where they are: the host isn't asked, and no buffer becomes
     /// free.
     uint32_t quietBytes(uint64_t offset, const uint8_t **pb_at) const;
     /// Counts quiet bytes that were handed out.
@@ -186,7 +186,7 @@ private:
     void clearEof();
 
     Listener *m_listener;
-    cbuflist_t *m_cbuflist;  // in use: in front what was asked for last, at the back the read-ahead
+    cbuflist_t *m_cbuflist;  // in use: the last requested one first, the read-ahead at the back
     cbuflist_t *m_freelist;
     uint64_t m_maxFilesize;        // 0 where unknown
     uint64_t m_inpOffset;          // where the host's next read is believed to deliver from

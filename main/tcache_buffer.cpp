@@ -103,8 +103,8 @@ int cachebuf_t::readHost(Listener *listener)
     const auto room = static_cast<int>(m_siz - m_len);
     ASAN_UNPOISON_MEMORY_REGION(m_buf + m_len, m_siz - m_len);
     int nread = listener->read(m_buf + m_len, room);
-    // A host that claims more than it was offered can't have delivered it. Which of the bytes are
-    // the file's nobody knows, so that none of them counts.
+    // A host that claims more than it was offered can't have delivered it. It isn't known which of
+    // the bytes are the file's, so none of them counts.
     if (nread > room) nread = 0;
     setLength(nread > 0 ? m_len + static_cast<uint32_t>(nread) : m_len);
     return nread;
@@ -197,7 +197,7 @@ cbuflist_t *cbuflist_t::list_search(uint64_t offset) const
 int cbuflist_t::list_getDbgInfo(char *str, int maxsize, bool fVerbose) const
 {
     if (maxsize <= 0) return 0;
-    // What snprintf reports may be more than there was room for.
+    // snprintf may report more than there was room for.
     const int most = maxsize - 1;
     const auto room = [&](int len) { return static_cast<size_t>(maxsize - len); };
     int len = fVerbose ? snprintf(str, room(0), "0x%p (%d), tail=0x%p:\n",

@@ -1,4 +1,4 @@
-// Statistics of how long an operation takes, for whoever looks into the library's speed.
+// Statistics of how long an operation takes, for measuring the library's speed.
 
 #ifndef GOLT_TCOUNTER_H
 #define GOLT_TCOUNTER_H
@@ -7,7 +7,7 @@
 #include <ctime>
 
 /// Durations are microseconds of a clock that never goes back. Without memory for its histogram a
-/// counter does without one.
+/// counter works without one.
 class timecounter {
 public:
     /// name: cut to 64 characters. maxcount: durations after which the counter starts afresh by

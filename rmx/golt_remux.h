@@ -1,4 +1,4 @@
-// What a remuxer tells of its output.
+// What a remuxer reports of its output.
 
 #ifndef GOLT_REMUX_H
 #define GOLT_REMUX_H

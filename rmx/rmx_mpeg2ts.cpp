@@ -16,7 +16,7 @@ constexpr int TICKS_PER_MS = 90;
 
 constexpr int PCR_FIELD_END = 12;         // header, adaptation field length, flags and PCR
 constexpr int PES_HEADER_SIZE = 14;       // with a PTS
-constexpr uint32_t PES_SIZE_COUNTED = 8;  // bytes of the PES header behind PES_packet_length
+constexpr uint32_t PES_SIZE_COUNTED = 8;  // bytes of the PES header after PES_packet_length
 constexpr int ADTS_HEADER_SIZE = 7;
 
 constexpr uint8_t STREAM_TYPE_MPEG2_VIDEO = 0x02;
@@ -64,7 +64,7 @@ GOLT_EXPORT bool GOLT_RMX_setStreamInfo(GOLT_streamInfo_t *pt_sinfo)
     remux_context.service.pcr_pid =
         remux_context.video.is_present ? remux_context.video.PID : remux_context.audio.PID;
 
-    // The audio entry stands in the PMT whatever the codec, also where the source has no audio.
+    // The audio entry is in the PMT whatever the codec, also where the source has no audio.
     remux_context.audio.stream_type = audio_stream_type(pt_sinfo->audioCodec);
     remux_context.audio.is_present = true;
     return true;
@@ -139,7 +139,7 @@ void ms2pcr(uint8_t *pb, uint64_t pts)
     pb[5] = 0;
 }
 
-// PTS alone, five bytes: '0010', then 3, 15 and 15 bits, each with a marker bit behind it.
+// PTS alone, five bytes: '0010', then 3, 15 and 15 bits, each with a marker bit after it.
 void write_pts(uint8_t *pb, uint64_t pts)
 {
     pb[0] = static_cast<uint8_t>(0x21 | (pts >> 30 & 0x7) << 1);
@@ -212,7 +212,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
 
     uint8_t *pb_pes = packet + PCR_FIELD_END + stuffing_size;
     put_be32(pb_pes, 0x00000100u | stream_id_of(frametype));
-    // PES_packet_length has 16 bits; of a larger frame the low ones are stored.
+    // PES_packet_length has 16 bits; for a larger frame the low 16 bits are stored.
     const uint32_t pes_size =
         PES_SIZE_COUNTED + static_cast<uint32_t>(size) + (f_adts ? ADTS_HEADER_SIZE : 0);
     put_be16(pb_pes + 4, static_cast<uint16_t>(pes_size));
@@ -226,7 +226,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
     return packet_payload_size;
 }
 
-// A packet that the frame's bytes fill.
+// A packet that is filled with the frame's bytes.
 void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
 {
     write_header(stream, 0, PAYLOAD);
@@ -234,8 +234,8 @@ void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
     send_packet();
 }
 
-// A frame's last packet, which its size bytes don't fill: an adaptation field makes up for the rest, its first
-// two bytes being its length and its flags as far as there is room.
+// A frame's last packet, which its size bytes don't fill. An adaptation field takes the rest; it starts with its
+// length and, if there is room, its flags.
 void write_last_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf, int size)
 {
     uint8_t *packet = remux_context.packet;

@@ -3,9 +3,9 @@
 //
 // Each frame is written at once, as one PES packet; PAT and PMT go out before the first packet and
 // after every 41 further ones. PTS and PCR are the frame's time in milliseconds x 90. Nothing is
-// queued, allocated or reordered, and the sink's result isn't looked at.
+// queued, allocated or reordered, and the sink's result is ignored.
 //
-// What a frame's bytes have to be: for H.264 an access unit as a byte stream with start codes, for
+// The bytes of a frame have to be: for H.264 an access unit as a byte stream with start codes, for
 // AAC a raw frame (the remuxer adds the ADTS header), for MP3, AC-3 and E-AC-3 one frame with its
 // own header.
 //
@@ -18,12 +18,12 @@
 #include "golt_common.h"
 #include "golt_remux.h"
 
-/// Starts an output with counters afresh. pf_write gets each 188-byte packet, with pv_handle; both
+/// Starts an output with new counters. pf_write gets each 188-byte packet, with pv_handle; both
 /// have to stay valid while frames are written. fApplyFilters: no effect, there are no filters.
 /// Always true.
 GOLT_EXPORT bool GOLT_RMX_init(tpf_write pf_write, void *pv_handle, bool fApplyFilters);
 
-/// Copies the description of the source and chooses stream types and the PCR's PID by it. Always
+/// Copies the description of the source, from which stream types and the PCR's PID follow. Always
 /// true.
 GOLT_EXPORT bool GOLT_RMX_setStreamInfo(GOLT_streamInfo_t *pt_sinfo);
 
@@ -45,7 +45,7 @@ GOLT_EXPORT bool GOLT_RMX_convertFrame(GOLT_frame_t *pt_frame, bool b_adjust_pts
 /// Stores the PIDs of the output. Always true.
 GOLT_EXPORT bool GOLT_RMX_getRemuxInfo(GOLT_remuxInfo_t *pt_rinfo);
 
-/// Writes one frame; one of GOLT_FT_MPEG2TS goes to the sink as it stands. False, with nothing
+/// Writes one frame; one of GOLT_FT_MPEG2TS goes to the sink as it is. False, with nothing
 /// written, for a frame type that isn't known.
 GOLT_EXPORT bool GOLT_RMX_writeFrame(GOLT_frame_t *pt_frame);
 

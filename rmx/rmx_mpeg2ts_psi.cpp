@@ -10,8 +10,8 @@ namespace {
 constexpr int SECTION_HEAD_SIZE = 3;  // table_id and section_length
 constexpr int CRC_SIZE = 4;
 
-// A section as it was sent last, without its CRC, and that CRC. Tables hardly ever change, and on a
-// processor that waits for each lookup the CRC takes as long as a dozen media packets.
+// The last section that was sent, without its CRC, and the CRC. Tables hardly ever change, and on a
+// processor that waits for each lookup, the CRC takes as long as a dozen media packets.
 struct crc_memo_t {
     int size;
     uint8_t section[32];

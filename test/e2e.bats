@@ -1,11 +1,11 @@
 #!/usr/bin/env bats
 # The host program as a user runs it: sources made by real encoders and muxers, remuxed, judged by
 # the checker of transport streams, and decoded again. What comes out decodes to the frames of the
-# source. GOLT and JUDGE are the programs, with what a foreign machine needs in front of them.
+# source. GOLT and JUDGE are the programs, with what a foreign machine needs before them.
 
 bats_require_minimum_version 1.5.0
 
-# All channels of a sound differ, so that none can be taken for another. One thread: with several the
+# All channels of the audio differ, so that none can be mistaken for another. One thread: with several the
 # encoder cuts pictures into slices and rates them by chance.
 ffmpeg="ffmpeg -v error -nostdin -y -fflags +bitexact -flags +bitexact"
 picture="$ffmpeg -f lavfi -i testsrc2=s=176x144:r=25:d=2"
@@ -16,7 +16,7 @@ surround="-f lavfi -i aevalsrc=sin(2800*t)|sin(5e3*t)|sin(700*t)|sin(99*t)|sin(t
 h264="-c:v libx264 -threads 1 -g 15 -bf 3"
 movie="$picture $stereo $h264"
 
-# ffmpeg's Matroska files don't tell how long a sound frame lasts: all have one time.
+# ffmpeg's Matroska files don't state how long an audio frame lasts: all have one time.
 no_sound_clock=untimed
 
 setup() { cd "$BATS_TEST_TMPDIR"; }
@@ -73,13 +73,13 @@ same_frames() {
     [ -s out_frames ] || [ ! -s "$3" ]
 }
 
-# same FILE [untimed|'' [INFO_FRAMES]]: the output decodes to the source. INFO_FRAMES: sound frames of the
-# encoder's own in front, which ffmpeg leaves out.
+# same FILE [untimed|'' [INFO_FRAMES]]: the output decodes to the source. INFO_FRAMES: audio frames of the
+# encoder's own at the start, which ffmpeg leaves out.
 same() {
     local file=$1 untimed=${2:-} info_frames=${3:-0}
     remuxed "$file" 0
     same_times "$file" v video_times
-    # ffmpeg counts an MP3 file's times from behind the encoder's delay.
+    # ffmpeg counts an MP3 file's times from after the encoder's delay.
     [ -n "$untimed" ] || [[ $file = *.mp3 ]] || same_times "$file" a audio_times
     [ $(($(wc -l <video_times) + $(wc -l <audio_times))) -gt 40 ]
     same_frames "$file" -an video_times 0
@@ -89,7 +89,7 @@ same() {
     cmp uncached.ts out.ts
 }
 
-# mkvmerge's files, from ffmpeg's sound of a kind.
+# mkvmerge's files, from ffmpeg's audio of a kind.
 merged() { # CODEC [OPTION...]
     local codec=$1
     shift
@@ -148,7 +148,7 @@ beside() {
     perl -e 'local $/ = \192; while (<>) { print substr $_, 4 }' a.m2ts | cmp - out.ts
 }
 
-@test "mkv starts at a picture that stands alone" {
+@test "mkv starts at an independent picture" {
     merged ac3
     for start in 700ms 1000ms 1.799; do
         remuxed a.mkv 0 --start $start

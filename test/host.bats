@@ -5,7 +5,7 @@
 bats_require_minimum_version 1.5.0
 
 # clip OUT RATE FRAMES: a test picture without B-frames, every 50th frame a key frame, with all
-# that describes it in front.
+# that describes it before it.
 clip() {
     ffmpeg -v error -nostdin -f lavfi -i "testsrc2=size=64x48:rate=$2" -frames:v "$3" \
         -c:v libx264 -threads 1 -preset ultrafast -g 50 -keyint_min 50 -pix_fmt yuv420p \
@@ -30,7 +30,7 @@ setup_file() {
     cd "$BATS_FILE_TMPDIR"
     # More than one block read, more than one write, and more than a pipe holds.
     for _ in {1..6}; do cat "$samples/short.m2ts"; done >in.m2ts
-    # The stream that has to come of it: packets of 188 bytes, without the stamps in front.
+    # The stream that has to come of it: packets of 188 bytes, without the stamps.
     perl -0777 -ne 'print unpack "(x4 a188)*"' in.m2ts >in.expected
     clip video.mp4 25 100
 }
@@ -40,7 +40,7 @@ setup() {
     cp "$BATS_FILE_TMPDIR"/* .
 }
 
-# golt ARGUMENTS: what the shell makes of them; a program that fails in a pipeline is told of.
+# golt ARGUMENTS: what the shell makes of them; a program that fails in a pipeline is reported.
 golt() {
     set -o pipefail
     eval "$GOLT remux $1"
@@ -68,8 +68,8 @@ refuses() {
     [ ! -e out.part ]
 }
 
-# judges FILE STATUS MESSAGE: an ending that is sound, or else told of; one that the user wants
-# before that is always sound.
+# judges FILE STATUS MESSAGE: an ending that is whole, or otherwise reported; one that the user wants
+# before that is always whole.
 judges() {
     ends "$2" "$3" "$1 $1.out"
     [ -s "$1.out" ]
@@ -93,7 +93,7 @@ judges() {
     writes 0 again           'in.m2ts again >again'
     writes 0 bytes_decide.ts 'bytes_decide.mp4'
     writes 0 named.ts        '--format video/ts in.m2ts named.ts'
-    # What is in front of the first packet is told of.
+    # What is before the first packet is reported.
     writes 3 NAME_DECIDES.ts 'NAME_DECIDES.MTS'
 }
 
@@ -197,7 +197,7 @@ judges() {
     ends 0 ': 5 frames, '   'sound.mp3 10 --start 0:01 --to 1.1s'
 }
 
-@test "tells a sound input from one that ends early" {
+@test "distinguishes a whole input from one that ends early" {
     clip slides.mp4 1/10 6
     clip day.mp4 1/1000 100
     # The duration in "mdhd" of version 0 (ISO/IEC 14496-12).
@@ -227,7 +227,7 @@ judges() {
     ends 0 '' 'untimed.mp4 out --to 1:00'  # an end that isn't there
 }
 
-@test "a signal ends a write to a reader that stands still" {
+@test "a signal ends a write to a reader that has stopped" {
     mkfifo pipe
     sleep 60 <pipe &
     local reader=$! status=0
@@ -296,14 +296,14 @@ plain() {
     grep -qF '?[2J isn' said
 }
 
-@test "tells when its help can't be written" {
+@test "reports when its help can't be written" {
     for words in --help --version 'remux --help'; do
         run -1 bash -c "$GOLT $words >/dev/full"
         [ "$output" = 'golt: standard output: No space left on device' ]
     done
 }
 
-@test "tells of a file that may not grow" {
+@test "reports a file that may not grow" {
     run -1 bash -c "ulimit -f 100; $GOLT remux -q in.m2ts out"
     [ "$output" = 'golt: out: File too large' ]
     [ ! -e out ] && [ ! -e out.part ]

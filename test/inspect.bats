@@ -35,7 +35,7 @@ is() {
     [ "$1" = "$2" ]
 }
 
-@test "tells what a file is" {
+@test "describes a file" {
     is '["mp4",4000,"h264",64,48,25000,256,"ac3",48000,257]' "$(json '[.format, .duration_ms,
         .video.codec, .video.width, .video.height, .video.frames_per_1000_s, .video.pid,
         .sound.codec, .sound.sample_rate, .sound.pid]' info movie.mp4 --json)"
@@ -43,7 +43,7 @@ is() {
     [[ $output == *'H.264, 64 x 48 pixels, pixel aspect 1:1, 25.000 frames/s, PID 0x100'* ]]
     [[ $output == *'H.264, 100 frames, '*' (4.000 s), '* ]]
     [[ $output == *'AC-3, 125 frames, 64000 bytes, '*' (4.000 s), 128.0 kbit/s'* ]]
-    # Of M2TS files only the packets tell.
+    # Of M2TS files only the packets are known.
     is '[null,null]' "$(json '[.video, .sound]' info movie.m2ts --json)"
     is '["h264","ac3",100]' "$(json '[.video.codec, .sound.codec, .scan.streams[0].frames]' \
         info movie.m2ts --json --scan)"
@@ -73,7 +73,7 @@ is() {
     is 'golt: standard output: No space left on device' "$output"
 }
 
-@test "tells the figures of sound" {
+@test "prints the figures of audio" {
     ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 44100 -c:a libmp3lame -b:a 160k \
         -write_xing 0 sound.mp3
     ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 22050 -c:a aac sound.m4a
@@ -104,10 +104,10 @@ finds() {
     picture gap.m2ts 4 -bsf:a "setts=ts=TS+gte(N\\,50)*180000" -mpegts_m2ts_mode 1
     picture late.m2ts 2 -output_ts_offset 100 -mpegts_m2ts_mode 1
     cat late.m2ts movie.m2ts >back.m2ts
-    # First all that isn't sound, which has the PID 0x1100, then the sound.
+    # First all that isn't audio, which has the PID 0x1100, then the audio.
     perl -0777 -ne 'for my $f (0, 1) { for (unpack "(a192)*") {
         print if $f == ((unpack("x5n", $_) & 0x1FFF) == 0x1100) } }' movie.m2ts >apart.m2ts
-    # The file ends behind the first packet of a PES packet of sound.
+    # The file ends after the first packet of a PES packet of audio.
     perl -0777 -ne 'for (unpack "(a192)*") {
         print; last if (unpack("x5n", $_) & 0x5FFF) == 0x5100 && ++$starts == 9 }' movie.m2ts >cut.m2ts
     finds movie.mp4
@@ -115,9 +115,9 @@ finds() {
     finds b.mp4 clock-backward clock-late
     finds slow.mp4 clock-late
     finds large.mp4 pes-length
-    finds still.mkv apart time-repeated  # its sound has no clock
+    finds still.mkv apart time-repeated  # its audio has no clock
     finds bare.m2ts no-parameter-sets
-    finds gap.m2ts apart time-jump  # the muxer holds sound back until a packet is full
+    finds gap.m2ts apart time-jump  # the muxer holds audio back until a packet is full
     finds apart.m2ts apart
     finds cut.m2ts cut-frame structure
     json '.' check back.m2ts --json >report
@@ -173,7 +173,7 @@ finds() {
     [ $((${EPOCHREALTIME/./} - start)) -lt $((8 * scanned)) ]
 }
 
-@test "tells errors in JSON too" {
+@test "reports errors in JSON too" {
     is '["golt.error/1",1,"none: No such file or directory"]' \
         "$(json '[.schema, .status, .message]' check none --json)"
     is '["golt.error/1",2]' "$(json '[.schema, .status]' frames movie.mp4 --json --count 0)"

@@ -23,7 +23,7 @@ void seek_around(const char *format, const Bytes &file)
     };
     const std::vector<Frame> plain = read_frames(next);
     driver->destroyDemuxer(demux);
-    source.seek(0, 0);  // where a new demuxer takes it to stand
+    source.seek(0, 0);  // where a new demuxer expects it
     demux = driver->createDemuxer(format, &source, source.size());
     for (const uint32_t time_ms :
          {0u, 30000u, 2000u, 58000u, 57000u, 500u, 45000u, 44900u, 12345u, 33333u}) {

@@ -108,7 +108,7 @@ def unknown_once(request):
 
 @way
 def announced(request):
-    """Ranges that break off, and no length that would tell."""
+    """Ranges that break off, and no length that would show it."""
     request.part(length=False, sent=PIECE)
 
 
@@ -127,7 +127,7 @@ def end(request):
 
 @way
 def shrinks(request):
-    """The second answer tells another size."""
+    """The second answer states another size."""
     size = request.size - request.earlier
     request.part(total=size, last=size - 1, sent=PIECE)
 
@@ -140,7 +140,7 @@ def changes(request):
 
 @way
 def vanishes(request):
-    """The version isn't told again."""
+    """The version isn't sent again."""
     request.part(ETag=None if request.earlier else '"x"', sent=PIECE)
 
 

@@ -554,7 +554,7 @@ TEST(Mp4, ReachesTheLastByteBelow4GiB)
     }
 }
 
-// A host that delivers little at a time and can't seek. Behind the cache a seek succeeds all the same,
+// A host that delivers little at a time and can't seek. After the cache a seek succeeds all the same,
 // and what is read is what merely comes next.
 struct StreamSource : Source {
     using Source::Source;

@@ -43,7 +43,7 @@ WORDS = {"true": "false", "false": "true", "std::min": "std::max", "std::max": "
 # A whole statement that can go: a call, an assignment, a jump.
 STATEMENT = re.compile(r"^\s+(?!return|delete|static_assert|using|constexpr|const |auto |typedef)"
                        r"(break;|continue;|(\*|\+\+|--)?[\w.>\[\]:-]+(\(.*\)|\s*[-+|&^]?=\s.*|\+\+|--);)$")
-# What stands in these isn't the program's: comments, texts, characters.
+# What is in these isn't the program's: comments, texts, characters.
 BLANKED = re.compile(r"//.*|\"(?:\\.|[^\"\\])*\"|'(?:\\.|[^'\\])+'")
 
 
@@ -108,7 +108,7 @@ def build_tests():
 
 
 def own_tests(name):
-    """The filter of the tests of the module that a source belongs to; "" where its name tells none."""
+    """The filter of the tests of the module that a source belongs to; "" where its name gives none."""
     suites = []
     for path in (TREE / "test").glob("*_test.cpp"):
         if path.name[:-len("_test.cpp")] in name:
@@ -140,7 +140,7 @@ def try_change(change, slot, compile_by, link, seconds):
     # Whatever a change leaves unused or makes constant is no mistake of it.
     if subprocess.run(command + ["-w", "-Wno-error"], cwd=BUILD, stderr=subprocess.DEVNULL).returncode != 0:
         return "doesn't compile"
-    # It stands before the library, which then isn't asked for what it defines.
+    # It is linked before the library, which then isn't asked for what it defines.
     command = list(link)
     command[command.index("-o") + 1] = str(program)
     command.insert(command.index("-o"), str(changed))

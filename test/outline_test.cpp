@@ -447,7 +447,7 @@ TEST(ClusterWalk, FindsTheEndAndWhatIsWrong)
     }
 }
 
-// Pictures of 40 ms; each second one stands alone.
+// Pictures of 40 ms; each second one is independent.
 TEST(SyncPoint, IsTheLastKeyPictureBefore)
 {
     Mp4Track video = video_of(8);

@@ -15,7 +15,7 @@ setup_file() {
 setup() { cd "$BATS_TEST_TMPDIR"; }
 
 # golt.abi is what `./dev abi` wrote. Whoever means to change the interface runs it again.
-@test "Keeps the binary interface that golt.abi tells" {
+@test "Keeps the binary interface that golt.abi describes" {
     abidiff "$TOP/golt.abi" "$(readlink -f "$LD_LIBRARY_PATH/libgolt.so")"
 }
 
@@ -58,7 +58,7 @@ CMAKE
     LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
 }
 
-@test "Installs headers each of which stands alone" {
+@test "Installs headers that compile by themselves" {
     local header count=0
     cd "$PREFIX/include/golt"
     for header in *.h pela/*.h; do

@@ -2,7 +2,7 @@
 # What receivers make of the stream: ffmpeg decodes it to the frames of the source at its times, GStreamer finds as
 # many pictures and frames of audio and the same duration, tstools finds nothing to complain of. What was measured is
 # the table in docs/receivers.md: each test makes its row again. `./dev receivers` writes them there.
-# GOLT is the program, with what a foreign machine needs in front of it; TABLE, if set, gets the rows.
+# GOLT is the program, with what a foreign machine needs before it; TABLE, if set, gets the rows.
 
 bats_require_minimum_version 1.5.0
 
@@ -53,7 +53,7 @@ worst() {
 }
 
 # receive NAME FILE VIDEO_PARSER AUDIO_PARSER [LOST]: what receivers make of the stream of the file, as a row of the
-# table. Parsers are GStreamer's, or -. LOST: decoded frames of audio in front that ffmpeg leaves out of one of them.
+# table. Parsers are GStreamer's, or -. LOST: decoded frames of audio at the start that ffmpeg leaves out of one of them.
 receive() {
     local name=$1 file=$2 parsers=("$3" "$4") lost=${5:-0} row kind pictures=0 frames=0 off=0 one gst=() all
     $GOLT remux -q --force "$file" out.ts
@@ -102,7 +102,7 @@ merged() { mkvmerge -q -o a.mkv "$@"; }
 @test "mp4" { $film $stereo $h264 a.mp4 && receive "MP4, AAC" a.mp4 "$h264parse" aacparse; }
 @test "mp4 faststart" {
     $film $stereo $h264 -bf 0 -ar 44100 -movflags +faststart a.mp4
-    receive "MP4, no B pictures, index in front" a.mp4 "$h264parse" aacparse
+    receive "MP4, no B pictures, index first" a.mp4 "$h264parse" aacparse
 }
 @test "mp4 slices" { $film $stereo $h264 -slices 4 a.mp4 && receive "MP4, four slices a picture" a.mp4 "$h264parse" aacparse; }
 @test "mp4 open gop" {
@@ -126,7 +126,7 @@ merged() { mkvmerge -q -o a.mkv "$@"; }
     receive "MP4, audio that starts 544 ms later" a.mp4 "$h264parse" aacparse
 }
 @test "mp4 video only" { $film $h264 a.mp4 && receive "MP4, video alone" a.mp4 "$h264parse" -; }
-@test "mp4 audio only" { $ffmpeg $stereo a.mp4 && receive "MP4, audio alone" a.mp4 - aacparse; }
+@test "mp4 audio only" { $ffmpeg $stereo a.mp4 && receive "MP4, audio only" a.mp4 - aacparse; }
 
 @test "mkv" { $film $stereo $h264 -c:a aac a.mkv && receive "Matroska by ffmpeg, AAC" a.mkv "$h264parse" aacparse; }
 @test "mkv slices" {
@@ -159,7 +159,7 @@ merged() { mkvmerge -q -o a.mkv "$@"; }
     $ffmpeg -stream_loop -1 -i t.mp3 -t 36000 -c copy a.mkv
     $GOLT remux -q a.mkv out.ts
     times out.ts a >out
-    # 576 samples of 8000 Hz a frame; the file tells none of that.
+    # 576 samples of 8000 Hz a frame; the file states none of that.
     awk 'NR == 1 { first = $1 } { d = ($1 - first - (NR - 1) * 0.072) * 1000; if (d > 0.02 || d < -0.02) exit 1 }
         END { exit NR < 499000 }' out
 }

@@ -78,7 +78,7 @@ TEST(Psi, StandsInFrontOfTheFirstFrame)
         {GOLT_VCODEC_MPEG2, GOLT_ACODEC_MP3,
          "02B0170001C10000E100F00002E100F00003E101F000F64A0355"},
         {GOLT_CODEC_NONE, GOLT_ACODEC_MP3, "02B0120001C10000E101F00003E101F0008DFF3411"},
-        // A codec that is none of sound: private data.
+        // A codec that isn't for audio: private data.
         {GOLT_VCODEC_H264, GOLT_VCODEC_H264, "02B0170001C10000E100F0001BE100F00006E101F000"},
     };
     for (const auto &row : rows) {
@@ -236,7 +236,7 @@ TEST(Pes, StuffsTheLastPacketInFront)
 {
     const struct {
         size_t size;
-        const char *head;  // of the last packet, behind its PID
+        const char *head;  // of the last packet, after its PID
     } rows[] = {
         {162, "300710"},
         {161, "300810000000007E00FF000001"},

@@ -81,7 +81,7 @@ TEST(Stage, DecodesPicturesInTheOrderInWhichTheyCome)
     }
 }
 
-// The SPS tells that none are reordered. One comes too late for that, and those behind it are waited for.
+// The SPS states that none are reordered. One comes too late for that, and those after it are waited for.
 TEST(Stage, LearnsThatPicturesAreReorderedFarther)
 {
     Staged out(GOLT_VCODEC_H264, GOLT_CODEC_NONE);
@@ -113,7 +113,7 @@ TEST(Stage, PutsParameterSetsOnceBeforeEachKeyPicture)
         {"no key picture", p, AUD + p, false},
         {"without them", idr, AUD + sets + idr, true},
         {"before each slice", sets + idr + sets + second, AUD + sets + idr + second, true},
-        {"behind SEI", sei + sets + idr, AUD + sets + sei + idr, true},
+        {"after SEI", sei + sets + idr, AUD + sets + sei + idr, true},
         {"recovery point", recovery + p, AUD + sets + recovery + p, true},
         {"with a delimiter of its own", unit(hex("0910")) + idr, unit(hex("0910")) + sets + idr,
          true},
@@ -121,7 +121,7 @@ TEST(Stage, PutsParameterSetsOnceBeforeEachKeyPicture)
          AUD + sets + idr + hex("0000") + second, true},
         {"a new one between slices", idr + other_pps + second,
          AUD + sets + idr + other_pps + second, true},
-        {"a new one in front", sps + other_pps + idr, AUD + sps + other_pps + idr, true},
+        {"a new one first", sps + other_pps + idr, AUD + sps + other_pps + idr, true},
     };
     Staged out(GOLT_VCODEC_H264, GOLT_CODEC_NONE);
     uint64_t time_ms = 0;

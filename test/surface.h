@@ -1,4 +1,4 @@
-/* All that the shared object exports, as it was promised to hosts, told once more: for the program in C
+/* All that the shared object exports, as it was promised to hosts, repeated here: for the program in C
    that calls it, and for the unit tests, where another declaration in a public header would be an error. */
 
 #ifndef GOLT_TEST_SURFACE_H

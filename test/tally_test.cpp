@@ -116,7 +116,7 @@ TEST(Tally, PassesFromTheTimeWanted)
     EXPECT_EQ(tally.passed(), 3u);
 }
 
-// Its frames all have the time of the first; what passes begins where the samples tell.
+// Its frames all have the time of the first; what passes begins where the samples say.
 TEST(Tally, GivesAudioWithoutAClockTheTimeOfItsStart)
 {
     Sink sink;

@@ -12,7 +12,7 @@
 #include "heap.h"
 #include "source.h"
 
-// What happens is told on the standard output, between the messages of the cache: "r65536=100 " is
+// What happens is printed to the standard output, between the messages of the cache: "r65536=100 " is
 // a read of the host and its result, "R " one that filled a whole buffer, "s65536 " a seek of the
 // host, "z10 " a sleep, which takes no time here, ">100 " the result of a read of the cache and
 // "!-1 " that of a seek that failed.
@@ -41,7 +41,7 @@ const Bytes file = pattern(ALL, 1);
 struct TellingHost : public Source {
     std::function<int()> afterwards = [] { return ALL; };  // the script; no lies
     int end = ALL;
-    uint8_t *rest = nullptr;  // where the next byte of the last read would stand
+    uint8_t *rest = nullptr;  // where the next byte of the last read would be
 
     int read(uint8_t *buffer, int room) override
     {

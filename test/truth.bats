@@ -59,7 +59,7 @@ hole() {
         conv=notrunc status=none
 }
 
-@test "tells whole files from cut and from damaged ones" {
+@test "distinguishes whole files from cut and from damaged ones" {
     make_files
     local file percent expected
     for file in $mp4 $matroska $mp3 av.m2ts; do

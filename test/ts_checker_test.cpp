@@ -17,8 +17,8 @@ Bytes packet(const std::string &front, const Bytes &back = {})
     return out + back;
 }
 
-// 0 to 6 are a sound stream: PAT, PMT, three packets of video, the last without payload, sound, and
-// the PAT again. The highest PCR extension is 299. Behind them a PAT on the PMT's PID, a sound that
+// 0 to 6 are a valid stream: PAT, PMT, three packets of video, the last without payload, audio, and
+// the PAT again. The highest PCR extension is 299. After them a PAT on the PMT's PID, an audio packet that
 // is too short, and a piece of a packet.
 const std::vector<Bytes> PACKETS = {
     packet("4740001F 00 00B00D0001C1000000 01EFFF3690E23D"),
@@ -63,7 +63,7 @@ TEST(TsChecker, FindsAFault)
         {"040300", "has no content"}, {"060311", "counter jumps"},   {"040321", "counter jumps"},
         {"0404B6", "fit the packet"}, {"0504B7", "fit the packet"},  {"020B2C", "300 or more"},
         {"040502", "unexpected"},     {"040600", "wrong stuffing"},  {"020406", "for its flags"},
-        {"0604B8", "fit its packet"}, {"060100", "fit its packet"},  {"066300", "bytes behind"},
+        {"0604B8", "fit its packet"}, {"060100", "fit its packet"},  {"066300", "bytes after"},
         {"060902", "wrong CRC_32"},   {"020E02", "start_code"},      {"021163", "packet_length"},
         {"054A00", "packet_length"},  {"021200", "flags of a PES"},  {"021340", "flags of a PES"},
         {"021404", "is too small"},   {"021406", "fields of a PES"}, {"021531", "wrong prefix"},
@@ -74,7 +74,7 @@ TEST(TsChecker, FindsAFault)
     const Row orders[] = {
         {"01233356", "counter jumps"},   {"07", "section's header"},
         {"10", "comes before the PAT"},  {"0", "or PMT is missing"},
-        {"021", "no PMT has announced"}, {"013", "in front of"},
+        {"021", "no PMT has announced"}, {"013", "payload before"},
         {"018", "shorter than its"},     {"01234569", "packet is cut short"},
     };
     for (const Row &row : orders)

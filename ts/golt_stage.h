@@ -1,10 +1,10 @@
-// A stage between libgolt and the sink of a host. The library's transport stream is exact, but bare: it has no DTS,
-// its clock follows the times of presentation, and its tables come by the packet. The stage takes its packets and
-// gives on a stream that every receiver takes (ISO/IEC 13818-1): with DTS, a clock that only rises, tables every
-// 100 ms, parameter sets and access unit delimiters where they belong.
+// A stage between libgolt and the sink of a host. The library's transport stream is exact, but minimal: it has no
+// DTS, its clock follows the presentation times, and its tables come after a fixed number of packets. The stage
+// takes its packets and writes a stream that every receiver accepts (ISO/IEC 13818-1): with DTS, a clock that only
+// rises, tables every 100 ms, parameter sets and access unit delimiters where they belong.
 //
-// It depends on nothing, libgolt included. It starts no thread and throws nothing; its memory is bounded, and once
-// it runs it allocates nothing.
+// It depends on nothing, not even on libgolt. It starts no thread and throws nothing; its memory is bounded, and
+// after the start of a stream it allocates nothing.
 
 #ifndef GOLT_STAGE_H
 #define GOLT_STAGE_H
@@ -14,9 +14,9 @@
 
 namespace golt {
 
-/// What a host may know of a stream beyond the packets. All of it may be left out.
+/// What a host may know about a stream beyond its packets. Each field is optional.
 struct StreamHints {
-    /// Added to all times of the stream; ticks of 90 kHz. Where an edit list moves a track.
+    /// Added to all times of the stream, for a track that an edit list moves; ticks of 90 kHz.
     int64_t offset = 0;
     /// AVCDecoderConfigurationRecord (ISO/IEC 14496-15) or AudioSpecificConfig (ISO/IEC 14496-3). Copied as far as
     /// it is needed.
@@ -24,17 +24,17 @@ struct StreamHints {
     size_t config_size = 0;
 };
 
-/// Whether a file tells how long each frame lasts.
+/// Whether a file states how long each frame lasts.
 enum class Durations : uint8_t {
-    UNKNOWN,  ///< frames of audio that all have the same time are taken to come one after the other
-    TOLD,     ///< each time is the file's own
+    UNKNOWN,   ///< audio frames that all have the same time are taken to follow one another
+    TOLD,      ///< each time is the file's own
     NOT_TOLD,  ///< the times follow from the frames themselves
 };
 
 enum class StageMode : uint8_t {
     BY_FIRST_PACKET,  ///< REMUX if the first packet is libgolt's own PAT, else PASS
     REMUX,
-    PASS,  ///< all bytes pass as they are: packets that were ready-made in the file
+    PASS,  ///< all bytes pass unchanged: the file already consists of packets
 };
 
 struct StageHints {
@@ -44,7 +44,7 @@ struct StageHints {
     Durations audio_durations = Durations::UNKNOWN;
 };
 
-/// What a stage has done, and what it couldn't mend.
+/// What a stage has done, and what it couldn't correct.
 struct StageCounts {
     uint64_t packets_in = 0;
     uint64_t bytes_out = 0;  ///< given to the sink
@@ -55,21 +55,21 @@ struct StageCounts {
     uint64_t late = 0;       ///< PES packets that come after the clock has reached them
     int64_t worst_late = 0;  ///< ticks of 90 kHz by which the worst of them missed its lead
     uint64_t misordered =
-        0;  ///< pictures that are to be shown before ones that were to be decoded by then
+        0;  ///< pictures with a time of presentation before their time of decoding
     uint64_t untimed_audio = 0;  ///< PES packets of audio whose time can't be known
     uint64_t dropped = 0;        ///< packets that belong to nothing
-    bool f_no_memory = false;  ///< some could not be had; the start of the stream may be less exact
+    bool f_no_memory = false;    ///< memory was short; the start of the stream may be less exact
 };
 
 /// The stage. One for each stream that is written.
 class Stage {
 public:
-    /// Takes whole packets; packets is the stage's and stays only during the call. False: could not be written.
+    /// Takes whole packets; they belong to the stage and are valid only during the call. False: not written.
     typedef bool (*Write)(void *handle, const uint8_t *packets, size_t size);
 
-    /// sink, handle: where the packets go; many at once.
+    /// sink, handle: where the packets go, many in one call.
     Stage(Write sink, void *handle, const StageHints &hints = {});
-    /// Gives on nothing more: call finish before.
+    /// Writes nothing more: call finish before.
     ~Stage();
     Stage(const Stage &) = delete;
     Stage &operator=(const Stage &) = delete;
@@ -79,15 +79,15 @@ public:
     /// Takes size bytes, which are packets of 188 bytes as the library writes them. False after a write to the sink
     /// has failed: from then on everything is dropped.
     bool write(const uint8_t *packets, size_t size);
-    /// Gives the sink what is ready. A host that sends live may call it as often as it likes; of the PES packet that
-    /// came last, and of the first pictures, which are needed for the times, more may be held back.
+    /// Writes what is ready to the sink. A host that sends live may call it as often as it likes. Parts of the last
+    /// PES packet, and of the first pictures, which are needed for the times, may still be held back.
     bool flush();
-    /// Tells that the stream ends, or that a pause follows: all that has come goes to the sink.
+    /// To be called when the stream ends, or when a pause follows: all that has come goes to the sink.
     bool finish();
 
     StageCounts counts() const;
-    /// Ticks of 90 kHz by which all times were moved, once the first packets have been given on: at least one
-    /// second, so that no time falls below zero; the same for all streams unless that is too little.
+    /// Ticks of 90 kHz by which all times were moved; known once the first packets have been written. At least one
+    /// second, so that no time is below zero, and more only if that is too little.
     int64_t shift() const;
 
 private:
@@ -95,7 +95,7 @@ private:
     State *m_state;
 };
 
-/// The stage as a Listener of a muxer, in front of another one:
+/// The stage as a Listener of a muxer, before another one:
 ///
 ///     golt::StageListener<PELA::AVMuxer::Listener> stage(output);
 ///     ... driver->createMuxer(PELA::CONTAINER_TS, demuxer, &stage, false) ...
@@ -121,7 +121,7 @@ public:
 private:
     static bool pass_on(void *output, const uint8_t *packets, size_t size)
     {
-        // A Listener may not change what it gets, though its parameter doesn't say so.
+        // A Listener must not change the packets, although its parameter would allow it.
         return static_cast<Listener *>(output)->write(const_cast<uint8_t *>(packets),
                                                       static_cast<int>(size)) >= 0;
     }

@@ -197,7 +197,7 @@ void Stage::State::hold(const uint8_t *packet, LaneIndex lane, const Payload &pa
     if (may_go_on()) end_hold();
 }
 
-// How many pictures there have to be stands in the first one.
+// The first picture states how many there have to be.
 void Stage::State::look_for_depth(const Payload &payload, const UnitStart *start)
 {
     if (m_pictures_held > 1) {

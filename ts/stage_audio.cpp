@@ -66,7 +66,7 @@ bool read_ac3(const uint8_t *bytes, FrameHead &head)
         return true;
     }
     if (bsid > 16) return false;
-    // E-AC-3. Of the independent streams the first tells the time; the others and the dependent ones go with it.
+    // E-AC-3. The first of the independent streams gives the time; the others and the dependent ones go with it.
     static const uint32_t blocks[4] = {1, 2, 3, 6};
     const unsigned type = bytes[2] >> 6, substream = bytes[2] >> 3 & 7u, low = bytes[4] >> 4 & 3u;
     if (type == 3 || (code == 3 && low == 3)) return false;
@@ -77,7 +77,7 @@ bool read_ac3(const uint8_t *bytes, FrameHead &head)
     return true;
 }
 
-// Reads the bits of a configuration; behind its end there are only zeros.
+// Reads the bits of a configuration; after its end there are only zeros.
 class ConfigBits {
 public:
     ConfigBits(const uint8_t *bytes, size_t size)
@@ -109,7 +109,7 @@ uint32_t read_object_type(ConfigBits &in)
     return type == 31 ? 32 + in.bits(6) : type;
 }
 
-// Returns the index of a rate that stands there as a number, too; 15 where it has none.
+// Returns the index of a rate that is there as a number, too; 15 where it has none.
 uint32_t read_frequency(ConfigBits &in)
 {
     const uint32_t index = in.bits(4);
@@ -151,7 +151,7 @@ AacConfig read_aac_config(const uint8_t *config, size_t size)
             static_cast<uint8_t>(channels), f_short_frames ? 960u : 1024u};
 }
 
-// Channels that the frames themselves tell are left as they are.
+// Channels that the frames themselves state are left as they are.
 void correct_adts(uint8_t *header, const AacConfig &config)
 {
     const unsigned before = (header[2] & 1u) << 2 | header[3] >> 6;
@@ -192,7 +192,7 @@ void FrameWalk::add_more(const uint8_t *bytes, size_t size)
     }
 }
 
-// Behind what is no header, or tells no size, nothing can be found.
+// After what is no header, or states no size, nothing can be found.
 void FrameWalk::take_head(const uint8_t *bytes)
 {
     FrameHead head;

@@ -1,5 +1,5 @@
 // What the stage has to know of audio: how long the frames of a PES packet last, by their headers, and what an ADTS
-// header should tell. AAC is ISO/IEC 14496-3, MPEG audio 11172-3 and 13818-3, AC-3 and E-AC-3 ATSC A/52.
+// header should state. AAC is ISO/IEC 14496-3, MPEG audio 11172-3 and 13818-3, AC-3 and E-AC-3 ATSC A/52.
 
 #ifndef GOLT_STAGE_AUDIO_H
 #define GOLT_STAGE_AUDIO_H
@@ -11,7 +11,7 @@ namespace golt {
 
 enum class AudioCodec : uint8_t { NONE, MPEG, AAC, AC3 };
 
-/// What a frame's header tells. size: bytes; 0 where it can't be told. samples: 0 for a frame that belongs to the
+/// What a frame's header states. size: bytes; 0 where it isn't known. samples: 0 for a frame that belongs to the
 /// one before.
 struct FrameHead {
     uint32_t size = 0;
@@ -24,7 +24,7 @@ constexpr size_t FRAME_HEAD_SIZE = 8;
 /// bytes: FRAME_HEAD_SIZE. False: that is no header.
 bool read_frame_head(AudioCodec codec, const uint8_t *bytes, FrameHead &head);
 
-/// What an AudioSpecificConfig tells of the frames that it describes.
+/// What an AudioSpecificConfig states about the frames that it describes.
 struct AacConfig {
     bool is_known = false;
     uint8_t profile = 0;          ///< of ADTS: audio object type - 1
@@ -33,7 +33,7 @@ struct AacConfig {
     uint32_t samples = 1024;      ///< of a frame
 };
 
-/// Of what ADTS can't tell, nothing is known.
+/// What ADTS can't express isn't known.
 AacConfig read_aac_config(const uint8_t *config, size_t size);
 
 constexpr size_t ADTS_SIZE = 7;

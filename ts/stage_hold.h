@@ -19,7 +19,7 @@ public:
     /// False: there is no memory, or too much is held already.
     bool add(const uint8_t *packet);
     bool is_empty() const { return m_first == nullptr; }
-    /// Shows the packets in their order and gives each block back behind its last one.
+    /// Shows the packets in their order and gives each block back after its last one.
     template <typename Take> void release(Take take)
     {
         while (m_first != nullptr) {

@@ -22,7 +22,7 @@ constexpr size_t PES_HEAD = 9;       // without times
 constexpr size_t PES_LENGTH_AT = 4;  // in it
 
 constexpr uint8_t ALIGNED = 0x04;  // data_alignment_indicator: an access unit begins here
-constexpr uint32_t PTS_ALONE = 2, PTS_AND_DTS = 3, DTS_BEHIND = 1;  // what stands before times
+constexpr uint32_t PTS_ALONE = 2, PTS_AND_DTS = 3, DTS_BEHIND = 1;  // what is before times
 
 void put_be16(uint8_t *to, uint32_t value)
 {
@@ -40,7 +40,7 @@ void put_pcr(uint8_t *to, int64_t pcr)
     to[5] = 0;
 }
 
-// 3, 15 and 15 bits behind a prefix of 4, each with a marker bit behind it.
+// 3, 15 and 15 bits after a prefix of 4, each with a marker bit after it.
 void put_time(uint8_t *to, uint32_t prefix, int64_t time)
 {
     const auto ticks = static_cast<uint64_t>(time);

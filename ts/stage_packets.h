@@ -21,7 +21,7 @@ struct OutPid {
     uint8_t counter = 15;  // continuity_counter of the last packet with a payload
 };
 
-/// What stands before the first byte of a PES packet's payload. Times: ticks of 90 kHz or NO_TIME.
+/// What is before the first byte of a PES packet's payload. Times: ticks of 90 kHz or NO_TIME.
 struct PesStart {
     uint8_t stream_id = 0;
     int64_t pts = NO_TIME;
@@ -54,7 +54,7 @@ public:
 
     /// Between the begin of a PES packet and end_pes only append, align and copy may be called.
     void begin_pes(OutPid &to, const PesStart &start);
-    /// Begins it with a packet of the library, in which a PES header with a PTS alone stands at pes_at, behind an
+    /// Begins it with a packet of the library, in which a PES header with only a PTS is at pes_at, after an
     /// adaptation field with a PCR. Returns its payload as it is written.
     uint8_t *begin_copied_pes(OutPid &to, const uint8_t *packet, size_t pes_at,
                               const PesStart &start);
@@ -82,7 +82,7 @@ public:
         memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
     }
     void end_pes();
-    /// Bytes of it behind its length.
+    /// Bytes of it after its length.
     uint64_t pes_size() const { return m_pes_size; }
 
     /// Bytes that pass outside of any packet that is written here.
@@ -92,7 +92,7 @@ public:
 
 private:
     static constexpr size_t PES_UNCOUNTED = 6;  // bytes up to the end of PES_packet_length
-    // What a write takes at once. A PES packet of which the length can be told fits behind it: it begins where less
+    // What a write takes at once. A PES packet whose length can be stated fits after it: it begins where less
     // than that is held.
     static constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
     static constexpr size_t CAPACITY =
@@ -105,7 +105,7 @@ private:
     void next_pes_of_unit();
     void stuff();
     void close_pes();
-    // For one packet behind those that are held. No packet is open then.
+    // For one packet after those that are held. No packet is open then.
     void make_room()
     {
         if (CAPACITY - m_held < TS_SIZE) give(m_held);
@@ -120,15 +120,15 @@ private:
     uint64_t m_bytes_out = 0;
 
     uint8_t *m_buffer = nullptr;
-    size_t m_held = 0;        // bytes of finished packets in front of the one that is open
+    size_t m_held = 0;        // bytes of finished packets before the one that is open
     size_t m_fill = 0;        // bytes of the open one; 0: none is
     size_t m_adaptation = 0;  // of them in its adaptation field
 
     OutPid *m_to = nullptr;     // of the PES packet that is open
-    size_t m_pes_begin = 0;     // where its first packet stands
-    size_t m_pes_at = 0;        // where its length stands
+    size_t m_pes_begin = 0;     // where its first packet is
+    size_t m_pes_at = 0;        // where its length is
     bool m_f_pes_here = false;  // both are still in the buffer
-    uint64_t m_pes_size = 0;    // bytes behind its length
+    uint64_t m_pes_size = 0;    // bytes after its length
     PesStart m_start;
 };
 

@@ -7,7 +7,7 @@ namespace golt {
 namespace {
 
 constexpr size_t COUNTER_AT = 3;  // of a packet
-constexpr size_t SECTION_AT = 5;  // behind pointer_field
+constexpr size_t SECTION_AT = 5;  // after pointer_field
 constexpr size_t ENTRIES_AT = 12, ENTRY_HEAD = 5;
 constexpr size_t CRC_SIZE = 4;
 constexpr size_t VERSION_AT = 5;

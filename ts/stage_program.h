@@ -17,9 +17,9 @@ bool is_library_pat(const uint8_t *packet);
 
 class Program {
 public:
-    /// Takes a packet of the library's PMT. What isn't sound is passed over.
+    /// Takes a packet of the library's PMT. What isn't valid is passed over.
     void take_pmt(const uint8_t *packet);
-    /// Tells that there are packets of audio: the library's PMT lists it always.
+    /// Notes that there are packets of audio: the library's PMT lists it always.
     void note_audio()
     {
         m_f_changed = m_f_changed || !m_f_audio_seen;

@@ -1,4 +1,4 @@
-// The part of a sequence parameter set that tells how far pictures are reordered.
+// The part of a sequence parameter set that states how far pictures are reordered.
 
 #include <algorithm>
 #include <iterator>
@@ -9,7 +9,7 @@ namespace golt {
 
 namespace {
 
-// Reads bits of a NAL unit, without its emulation prevention bytes. Behind its end there are only zeros, and a flag
+// Reads bits of a NAL unit, without its emulation prevention bytes. After its end there are only zeros, and a flag
 // is set.
 class UnitBits {
 public:

@@ -129,7 +129,7 @@ struct Stage::State {
 
     ClockBound m_bound;
     bool m_f_clock_begun = false;   // its first PCR has been written
-    bool m_f_clock_jumps = false;   // the next PCR is the first one behind a jump
+    bool m_f_clock_jumps = false;   // the next PCR is the first one after a jump
     int64_t m_pcr = 0;              // the last one
     int64_t m_tables_at = NO_TIME;  // by the clock
     int64_t m_shift = 0;

@@ -13,7 +13,7 @@ constexpr int64_t USUAL_STEP = 40 * TICKS_PER_MS;
 
 }  // namespace
 
-// In front of the first picture that is shown stand as many times as pictures can be decoded before it.
+// Before the first picture that is shown there are as many times as pictures can be decoded before it.
 int64_t DecodeTimes::begin(size_t depth, int64_t *times, size_t count, int64_t lowest)
 {
     set_depth(depth);

@@ -41,11 +41,11 @@ private:
 class AudioTimes {
 public:
     void begin() { *this = AudioTimes(); }
-    /// The time of the next PES packet, for which the file tells one.
+    /// The time of the next PES packet, for which the file states one.
     int64_t next(int64_t told, Durations durations);
     /// What the one that came last has in it.
     void add(uint64_t samples, uint32_t rate);
-    /// Whether next would have to guess: the file tells nothing, and the one that came last had no length.
+    /// Whether next would have to guess: the file states nothing, and the one that came last had no length.
     bool is_lost(int64_t told, Durations durations) const;
     /// Whether the file's time doesn't move.
     bool stands_still(int64_t told, Durations durations) const;
@@ -72,7 +72,7 @@ public:
     static constexpr int64_t FIRST_LEAD = 300 * TICKS_PER_MS;
 
     void begin() { *this = ClockBound(); }
-    /// lane: 0 or 1. Tells that a PES packet is decoded at dts, and returns how far the clock may go now.
+    /// lane: 0 or 1. Notes that a PES packet is decoded at dts, and returns how far the clock may go now.
     int64_t add(size_t lane, int64_t dts, bool f_other_expected);
 
 private:

@@ -13,7 +13,7 @@ constexpr int64_t PCR_STEP = 40 * TICKS_PER_MS;
 constexpr int64_t TABLES_STEP = 100 * TICKS_PER_MS;
 // Where several times are the same, or rounded.
 constexpr int64_t SAME_TIME = 2 * TICKS_PER_MS;
-// Packets of a picture behind which it is cheaper to fill one up than to move the bytes of all that follow.
+// Packets of a picture after which it is cheaper to fill one up than to move the bytes of all that follow.
 constexpr unsigned PACKETS_MOVED = 16;
 
 }  // namespace
@@ -165,7 +165,7 @@ void Stage::State::order_picture(PesStart &start)
     int64_t dts = m_decode.next(pts);
     if (dts > pts && dts - pts <= SAME_TIME) pts = dts;
     if (dts > pts) {
-        // It is reordered farther than its parameter sets tell; those behind it may be, too.
+        // It is reordered farther than its parameter sets state; those after it may be, too.
         ++m_counts.misordered;
         m_decode.set_depth(m_decode.depth() + 1);
         dts = pts;
@@ -175,7 +175,7 @@ void Stage::State::order_picture(PesStart &start)
     start.dts = written(dts);
 }
 
-// An access unit delimiter in front, and in front of a key picture the parameter sets, each once.
+// An access unit delimiter first, and before a key picture the parameter sets, each once.
 void Stage::State::put_head()
 {
     static const uint8_t delimiter[] = {0, 0, 0, 1, nal::DELIMITER, 0xF0};  // any kind of slices
@@ -203,7 +203,7 @@ void Stage::State::put_head()
     }
     m_writer.append(bytes + done, m_head.body() - done);
 
-    // Where they stand in front of the first slice they may stand in front of others, too.
+    // Where they are before the first slice they may be before others, too.
     if (has_own_sets) {
         enter(Phase::FILTERED_SLICES);
         m_filter.begin();

@@ -11,7 +11,7 @@ constexpr size_t START_CODE = 3;
 constexpr uint8_t TYPE_MASK = 0x1F;  // nal_unit_type
 constexpr uint8_t MPEG2_LAST_SLICE = 0xAF, MPEG2_SEQUENCE = 0xB3, MPEG2_EXTENSION = 0xB5;
 
-// ue(v) at the front of the unit's bytes; sets with numbers that take more than these bytes are not sound.
+// ue(v) at the front of the unit's bytes; sets with numbers that take more than these bytes are not valid.
 uint32_t number_of_set(const uint8_t *unit, size_t size)
 {
     const size_t at = (unit[0] & TYPE_MASK) == nal::SPS ? 4 : 1;
@@ -31,7 +31,7 @@ size_t without_zeros(const uint8_t *bytes, size_t from, size_t to)
     return to;
 }
 
-// Of the first start code at or behind from: its three bytes and the one behind it lie before size. size: none.
+// Of the first start code at or after from: its three bytes and the one after it lie before size. size: none.
 size_t find_code(const uint8_t *bytes, size_t from, size_t size)
 {
     while (from + START_CODE < size) {
@@ -173,7 +173,7 @@ int PictureHead::mpeg2_depth() const
     return depth;
 }
 
-// Of the unit behind the start code. False: with it the head ends.
+// Of the unit after the start code. False: with it the head ends.
 bool PictureHead::add_unit(size_t code_at)
 {
     const uint8_t first = m_bytes[code_at + START_CODE];
@@ -244,7 +244,7 @@ void SetFilter::add(const uint8_t *bytes, size_t size)
     for (size_t from = 0;;) {
         const size_t code = find_code(piece, from, end);
         if (code == end) break;
-        // The zero byte in front of a start code belongs to it.
+        // The zero byte before a start code belongs to it.
         const size_t start = code > done && piece[code - 1] == 0 ? code - 1 : code;
         put(piece + done, start - done);
         end_unit();

@@ -17,7 +17,7 @@ constexpr uint8_t SLICE = 1, IDR = 5, SEI = 6, SPS = 7, PPS = 8, DELIMITER = 9;
 }
 
 /// By how many pictures one can be delayed until it is shown (max_num_reorder_frames), by its SPS: a NAL unit. Where
-/// the SPS doesn't tell it, what its profile, level and size allow. -1: the SPS can't be read.
+/// the SPS doesn't state it, what its profile, level and size allow. -1: the SPS can't be read.
 int reorder_depth_of(const uint8_t *sps, size_t size);
 
 /// The parameter sets that are in force, a NAL unit each, without start codes.
@@ -58,7 +58,7 @@ private:
     int m_depth = -1;
 };
 
-/// Gathers a picture up to where its first slice begins, and tells what stands there.
+/// Gathers a picture up to where its first slice begins, and reports what is there.
 class PictureHead {
 public:
     static constexpr size_t MOST_BYTES = 16 * 1024;
@@ -67,14 +67,14 @@ public:
     struct Unit {
         size_t start;  ///< of its start code
         size_t at;     ///< of its first byte
-        size_t end;    ///< without the zero bytes behind it
+        size_t end;    ///< without the zero bytes after it
         uint8_t type;  ///< nal_unit_type, or the start code's value
     };
 
     void begin(VideoCodec codec);
     /// Takes the next bytes, TS_SIZE at most. True once the first slice has begun, or there is no room for more.
     bool add(const uint8_t *bytes, size_t size);
-    /// Tells that the picture has no more bytes.
+    /// To be called when the picture has no more bytes.
     void end() { close(m_size); }
 
     bool is_complete() const { return m_f_complete; }
@@ -82,7 +82,7 @@ public:
     size_t size() const { return m_size; }  ///< bytes that were taken
     size_t count() const { return m_count; }
     const Unit &unit(size_t index) const { return m_units[index]; }
-    /// Where the units end that count() tells of; behind it begins the first slice.
+    /// Where the units that count() counts end; after it begins the first slice.
     size_t body() const { return m_body; }
 
     /// Whether decoding can begin with this picture: IDR, recovery point, or sequence header.
@@ -107,7 +107,7 @@ private:
     bool m_f_complete = false;
 };
 
-/// Leaves out of the slices of a key picture the parameter sets that stand between them and are in force already.
+/// Leaves out of the slices of a key picture the parameter sets that are between them and are in force already.
 class SetFilter {
 public:
     typedef void (*Put)(void *handle, const uint8_t *bytes, size_t size);

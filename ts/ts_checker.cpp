@@ -15,7 +15,7 @@ constexpr uint64_t EXTENSIONS = PCR_PER_TICK;  // values of program_clock_refere
 constexpr size_t CRC_SIZE = 4;
 constexpr uint64_t PES_START = 1;     // packet_start_code_prefix
 constexpr size_t PES_FIXED_SIZE = 9;  // up to PES_header_data_length
-constexpr size_t PES_LENGTH_END = 6;  // behind it the bytes that PES_packet_length counts
+constexpr size_t PES_LENGTH_END = 6;  // after it the bytes that PES_packet_length counts
 
 uint32_t crc_of(const uint8_t *bytes, size_t size);
 size_t missing_header(const Bytes &header);
@@ -147,7 +147,7 @@ void TsChecker::read_section(PidState &state, bool f_start, ByteView in)
     const uint64_t head = in.get(3);  // up to section_length
     ByteView body = in.take(head & 0x3FF);
     if (!f_start || in.f_short) return note_unusual("a section doesn't fit its packet");
-    if (!in.is_stuffing()) note_unusual("bytes behind the section");
+    if (!in.is_stuffing()) note_unusual("bytes after the section");
     section.left -= in.left;
     // Over a section with its own CRC_32 it is 0.
     if (crc_of(section.at, section.left) != 0) return complain("wrong CRC_32");
@@ -155,7 +155,7 @@ void TsChecker::read_section(PidState &state, bool f_start, ByteView in)
     const bool f_pat = m_pid == PID_PAT;
     const uint64_t id = body.get(2), version = body.get(1), numbers = body.get(2);
     ByteView entries = body.take(body.left - CRC_SIZE);
-    // table_id; section_syntax_indicator 1, then 0; 0 in front of the 10 bits of section_length;
+    // table_id; section_syntax_indicator 1, then 0; 0 before the 10 bits of section_length;
     // current_next_indicator 1; section_number and last_section_number 0.
     const uint64_t expected = f_pat ? 0x008000 : 0x028000;
     if ((head & 0xFFCC00) != expected || (version & 1) == 0 || numbers != 0 || body.f_short)
@@ -215,7 +215,7 @@ void TsChecker::add_to_pes(PidState &state, bool f_start, ByteView in)
         m_events.on_pes_start(m_pid);
         if (std::exchange(state.f_lacks_pcr, false) && !m_pcr) note_unusual("PCR_PID without PCR");
     }
-    if (!state.f_open) return note_unusual("payload in front of the start of a PES packet");
+    if (!state.f_open) return note_unusual("payload before the start of a PES packet");
 
     state.total += in.left;
     for (size_t missing = 0; (missing = missing_header(state.header)) > 0 && in.left > 0;) {
@@ -281,7 +281,7 @@ uint32_t crc_of(const uint8_t *bytes, size_t size)
     return crc;
 }
 
-// Bytes of a PES header that are still to come, as far as what has come tells.
+// Bytes of a PES header that are still to come, as far as what has come shows.
 size_t missing_header(const Bytes &header)
 {
     if (header.size() < PES_FIXED_SIZE) return PES_FIXED_SIZE - header.size();

@@ -6,7 +6,7 @@
 // fields, sections and PES headers that contradict themselves, wrong CRCs, tables and PES packets
 // that come before what announces them, and PES lengths that aren't kept.
 //
-// What a remuxer has no use for counts as a problem too, sound or not, and is marked as that:
+// What a remuxer has no use for counts as a problem too, valid or not, and is marked as that:
 // scrambling, tables that change or take more than a packet, a NIT, any field of adaptation fields
 // but the PCR and of PES headers but PTS, DTS and an extension, a repeated packet with another PCR,
 // a clock that doesn't start with its PES packets, streams without PES header.
@@ -35,9 +35,9 @@ struct TsPes {
     uint8_t stream_id = 0;
     std::optional<uint64_t> pts;  ///< 90 kHz
     std::optional<uint64_t> pcr;  ///< of the packet in which it starts, 27 MHz
-    Bytes payload;                ///< behind the header; check_ts alone fills it in
+    Bytes payload;                ///< after the header; check_ts alone fills it in
     uint64_t payload_size = 0;
-    uint64_t size = 0;          ///< bytes behind PES_packet_length
+    uint64_t size = 0;          ///< bytes after PES_packet_length
     uint16_t length = 0;        ///< PES_packet_length
     uint64_t first_packet = 0;  ///< in which it starts
 };
@@ -72,9 +72,9 @@ public:
 
     /// Takes the next bytes of the stream, in pieces of any size.
     void feed(const uint8_t *bytes, size_t size);
-    /// Tells that all PES packets begun are whole; without it they end where others start.
+    /// Declares all PES packets begun whole; without it they end where others start.
     void end_pes();
-    /// Tells that the stream ends.
+    /// To be called when the stream ends.
     void finish();
 
 private:

@@ -38,7 +38,7 @@ constexpr struct {
     {0x81, Codec::AC3},        {0x84, Codec::EAC3},       {0x87, Codec::EAC3},
 };
 
-// Names of nal_unit_type 0 to 12; the numbers of others are told.
+// Names of nal_unit_type 0 to 12; others are printed as numbers.
 constexpr const char *NAL_NAMES[] = {"0",       "slice", "slice-A", "slice-B", "slice-C",
                                      "IDR",     "SEI",   "SPS",     "PPS",     "AUD",
                                      "end-seq", "end",   "filler"};

@@ -1,5 +1,5 @@
 // What is in the frames of elementary streams, as far as a person who looks for a fault wants to
-// know it: the kinds of NAL units, and the figures of sound headers.
+// know it: the kinds of NAL units, and the figures of audio headers.
 
 #ifndef TS_TS_ELEMENTARY_H
 #define TS_TS_ELEMENTARY_H
@@ -21,7 +21,7 @@ const char *codec_id(Codec codec);    ///< for programs: "h264"
 struct SoundHeader {
     uint32_t sample_rate = 0;  ///< hertz
     uint32_t channels = 0;     ///< 0 where the header leaves it to the data
-    uint32_t bit_rate = 0;     ///< bits in a second; 0 where the header doesn't tell it
+    uint32_t bit_rate = 0;     ///< bits in a second; 0 where the header doesn't state it
     uint32_t samples = 0;      ///< of the frame, in each channel
     uint32_t size = 0;         ///< bytes of the frame, with its header
 };
@@ -45,7 +45,7 @@ namespace mpeg2 {
 constexpr uint8_t PICTURE = 0x00, SEQUENCE = 0xB3;
 }
 
-/// Reads a frame that comes in pieces. Keeps only what it tells.
+/// Reads a frame that comes in pieces. Keeps only what it states.
 class ContentReader {
 public:
     explicit ContentReader(Codec codec = Codec::UNKNOWN)

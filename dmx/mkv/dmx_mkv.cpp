@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint64_t NS_PER_MS = 1000000;
 
-// Video frames that a host may cut in one seek before that ends: what is missing of them is filled,
+// Video frames that a host may cut before a seek gives up: the missing bytes of them are filled in,
 // and their sizes are only what the file says.
 constexpr uint32_t CUT_FRAMES_MAX = 8;
 
@@ -79,7 +79,7 @@ GOLT_EXPORT bool GOLT_DMX_MKVSeekToTime(uint64_t ui8_time)
     const CUE_POINT_STRUCT *pt_cue = find_cue(ui4_time);
     if (pt_cue == nullptr) return false;
 
-    // What an earlier seek or a laced block left pending belongs to the old position.
+    // Frames that are pending from an earlier seek or a laced block belong to the old position.
     drop_audio();
     drop_video();
     _MKV_Seek(
@@ -179,7 +179,7 @@ const CUE_POINT_STRUCT *find_cue(uint32_t ui4_time)
     return nullptr;
 }
 
-// Leaves the first frame pending from which the stream can go on. False when none comes.
+// Leaves the first frame pending at which the stream can start again. False when none comes.
 bool read_on_to(uint32_t ui4_time)
 {
     const VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;

@@ -14,8 +14,8 @@
 #include "golt_common.h"
 
 /// Attaches to a source, reads its headers and its cues and moves to the first Cluster. False only
-/// without memory, with nothing held; a source that isn't Matroska is one without streams and
-/// frames. A source that is still attached is given up.
+/// without memory, with nothing held; a source that isn't Matroska has no streams and no frames. A
+/// source that is still attached is given up.
 GOLT_EXPORT bool GOLT_DMX_MKVInit(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle);
 
 /// Releases what is held, frames that weren't read yet included, and gives up the source. Always
@@ -30,11 +30,12 @@ GOLT_EXPORT bool GOLT_DMX_MKVReadFrame(GOLT_frame_t *pt_frame);
 /// No effect, always true.
 GOLT_EXPORT bool GOLT_DMX_MKVSeekToBytes(int64_t i8_pos);
 
-/// Moves to the cue point at or before ui8_time milliseconds, or to the first one if that is later,
-/// and from there to the first video frame that is a key frame by its first NAL unit, or that isn't
-/// before ui8_time. Audio on the way is passed over unread. False, with nothing changed, for a
-/// source without cues and for a time from the last cue point on; false at the end of the stream
-/// when no such frame comes, and after eight frames that the source has cut short.
+/// Moves to the last cue point at or before ui8_time milliseconds; a time before the first cue point
+/// moves to that one, which is later. From there it moves to the first video frame that is a key
+/// frame by its first NAL unit, or that isn't before ui8_time. Audio is skipped unread. False, with
+/// nothing changed, for a source without cues and for a time at or after the last cue point; false
+/// at the end of the stream when no such frame comes, and after eight frames that the source has cut
+/// short.
 GOLT_EXPORT bool GOLT_DMX_MKVSeekToTime(uint64_t ui8_time);
 
 /// Describes the chosen tracks, in every field; a stream that wasn't found has

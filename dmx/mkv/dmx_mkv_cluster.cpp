@@ -91,11 +91,11 @@ int32_t BlockDataAnalyze(uint32_t BlockLen)
         _MKV_Seek(i8_end);
         return 1;
     }
-    // The result is fixed: that input or memory has ended, also within the header, is left in the
+    // The result is fixed. The end of input or memory, also within the header, is noted in the
     // context for the pump.
     if (!mkvctx.f_ended && read_payload(t_block, f_audio)) return 1;
     mkvctx.f_ended = true;
-    // Should more come, the reading goes on after the block, if that place can be reached.
+    // If more comes, reading goes on after the block, provided that this place can be reached.
     if (_MKV_Seek(i8_end) != 0) mkvctx.ClusterData.Initialized = 0;
     return 1;
 }
@@ -132,7 +132,7 @@ void read_cluster_child(const element_t &t_child, block_place_t &t_block)
     }
 }
 
-// Looks at what comes before the Block, at whose payload it stops.
+// Looks at what comes before the Block, and stops at its payload.
 void walk_block_group(const element_t &t_group, block_place_t &t_block)
 {
     CLUSTER_BLOCK_GROUP &t_values = mkvctx.ClusterInfo.Block;
@@ -210,8 +210,8 @@ bool read_video_block(uint32_t CurTimeCode, uint32_t DataLen)
     return result == frame_read_t::WHOLE;
 }
 
-// A seek drops all audio anyway. What the frames leave of the block is read on from, as it is after
-// frames that were read.
+// A seek drops all audio anyway. Reading goes on with what the frames leave of the block, as it does
+// after frames that were read.
 void pass_over_audio_block(const lacing_t &t_lacing)
 {
     uint32_t ui4_sum = 0;

@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t AUDIO_SPARE = 256;   // bytes beyond an audio frame
 constexpr uint32_t VIDEO_SPARE = 2048;  // bytes beyond a video block's payload
 
-// A payload up to this size gets its memory at once; of a larger one so much has to come first.
+// A payload up to this size gets its memory at once; of a larger one this much has to come first.
 constexpr uint32_t PAYLOAD_AT_ONCE_MAX = 16u << 20;
 
 // What is read together with a NAL unit's length: with its 3 or 4 bytes, 2 or 1 of the unit.
@@ -57,7 +57,7 @@ public:
     uint32_t capacity() const { return m_capacity; }
     uint32_t room() const { return m_limit - m_size; }
 
-    // Input or memory has ended: nothing more goes in but zeros.
+    // Input or memory has ended: only zeros are added.
     bool f_short() const { return m_fShort; }
 
     void put(const uint8_t *pb, uint32_t ui4_size)
@@ -196,13 +196,13 @@ uint32_t FileFillAudioBuff(uint8_t *buff, uint32_t len)
 {
     AUDIO_FRAME_INFO &t_audio = *mkvctx.AudioFrameInfo;
     t_audio.maxLen = std::max(t_audio.maxLen, len);
-    // A frame without room for a sync word is none of AC-3's and stays as it is.
+    // A frame without room for a sync word isn't AC-3 and is left unchanged.
     if (t_audio.codec != GOLT_ACODEC_AC3 || len < AC3_SYNC_SIZE) {
         get_payload(buff, len);
         return len;
     }
 
-    // Muxers strip bytes that all frames begin with, the sync word of AC-3 among them.
+    // Muxers strip bytes that all frames begin with, such as the sync word of AC-3.
     if (get_payload(buff, AC3_SYNC_SIZE) && memcmp(buff, AC3_SYNC, AC3_SYNC_SIZE) == 0) {
         get_payload(buff + AC3_SYNC_SIZE, len - AC3_SYNC_SIZE);
         return len;

@@ -122,7 +122,7 @@ int32_t FileEMBL_Check_Cue(uint32_t *Len, uint32_t used)
 
 namespace {
 
-// Notes where the Cluster begins whose header has just been read, and moves to the cues.
+// Notes the start of the Cluster whose header has just been read, and moves to the cues.
 cues_t goto_cues(const element_t &t_cluster)
 {
     mkvctx.ClusterStartPos = static_cast<uint32_t>(_MKV_FilePos()) - t_cluster.cur_used;

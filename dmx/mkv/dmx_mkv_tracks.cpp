@@ -258,7 +258,7 @@ void choose_video(const TRACK_ENTRY *pt_entries, uint32_t count)
 }
 
 // The parameter sets of an AVC configuration record, each after a start code. An empty set is left
-// out. Anything but such a record is taken as it is.
+// out. Data that isn't such a record is taken unchanged.
 PARAMETER_SETS parameter_sets_of(const CODEC_PRIVATE &t_private)
 {
     constexpr uint32_t COUNTS = 2;  // bytes: a record without any set has both counts

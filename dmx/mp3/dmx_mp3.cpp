@@ -138,14 +138,14 @@ uint32_t field(uint32_t ui4_header, header_field_t t_field)
     return ui4_header >> t_field.shift & t_field.mask;
 }
 
-// A callback that claims more than it was offered has shown nothing.
+// A callback that claims more than it was asked for has delivered nothing.
 uint32_t read_source(uint8_t *pb_data, uint32_t ui4_size)
 {
     const uint32_t ui4_got = mp3ctx.pf_read(mp3ctx.pv_handle, pb_data, ui4_size);
     return ui4_got <= ui4_size ? ui4_got : 0;
 }
 
-// Whether it worked shows in the next read.
+// The next read shows whether it worked.
 void seek_source(MP3Offset_t offset)
 {
     mp3ctx.pf_seek(mp3ctx.pv_handle, static_cast<int64_t>(offset));
@@ -191,8 +191,8 @@ GOLT_EXPORT bool GOLT_DMX_MP3ReadFrame(GOLT_frame_t *pt_frame)
     if (mp3ctx.pf_read == nullptr || pt_frame == nullptr) return false;
     MP3FrameInfo_t t_info = {};
     if (!MP3_readFrameInfo(&t_info)) return false;
-    // A source that didn't begin with a frame has no stream, even if reads that go on and on should
-    // hit upon something that looks like a header.
+    // A source that didn't begin with a frame has no stream, even if later reads find something that
+    // looks like a header.
     if (mp3ctx.samplingFreq == 0) return false;
     mp3ctx.framesize = t_info.framesize;
     memcpy(mp3ctx.mp3hdr, t_info.mp3hdr.ab_bytes, HEADER_SIZE);
@@ -268,7 +268,7 @@ MP3Offset_t id3_tag_size()
 }
 
 // Reads a header at the present position and measures its frame. False when there is none; the four
-// bytes are then passed over all the same. From a header on, the clock runs at its rate.
+// bytes are skipped all the same. From a header on, the clock runs at its rate.
 bool MP3_readFrameInfo(MP3FrameInfo_t *pMP3Info)
 {
     if (mp3ctx.pf_read == nullptr || pMP3Info == nullptr) return false;
@@ -317,9 +317,8 @@ uint8_t *read_frame_block(const MP3FrameInfo_t &t_info)
     return pb_frame;
 }
 
-// Reports the frame just read to the tables and moves on past it. Where it turns out to be a
-// known one, the count is put right: this frame has got its time already, the next one has the true
-// time.
+// Reports the frame just read to the tables and moves on past it. If it turns out to be a known one,
+// the count is corrected: this frame already has its time, and the next one gets the true time.
 void count_frame()
 {
     BRT_update(mp3ctx.framesize);
@@ -342,8 +341,8 @@ void set_clock(MP3FixPt_t timestamp_fixpt)
 }
 
 // The first header at an estimated offset, or the end of the file. The search begins a quarter of a
-// packet early, so that an estimate a little after a header finds that one. Without an average there
-// is no measure for it, and the estimate is taken as it is.
+// packet early, so that an estimate a little after a header finds that one. Without an average its
+// length isn't known, and the search begins at the estimate.
 MP3Offset_t find_frame(MP3Offset_t estimate)
 {
     const auto avePktSize = static_cast<uint32_t>(fixpt_to_int(BRT_aveBytesPerPkt()));

@@ -3,8 +3,8 @@
 //
 // The file has neither an index nor a duration. The demuxer walks from header to header; the time
 // of a frame is its number times the duration of a frame, from 0 at the first one. While it reads,
-// it learns where in the file which time lies, and seeks by that. Where a seek has to estimate, the
-// frames bear the time asked for, and their clock is put right as soon as the reader meets a place
+// it learns where each time lies in the file, and seeks by that. Where a seek has to estimate, the
+// frames have the requested time, and their clock is corrected as soon as the reader reaches a place
 // that it knows.
 //
 // One source at a time: the module's state is static.
@@ -22,16 +22,16 @@ GOLT_EXPORT bool GOLT_DMX_MP3Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_h
 /// Releases the tables and gives up the source. Always true.
 GOLT_EXPORT bool GOLT_DMX_MP3Destroy();
 
-/// Reads the next frame, header included, as it is in the file; what the end of the file cuts
-/// off of it is zero. False, with pt_frame unchanged, at the end of the file, where the next header
-/// is missing, and without memory: the next call then tries the same frame again.
+/// Reads the next frame with its header, unchanged; bytes that are cut off by the end of the file
+/// are zero. False, with pt_frame unchanged, at the end of the file, where the next header is
+/// missing, and without memory: the next call then tries the same frame again.
 GOLT_EXPORT bool GOLT_DMX_MP3ReadFrame(GOLT_frame_t *pt_frame);
 
 /// Always false, without effect: this format is sought by time only.
 GOLT_EXPORT bool GOLT_DMX_MP3SeekToBytes(int64_t i8_pos);
 
-/// Moves to ui8_time milliseconds, of which the low 32 bits count. False only when that is where
-/// the reader is; true also past the end, where the next read is false.
+/// Moves to ui8_time milliseconds, of which the low 32 bits count. False only when the reader is
+/// there already; true also past the end, where the next read is false.
 GOLT_EXPORT bool GOLT_DMX_MP3SeekToTime(uint64_t ui8_time);
 
 /// Describes the first frame. False, with sinfo unchanged, when none was found.

@@ -233,7 +233,7 @@ bool PosList_init(PosList_t *pPosList, const char *name, uint32_t maxEntries, ui
     if (pPosList->offsets == nullptr) return false;
     pPosList->maxEntries = static_cast<uint16_t>(maxEntries);
     pPosList->interval = interval;
-    // Only a debugger looks at the name: a list does without it.
+    // The name is for debugging only: a list works without it.
     const size_t name_size = strlen(name) + 1;
     pPosList->name = static_cast<char *>(malloc(name_size));
     if (pPosList->name != nullptr) memcpy(pPosList->name, name, name_size);

@@ -21,7 +21,7 @@ namespace {
 constexpr uint32_t LENGTH_SIZE = 4;  // bytes of a NAL unit's length, and of a start code
 constexpr uint32_t START_CODE = 0x00000001;
 
-// A larger sample is taken for damage. An uncompressed 8K picture is smaller.
+// A larger sample counts as damaged. An uncompressed 8K picture is smaller.
 constexpr uint32_t LARGEST_SAMPLE = 64 * 1024 * 1024;
 
 bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame);
@@ -71,7 +71,7 @@ GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame)
     const uint64_t ui8_next_ts_a = nominal_time(audio);
     const uint32_t ui4_offset_v = video.pui4_sample_offsets[video.ui4_sample_idx];
     const uint32_t ui4_offset_a = audio.pui4_sample_offsets[audio.ui4_sample_idx];
-    // Of samples due at the same time the one that lies earlier in the file goes first.
+    // With equal times, the sample that is earlier in the file comes first.
     const bool f_video_first = ui8_next_ts_a != ui8_next_ts_v ? ui8_next_ts_a > ui8_next_ts_v
                                                               : ui4_offset_v < ui4_offset_a;
     return f_video_first ? _dmx_mp4_get_v_frame(pt_frame) : _dmx_mp4_get_a_frame(pt_frame);
@@ -161,7 +161,7 @@ uint32_t next_size(const s_track &tr)
     return tr.ui4_sample_size != 0 ? tr.ui4_sample_size : tr.pui4_sample_sizes[tr.ui4_sample_idx];
 }
 
-// Truncated; what lies outside of the range is cut to it.
+// Truncated; values outside the range are cut to it.
 uint64_t time_of_double(double db)
 {
     if (!(db > 0)) return 0;
@@ -179,7 +179,7 @@ uint32_t index_at(const s_track &tr, uint64_t ui8_time)
     return ui8_index < UINT32_MAX ? static_cast<uint32_t>(ui8_index) : UINT32_MAX;
 }
 
-// The parameter sets as a byte stream to pb_dst, if it isn't null; the size of that stream.
+// Writes the parameter sets as a byte stream to pb_dst, unless null; returns its size.
 uint32_t put_parameter_sets(const s_st_v &st_v, uint8_t *pb_dst)
 {
     uint32_t ui4_hdr_size = 0;

@@ -4,7 +4,7 @@
 // All parsing is done at start; after that the source is touched only to read samples. Frames come
 // in time order from both tracks. H.264 comes out as a byte stream with start codes, with the
 // parameter sets before the first frame. Only the first 4 GiB of a file can be reached;
-// fragments and edit lists are not looked at.
+// fragments and edit lists are ignored.
 //
 // One source at a time: the module keeps one static context.
 
@@ -14,7 +14,7 @@
 #include "golt_common.h"
 
 /// Attaches to a source and parses its "moov" box. True when the file starts with "ftyp" and has a
-/// "moov", whatever its tracks are worth: a source without a usable track delivers no frames. False
+/// "moov", even without a usable track: such a source delivers no frames. False
 /// with nothing held. A source that is still attached is given up.
 GOLT_EXPORT bool GOLT_DMX_MP4Init(tpf_read pf_read, tpf_seek pf_seek, void *pv_handle);
 
@@ -23,8 +23,8 @@ GOLT_EXPORT bool GOLT_DMX_MP4Destroy();
 
 /// Reads the next sample in time order. False at the end of both tracks, without memory, and when
 /// the sample can't be read: the next call then tries the same sample again. pt_frame may own a
-/// block in any case, of ui4_size bytes: of a sample that couldn't be read the bytes that have come,
-/// and zeros.
+/// block in any case, of ui4_size bytes: for a sample that couldn't be read, the bytes that have
+/// come, followed by zeros.
 GOLT_EXPORT bool GOLT_DMX_MP4ReadFrame(GOLT_frame_t *pt_frame);
 
 /// No effect, always true.

@@ -1,6 +1,6 @@
-// Blocks of memory that grow while they are read: a file gets memory for the bytes that have really
-// come, not for those that it claims. No other proof of its length would do. A seek through the cache
-// never fails, so that the byte read after it proves nothing, and a sparse file is long at no cost.
+// Blocks of memory that grow while they are read: memory is taken for the bytes that have really come,
+// not for those that a file claims. Nothing else proves its length: a seek through the cache never
+// fails, and a sparse file is long at no cost.
 
 #ifndef GOLT_DMX_MP4_BLOCK_H
 #define GOLT_DMX_MP4_BLOCK_H

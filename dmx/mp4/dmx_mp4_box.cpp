@@ -19,7 +19,7 @@ bool seek_to(uint64_t ui8_pos, uint32_t ui4_size)
            dmx_mp4.pf_seek(dmx_mp4.pv_handle, static_cast<int64_t>(ui8_pos)) == 0;
 }
 
-// A source that claims more than it was asked for has brought none.
+// A source that claims more than it was asked for has delivered nothing.
 uint32_t read_next(uint8_t *pb_data, uint32_t ui4_size)
 {
     const uint32_t ui4_got = dmx_mp4.pf_read(dmx_mp4.pv_handle, pb_data, ui4_size);

@@ -120,7 +120,7 @@ bool read_entries(uint64_t ui8_pos, uint32_t ui4_last, uint32_t ui4_count, uint3
 {
     const uint64_t ui8_size = uint64_t{ui4_count} * sizeof(T);
     if (ui8_size > UINT32_MAX) return false;
-    // A table is read whole, whatever its box says.
+    // The whole table is read, whatever its box says.
     if (!may_reach(ui8_pos, ui8_size, ui4_last)) return false;
     if (read_array(ui8_pos, static_cast<uint32_t>(ui8_size), p_table) != READ_WHOLE) return false;
     *pui4_count = ui4_count;
@@ -140,7 +140,7 @@ bool read_table(uint64_t ui8_pos, uint32_t ui4_last, uint32_t *pui4_count, heap_
            read_entries(ui8_pos + sizeof ui4_count, ui4_last, ui4_count, pui4_count, p_table);
 }
 
-// Puts a table in the place of one that an earlier track of the kind may have left.
+// Replaces the table that an earlier track of the kind may have left.
 void replace(uint32_t **ppui4_table, heap_array<uint32_t> *p_new)
 {
     std::free(*ppui4_table);
@@ -169,7 +169,7 @@ bool read_stss(uint32_t ui4_pos, uint32_t ui4_last, s_track *p_tr)
     return true;
 }
 
-// One child of "stbl" but "stsd"; sets its bit in ui4_boxes. False when it couldn't be read whole.
+// One child of "stbl", except "stsd"; sets its bit in ui4_boxes. False when it was cut.
 bool read_table_box(uint32_t ui4_type, uint32_t ui4_pos, uint32_t ui4_last, s_track *p_tr,
                     s_stbl *p_stbl)
 {
@@ -225,7 +225,7 @@ uint32_t count_samples(const s_stbl &stbl)
     return ui4_count;
 }
 
-// As many of ui4_wanted entries as may still be laid out on the file's word.
+// The number of the ui4_wanted entries that may still be laid out because the file states them.
 uint32_t grant_unread(uint32_t ui4_wanted)
 {
     const uint32_t ui4_left = UNREAD_ENTRIES - dmx_mp4.ui4_unread_entries;
@@ -294,8 +294,8 @@ bool lay_out_offsets(const s_stbl &stbl, uint32_t ui4_count, s_track *p_tr)
     if (pui4_offsets == nullptr) return false;
     p_tr->ui4_num_offsets = expand_offsets(stbl, *p_tr, ui4_room, pui4_offsets.get());
     replace(&p_tr->pui4_sample_offsets, &pui4_offsets);
-    // Tables that contradict each other have as many samples as they agree upon. Where there are just
-    // too many to lay them all out, the mean interval still goes by all of them.
+    // Tables that contradict each other have as many samples as they agree upon. If there are only too
+    // many to lay them all out, the mean interval is still that of all of them.
     p_tr->ui4_num_samples =
         f_one_size && p_tr->ui4_num_offsets == ui4_room ? ui4_count : p_tr->ui4_num_offsets;
     return true;
@@ -316,7 +316,7 @@ struct delta_walk_t {
     {
     }
 
-    // Moves to the next run that has samples. Behind the last one, where it returns false, there is
+    // Moves to the next run that has samples. After the last one, where it returns false, there is
     // one of delta 0 for all the samples that a track can have.
     bool next_run()
     {

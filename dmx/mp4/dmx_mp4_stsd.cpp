@@ -154,7 +154,7 @@ uint8_t get_length(golt_reader_t *p_descriptors)
     return p_descriptors->get_u8();
 }
 
-// "esds" (ISO/IEC 14496-14): the descriptors are walked by fixed steps; their tags are not looked at.
+// "esds" (ISO/IEC 14496-14): the descriptors are walked by fixed steps; their tags are ignored.
 bool parse_esds(uint32_t ui4_pos, uint32_t ui4_end, s_st_a *p_st)
 {
     constexpr uint32_t DESCRIPTORS = 12;  // bytes from the start of the box
@@ -185,7 +185,7 @@ bool parse_esds(uint32_t ui4_pos, uint32_t ui4_end, s_st_a *p_st)
 
     const uint32_t ui4_passed = sizeof ab_buf - t_descriptors.left();
     if (!read_at(ui8_pos + ui4_passed, ab_buf, ui1_size)) return false;
-    // Only AAC has such a block, and it takes two bytes; all else keeps the rate of the sample entry.
+    // Only AAC has such a block, of two bytes; all others keep the rate of the sample entry.
     if (ui1_object_type == OBJECT_TYPE_AAC && ui1_size >= 2)
         p_st->ui4_sfreq = sampling_frequency(golt_reader_t(ab_buf, ui1_size));
     return true;

@@ -44,7 +44,7 @@ bool _dmx_mp4_parse()
     while (step_over(&ui4_pos, ui4_size) &&
            _dmx_mp4_get_box_header(ui4_pos, &ui4_size, &ui4_type)) {
         if (ui4_type == box_type("moov")) {
-            // Whether there was anything of use in it shows in the track records.
+            // The track records show whether there was anything useful in it.
             _dmx_mp4_parse_tracks(ui4_pos + BOX_HEADER_SIZE,
                                   last_byte(ui4_pos, ui4_size, UINT32_MAX));
             ui4_boxes |= MOOV;
@@ -144,7 +144,7 @@ track_result_t open_track(uint32_t ui4_pos, uint32_t ui4_duration, s_parse_ctx *
     if (!read_be32_at(uint64_t{ui4_pos} + 16, &ui4_handler)) return TRACK_UNREADABLE;
     const bool f_video = ui4_handler == box_type("vide");
     if (!f_video && ui4_handler != box_type("soun")) return TRACK_OF_NO_USE;
-    // Without a time scale, be it 0 or still to come, its frames have no times.
+    // If the time scale is 0 or comes later, its frames have no times.
     if (p_ctx->ui4_tscale == 0) return TRACK_OF_NO_USE;
     p_ctx->ui4_track = f_video ? TRACK_VIDEO : TRACK_AUDIO;
     p_ctx->p_tr = f_video ? &dmx_mp4.st_v.tr : &dmx_mp4.st_a.tr;

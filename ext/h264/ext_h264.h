@@ -1,6 +1,6 @@
 // Extractor of single frames from a block of H.264 elementary stream bytes.
 //
-// A place kept free in the binary interface: nothing is extracted yet, and every function just
+// A place reserved in the binary interface: nothing is extracted yet, and every function just
 // reports success.
 
 #ifndef GOLT_EXT_H264_H

@@ -57,7 +57,7 @@ int write_all(int fd, const void *data, size_t size)
         } else if (count == 0) {
             return EIO;
         } else if (errno == EAGAIN) {
-            // Whoever shares the pipe may have made it non-blocking.
+            // Another process that shares the pipe may have made it non-blocking.
             if (!wait_until_writable(fd)) return EINTR;
         } else if (errno != EINTR) {
             return errno;

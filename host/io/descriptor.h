@@ -26,7 +26,7 @@ public:
 
     bool is_open() const { return m_fd >= 0; }
     int get() const { return m_fd; }
-    /// Closes it, if it is open. Returns 0 or an errno value: some file systems tell only here that
+    /// Closes it, if it is open. Returns 0 or an errno value: some file systems report only here that
     /// a write has failed.
     int close();
 

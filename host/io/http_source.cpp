@@ -82,8 +82,8 @@ private:
     bool m_f_ranges = true;
     std::optional<uint64_t> m_total;
     std::optional<uint64_t> m_nothing_from;  // an offset from which on there is nothing
-    std::string m_tag, m_modified;           // of the file's version, as far as told
-    bool m_f_framed = true;                  // the present answer tells where it ends
+    std::string m_tag, m_modified;           // of the file's version, as far as stated
+    bool m_f_framed = true;                  // the present answer states where it ends
     int m_restarts = 0;
     int m_failures = 0;
     uint64_t m_request_bytes = 0;  // that the present request has brought
@@ -185,7 +185,7 @@ bool HttpSource::keep_request_going()
     const bool f_ahead = at >= m_begin && (at <= m_end + GAP_SIZE || !m_f_ranges);
     switch (m_transfer->state()) {
     case HttpTransfer::RUNNING:
-        m_transfer->resume();  // the position may have left what it stands still for
+        m_transfer->resume();  // the position may have left what it paused for
         return f_ahead || start_request();
     case HttpTransfer::FAILED:
     case HttpTransfer::REFUSED:
@@ -193,7 +193,7 @@ bool HttpSource::keep_request_going()
     case HttpTransfer::DONE:
         if (!m_total && !m_f_ranges) take_end();
         if (is_at_end()) return false;
-        // A server may send less than all of what was asked for, but not for ever.
+        // A server may send less than was requested, but not for ever.
         if (f_ahead && m_request_bytes == 0)
             return look_at_failure("the server sends nothing", true);
         return start_request();
@@ -201,7 +201,7 @@ bool HttpSource::keep_request_going()
     }
 }
 
-// All of the file has come. Of a part that ends with the connection nobody knows whether it is all.
+// All of the file has come. If an answer ends with the connection, it may be incomplete.
 void HttpSource::take_end()
 {
     m_total = m_end;

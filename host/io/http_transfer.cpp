@@ -261,7 +261,7 @@ size_t CurlTransfer::take_header(char *text, size_t one, size_t size, void *tran
 void CurlTransfer::take_header_line(const std::string &line)
 {
     if (line.compare(0, 5, "HTTP/") == 0) {
-        // Also behind a redirection, whose other fields don't count.
+        // Also after a redirection, whose other fields don't count.
         const size_t blank = line.find(' ');
         m_status_line = blank == std::string::npos ? "" : trimmed(line.substr(blank));
         clear_answer();
@@ -281,7 +281,7 @@ void CurlTransfer::take_header_line(const std::string &line)
     if (name == "transfer-encoding" && value.find("chunked") != std::string::npos)
         m_answer.f_framed = true;
     if (name == "last-modified") m_answer.modified = value;
-    // A weak tag may stand for other bytes.
+    // A weak tag may denote other bytes.
     if (name == "etag" && value.compare(0, 2, "W/") != 0) m_answer.tag = value;
 }
 
@@ -353,7 +353,7 @@ bool read_content_range(const std::string &text, HttpAnswer &answer)
     return !answer.total || *answer.total > last;
 }
 
-// Behind the slash of a Content-Range.
+// After the slash of a Content-Range.
 std::optional<uint64_t> total_of(const std::string &content_range)
 {
     const size_t slash = content_range.find('/');

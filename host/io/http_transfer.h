@@ -11,14 +11,14 @@
 
 #include "http_options.h"
 
-/// What the server's answer tells of the file.
+/// What the server's answer says about the file.
 struct HttpAnswer {
     uint64_t first = 0;             ///< offset of the first byte that comes
     std::optional<uint64_t> end;    ///< offset after the last byte that comes
     std::optional<uint64_t> total;  ///< bytes of the whole file
     bool f_range = false;           ///< the server serves ranges
     bool f_framed = false;          ///< an answer that breaks off is noticed
-    // Both change when the file does; empty where the server doesn't tell them.
+    // Both change when the file does; empty if the server doesn't send them.
     std::string tag;       ///< strong ETag
     std::string modified;  ///< Last-Modified
 };
@@ -27,10 +27,10 @@ class HttpReceiver {
 public:
     /// Comes before the first bytes of a request. False refuses them: the transfer fails.
     virtual bool on_answer(const HttpAnswer &answer) = 0;
-    /// False when there is no room: the transfer stands still, and the same bytes come again after
+    /// False when there is no room: the transfer pauses, and the same bytes come again after
     /// resume.
     virtual bool on_bytes(const uint8_t *bytes, size_t size) = 0;
-    /// There is nothing from the offset asked for on. total: bytes of the whole file, if told.
+    /// There is nothing from the requested offset on. total: bytes of the whole file, if stated.
     virtual void on_nothing(std::optional<uint64_t> total) = 0;
 
 protected:
@@ -47,7 +47,7 @@ public:
         REFUSED  ///< as it will be every time
     };
 
-    /// tag: the strong ETag of the file of which the bytes are to be; empty: not known.
+    /// tag: the strong ETag of the file that the bytes have to belong to; empty: not known.
     virtual void start(uint64_t offset, const std::string &tag) = 0;
     virtual void stop() = 0;
     /// Lets the bytes come that found no room.

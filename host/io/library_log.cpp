@@ -58,7 +58,7 @@ void take_library_messages(bool f_shown)
     functions.write = take_text;
     FILE *const log = fopencookie(nullptr, "w", functions);
     if (log == nullptr) return;  // then they go where descriptor 1 leads
-    // In lumps, also on a terminal: a reader that jumps about in its file has much to tell.
+    // In lumps, also on a terminal: a reader that jumps about in its file prints much.
     setvbuf(log, nullptr, _IOFBF, BUFSIZ);
     stdout = log;
 }

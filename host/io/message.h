@@ -1,4 +1,4 @@
-// What the program tells on the standard error, and how it gives up.
+// What the program prints on the standard error, and how it gives up.
 
 #ifndef HOST_IO_MESSAGE_H
 #define HOST_IO_MESSAGE_H

@@ -89,7 +89,7 @@ void Output::open_file(const std::string &path, const struct stat &input)
     m_target = behind_links(path);
     open_part(input, f_exists ? 0600 : 0666);
     if (f_exists) {
-        // Whoever could read the old file can read the new one. Another owner takes the rights to
+        // Users who could read the old file can read the new one. Another owner takes the rights to
         // give files away.
         if (fchown(m_file.get(), status.st_uid, status.st_gid) != 0) errno = 0;
         fchmod(m_file.get(), status.st_mode & 0777);

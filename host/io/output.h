@@ -16,7 +16,7 @@ bool leads_to_standard_output(const std::string &path);
 
 class Output {
 public:
-    /// path: "-" stands for standard_output. input: the file that is read, which is never written
+    /// path: "-" means standard_output. input: the file that is read, which is never written
     /// to. f_force: a file that exists may be replaced. Throws NotDone.
     Output(const std::string &path, Descriptor standard_output, const struct stat &input,
            bool f_force);

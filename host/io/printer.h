@@ -14,7 +14,7 @@ public:
     /// reader that goes away is no failure: it has had all that it wanted.
     void print(const std::string &text);
     void flush();
-    /// Nobody reads any more.
+    /// The reader has gone away.
     bool is_closed() const { return m_f_closed; }
 
 private:

@@ -1,4 +1,4 @@
-// One line on the terminal that tells how far the work has come.
+// One line on the terminal that shows how far the work has come.
 
 #ifndef HOST_IO_PROGRESS_H
 #define HOST_IO_PROGRESS_H
@@ -28,16 +28,16 @@ private:
     using Clock = std::chrono::steady_clock;
 
     bool m_f_shown;
-    bool m_f_line = false;  // the line stands on the terminal
+    bool m_f_line = false;  // the line is on the terminal
     Clock::time_point m_start;
     Clock::time_point m_next_show;
     uint64_t m_next_look = 0;  // bytes
 };
 
-/// "12.3 MB/s" behind the text before; nothing at all for a time too short to be measured.
+/// "12.3 MB/s" after the text before; nothing at all for a time too short to be measured.
 std::string rate_text(uint64_t bytes, double seconds, const char *before);
 
-/// "12.3x real time" of a stream that lasts so long, after the text before; nothing at all where it
+/// "12.3x real time" of a stream of this duration, after the text before; nothing at all where it
 /// can't be measured.
 std::string speed_text(int64_t span_ms, double seconds, const char *before);
 

@@ -11,7 +11,7 @@ bool is_matroska(const uint8_t *head, size_t size);
 bool is_m2ts(const uint8_t *head, size_t size);
 bool is_mpeg_audio(const uint8_t *head, size_t size);
 
-// The stamps of M2TS may look like a frame of MPEG audio, so that it is tried first.
+// The stamps of M2TS may look like a frame of MPEG audio, so M2TS is tried first.
 const struct {
     Format format;
     bool (*is_it)(const uint8_t *head, size_t size);
@@ -61,7 +61,7 @@ bool is_matroska(const uint8_t *head, size_t size)
     return size >= 4 && memcmp(head, "\x1A\x45\xDF\xA3", 4) == 0;
 }
 
-// Sync bytes of three packets (ISO/IEC 13818-1), each behind a stamp of four bytes.
+// Sync bytes of three packets (ISO/IEC 13818-1), each after a stamp of four bytes.
 bool is_m2ts(const uint8_t *head, size_t size)
 {
     constexpr uint8_t SYNC_BYTE = 0x47;

@@ -11,7 +11,7 @@
 
 struct Format {
     const char *name;      ///< as the library calls it
-    uint32_t record_size;  ///< bytes of the file behind each frame; 0 where that differs
+    uint32_t record_size;  ///< bytes of the file for each frame; 0 where that differs
     bool f_times;          ///< frames have times, and the file can be sought in by time
     const char *title;     ///< for people
     Container container;

@@ -78,8 +78,8 @@ void Sink::write_out(const uint8_t *data, size_t size)
 
 namespace {
 
-// Returns 0 or an errno value. A pipe gets whole packets alone, whenever a signal ends a write to a
-// reader that stands still: a write up to PIPE_BUF bytes is done whole or not at all, and so is one
+// Returns 0 or an errno value. A pipe gets only whole packets, even if a signal ends a write to a
+// reader that has stopped reading: a write up to PIPE_BUF bytes is done whole or not at all, and so is one
 // to an empty pipe up to its size.
 int write_packets(int fd, const uint8_t *data, size_t size, size_t pipe_size)
 {
@@ -97,7 +97,7 @@ int write_packets(int fd, const uint8_t *data, size_t size, size_t pipe_size)
     return 0;
 }
 
-// Whole packets that an empty pipe takes; 0 for all that is no pipe.
+// Whole packets that an empty pipe takes; 0 if it isn't a pipe.
 size_t size_of_pipe(int fd)
 {
     struct stat status = {};

@@ -24,7 +24,7 @@ public:
     virtual bool is_seekable() const { return true; }
     /// What was wrong with the input while it was read; empty when nothing was.
     const std::string &fault() const { return m_fault; }
-    /// Why it isn't sure that the input is whole; empty when it is.
+    /// Why the input may be incomplete; empty if it is known to be complete.
     const std::string &doubt() const { return m_doubt; }
 
 protected:

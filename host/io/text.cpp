@@ -119,7 +119,7 @@ bool is_shown(uint32_t code)
     return !f_direction && !f_separator && (code & 0xFFFE) != 0xFFFE;
 }
 
-// Where the host begins in a URL, of which begin is the place behind "://"; begin itself where there
+// Where the host begins in a URL, of which begin is the place after "://"; begin itself where there
 // is nothing before the host.
 size_t end_of_credentials(const std::string &text, size_t begin)
 {

@@ -8,7 +8,7 @@ using namespace outline;
 
 namespace {
 
-constexpr size_t MOST_TRACKS = 256;  // that are told apart
+constexpr size_t MOST_TRACKS = 256;  // that are distinguished
 
 /// The walk over one file.
 class Walker {
@@ -31,9 +31,9 @@ private:
 
     const WalkOptions &m_options;
     ClusterWalk &m_walk;
-    uint64_t m_cluster = 0;           // offset of the present one
-    int64_t m_time = 0;               // of it
-    bool m_f_open = false;            // it tells no size: its children come as those of the segment
+    uint64_t m_cluster = 0;  // offset of the present one
+    int64_t m_time = 0;      // of it
+    bool m_f_open = false;   // it states no size: its children come as those of the segment
     std::optional<uint64_t> m_other;  // offset of an element after a cluster that is none
 };
 

@@ -18,7 +18,7 @@ struct BlockSpan {
 struct ClusterWalk {
     bool f_whole = false;  ///< the clusters were walked to their end, and nothing was wrong
     std::optional<uint64_t> damaged_at;  ///< offset of the first element that can't be
-    std::optional<uint64_t> cut_in;      ///< offset of a cluster that goes on behind the file's end
+    std::optional<uint64_t> cut_in;      ///< offset of a cluster that goes on after the file's end
     std::optional<uint64_t> parted_at;   ///< offset of an element between clusters that is none
     std::map<uint64_t, BlockSpan> tracks;  ///< by TrackNumber
     std::optional<int64_t>

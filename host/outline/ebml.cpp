@@ -7,7 +7,7 @@ namespace outline {
 
 namespace {
 
-/// A variable-length integer whose length the leading zeros of its first byte tell.
+/// A variable-length integer whose length is given by the leading zeros of its first byte.
 struct Vint {
     uint64_t with_marker;
     uint64_t value;

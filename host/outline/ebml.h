@@ -23,7 +23,7 @@ struct Element {
     uint32_t id;        ///< with its marker
     uint64_t begin;     ///< offset of its first byte
     Stretch body;       ///< as far as what it is in goes
-    uint64_t declared;  ///< bytes of the body by the header; UINT64_MAX where it tells none
+    uint64_t declared;  ///< bytes of the body by the header; UINT64_MAX where it states none
     bool f_open;        ///< of unknown size
 
     bool is_whole() const { return !f_open && declared == body.left(); }

@@ -1,4 +1,4 @@
-// The headers of Matroska files (RFC 9559): what stands before the first cluster, and what the SeekHead
+// The headers of Matroska files (RFC 9559): what is before the first cluster, and what the SeekHead
 // leads to.
 
 #include <algorithm>
@@ -20,7 +20,7 @@ struct Headers {
     std::map<uint32_t, uint64_t> places = {};  // by ID; offsets in the file
     std::map<uint32_t, bool> done = {};
     double duration_ticks = 0;
-    std::map<uint64_t, int64_t> tagged_ns = {};  // durations, by TrackUID; 0 stands for all
+    std::map<uint64_t, int64_t> tagged_ns = {};  // durations, by TrackUID; 0 means all
 };
 
 void read_front(Stretch &segment, Headers &headers);
@@ -337,7 +337,7 @@ void read_tags(Stretch body, Headers &headers)
         if (tag->id == TAG) read_tag(tag->body, headers);
 }
 
-// Muxers write a tag DURATION for each track: the header tells that of the longest alone.
+// Muxers write a tag DURATION for each track: the header states only that of the longest.
 void read_tag(Stretch body, Headers &headers)
 {
     constexpr uint32_t TARGETS = 0x63C0, TRACK_UID = 0x63C5, SIMPLE_TAG = 0x67C8, NAME = 0x45A3,

@@ -1,5 +1,5 @@
-// MPEG audio files (ISO/IEC 11172-3, 13818-3): the tags at both ends, and the frame in front that
-// tells how many others there are.
+// MPEG audio files (ISO/IEC 11172-3, 13818-3): the tags at both ends, and the first frame, which
+// states how many others there are.
 
 #include <algorithm>
 #include <cstring>
@@ -93,7 +93,7 @@ uint32_t take_synchsafe(Stretch &in)
     return value;
 }
 
-// The offset behind them.
+// The offset after them.
 uint64_t read_front_tags(Reader &reader, MpegAudioOutline &audio)
 {
     constexpr uint32_t ID3 = 0x494433;
@@ -128,7 +128,7 @@ uint32_t little_32(Reader &reader, uint64_t offset)
     return uint32_t{bytes[3]} << 24 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[1]} << 8 | bytes[0];
 }
 
-// From the end: ID3v1, before it APEv2 whose footer tells its size.
+// From the end: ID3v1, before it APEv2 whose footer states its size.
 void read_end_tags(Reader &reader, MpegAudioOutline &audio)
 {
     constexpr uint32_t HAS_HEADER = 0x80000000;

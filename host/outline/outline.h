@@ -32,7 +32,7 @@ struct TablePlace {
 
 /// What MP4 has of a track beside what all containers have.
 struct Mp4Details {
-    uint32_t timescale = 0;         ///< ticks in a second of the track's own times; 0: not told
+    uint32_t timescale = 0;         ///< ticks in a second of the track's own times; 0: not stated
     uint64_t duration = 0;          ///< in ticks of timescale, by "mdhd"
     std::vector<Edit> edits;        ///< of "elst", MOST_EDITS at most
     uint64_t more_edits = 0;        ///< that it has beyond those
@@ -42,7 +42,7 @@ struct Mp4Details {
     uint64_t samples = 0;           ///< by "stsz" or "stz2"
     std::optional<uint64_t> ticks;  ///< sum of the samples' durations, by "stts"
     std::optional<uint64_t> bytes;  ///< sum of the samples' sizes
-    std::optional<uint64_t> end;    ///< offset in the file behind the sample that lies last
+    std::optional<uint64_t> end;    ///< offset in the file after the last sample in the file
     bool f_offsets = false;         ///< "stco" or "co64" is there
     bool f_64_bit_offsets = false;  ///< by "co64"
     bool f_compact_sizes = false;   ///< by "stz2"
@@ -66,14 +66,14 @@ struct Track {
     std::string handler;  ///< of MP4, such as "vide"
     std::string
         codec;  ///< four letters of the sample entry ("avc1"), or CodecID ("A_AAC"); printable
-    std::string language;  ///< ISO 639-2 or BCP 47; empty or "und": not told
+    std::string language;  ///< ISO 639-2 or BCP 47; empty or "und": not stated
     bool f_enabled = true;
     bool f_default = true;                   ///< of Matroska; true elsewhere
     bool f_chapters = false;                 ///< its samples are the chapters of another track
-    std::optional<int64_t> duration_ns;      ///< of all that is in it, as far as the file tells
+    std::optional<int64_t> duration_ns;      ///< of all that is in it, as far as the file states it
     uint32_t width = 0, height = 0;          ///< of coded pictures, in pixels
     uint32_t channels = 0, sample_rate = 0;  ///< by the container's own fields; hertz
-    uint32_t output_sample_rate = 0;         ///< OutputSamplingFrequency; 0: not told
+    uint32_t output_sample_rate = 0;         ///< OutputSamplingFrequency; 0: not stated
     /// How the decoder is set up, MOST_CONFIG bytes at most: AudioSpecificConfig of AAC (ISO/IEC 14496-3),
     /// AVCDecoderConfigurationRecord of H.264 (ISO/IEC 14496-15), or CodecPrivate as it is.
     std::vector<uint8_t> config;
@@ -85,7 +85,7 @@ struct Mp4Outline {
     bool f_ftyp = false;
     bool f_moov = false;
     bool f_moov_first = false;  ///< before the media data
-    bool f_moov_cut = false;    ///< it goes on behind the end of the file
+    bool f_moov_cut = false;    ///< it goes on after the end of the file
     bool f_mdat = false;
     bool f_64_bit_mdat = false;  ///< an "mdat" before "moov" whose size has 64 bits
     bool f_open_box = false;     ///< a box that goes on to the end of the file, before "moov"
@@ -93,13 +93,13 @@ struct Mp4Outline {
     bool f_fragmented = false;   ///< "mvex" or "moof" is there
     uint32_t timescale = 0;      ///< ticks in a second of the durations of edits
     std::optional<uint64_t>
-        mdat_end;  ///< by the size of the last "mdat" seen; may lie behind the file's end
+        mdat_end;  ///< by the size of the last "mdat" seen; may be after the file's end
 };
 
 /// A point that the file can be sought to.
 struct Cue {
     uint64_t time;   ///< in ticks
-    uint64_t track;  ///< TrackNumber, of the first one that it is told for
+    uint64_t track;  ///< TrackNumber, of the first one that has it
 };
 
 struct MatroskaOutline {
@@ -107,7 +107,7 @@ struct MatroskaOutline {
     std::string muxing_app, writing_app;
     uint64_t timestamp_scale = 1000000;   ///< nanoseconds in a tick
     uint64_t segment_begin = 0;           ///< offset of its first byte; positions count from there
-    std::optional<uint64_t> segment_end;  ///< by its size; may lie behind the file's end
+    std::optional<uint64_t> segment_end;  ///< by its size; may be after the file's end
     std::optional<uint64_t> first_cluster;  ///< offset
     bool f_cues = false;
     bool f_cues_announced =
@@ -132,14 +132,14 @@ struct MpegAudioOutline {
     uint32_t layer = 0;                   ///< 1 to 3
     uint32_t bit_rate = 0;                ///< of the first frame, bits in a second
     uint32_t samples = 0;                 ///< of a frame
-    Header header = Header::NONE;         ///< the frame in front that tells of the others
-    std::optional<uint64_t> frames;       ///< that it tells, without itself
+    Header header = Header::NONE;         ///< the first frame, which describes the others
+    std::optional<uint64_t> frames;       ///< that it states, without itself
     std::optional<uint64_t> bytes;        ///< likewise
     bool f_estimate = false;              ///< duration_ns follows from the first frame's bit rate
 };
 
 struct TransportOutline {
-    uint32_t packet_size = 0;   ///< 188, 192 with a stamp in front, 204 with check bytes
+    uint32_t packet_size = 0;   ///< 188, 192 with a stamp before it, 204 with check bytes
     uint64_t first_packet = 0;  ///< offset
 };
 
@@ -154,8 +154,8 @@ struct Outline {
     bool f_partial = false;     ///< not all that was looked for could be read
     std::vector<Track> tracks;  ///< in the order of the file, MOST_TRACKS at most
     uint64_t more_tracks = 0;
-    std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header tells it
-    std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not told
+    std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header states it
+    std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not stated
     Mp4Outline mp4;
     MatroskaOutline matroska;
     MpegAudioOutline mpeg_audio;

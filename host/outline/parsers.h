@@ -19,7 +19,7 @@ void read_sample_tables(Stretch body, Track &track);
 /// A box of ISO/IEC 14496-12.
 struct Box {
     uint32_t type;      ///< first letter in the top byte
-    Stretch body;       ///< behind the header, as far as the stretch around it goes
+    Stretch body;       ///< after the header, as far as the stretch around it goes
     uint64_t declared;  ///< bytes of the body by the header
     bool f_64_bit_size;
     bool f_open;  ///< goes on to the end of what it is in

@@ -28,7 +28,7 @@ class Reader {
 public:
     // What is loaded at once: the header of most files, or some thousand entries of a table.
     static constexpr size_t WINDOW_SIZE = 16384;
-    // Times that the window moves. Sound files need ten or twenty, and one more for each window full of
+    // Times that the window moves. Audio files need ten or twenty, and one more for each window full of
     // a table: those of ten hours of audio in MP4 take 7 MiB.
     static constexpr uint32_t MOST_LOADS = 2048;
 
@@ -66,7 +66,7 @@ private:
 /// good: a record is checked once, after its last field.
 class Stretch {
 public:
-    /// reader: has to outlive the object. end: offset behind the last byte.
+    /// reader: has to outlive the object. end: offset after the last byte.
     Stretch(Reader &reader, uint64_t begin, uint64_t end)
         : m_reader(&reader)
         , m_at(begin)

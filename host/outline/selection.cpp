@@ -43,7 +43,7 @@ Selection select_tracks(const Outline &outline)
     case Container::MP4: select_mp4(outline, selection); break;
     case Container::MATROSKA: select_matroska(outline, selection); break;
     case Container::MPEG_AUDIO: select_mpeg_audio(outline, selection); break;
-    // Of these the packets tell what there is.
+    // What these have is only in their packets.
     case Container::TRANSPORT_STREAM:
         if (outline.transport.packet_size != 192)
             selection.refusal = "its packets have " +

@@ -1,5 +1,5 @@
-// Which tracks of a file the library takes, and why it leaves the others. The library tells neither:
-// its rules are told here, for people.
+// Which tracks of a file the library takes, and why not the others. The library reports neither:
+// its rules are repeated here, for people.
 
 #ifndef HOST_OUTLINE_SELECTION_H
 #define HOST_OUTLINE_SELECTION_H

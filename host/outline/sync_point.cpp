@@ -107,7 +107,7 @@ std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
 {
     constexpr uint32_t MOST_LOADS = 8192;
-    // Three days at 60 pictures a second. A few bytes may tell of more.
+    // Three days at 60 pictures a second. A few bytes may state more.
     constexpr uint64_t MOST_SAMPLES = 1 << 24;
     const Mp4Details &mp4 = video.mp4;
     Reader reader(source, MOST_LOADS);
@@ -155,7 +155,7 @@ bool leads_to_track(const MatroskaOutline &matroska, uint64_t time, uint64_t tra
            matroska.more_cues == 0 && std::prev(after)->track == track;
 }
 
-// From the cue it reads forward to a picture that it knows to stand alone, or to the time asked for. What
+// From the cue it reads on to a picture that is known to be independent, or to the time asked for. What
 // comes before the key picture is left out; where the picture's own cue can't be had, from the one before.
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote)

@@ -16,7 +16,7 @@ struct SyncPoint {
 };
 
 /// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. None:
-/// which pictures stand alone can't be found out.
+/// which pictures are independent can't be found out.
 std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outline,
                                          const Selection &selection, uint32_t time_ms,
                                          bool f_remote);

@@ -1,5 +1,5 @@
 // Which sort of transport stream a file is: packets of 188 bytes (ISO/IEC 13818-1), the same with a stamp
-// of 4 bytes in front, or with 16 check bytes behind.
+// of 4 bytes before them, or with 16 check bytes after them.
 
 #include "parsers.h"
 

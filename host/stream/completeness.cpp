@@ -73,7 +73,7 @@ std::string find_damage(const Tally &tally)
                        time_text(first.first_damaged / TICKS_PER_MS));
 }
 
-// Of the tracks that are taken, the one that lacks most. A track whose duration isn't told counts as
+// Of the tracks that are taken, the one that lacks most. A track whose duration isn't stated counts as
 // as long as the file.
 Reach worst_reach(const Delivery &delivery)
 {
@@ -91,7 +91,7 @@ Reach worst_reach(const Delivery &delivery)
     return worst;
 }
 
-// The tables tell the number of samples, their durations, and where they are.
+// The tables state the number of samples, their durations, and where they are.
 std::string find_loss_in_mp4(const Delivery &delivery)
 {
     const Outline &outline = delivery.outline;
@@ -143,8 +143,8 @@ Reach reach_by_blocks(const Delivery &delivery, const ClusterWalk &walk)
     return worst;
 }
 
-// The header tells the duration of the longest track, which may be one that isn't taken, and nothing of
-// what follows when a file is cut. The blocks tell.
+// The header states the duration of the longest track, which may be one that isn't taken, and nothing of
+// what follows when a file is cut. The blocks do.
 std::string find_loss_in_matroska(const Delivery &delivery, ByteSource &source)
 {
     constexpr uint32_t MOST_REMOTE_LOADS = 64;
@@ -166,7 +166,7 @@ std::string find_loss_in_matroska(const Delivery &delivery, ByteSource &source)
     return by_header.is_short() ? by_header.text() : "";
 }
 
-// Frame follows frame to the tags at the end; the first one may tell how many there are.
+// Frame follows frame to the tags at the end; the first one may state how many there are.
 std::string find_loss_in_mpeg_audio(const Delivery &delivery)
 {
     const MpegAudioOutline &audio = delivery.outline.mpeg_audio;

@@ -13,9 +13,9 @@ enum class Amount { NONE, TICKS, BYTES };  ///< what the size of a finding is me
 /// A kind of finding. Records of it are compared by their address.
 struct FindingKind {
     const char *code;  ///< for programs
-    const char *text;  ///< for people; what is counted comes in front
+    const char *text;  ///< for people; what is counted comes before
     Amount amount;
-    const char *worst_text;  ///< in front of the worst amount
+    const char *worst_text;  ///< before the worst amount
 };
 
 struct Finding {

@@ -15,7 +15,7 @@
 
 namespace {
 
-// What is taken behind the library's pool: what it reads ahead, as far as there is so much, and then
+// What is taken after the library's pool: what it reads ahead, as far as there is so much, and then
 // tables, the buffer of an output and the first frames.
 constexpr uint64_t READ_AHEAD = 1024 * 1024;
 constexpr size_t SMALLER_THINGS = 256 * 1024;

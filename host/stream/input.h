@@ -75,7 +75,7 @@ private:
     Demuxer m_demuxer;
 };
 
-/// The host's loop over the frames of an input, from the start asked for to the end asked for.
+/// The host's loop over the frames of an input, from the requested start to the requested end.
 class Pump {
 public:
     /// input, sink: have to outlive the object. Throws NotDone.
@@ -83,8 +83,8 @@ public:
 
     const PELA::MediaBuffer::ContentInfo &content() const { return m_content; }
 
-    /// Makes the stream begin at the last key picture that isn't after the start asked for, or, of audio
-    /// alone, at the frame that covers it. Throws NotDone where that can't be.
+    /// Makes the stream begin at the last key picture at or before the requested start; without video,
+    /// at the audio frame that contains it. Throws NotDone if that isn't possible.
     void seek_to_start();
     /// Reads a frame and has the library write it to the sink, unless it is to be left out. False
     /// when there is no further frame, or none is wanted.

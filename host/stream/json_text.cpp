@@ -7,7 +7,7 @@
 std::string json_text(const Json &json, int indent)
 {
     const std::string text = json.dump(indent, ' ', false, Json::error_handler_t::replace);
-    // Below a blank all is escaped; not so U+007F to U+009F, which stand in strings alone.
+    // Below a blank all is escaped; not so U+007F to U+009F, which occur only in strings.
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);

@@ -1,5 +1,5 @@
 // Watches ready-made transport packets, as those of M2TS files: whether they end within a PES packet
-// whose length is told, as a file does that was cut between two packets.
+// whose length is stated, as a file does that was cut between two packets.
 
 #ifndef HOST_STREAM_PACKET_WATCH_H
 #define HOST_STREAM_PACKET_WATCH_H
@@ -18,7 +18,7 @@ public:
 private:
     struct Stream {
         uint16_t pid;
-        size_t left;  // of the PES packet; 0 where it is whole, or tells no length
+        size_t left;  // of the PES packet; 0 where it is whole, or states no length
     };
     Stream *stream_of(uint16_t pid);
 

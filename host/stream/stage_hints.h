@@ -1,4 +1,4 @@
-// What the outline of a file tells the stage that mends the stream.
+// What the stage that completes the stream learns from a file's outline.
 
 #ifndef HOST_STREAM_STAGE_HINTS_H
 #define HOST_STREAM_STAGE_HINTS_H

@@ -38,7 +38,7 @@ public:
     StreamFrames(uint32_t start_ms, FrameUser &user);
 
     int write(uint8_t *buffer, int size) override;
-    /// Tells that the frames written so far are whole; without it one ends where the next of its
+    /// Declares the frames written so far whole; without it one ends where the next of its
     /// stream begins.
     void end_frames() { m_checker.end_pes(); }
     void finish() { m_checker.finish(); }

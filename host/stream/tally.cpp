@@ -16,7 +16,7 @@ bool is_sound(Codec codec, const uint8_t *frame, size_t size)
 {
     constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
     constexpr size_t UNIT_AT = sizeof START_CODE;
-    if (size <= UNIT_AT) return true;  // too little to tell
+    if (size <= UNIT_AT) return true;  // too little to decide
     switch (codec) {
     case Codec::H264: {
         const bool f_forbidden = (frame[UNIT_AT] & 0x80) != 0;
@@ -165,7 +165,7 @@ void Tally::count(Stream &stream, int64_t time, const uint8_t *pes, size_t size)
 
     const size_t header = PTS_AT + pes[PES_HEADER_LENGTH_AT];
     const size_t packet = (size_t{pes[PES_LENGTH_AT]} << 8 | pes[PES_LENGTH_AT + 1]) + PES_PREFIX;
-    const size_t length = packet > header ? packet - header : 0;  // of the frame; 0: not told
+    const size_t length = packet > header ? packet - header : 0;  // of the frame; 0: not stated
     tally.bytes += length;
     stream.time = time;
     stream.f_damaged = false;

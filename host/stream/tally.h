@@ -1,5 +1,5 @@
 // What comes out of the library, counted and filtered on its way to the sink. The library's frames
-// are opaque to a host; its packets tell which stream each one belongs to, when it is shown and how
+// are opaque to a host; its packets show which stream each one belongs to, when it is shown and how
 // long it lasts.
 
 #ifndef HOST_STREAM_TALLY_H
@@ -21,7 +21,7 @@ struct StreamTally {
     Codec codec = Codec::UNKNOWN;
     uint64_t frames = 0;   ///< that the library has written
     uint64_t passed = 0;   ///< of them, to the sink
-    uint64_t bytes = 0;    ///< in them, as far as their length is told
+    uint64_t bytes = 0;    ///< in them, as far as their length is stated
     uint64_t damaged = 0;  ///< frames that don't begin as frames of their codec do
     int64_t first_damaged = 0;
     int64_t first = 0;  ///< earliest and latest time, 90 kHz

@@ -1,6 +1,5 @@
-// The host player's media interfaces. Of these the library needs MediaBuffer::ContentInfo and its
-// two enumerations; MediaBuffer and BufferStream themselves are the host's, neither implemented nor
-// called here.
+// The host player's media interfaces. The library needs only MediaBuffer::ContentInfo and its two
+// enumerations; the host implements MediaBuffer and BufferStream, and the library never calls them.
 
 #ifndef PELA_MEDIA_PLAYER_H
 #define PELA_MEDIA_PLAYER_H
@@ -13,7 +12,7 @@
 
 namespace PELA {
 
-/// A stream of bytes of the host.
+/// A byte stream of the host.
 class BufferStream {
 public:
     /// Moves by offset from whence (0 start, 1 position, 2 end); the new position or -1.
@@ -22,7 +21,7 @@ public:
     virtual int read(uint8_t *buffer, int size) = 0;
     /// Position in bytes from the start, or -1.
     virtual int64_t tell() = 0;
-    /// Stores the first position and the one behind the last that can be read now.
+    /// Stores the first position and the one after the last that can be read now.
     virtual bool bounds(int64_t *first, int64_t *end) = 0;
     virtual ~BufferStream() {}
 };
@@ -66,7 +65,7 @@ public:
         bool isEncryped;                  ///< whether keys are needed
         uint32_t pingPeriod;              ///< the host's own
         uint32_t pingPeriodFast;          ///< the host's own
-        uint32_t numAudioChannels;        ///< as the source tells
+        uint32_t numAudioChannels;        ///< as the source states
         uint32_t audioSampleRate;         ///< hertz
         uint32_t framesPerKiloSeconds;    ///< frames in 1000 seconds
         Dimensionality dimensionality;    ///< views in the picture
@@ -81,7 +80,7 @@ public:
 
     /// Describes the medium.
     virtual Status GetContentInfo(ContentInfo *info) = 0;
-    /// Tells how much of it is there.
+    /// Reports how much of it is there.
     virtual Status GetBufferInfo(BufferInfo *info) = 0;
     /// Opens its bytes.
     virtual Status OpenMediaStream(IBufferStream *stream) = 0;
@@ -95,7 +94,7 @@ public:
 };
 
 // Hosts are compiled elsewhere: the places of the fields never change. All of them have 32 bits but
-// the two pointers and the flag behind these.
+// the two pointers and the flag after these.
 static_assert(offsetof(MediaBuffer::ContentInfo, videoPid) == 16, "binary interface");
 static_assert(offsetof(MediaBuffer::ContentInfo, numNavTableEntries) == 44, "binary interface");
 static_assert(offsetof(MediaBuffer::ContentInfo, offsetTable) == 48, "binary interface");

@@ -1,4 +1,4 @@
-// The border between a host player and a remuxer library.
+// The interface between a host player and a remuxer library.
 //
 // The library implements RemuxerDriver, AVDemuxer and AVMuxer, the host the two Listener
 // interfaces. Hosts are compiled elsewhere: the order of the virtual functions is binary interface
@@ -17,7 +17,7 @@ namespace PELA {
 /// One opened source. Made by RemuxerDriver::createDemuxer.
 class AVDemuxer {
 public:
-    /// The host's side of a source. It stays the host's and has to outlive the demuxer.
+    /// The host's side of a source. The host owns it; it has to outlive the demuxer.
     class Listener {
     public:
         /// Reads up to size bytes to buffer from the read position, which moves on by what was
@@ -45,10 +45,10 @@ public:
 /// One output stream. Made by RemuxerDriver::createMuxer.
 class AVMuxer {
 public:
-    /// The host's sink. It stays the host's and has to outlive the muxer.
+    /// The host's sink. The host owns it; it has to outlive the muxer.
     class Listener {
     public:
-        /// Takes size bytes, which are the library's again when the call returns. The result is
+        /// Takes size bytes, which belong to the library again when the call returns. The result is
         /// ignored.
         virtual int write(uint8_t *buffer, int size) = 0;
         virtual ~Listener() {}
@@ -81,7 +81,7 @@ public:
     virtual void destroyFrame(IAVFrame frame) = 0;
     /// Opens a source. format: a container's short or MIME name, NUL-terminated; fileSize: bytes, 0
     /// where unknown. Null when the name is unknown or an argument is missing; when the source
-    /// isn't of that format, an object whose isValid is false. The host gives either back with
+    /// isn't of that format, an object whose isValid is false. The host destroys either one with
     /// destroyDemuxer.
     virtual IAVDemuxer createDemuxer(const char *format, AVDemuxer::Listener *listener,
                                      int64_t fileSize) = 0;

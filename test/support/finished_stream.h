@@ -1,5 +1,5 @@
 // A finished transport stream taken apart, as a receiver sees it: units with their times, the clock, the tables.
-// It computes nothing but what ISO/IEC 13818-1 tells of the bytes, and shares no code with what wrote them.
+// It computes nothing but what ISO/IEC 13818-1 says of the bytes, and shares no code with what wrote them.
 
 #ifndef GOLT_TEST_FINISHED_STREAM_H
 #define GOLT_TEST_FINISHED_STREAM_H
@@ -17,10 +17,10 @@ struct FinishedUnit {
     uint16_t pid = 0;
     size_t packet = 0;  ///< in which it starts
     int64_t pts = NOT_TOLD, dts = NOT_TOLD,
-            pcr = NOT_TOLD;  ///< 90 kHz; the DTS is the PTS where it isn't told
+            pcr = NOT_TOLD;  ///< 90 kHz; the DTS is the PTS where it isn't stated
     bool f_random_access = false;
     uint32_t length = 0;  ///< PES_packet_length
-    size_t size = 0;      ///< bytes behind it
+    size_t size = 0;      ///< bytes after it
     Bytes payload;
 };
 

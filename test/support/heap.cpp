@@ -6,7 +6,7 @@
 
 HeapWatch g_heap;
 
-// The linker's names for what it has replaced, and for what stands in its place.
+// The linker's names for what it has replaced, and for what replaces it.
 #if defined(__LP64__)
 #define MANGLED_SIZE(head, tail) head##m##tail
 #else

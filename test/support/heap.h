@@ -8,7 +8,7 @@
 #include <cstddef>
 
 struct HeapWatch {
-    int granted = INT_MAX;  ///< further requests that are served; those behind them are refused,
+    int granted = INT_MAX;  ///< further requests that are served; those after them are refused,
     int refused = INT_MAX;  ///< as many as this
     size_t held = 0;        ///< bytes that the library holds
     size_t most = 0;        ///< the largest that held has been

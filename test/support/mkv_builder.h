@@ -35,7 +35,7 @@ inline Bytes element_size(uint64_t size)
     return be(size | uint64_t{1} << (7 * width), width);
 }
 
-/// The bytes that a notation stands for.
+/// The bytes that a notation means.
 inline Bytes spell(const std::string &notation)
 {
     Bytes out;

@@ -52,7 +52,7 @@ public:
     }
 
     virtual int64_t size() const { return static_cast<int64_t>(m_file.size()); }
-    /// The size as it is told when a demuxer is made.
+    /// The size as it is stated when a demuxer is made.
     int64_t told_size() const { return hide_size ? 0 : size(); }
     int64_t position() const { return m_pos; }
 

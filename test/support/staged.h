@@ -1,4 +1,4 @@
-// The library's muxer with a stage behind it, and pictures to send through both.
+// The library's muxer with a stage after it, and pictures to send through both.
 
 #ifndef GOLT_TEST_STAGED_H
 #define GOLT_TEST_STAGED_H
@@ -82,7 +82,7 @@ inline Bytes slice(uint8_t type, size_t size, uint32_t seed)
     return unit(out);
 }
 
-/// The library's muxer, a stage behind it, and what comes out of that.
+/// The library's muxer, a stage after it, and what comes out of that.
 class Staged {
 public:
     explicit Staged(GOLT_codecs_t video, GOLT_codecs_t audio, const golt::StageHints &hints = {},
