@@ -119,6 +119,34 @@ TEST(Mp3, WalksFromHeaderToHeaderAndLooksForOne)
         EXPECT_EQ(Player(Mp3().frames(2).raw(hex(tail))).run("9 @0 9"), "2:0-26 @0 2:0-26") << tail;
 }
 
+// ISO/IEC 11172-3, 2.4.2.3: the bit rates in kbit/s. At 48 kHz a frame takes three bytes for each, in
+// Layer I one. The clock counts in 1/4096 ms: after 4096 frames it shows all of a frame's duration.
+TEST(Mp3, KnowsTheSizeAndTheDurationOfEveryFrame)
+{
+    const struct {
+        uint32_t header;
+        uint64_t samples;
+        std::vector<size_t> rates;
+    } layers[] = {
+        {0xFFFF0000, 384, {32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448}},
+        {0xFFFD0000, 1152, {32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384}},
+        {0xFFFB0000, 1152, {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320}},
+    };
+    for (const auto &layer : layers) {
+        const size_t slots = layer.samples / 384;
+        Mp3 sizes;
+        for (uint32_t i = 0; i < layer.rates.size(); ++i)
+            sizes.frames(1, layer.header | (i + 1) << 12 | 1 << 10, layer.rates[i] * slots);
+        EXPECT_EQ(Player(sizes).read(99).substr(0, 3), "14:");
+        for (const auto &[index, hertz] : {std::pair{0u, 44100u}, {1, 48000}, {2, 32000}}) {
+            const size_t size = slots == 1 ? 12 * 32000 / hertz * 4 : 144 * 32000 / hertz;
+            const Mp3 mp3 = Mp3().frames(4097, layer.header | 1 << 12 | index << 10, size);
+            EXPECT_EQ(Player(mp3).read(9999),
+                      "4097:0-" + std::to_string(layer.samples * 4096000 / hertz));
+        }
+    }
+}
+
 TEST(Mp3, FillsAFrameThatIsCutWithZeros)
 {
     // Of the bytes of a tag's size the top bits don't count: this one has 1 byte.
@@ -240,6 +268,42 @@ TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
         player.run(std::string("@3600000 @2041200 200 @2044800 200 ") + row.before);
         EXPECT_EQ(player.run(row.steps), row.trace) << row.name;
     }
+}
+
+// The tables by themselves, with frames of such a duration that they fill soon.
+TEST(Mp3, EstimatesOffsetsFromTheTables)
+{
+    const auto offset_of = [](uint32_t packet) {
+        MP3Offset_t offset = 0;
+        EXPECT_FALSE(POS_seek(packet, &offset)) << "not a known one";
+        return offset;
+    };
+    const auto start = [](uint32_t ms_per_packet) {
+        GOLT_DMX_MP3Destroy();
+        g_pkttime_fixpt = int_to_fixpt(ms_per_packet);
+        POS_init();
+        BRT_init();
+    };
+    // Even the coarse list, of every 60th packet, has turned over twice.
+    start(1000);
+    for (uint32_t i = 0; i <= 60 * 2049; ++i) {
+        BRT_update(100);
+        POS_update(i, 1000 + 100 * i);
+    }
+    EXPECT_EQ(offset_of(50), 1000u + 50 * 100);
+    BRT_reset(0, 0);
+    BRT_update(200);
+    EXPECT_EQ(offset_of(50), 0u) << "before the file by the average";
+
+    start(250);  // an entry for every fourth packet; the offsets fall
+    for (uint32_t i = 0; i < 4; ++i)
+        POS_update(i, 1000 - 10 * i);
+    EXPECT_EQ(offset_of(1), 990u);
+    start(6000);  // the first packet is the only entry
+    for (uint32_t i = 0; i < 4; ++i)
+        POS_update(i, 1000 + i * i * 100);
+    EXPECT_EQ(offset_of(1), 1000u + 300);
+    GOLT_DMX_MP3Destroy();
 }
 
 TEST(Mp3, DeliversNothingButFramesWhateverTheTablesBelieve)

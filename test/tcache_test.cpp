@@ -339,6 +339,7 @@ TEST(CacheList, TellsItsItemsInOrder)
     while (const cbuflist_t *item = head.list_detach(nullptr))
         delete item;
     EXPECT_EQ(head.tail(), nullptr);
+    EXPECT_EQ(head.count(), 0);
 }
 
 }  // namespace
