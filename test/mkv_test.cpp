@@ -52,9 +52,11 @@ struct Demuxer {
         std::istringstream words(steps);
         for (std::string word; words >> word;) {
             GOLT_streamInfo_t info = {};
+            info.vid_framesPerKiloSeconds = 9;
             if (word == "i" && GOLT_DMX_MKVGetStreamInfo(&info))
                 out << ' ' << info.audioCodec << ' ' << info.videoCodec << ' '
-                    << info.aud_numChannels << ' ' << info.aud_sampleRate << ' ' << info.duration;
+                    << info.aud_numChannels << ' ' << info.aud_sampleRate << ' ' << info.duration
+                    << (info.vid_framesPerKiloSeconds != 0 ? "?" : "");
             else if (word[0] == '@')
                 out << (GOLT_DMX_MKVSeekToTime(std::stoull(word.substr(1))) ? " @" : " !");
             else
@@ -254,18 +256,21 @@ TEST(Mkv, ReadsEveryElementThatItKnows)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-// ATSC A/52, the frame size code table.
+// ATSC A/52, the frame size code table: 1536 samples at each of these rates in kbit/s. At 44100 Hz, where
+// that is no whole number of words, the odd codes have one more.
 TEST(Mkv, KnowsTheSizesOfAc3Frames)
 {
-    const struct {
-        uint8_t code;
-        uint32_t hertz;
-        int32_t bytes;
-    } rows[] = {{0, 48000, 128},   {0, 44100, 138},   {1, 44100, 140},
-                {0, 32000, 192},   {37, 48000, 2560}, {37, 44100, 2788},
-                {37, 32000, 3840}, {38, 48000, -1},   {37, 22050, 0}};
-    for (const auto &row : rows)
-        EXPECT_EQ(CheckFrameSize(row.code, row.hertz), row.bytes) << int{row.code};
+    uint8_t code = 0;
+    for (const int rate :
+         {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640}) {
+        for (int odd = 0; odd < 2; ++odd, ++code) {
+            EXPECT_EQ(CheckFrameSize(code, 48000), 4 * rate) << int{code};
+            EXPECT_EQ(CheckFrameSize(code, 44100), 2 * (rate * 96000 / 44100 + odd)) << int{code};
+            EXPECT_EQ(CheckFrameSize(code, 32000), 6 * rate) << int{code};
+        }
+    }
+    EXPECT_EQ(CheckFrameSize(code, 48000), -1);
+    EXPECT_EQ(CheckFrameSize(37, 22050), 0);
 }
 
 TEST(Mkv, EndsOnWhatIsNoMatroska)
