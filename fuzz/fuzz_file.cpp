@@ -15,6 +15,7 @@ using namespace PELA;
 namespace {
 
 constexpr int PACKET_SIZE = 188;
+constexpr uint64_t CACHE_SIZE = 16 * 65536;            // bytes
 constexpr size_t STREAM_CHECKED = 1000 * PACKET_SIZE;  // bytes
 
 // A read that takes more turns than these of the host's reads runs into the cache's time-out.
@@ -101,6 +102,8 @@ public:
             const CallWatch watch;
             IAVFrame frame = m_driver->createNewFrame();
             f_ok = demux->readFrame(frame);
+            check_work(demux == m_second ? m_input.second_format : m_input.format, watch,
+                       CALL_READ);
             if (f_ok) use(frame);
             if (frame != nullptr) m_driver->destroyFrame(frame);
         }
@@ -117,11 +120,13 @@ public:
         case op_t::SEEK_TIME: {
             const CallWatch watch;
             m_demux->seekToTime(t_op.number);
+            check_work(m_input.format, watch, CALL_SEEK);
             break;
         }
         case op_t::SEEK_BYTES: {
             const CallWatch watch;
             m_demux->seekToBytes(t_op.number);
+            check_work(m_input.format, watch, CALL_SEEK);
             break;
         }
         case op_t::OTHER: perform_other(t_op.number); break;
@@ -129,9 +134,18 @@ public:
     }
 
 private:
+    void check_work(unsigned format, const CallWatch &watch, call_t call) const
+    {
+        const uint64_t delivered = m_host.delivered + m_second_host.delivered;
+        require_work(format, call, watch.work(), std::min(delivered, CACHE_SIZE));
+    }
+
     IAVDemuxer create(unsigned format, FaultySource &host)
     {
-        return m_driver->createDemuxer(name_of(format), &host, told_size(m_input));
+        const CallWatch watch;
+        IAVDemuxer demux = m_driver->createDemuxer(name_of(format), &host, told_size(m_input));
+        check_work(format, watch, CALL_CREATE);
+        return demux;
     }
 
     void create_muxer()

@@ -1,6 +1,6 @@
 // Writes the seeds of the fuzz targets, small files of every kind with the recipes of some runs, to
 // the folder that is named: DIR/TARGET/NAME. Further arguments are files, of whose contents seeds are
-// made too; their extension gives the format.
+// made too; their extension gives the format. Those in DIR/large are longer than 64 KiB.
 
 #include <cstdio>
 #include <filesystem>
@@ -34,6 +34,9 @@ const struct {
     {"half_size", "02 00 00 00 00 00 00 08 7F 03 40 C2 C3 C4 C1"},
     {"zeros", "00 40 01 02 04 00 00 05 48 0A C5 05 44 10 C2"},
     {"silence", "01 00 02 01 08 00 00 05 48 0A C0 05 44 10 C2"},
+    {"trickle", "01 01 07 03 02 00 00 05 48 0A C5 05 44 10 C2"},
+    {"seeks_not_done", "03 00 80 00 02 00 00 05 48 0A C5 05 44 10 C2"},
+    {"all_refused", "00 00 08 00 01 00 00 05 48 0A C5 05 44 10 C2"},
     {"refused_seeks", "03 00 0C 03 02 00 00 05 48 0A C5 05 44 10 C2"},
     {"lies", "04 30 10 05 03 00 00 05 48 0A C5 05 44 10 C2"},
     {"no_memory", "00 00 20 04 00 10 00 05 48 0A C5 05 44 10 C2"},
@@ -233,6 +236,32 @@ void write_outlines()
     }
 }
 
+// Files of hundreds of KiB: blocks of every size, 255 empty frames to a block, tables of many entries.
+void write_large()
+{
+    std::string words = "h0 d473B8000 t1['V_MPEG4/ISO/AVC'] t2['A_AC3'] ";
+    std::string laces;
+    for (int i = 0; i < 40000; ++i)
+        laces += i % 2 == 0 ? "=A3[81.0000.04.FE] " : "l04.FE ";
+    for (int i = 0; i < 60; ++i) {
+        words += "C" + std::to_string(i * 1000) + " v80(65*9000) v0(41*500) ";
+        for (int j = 0; j < 20; ++j)
+            words += "a0=0B77*" + std::to_string(j * 10 + 1) + " ";
+    }
+    write_seeds(3, "clusters", MkvFile(words + "k").build(), true);
+    write_seeds(3, "laces", MkvFile("t1['V_MPEG4/ISO/AVC'] t2['A_AC3'] c0 " + laces).build(), true);
+
+    Mp4Track video = Mp4Track::video(), audio = Mp4Track::audio();
+    for (size_t i = 0; i < 2000; ++i) {
+        video.sample(nal(Bytes(i % 300 + 1, 0x41)));
+        audio.sample(Bytes(i % 40 + 1, 0x21));
+    }
+    write_seeds(2, "samples", Mp4File().add(video).add(audio).build(), true);
+    Mp4File last;
+    last.order = {"ftyp", "mdat", "moov"};
+    write_seeds(2, "movie_last", last.add(video).add(audio).build(), true);
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -256,5 +285,7 @@ int main(int argc, char **argv)
                 write_seeds(format, path.stem().string(), read_file(path.string()), false);
         }
     }
+    g_dir += "/large";
+    write_large();
     return 0;
 }

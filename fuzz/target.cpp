@@ -33,6 +33,7 @@ double seconds(clockid_t clock)
 }
 
 double s_input_start = 0;  // processor time
+work_t s_hosts;            // what all hosts of this input did
 
 }  // namespace
 
@@ -47,7 +48,19 @@ void require(bool f_ok, const char *reason)
 
 CallWatch::CallWatch()
     : m_start(seconds(CLOCK_MONOTONIC))
+    , m_before(s_hosts)
+    , m_held(g_heap.held)
+    , m_most(g_heap.most)
 {
+    m_before.requests = g_heap.requests;
+    g_heap.most = g_heap.held;
+}
+
+work_t CallWatch::work() const
+{
+    return {s_hosts.calls - m_before.calls, s_hosts.negatives - m_before.negatives,
+            s_hosts.delivered - m_before.delivered, g_heap.requests - m_before.requests,
+            g_heap.most - m_held};
 }
 
 CallWatch::~CallWatch()
@@ -60,12 +73,14 @@ CallWatch::~CallWatch()
         require(seconds(CLOCK_PROCESS_CPUTIME_ID) - s_input_start < LONGEST_CALL,
                 "a call is short");
 #endif
+    g_heap.most = std::max(g_heap.most, m_most);
     require(g_heap.most < LARGEST_HEAP, "the heap stays small");
 }
 
 void begin_input()
 {
     g_heap = {};
+    s_hosts = {};
     g_TCacheEnabled = true;
     mkvctx = {};
     s_input_start = seconds(CLOCK_PROCESS_CPUTIME_ID);
@@ -130,12 +145,17 @@ FaultySource::FaultySource(const Input &t_input, uint8_t faults)
 int FaultySource::read(uint8_t *buffer, int size)
 {
     const LibraryCall host(false);
-    return Source::read(buffer, size);
+    begin_call();
+    const int got = Source::read(buffer, size);
+    if (got > 0 && got <= size) s_hosts.delivered += static_cast<unsigned>(got);
+    s_hosts.negatives += got < 0;
+    return got;
 }
 
 int64_t FaultySource::seek(int64_t offset, int whence)
 {
     const LibraryCall host(false);
+    begin_call();
     require(whence == 0, "seeks count from the start");
     // After the end, or before the start, there are no bytes.
     return Source::seek(offset >= 0 ? offset : INT64_MAX, whence);
@@ -144,22 +164,30 @@ int64_t FaultySource::seek(int64_t offset, int whence)
 int FaultySource::answer(int room)
 {
     const int wanted = std::min(room, most);
-    if (!is_fault()) return wanted;
-    if ((m_faults & FAULT_LIE) != 0) return room + 1;
-    if ((m_faults & FAULT_ZERO) != 0) return 0;
-    if ((m_faults & FAULT_NEGATIVE) != 0 && m_negatives > 0) return -m_negatives--;
-    return (m_faults & FAULT_SHORT) != 0 ? wanted / 2 : wanted;
+    if (!m_f_fault) return wanted;
+    uint8_t kinds[4];
+    unsigned count = 0;
+    for (const uint8_t kind : {FAULT_LIE, FAULT_ZERO, FAULT_NEGATIVE, FAULT_SHORT})
+        if ((m_faults & kind) != 0) kinds[count++] = kind;
+    if (count == 0) return wanted;
+    switch (kinds[m_turn++ % count]) {
+    case FAULT_LIE: return room + 1;
+    case FAULT_ZERO: return 0;
+    case FAULT_NEGATIVE: return m_negatives > 0 ? -m_negatives-- : wanted;
+    default: return std::max(wanted / 2, 1);
+    }
 }
 
 bool FaultySource::refuses()
 {
-    return is_fault() && (m_faults & FAULT_SEEK) != 0;
+    return m_f_fault && (m_faults & FAULT_SEEK) != 0;
 }
 
-bool FaultySource::is_fault()
+void FaultySource::begin_call()
 {
+    ++s_hosts.calls;
     ++calls;
-    return calls >= m_input.first_fault && calls % m_input.fault_period == 0;
+    m_f_fault = calls >= m_input.first_fault && calls % m_input.fault_period == 0;
 }
 
 // Frames
@@ -193,25 +221,86 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size)
     }
 }
 
+// Work
+
+namespace {
+
+// For each byte that is read, and beyond that. bytes_per_request 0: a constant number of requests.
+struct bound_t {
+    double calls_per_byte;
+    uint64_t calls;
+    uint64_t bytes_per_request, requests;
+    uint64_t heap_per_byte, heap;
+};
+
+constexpr uint64_t KIB = 1024;
+// A frame whose bytes are still to come, and what little stands beside it.
+constexpr uint64_t FRAME = 16 * KIB * KIB + 256 * KIB;
+constexpr uint64_t TABLES = 2 * FRAME;
+
+// The rows and columns of docs/robustness.md: createDemuxer, readFrame, seeks.
+constexpr bound_t BOUNDS[4][3] = {
+    {{1, 16, 0, 0, 0, 0}, {1.0 / 96, 4, 0, 2, 0, 4 * KIB}, {0, 4, 0, 0, 0, 0}},
+    {{0.25, 16, 0, 16, 0, 64 * KIB}, {0.25, 16, 0, 4, 0, 64 * KIB}, {0.25, 16, 0, 4, 0, 64 * KIB}},
+    {{1, 16, 8, 64, 5, TABLES}, {2, 4, 0, 8, 3, FRAME}, {0, 0, 0, 0, 0, 0}},
+    {{2, 128, 6, 16, 2, 256 * KIB}, {2, 128, 6, 264, 2, FRAME}, {2, 128, 6, 16, 2, FRAME}},
+};
+constexpr bound_t NO_WORK = {};
+// Of the cache: 16 blocks of 64 KiB with their heads, and a read-ahead that waits for nothing.
+constexpr bound_t CACHE = {1, 64, 0, 64, 0, 1408 * KIB};
+
+// Of an MP4, the same bytes are read for each box that overhangs; behind the cache that isn't seen.
+constexpr uint64_t OVERHANGS = 16;
+
+}  // namespace
+
+void require_work(unsigned format, call_t call, const work_t &t_work, uint64_t held)
+{
+    const bound_t &t_bound = call == CALL_OTHER ? NO_WORK : BOUNDS[format][call];
+    bound_t t_cache = {};
+    uint64_t bytes = t_work.delivered;
+    if (held != NO_CACHE) {
+        t_cache = CACHE;
+        bytes = (bytes + held) * (format == 2 && call == CALL_CREATE ? OVERHANGS : 1);
+    }
+    const double calls =
+        (t_bound.calls_per_byte + t_cache.calls_per_byte) * static_cast<double>(bytes);
+    require(static_cast<double>(t_work.calls - t_work.negatives) <=
+                calls + static_cast<double>(t_bound.calls + t_cache.calls),
+            "a call asks the host a few times for each byte");
+    uint64_t requests = t_bound.requests + t_cache.requests;
+    if (t_bound.bytes_per_request != 0) requests += bytes / t_bound.bytes_per_request;
+    require(t_work.requests <= requests, "memory is asked for as bytes come");
+    require(t_work.heap <= bytes * t_bound.heap_per_byte + t_bound.heap + t_cache.heap,
+            "memory is taken as bytes come");
+}
+
 // One demuxer
 
 namespace {
 
-// A module trusts its callbacks' counts, and only the cache makes whole reads of short ones.
-constexpr uint8_t MODULE_FAULTS = UINT8_MAX - FAULT_LIE;
+// A module trusts its callback's counts. What a host claims too much the cache takes for nothing.
+class ModuleHost : public FaultySource {
+public:
+    using FaultySource::FaultySource;
+
+    int read(uint8_t *buffer, int size) override
+    {
+        const int got = FaultySource::read(buffer, size);
+        return got > size ? 0 : got;
+    }
+};
 
 class ModuleRun {
 public:
     ModuleRun(const GOLT_DMX_handler_t &t_module, const Input &t_input, bool f_faulty)
         : m_module(t_module)
-        , m_source(t_input,
-                   f_faulty ? static_cast<uint8_t>(t_input.faults & MODULE_FAULTS) : uint8_t{0})
-        // Sixteen boxes that overhang, each of which may have every box header of eight bytes read.
-        , m_calls_limit(32 * t_input.file.size() + 100000)
+        , m_source(t_input, f_faulty ? t_input.faults : uint8_t{0})
     {
         GOLT_streamInfo_t t_info = {};
-        m_source.most = INT_MAX;
-        m_is_open = call([&] {
+        // Trickles come only where faults do: otherwise the frames are the file's.
+        if (!f_faulty || t_input.faults == 0) m_source.most = INT_MAX;
+        m_is_open = call(CALL_CREATE, [&] {
             return m_module.init(FaultySource::read_proc, FaultySource::seek_proc, &m_source);
         });
         if (m_is_open) m_module.getStreamInfo(&t_info);
@@ -219,7 +308,7 @@ public:
 
     ~ModuleRun()
     {
-        call([&] { return !m_is_open || m_module.destroy(); });
+        call(CALL_OTHER, [&] { return !m_is_open || m_module.destroy(); });
         require(g_heap.held == 0, "everything is given back");
     }
 
@@ -231,9 +320,10 @@ public:
     {
         for (; count > 0; --count) {
             GOLT_frame_t t_frame = {};
-            const bool f_ok = call([&] { return m_is_open && m_module.readFrame(&t_frame); });
+            const bool f_ok =
+                call(CALL_READ, [&] { return m_is_open && m_module.readFrame(&t_frame); });
             if (f_ok) seen.push_back(look_at(t_frame));
-            call([&] {
+            call(CALL_OTHER, [&] {
                 GOLT_freeMem(t_frame.pb_data);
                 return true;
             });
@@ -248,28 +338,29 @@ public:
         GOLT_streamInfo_t t_info = {};
         switch (t_op.kind) {
         case op_t::READ: read(t_op.number, seen); break;
-        case op_t::SEEK_TIME: call([&] { return m_module.seekToTime(t_op.number); }); break;
-        case op_t::SEEK_BYTES: call([&] { return m_module.seekToBytes(t_op.number); }); break;
-        case op_t::OTHER: call([&] { return m_module.getStreamInfo(&t_info); }); break;
+        case op_t::SEEK_TIME:
+            call(CALL_SEEK, [&] { return m_module.seekToTime(t_op.number); });
+            break;
+        case op_t::SEEK_BYTES:
+            call(CALL_SEEK, [&] { return m_module.seekToBytes(t_op.number); });
+            break;
+        case op_t::OTHER: call(CALL_OTHER, [&] { return m_module.getStreamInfo(&t_info); }); break;
         }
     }
 
 private:
-    template <typename Call> bool call(Call what)
+    template <typename Call> bool call(call_t kind, Call what)
     {
         m_source.calls = 0;
-        bool f_ok = false;
-        {
-            const CallWatch watch;
-            f_ok = what();
-        }
-        require(m_source.calls <= m_calls_limit, "a call reads the file a few times at most");
+        const CallWatch watch;
+        const bool f_ok = what();
+        const auto format = static_cast<unsigned>(&m_module - GOLT::g_dmx_handlers);
+        require_work(format, kind, watch.work(), NO_CACHE);
         return f_ok;
     }
 
     const GOLT_DMX_handler_t &m_module;
-    FaultySource m_source;
-    uint64_t m_calls_limit;
+    ModuleHost m_source;
     bool m_is_open = false;
 };
 

@@ -35,6 +35,7 @@ enum fault_t : uint8_t {
     FAULT_LIE = 0x10,   ///< reads that claim more than they were offered
     FAULT_MEMORY = 0x20,
     FAULT_NO_CACHE = 0x40,
+    FAULT_IGNORE = 0x80,  ///< seeks that answer 0, and are not done
 };
 
 struct op_t {
@@ -58,13 +59,15 @@ struct Input {
     std::vector<uint8_t> file;
 };
 
-/// The file of an input, with the faults of its recipe. A negative result doesn't come without end.
+/// The file of an input, with the faults of its recipe. Where a read may have several, they come in
+/// turn. A negative result doesn't come without end.
 class FaultySource : public Source {
 public:
     /// faults: those of the recipe that there are (fault_t).
     FaultySource(const Input &t_input, uint8_t faults);
 
-    uint64_t calls = 0;  ///< by which faults are counted
+    /// Number of the call, by which faults are counted.
+    uint64_t calls = 0;
 
     int read(uint8_t *buffer, int size) override;
     int64_t seek(int64_t offset, int whence) override;
@@ -72,13 +75,16 @@ public:
 protected:
     int answer(int room) override;
     bool refuses() override;
+    bool ignores() override { return m_f_fault && (m_faults & FAULT_IGNORE) != 0; }
 
 private:
-    bool is_fault();
+    void begin_call();
 
     const Input &m_input;
     uint8_t m_faults;
     int m_negatives;
+    unsigned m_turn = 0;     // of the faults that a read may have
+    bool m_f_fault = false;  // in this call
 };
 
 /// What a host sees of a frame. The bytes are summed up.
@@ -106,6 +112,23 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size);
 /// Frames that one run looks at. Some formats describe very many in few bytes.
 constexpr size_t FRAMES_LOOKED_AT = 20000;
 
+/// What calls of the library cost.
+struct work_t {
+    uint64_t calls = 0;      ///< of the host
+    uint64_t negatives = 0;  ///< of these, answered by "not yet"
+    uint64_t delivered = 0;  ///< bytes that the host gave
+    uint64_t requests = 0;   ///< for memory
+    uint64_t heap = 0;       ///< bytes by which the heap grew in between
+};
+
+enum call_t : uint8_t { CALL_CREATE, CALL_READ, CALL_SEEK, CALL_OTHER };
+
+/// Ends the program where one call of a format's demuxer cost more than docs/robustness.md tells.
+/// held: bytes of the cache, which may be read again in this call, or NO_CACHE. "Not yet" isn't
+/// counted among the calls of the host: 5000 times for each fill it is asked again.
+constexpr uint64_t NO_CACHE = UINT64_MAX;
+void require_work(unsigned format, call_t call, const work_t &t_work, uint64_t held);
+
 /// Measures one call of the library, in the programs that fuzz: it mustn't take long, nor the heap
 /// grow large.
 class CallWatch {
@@ -115,12 +138,18 @@ public:
     CallWatch(const CallWatch &) = delete;
     CallWatch &operator=(const CallWatch &) = delete;
 
+    /// What the call has cost up to now.
+    work_t work() const;
+
     /// Longest call since the program began.
     static double s_longest;
 
 private:
     LibraryCall m_call;
     double m_start;
+    work_t m_before;
+    size_t m_held;  // by the heap, when the call began
+    size_t m_most;  // in front of it
 };
 
 #endif

@@ -24,6 +24,7 @@ namespace {
 bool is_refused()
 {
     if (!g_heap.f_watched) return false;
+    ++g_heap.requests;
     if (g_heap.granted > 0) {
         --g_heap.granted;
         return false;

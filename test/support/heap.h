@@ -12,6 +12,7 @@ struct HeapWatch {
     int refused = INT_MAX;  ///< as many as this
     size_t held = 0;        ///< bytes that the library holds
     size_t most = 0;        ///< the largest that held has been
+    size_t requests = 0;    ///< that were made, be they served or refused
     bool f_watched = false;
 };
 

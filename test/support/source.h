@@ -26,9 +26,11 @@ public:
     int most = INT_MAX;      ///< bytes that a read delivers: a trickle
     std::deque<int> script;  ///< what the next reads give: short counts, 0, negative ones and lies
     bool refuse_seeks = false;
+    bool ignore_seeks = false;  ///< seeks answer 0, and are not done
     bool hide_size = false;
     int reads = 0;
     int seeks = 0;
+    uint64_t delivered = 0;  ///< bytes that reads gave
 
     int read(uint8_t *buffer, int size) override
     {
@@ -40,6 +42,7 @@ public:
         const auto count = static_cast<int>(std::min<int64_t>(wanted, end - m_pos));
         deliver(buffer, m_pos, count);
         m_pos += count;
+        delivered += static_cast<uint64_t>(count);
         return count;
     }
 
@@ -47,7 +50,7 @@ public:
     {
         ++seeks;
         if (refuses() || offset < 0 || whence != 0) return -1;
-        m_pos = offset;
+        if (!ignores()) m_pos = offset;
         return 0;
     }
 
@@ -81,6 +84,7 @@ protected:
     }
 
     virtual bool refuses() { return refuse_seeks; }
+    virtual bool ignores() { return ignore_seeks; }
 
     /// Places count bytes from offset at on.
     virtual void deliver(uint8_t *buffer, int64_t at, int count)
