@@ -198,7 +198,7 @@ TEST(Stage, TimesAudioByItsFrames)
         for (const uint64_t i : {uint64_t{1}, uint64_t{2}, COUNT - 1}) {
             const double exact = 1500 * 90 + static_cast<double>(i * row.samples) * 90000 /
                                                  static_cast<double>(row.rate);
-            EXPECT_NEAR(static_cast<double>(units[i].pts), exact, 0.51) << i;
+            EXPECT_NEAR(static_cast<double>(units[static_cast<size_t>(i)].pts), exact, 0.51) << i;
         }
         EXPECT_EQ(out.stage.counts().untimed_audio, 0u);
     }

@@ -188,6 +188,21 @@ float FileGetFloat(uint32_t Len)
     }
 }
 
+// Walks are many, and each would have a copy of it otherwise: a fifth of the library's code.
+__attribute__((noinline)) bool mkv::read_element(element_t &t_element)
+{
+    const int64_t i8_start = _MKV_FilePos();
+    t_element = {};
+    t_element.ID = FileCheckEBML(t_element.Len, &t_element.cur_used);
+    if (t_element.ID != 0) {
+        mkvctx.ui4_damaged = 0;
+        return true;
+    }
+    t_element.cur_used = static_cast<uint32_t>(_MKV_FilePos() - i8_start);
+    ++mkvctx.ui4_damaged;
+    return t_element.cur_used != 0;
+}
+
 void mkv::skip(const element_t &t_element)
 {
     _MKV_Seek(position_after(t_element.Len[1]));

@@ -112,19 +112,7 @@ struct element_t {
 
 /// Reads the next header. One that can't be read is an element without a payload, as long as the
 /// bytes that it took, so that the reading goes on after them. False when not even one byte came.
-inline bool read_element(element_t &t_element)
-{
-    const int64_t i8_start = _MKV_FilePos();
-    t_element = {};
-    t_element.ID = FileCheckEBML(t_element.Len, &t_element.cur_used);
-    if (t_element.ID != 0) {
-        mkvctx.ui4_damaged = 0;
-        return true;
-    }
-    t_element.cur_used = static_cast<uint32_t>(_MKV_FilePos() - i8_start);
-    ++mkvctx.ui4_damaged;
-    return t_element.cur_used != 0;
-}
+bool read_element(element_t &t_element);
 
 /// Whether so many headers in a row couldn't be read that the rest of their master is given up.
 inline bool is_given_up()
