@@ -218,9 +218,9 @@ TEST(Mp4, ReportsTheAudioFormat)
     } rows[] = {
         {"AAC", "mp4a", 0x40, "1210", GOLT_ACODEC_AAC, 44100},
         {"AAC", "mp4a", 0x40, "1690", GOLT_ACODEC_AAC, 0},            // reserved index
-        {"AAC", "mp4a", 0x40, "1780BB8000", GOLT_ACODEC_AAC, 96000},  // rate in full
+        {"AAC", "mp4a", 0x40, "1780BB8080", GOLT_ACODEC_AAC, 96001},  // rate in full
         {"AAC", "mp4a", 0x40, "F90C", GOLT_ACODEC_AAC, 24000},        // escaped type
-        {"AAC", "mp4a", 0x40, "F91E017700", GOLT_ACODEC_AAC, 48000},  // escaped type, rate in full
+        {"AAC", "mp4a", 0x40, "F91E017703", GOLT_ACODEC_AAC, 48001},  // escaped type, rate in full
         {"AAC", "mp4a", 0x40, "", GOLT_ACODEC_AAC, 32000},            // the sample entry's
         {"MP3", "mp4a", 0x6B, "", GOLT_ACODEC_MP3, 32000},
         {"", "mp4a", 0xDD, "", GOLT_CODEC_UNKNOWN, 32000},

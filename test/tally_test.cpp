@@ -26,8 +26,9 @@ Bytes packet(uint16_t pid, uint64_t time, const Bytes &frame, size_t length)
     Bytes pts = {static_cast<uint8_t>(0x21 | (time >> 29 & 0x0E)), static_cast<uint8_t>(time >> 22),
                  static_cast<uint8_t>((time >> 14 & 0xFE) | 1), static_cast<uint8_t>(time >> 7),
                  static_cast<uint8_t>((time << 1 & 0xFE) | 1)};
+    const auto low_bit = static_cast<uint32_t>(time & 1);
     Bytes out = hex("47") + be16(0x4000u | pid) + hex("30 07 10") + be(time >> 1, 4) +
-                be16((time & 1) << 15 | 0x7E00) + hex("000001E0") +
+                be16(low_bit << 15 | 0x7E00) + hex("000001E0") +
                 be16(static_cast<uint32_t>(length + 8)) + hex("808005") + pts + frame;
     out.resize(TS_PACKET_SIZE, 0x55);
     return out;
