@@ -32,9 +32,9 @@ struct Numbers {
         }
         return ui8_value;
     }
-    Bytes take_bytes(size_t size)
+    Bytes take_bytes(uint64_t count)
     {
-        Bytes out(size);
+        Bytes out(static_cast<size_t>(count));
         for (uint8_t &byte : out)
             byte = static_cast<uint8_t>(take(1));
         return out;
@@ -78,7 +78,8 @@ void write_frame(Numbers &numbers, uint32_t kind, uint64_t &time_ms)
     if ((kind & 0x40) != 0) time_ms = numbers.take(4);
     time_ms += numbers.take(1) - 40;
     Bytes bytes = hex(fronts[kind >> 3 & 7]) + numbers.take_bytes(numbers.take(1));
-    if ((kind & 4) != 0) bytes.resize(bytes.size() + numbers.take(3) % 100000, 0x55);
+    if ((kind & 4) != 0)
+        bytes.resize(bytes.size() + static_cast<size_t>(numbers.take(3) % 100000), 0x55);
     GOLT_frame_t t_frame = {time_ms & 0xFFFFFFFFFF, (kind & 2) != 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO,
                             bytes.data(), static_cast<uint32_t>(bytes.size())};
     const CallWatch watch;

@@ -133,7 +133,7 @@ TEST(Mp3, KnowsTheSizeAndTheDurationOfEveryFrame)
         {0xFFFB0000, 1152, {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320}},
     };
     for (const auto &layer : layers) {
-        const size_t slots = layer.samples / 384;
+        const auto slots = static_cast<size_t>(layer.samples / 384);
         Mp3 sizes;
         for (uint32_t i = 0; i < layer.rates.size(); ++i)
             sizes.frames(1, layer.header | (i + 1) << 12 | 1 << 10, layer.rates[i] * slots);
