@@ -1,5 +1,6 @@
 #include "heap.h"
 
+#include <algorithm>
 #include <malloc.h>
 
 #include <new>
@@ -40,9 +41,11 @@ void *count(void *block)
     return block;
 }
 
+// Blocks of the throwing new, which a target's own code takes within a watch, aren't counted when taken.
 void discount(void *block)
 {
-    if (g_heap.f_watched && block != nullptr) g_heap.held -= malloc_usable_size(block);
+    if (g_heap.f_watched && block != nullptr)
+        g_heap.held -= std::min(g_heap.held, malloc_usable_size(block));
 }
 
 }  // namespace
