@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "numbers.h"
 #include "rmx_mpeg2ts.h"
 #include "target.h"
 #include "ts_collector.h"
@@ -14,25 +15,6 @@ constexpr size_t FRAMES_MOST = 60;
 constexpr size_t BYTES_MOST = 128 * 1024;
 constexpr uint64_t TIMES = uint64_t{1} << 33;  // of 90 kHz, until PTS and PCR start again
 constexpr size_t ADTS_SIZE = 7;
-
-// Takes numbers from the input's front; 0 where there are none left.
-struct Numbers {
-    const uint8_t *pb_at;
-    size_t left;
-
-    uint64_t take(size_t size)
-    {
-        uint64_t ui8_value = 0;
-        for (; size > 0; --size) {
-            ui8_value = ui8_value << 8 | (left > 0 ? *pb_at : 0u);
-            if (left == 0) continue;
-            ++pb_at;
-            --left;
-        }
-        return ui8_value;
-    }
-    uint32_t take32() { return static_cast<uint32_t>(take(4)); }
-};
 
 struct Output {
     Bytes stream;

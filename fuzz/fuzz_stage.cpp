@@ -1,10 +1,11 @@
-// The stage after the muxer, given frames of any kind and packets that nobody would write: what comes out is a sound
+// The stage after the muxer, given frames of any kind and packets that nobody would write: what comes out is a valid
 // stream all the same, and memory stays bounded.
 
 #include <optional>
 
 #include "finished_stream.h"
 #include "golt_stage.h"
+#include "numbers.h"
 #include "rmx_mpeg2ts.h"
 #include "target.h"
 
@@ -15,31 +16,6 @@ constexpr size_t STEPS_MOST = 2000;
 constexpr size_t BYTES_MOST = 4 * 1024 * 1024;
 // 2 MiB that are held back, the buffer of 200 KB, and what the stage keeps besides.
 constexpr size_t HEAP_MOST = 2560 * 1024;
-
-// Takes numbers from the input's front; 0 where there are none left.
-struct Numbers {
-    const uint8_t *pb_at;
-    size_t left;
-
-    uint64_t take(size_t size)
-    {
-        uint64_t ui8_value = 0;
-        for (; size > 0; --size) {
-            ui8_value = ui8_value << 8 | (left > 0 ? *pb_at : 0u);
-            if (left == 0) continue;
-            ++pb_at;
-            --left;
-        }
-        return ui8_value;
-    }
-    Bytes take_bytes(uint64_t count)
-    {
-        Bytes out(static_cast<size_t>(count));
-        for (uint8_t &byte : out)
-            byte = static_cast<uint8_t>(take(1));
-        return out;
-    }
-};
 
 struct Output {
     Bytes stream;
