@@ -179,6 +179,9 @@ END
     $make -i v.mp4 $tone -c:v copy -c:a aac -mpegts_m2ts_mode 1 av.m2ts
     $make -f lavfi -i testsrc2=s=32x32:r=0.2:d=7205 -c:v libx264 -threads 1 -preset ultrafast -g 20 long.mp4
     is 'audio 0; 0; 0:00; 0:12' "$(plotted a.mp3)"
+    $make -f lavfi -i color=gray:s=64x48 -frames:v 1 -c:v libx264 -threads 1 one.mp4
+    $GOLT plot one.mp4 -o one.svg
+    [ "$(grep -c nan one.svg)" -eq 0 ]
     is 'video 1; 12; 12 sync points, at most 1.0 s apart; 0:01; 0:12' "$(plotted v.mp4)"
     is 'video 1; audio 0; distance; 12; 12 sync points, at most 1.0 s apart; 0:00; 0:12' "$(plotted av.mkv)"
     [[ $(plotted av.m2ts) == 'video 1; audio '[0-4]'; distance; 12; 12 sync points, at most 1.0 s apart; 0:02; 0:12' ]]

@@ -35,7 +35,11 @@ void Timeline::release_first(Stream stream)
     if (course.released && time < *course.released) {
         spread(stream, time, time, first->second);
     } else {
-        if (next != course.waiting.end()) course.last_step = next->first - time;
+        constexpr int64_t OF_ONLY_FRAME = TICKS_PER_SECOND / 10;
+        if (next != course.waiting.end())
+            course.last_step = next->first - time;
+        else if (course.last_step == 0)
+            course.last_step = OF_ONLY_FRAME;
         spread(stream, time, time + course.last_step, first->second);
         course.released = time;
     }
