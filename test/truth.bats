@@ -114,6 +114,8 @@ hole() {
         -c:s srt second.mkv
     $ffmpeg $tone -ar 22050 -c:a libmp3lame low.mp3
     $ffmpeg $small $h264 plain.ts
+    $ffmpeg $small -c:v mpeg4 old.avi
+    $ffmpeg $tone bare.ac3
     perl -0777 -pe 's/(.{4})mdat/pack("N", 1) . "mdat" . pack("NN", 0, 8 + unpack "N", $1)/se;
         s/free/junk/' opus.mp4 >large.mp4
     remuxed 3 opus.mp4     'golt: opus.mp4: no audio: track 2: Opus isn'
@@ -125,7 +127,7 @@ hole() {
     local command file
     for command in 'remux --force' info frames check 'plot --force -o out.svg'; do
         for file in 'hevc.mp4 HEVC' 'fragments.mp4 fragmented' 'none.mkv VP9' 'large.mp4 64' \
-            'low.mp3 22050' 'plain.ts 188'; do
+            'low.mp3 22050' 'plain.ts 188' 'old.avi AVI' 'bare.ac3 AC-3'; do
             run -1 $GOLT $command ${file% *}
             [[ $output == *"golt: ${file% *}: "*"${file#* }"* ]]
         done
