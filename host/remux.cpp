@@ -104,7 +104,7 @@ std::string Job::summary(double seconds) const
     std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
     if (m_input.format().f_times) {
         const Tally &tally = m_pump.tally();
-        const int64_t span_ms = (tally.reached() - tally.first_passed()) / TICKS_PER_MS;
+        const int64_t span_ms = (tally.end() - tally.first_passed()) / TICKS_PER_MS;
         text += ", " + time_text(span_ms);
         if (m_options.input.start_ms.value_or(0) != 0)
             text += " from " + time_text(tally.first_passed() / TICKS_PER_MS);

@@ -98,8 +98,8 @@ judges() {
 }
 
 @test "says what it has written, or nothing" {
-    ends 0 'out: 1152 frames, 216576 bytes' 'in.m2ts out'
-    ends 0 'one: 1 frame, 188 bytes' 'in.m2ts one --frames 1'
+    ends 0 'out: 1152 packets, 216576 bytes' 'in.m2ts out'
+    ends 0 'one: 1 packet, 188 bytes' 'in.m2ts one --frames 1'
     ends 0 'two: 2 frames, ' 'video.mp4 two --frames 2'
     # The library's own words, when they are wanted.
     [[ $output != *GOLT* ]]
@@ -215,7 +215,7 @@ judges() {
 
     judges video.mp4           0 ': 100 frames'
     judges slides.mp4          0 ': 6 frames'
-    judges day.mp4             0 ', 27:30:00.000'
+    judges day.mp4             0 ', 27:46:40.000'
     judges untimed.mp4         0 ': 100 frames'
     judges short_sound.mp4     0 ''
     judges long_sound.mp4      0 ''

@@ -82,6 +82,8 @@ hole() {
     head -c 300000 first.mp4 >cut.mp4
     remuxed 3 cut.mp4 ' of 00:00:08.0'
     [[ $output == *': ended at 00:00:05.'*': the file was cut off, '*' bytes missing'* ]]
+    # As long as it takes to show it, the last picture too.
+    remuxed 0 video.mkv ' 00:00:08.000'
     head -c 200000 last.mp4 >cut.mp4
     remuxed 1 cut.mp4 'cut.mp4: no moov: the file was cut off'
     cat a.mp3 tags.mp3 >joined.mp3

@@ -60,6 +60,14 @@ int64_t Tally::reached() const
     return audio().frames == 0 ? video().reached : std::max(video().reached, in_audio);
 }
 
+int64_t Tally::end() const
+{
+    int64_t end = first_passed();
+    for (const StreamTally *tally : {&video(), &audio()})
+        if (tally->frames > 0) end = std::max({end, tally->reached, tally->end()});
+    return end;
+}
+
 void Tally::begin(const PELA::MediaBuffer::ContentInfo &content)
 {
     m_f_counting = true;
