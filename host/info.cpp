@@ -39,6 +39,7 @@ struct Subject {
     const InputFile &file;
     Content content = {};
     Streams streams = {};
+    bool f_scanned = false;
 };
 
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input, Printer &printer);
@@ -48,6 +49,7 @@ Json scan_json(const Scan &scan);
 Streams choose_streams(const Input &input, const Content &content, const Totals &totals);
 std::string info_text(const Subject &subject);
 std::string summary_text(const Subject &subject);
+const char *none_text(const Subject &subject);
 std::string video_text(const Subject &subject);
 std::string audio_text(const Subject &subject);
 int64_t duration_ms(const Subject &subject);
@@ -88,7 +90,8 @@ ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options
     }
 
     const Subject subject = {input.file(), pump.content(),
-                             choose_streams(input, pump.content(), scan.scanner.totals)};
+                             choose_streams(input, pump.content(), scan.scanner.totals),
+                             options.f_scan};
     const bool f_nothing =
         subject.streams.video == Codec::UNKNOWN && subject.streams.audio == Codec::UNKNOWN;
     if (f_nothing && input.format().f_times && input.outline().container == Container::UNKNOWN)
@@ -205,10 +208,17 @@ std::string summary_text(const Subject &subject)
     return text + "\n";
 }
 
+// Of packets that pass as they are nothing is known before they are read.
+const char *none_text(const Subject &subject)
+{
+    const bool f_known = subject.file.format().f_times || subject.f_scanned;
+    return f_known ? "none" : "not known without --scan";
+}
+
 std::string video_text(const Subject &subject)
 {
     const Content &content = subject.content;
-    if (subject.streams.video == Codec::UNKNOWN) return "none";
+    if (subject.streams.video == Codec::UNKNOWN) return none_text(subject);
     std::string text = codec_name(subject.streams.video);
     if (content.width != 0) text += fmt::format(", {} x {} pixels", content.width, content.height);
     if (content.pixelAspectDenominator != 0)
@@ -222,7 +232,7 @@ std::string video_text(const Subject &subject)
 std::string audio_text(const Subject &subject)
 {
     const Content &content = subject.content;
-    if (subject.streams.audio == Codec::UNKNOWN) return "none";
+    if (subject.streams.audio == Codec::UNKNOWN) return none_text(subject);
     std::string text = codec_name(subject.streams.audio);
     if (channels(subject) != 0) text += ", " + counted(channels(subject), "channel");
     if (content.audioSampleRate != 0) text += fmt::format(", {} Hz", content.audioSampleRate);

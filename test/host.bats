@@ -221,7 +221,7 @@ judges() {
     judges long_sound.mp4      0 ''
     judges cut.mp4             3 'ended at 00:00:02.480 of 00:00:04.000'
     judges longer_subtitle.mkv 0 ': 11 frames'
-    judges whole.m2ts          0 ': 10 frames'
+    judges whole.m2ts          0 ': 10 packets'
     judges cut.m2ts            3 '191 of its 1919 bytes are in none'
     judges sync_lost.m2ts      3 '2112 of its 4032 bytes'
     ends 0 '' 'untimed.mp4 out --to 1:00'  # an end that isn't there

@@ -45,6 +45,7 @@ is() {
     [[ $output == *'AC-3, 125 frames, 64000 bytes, '*' (4.000 s), 128.0 kbit/s'* ]]
     # Of M2TS files only the packets are known.
     is '[null,null]' "$(json '[.video, .sound]' info movie.m2ts --json)"
+    [[ $($GOLT info movie.m2ts) == *'audio       not known without --scan'* ]]
     is '["h264","ac3",100]' "$(json '[.video.codec, .sound.codec, .scan.streams[0].frames]' \
         info movie.m2ts --json --scan)"
 }

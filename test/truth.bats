@@ -128,6 +128,9 @@ hole() {
     remuxed 3 vp9.mkv      'golt: vp9.mkv: no video: track 1: VP9 isn'
     # None of the pictures that nobody can play.
     [ -z "$($JUDGE times 0x100 out.ts)" ]
+    mkvmerge -q -o packed.mkv -A --compression 0:zlib opus.mp4 mono.m4a
+    remuxed 3 packed.mkv   'packed.mkv: no video: track 1: H.264 whose frames the container has compressed'
+    [[ $output != *damaged* ]]
     remuxed 0 second.mkv   'second.mkv: left out: audio: track 2: FLAC isn'
     [[ $output == *'left out: 1 further audio track'*'left out: 1 subtitle track'* ]]
     local command file

@@ -174,7 +174,7 @@ std::string why_unplayable(const Outline &outline, const Track &track)
     const MatroskaDetails &matroska = track.matroska;
     const std::string title = codec_title(outline, track);
     if (matroska.f_encryption) return title + ", encrypted";
-    if (matroska.f_compression) return title + ", compressed once more";
+    if (matroska.f_compression) return title + " whose frames the container has compressed";
     const std::vector<uint8_t> sync_word = {0x0B, 0x77};
     if (!matroska.stripped.empty() && !(title == "AC-3" && matroska.stripped == sync_word))
         return title + " whose frames lack their first bytes (header stripping)";

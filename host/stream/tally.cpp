@@ -204,7 +204,7 @@ void Tally::count_audio(Stream &stream, const uint8_t *frame, size_t size, size_
 
 void Tally::note_damage(Stream &stream)
 {
-    if (stream.f_damaged) return;
+    if (stream.f_damaged || stream.f_dropped) return;
     stream.f_damaged = true;
     if (stream.tally.damaged++ == 0) stream.tally.first_damaged = stream.time;
 }
