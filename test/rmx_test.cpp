@@ -94,10 +94,11 @@ TEST(Psi, StandsInFrontOfTheFirstFrame)
 TEST(Psi, ComesAgainAfterFortyOneMediaPackets)
 {
     Output out(GOLT_VCODEC_H264, GOLT_ACODEC_MP3);
-    for (int frame = 0; frame < 41 * 17 + 1; ++frame)
-        out.write(frame % 3 == 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO, Bytes(1));
+    // Five frames of 1, 1, 2, 3 and 4 packets: 16 * 41 + 26 packets together.
+    for (size_t frame = 0; frame < 310; ++frame)
+        out.write(frame % 3 == 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO, Bytes(1 + frame % 5 * 150));
     std::vector<size_t> expected;
-    for (size_t i = 0; i < 18; ++i)
+    for (size_t i = 0; i < 17; ++i)
         expected.push_back(i * (2 + 41));
     EXPECT_EQ(out.report().pat_packets, expected);
 }
