@@ -90,6 +90,10 @@ hole() {
     remuxed 1 cut.mp4 'cut.mp4: no moov: the file was cut off'
     cat a.mp3 tags.mp3 >joined.mp3
     remuxed 3 joined.mp3 'ended at 00:00:08.071 of 00:00:16.'
+    for file in first.mp4 last.mp4 merged.mkv; do
+        cat $file $file >joined.${file##*.}
+        remuxed 3 joined.${file##*.} "only its first file is remuxed; another one begins at byte $(stat -c %s $file)"
+    done
     hole bare.mp3 80 500
     remuxed 3 hole.mp3 'ended at 00:00:06.4'
     [[ $output == *' bytes after that belong to no frame'* ]]
