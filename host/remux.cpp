@@ -12,6 +12,7 @@
 #include "io/output.h"
 #include "io/progress.h"
 #include "io/sink.h"
+#include "stream/heap.h"
 #include "stream/input.h"
 #include "stream/stage_hints.h"
 #include "stream/time_text.h"
@@ -70,6 +71,7 @@ ExitStatus Job::run()
     const std::string &path = m_input.source().path();
     Progress progress(!m_options.f_quiet && isatty(STDERR_FILENO) != 0);
     m_pump.seek_to_start();
+    release_start_up();
     while (m_pump.copy_frame()) {
         if (m_sink.error() != 0) break;
         if (progress.is_due(m_sink.bytes())) show(progress);

@@ -129,7 +129,7 @@ private:
     static constexpr size_t PES_UNCOUNTED = 6;  // bytes up to the end of PES_packet_length
     // What a write takes at once. A PES packet whose length can be stated fits after it: it begins where less
     // than that is held.
-    static constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
+    static constexpr size_t BLOCK = 64 * 1024 / TS_SIZE * TS_SIZE;
     static constexpr size_t CAPACITY =
         BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
 

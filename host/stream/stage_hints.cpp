@@ -1,6 +1,6 @@
 #include "stage_hints.h"
 
-#include <cmath>
+#include <algorithm>
 
 #include <fmt/format.h>
 
@@ -11,11 +11,16 @@ namespace {
 constexpr int64_t WHOLE_RATE = 0x10000;  // 16.16 fixed point
 constexpr int64_t EMPTY = -1;            // media_time where nothing is shown
 
+// The C library's rounding would be another shared object to load.
 int64_t ticks_of(int64_t time, uint32_t timescale)
 {
-    constexpr double TICKS_PER_SECOND = 1000.0 * TICKS_PER_MS;
+    constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
+    constexpr int64_t LONGEST = INT32_MAX;  // seconds
     if (timescale == 0) return 0;
-    return std::llround(static_cast<double>(time) * TICKS_PER_SECOND / timescale);
+    const int64_t seconds = std::clamp(time / timescale, -LONGEST, LONGEST);
+    const int64_t rest = time % timescale * TICKS_PER_SECOND;
+    const int64_t half = rest < 0 ? -int64_t{timescale} / 2 : int64_t{timescale} / 2;
+    return seconds * TICKS_PER_SECOND + (rest + half) / timescale;
 }
 
 // By an edit list that only says when a track starts, and with which of its times: empty entries, then one of the
