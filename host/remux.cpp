@@ -58,7 +58,8 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor())
-    , m_setup(stage_setup(m_input.outline(), m_input.selection(), !m_input.format().f_times))
+    , m_setup(
+          stage_setup(m_input.source(), m_input.outline(), m_input.selection(), m_input.format()))
     , m_stage(m_sink, m_setup.hints)
     , m_f_staged(!options.f_as_is && m_input.format().f_times)
     , m_pump(m_input, m_f_staged ? static_cast<PELA::AVMuxer::Listener &>(m_stage) : m_sink)
