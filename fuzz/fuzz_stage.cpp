@@ -14,7 +14,7 @@ namespace {
 constexpr size_t PACKET_SIZE = 188;
 constexpr size_t STEPS_MOST = 2000;
 constexpr size_t BYTES_MOST = 4 * 1024 * 1024;
-// 2 MiB that are held back, the buffer of 200 KB, and what the stage keeps besides.
+// 2 MiB that are held back, the buffer of 130 KB, and what the stage keeps besides.
 constexpr size_t HEAP_MOST = 2560 * 1024;
 
 struct Output {

@@ -12,6 +12,7 @@
 #include "io/output.h"
 #include "io/progress.h"
 #include "io/sink.h"
+#include "stream/heap.h"
 #include "stream/input.h"
 #include "stream/stage_hints.h"
 #include "stream/time_text.h"
@@ -57,7 +58,8 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor())
-    , m_setup(stage_setup(m_input.outline(), m_input.selection(), !m_input.format().f_times))
+    , m_setup(
+          stage_setup(m_input.source(), m_input.outline(), m_input.selection(), m_input.format()))
     , m_stage(m_sink, m_setup.hints)
     , m_f_staged(!options.f_as_is && m_input.format().f_times)
     , m_pump(m_input, m_f_staged ? static_cast<PELA::AVMuxer::Listener &>(m_stage) : m_sink)
@@ -70,6 +72,7 @@ ExitStatus Job::run()
     const std::string &path = m_input.source().path();
     Progress progress(!m_options.f_quiet && isatty(STDERR_FILENO) != 0);
     m_pump.seek_to_start();
+    release_start_up();
     while (m_pump.copy_frame()) {
         if (m_sink.error() != 0) break;
         if (progress.is_due(m_sink.bytes())) show(progress);

@@ -38,20 +38,13 @@ bool Stage::write(const uint8_t *packets, size_t size)
 {
     if (m_state == nullptr) return false;
     // This way, which nearly all packets go, has no call in it, which would make it keep registers.
-    PacketWriter &writer = m_state->m_writer;
-    if (size == TS_SIZE && m_state->is_copied(packets) && writer.has_room()) {
-        ++m_state->m_counts.packets_in;
-        writer.copy_full(m_state->m_copied_head, packets);
-        return !writer.has_failed();
-    }
+    if (size == TS_SIZE && m_state->m_writer.copy_in_run(packets)) return true;
     return m_state->write(packets, size);
 }
 
 bool Stage::flush()
 {
-    if (m_state == nullptr) return false;
-    m_state->m_writer.flush();
-    return !m_state->m_writer.has_failed();
+    return m_state != nullptr && m_state->flush();
 }
 
 bool Stage::finish()
@@ -63,6 +56,7 @@ StageCounts Stage::counts() const
 {
     if (m_state == nullptr) return {};
     StageCounts counts = m_state->m_counts;
+    counts.packets_in += m_state->m_writer.size_of_run();
     counts.bytes_out = m_state->m_writer.bytes_out();
     return counts;
 }
@@ -73,11 +67,11 @@ int64_t Stage::shift() const
 }
 
 Stage::State::State(Write sink, void *handle, const StageHints &hints)
-    : m_mode(hints.mode)
+    : m_writer(sink, handle)
+    , m_mode(hints.mode)
     , m_offsets{hints.video.offset, hints.audio.offset}
     , m_durations(hints.audio_durations)
     , m_aac(read_aac_config(hints.audio.config, hints.audio.config_size))
-    , m_writer(sink, handle)
 {
     m_sets.take_config(hints.video.config, hints.video.config_size);
 }
@@ -91,9 +85,20 @@ bool Stage::State::write(const uint8_t *bytes, size_t size)
         m_counts.packets_in += size / TS_SIZE;
         return !m_writer.has_failed();
     }
-    for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE)
-        take(bytes);
+    for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE) {
+        const bool f_look =
+            m_phase == Phase::FILTERED_SLICES && may_have_code(bytes + TS_HEAD, TS_ROOM);
+        if (f_look || !m_writer.append_in_run(bytes)) take(bytes);
+    }
     if (size > 0) ++m_counts.dropped;
+    return !m_writer.has_failed();
+}
+
+bool Stage::State::flush()
+{
+    end_run();
+    m_writer.flush();
+    begin_run();
     return !m_writer.has_failed();
 }
 
@@ -109,38 +114,40 @@ bool Stage::State::finish()
 
 void Stage::State::take(const uint8_t *packet)
 {
-    constexpr uint8_t UNIT_START = 0x40;
     ++m_counts.packets_in;
-    const unsigned pid = (packet[1] & 0x1Fu) << 8 | packet[2];
-    const bool f_start = (packet[1] & UNIT_START) != 0;
-    if (packet[0] == 0x47 && pid == PAT_PID) return;
-    if (packet[0] == 0x47 && pid == PMT_PID) {
+    const uint32_t head = head_of(packet);
+    const uint32_t pid = head & SYNC_AND_PID;
+    if (pid == head_of_pid(PAT_PID)) return;
+    if (pid == head_of_pid(PMT_PID)) {
         m_program.take_pmt(packet);
         return;
     }
-    const LaneIndex lane = packet[0] == 0x47 ? lane_of(pid) : NO_LANE;
+    const LaneIndex lane = lane_of(pid);
     const Payload payload = payload_of(packet);
-    UnitStart start = {};
+    const bool f_start = (packet[1] & bit::UNIT_START) != 0;
+    UnitStart start;
     if (f_start) m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
     if (lane == NO_LANE || lane != m_in_lane || payload.size == 0) {
-        if (m_in_lane == NO_LANE) m_copied_head = NO_HEAD;
+        if (m_in_lane == NO_LANE) end_run();
         ++m_counts.dropped;
         return;
     }
-    if (f_start) take_start(lane, start);
+    const int64_t time = f_start ? take_start(lane, start) : 0;
     if (m_f_holding)
         hold(packet, lane, payload, f_start ? &start : nullptr);
-    else
-        process(packet, lane, payload, f_start ? &start : nullptr);
+    else if (f_start)
+        begin_unit(packet, lane, payload, start, time);
+    else if (lane == m_lane)
+        go_on(packet, payload);
 }
 
-LaneIndex Stage::State::lane_of(unsigned pid) const
+LaneIndex Stage::State::lane_of(uint32_t head) const
 {
-    if (pid == VIDEO_PID && m_program.has_video()) return VIDEO;
-    return pid == AUDIO_PID && m_program.knows_audio() ? AUDIO : NO_LANE;
+    if (head == head_of_pid(VIDEO_PID) && m_program.has_video()) return VIDEO;
+    return head == head_of_pid(AUDIO_PID) && m_program.knows_audio() ? AUDIO : NO_LANE;
 }
 
-void Stage::State::take_start(LaneIndex lane, const UnitStart &start)
+int64_t Stage::State::take_start(LaneIndex lane, const UnitStart &start)
 {
     const int64_t time = m_in_times[lane].extend(start.pts) + m_offsets[lane];
     if (lane == AUDIO) m_program.note_audio();
@@ -148,17 +155,9 @@ void Stage::State::take_start(LaneIndex lane, const UnitStart &start)
         if (m_f_holding) end_hold();
         begin_hold();
     }
-    const bool f_first = !m_f_begun[VIDEO] && !m_f_begun[AUDIO];
-    const bool f_first_of_lane = !m_f_begun[lane];
+    if (m_f_holding) note_held(lane, time);
     m_f_begun[lane] = true;
-    m_told[lane] = time;
-    if (!m_f_holding) return;
-
-    m_lowest = f_first ? time : std::min(m_lowest, time);
-    m_highest = f_first ? time : std::max(m_highest, time);
-    if (lane == AUDIO && f_first_of_lane) m_first_audio = time;
-    if (lane == VIDEO && m_pictures_held < MOST_FIRST_TIMES) m_first_times[m_pictures_held] = time;
-    if (lane == VIDEO) ++m_pictures_held;
+    return time;
 }
 
 // Audio that goes back without being behind the clock needs nothing but a new time.
@@ -167,16 +166,29 @@ bool Stage::State::is_jump(LaneIndex lane, int64_t time) const
     if (!m_f_begun[lane]) return false;
     if (m_f_holding) return time < m_told[lane] - FIRST_JUMP_BACK;
     if (lane == VIDEO) return m_decode.has_last() && time < m_decode.last() - JUMP_BACK;
-    return !m_audio.stands_still(time, m_durations) && time < m_audio.last() - JUMP_BACK &&
-           time < m_pcr + ClockBound::LEAD;
+    return time < m_audio.last() - JUMP_BACK && time < m_pcr + ClockBound::LEAD &&
+           !m_audio.stands_still(time, m_durations);
 }
 
 void Stage::State::begin_hold()
 {
+    end_run();
     m_f_holding = true;
-    m_copied_head = NO_HEAD;
     m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
     m_pictures_held = 0;
+    m_out_times[VIDEO] = m_in_times[VIDEO];
+    m_out_times[AUDIO] = m_in_times[AUDIO];
+}
+
+void Stage::State::note_held(LaneIndex lane, int64_t time)
+{
+    const bool f_first = !m_f_begun[VIDEO] && !m_f_begun[AUDIO];
+    m_told[lane] = time;
+    m_lowest = f_first ? time : std::min(m_lowest, time);
+    m_highest = f_first ? time : std::max(m_highest, time);
+    if (lane == AUDIO && !m_f_begun[AUDIO]) m_first_audio = time;
+    if (lane == VIDEO && m_pictures_held < MOST_FIRST_TIMES) m_first_times[m_pictures_held] = time;
+    if (lane == VIDEO) ++m_pictures_held;
 }
 
 void Stage::State::hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
@@ -204,8 +216,11 @@ void Stage::State::look_for_depth(const Payload &payload, const UnitStart *start
         m_head.end();
     } else {
         const size_t header = start != nullptr ? start->size : 0;
-        if (start != nullptr) m_head.begin(m_program.video_codec());
-        m_head.add(payload.bytes + header, payload.size - header);
+        const uint8_t *const bytes = payload.bytes + header;
+        if (start != nullptr)
+            m_head.begin(m_program.video_codec(), bytes, payload.size - header);
+        else
+            m_head.add(bytes, payload.size);
     }
     m_f_depth_known = m_head.is_complete();
     if (m_f_depth_known) take_sets();

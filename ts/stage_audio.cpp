@@ -195,15 +195,25 @@ void FrameWalk::add_more(const uint8_t *bytes, size_t size)
 // After what is no header, or states no size, nothing can be found.
 void FrameWalk::take_head(const uint8_t *bytes)
 {
-    FrameHead head;
-    if (!read_frame_head(m_codec, bytes, head)) {
+    if (!read_head(bytes)) {
         m_codec = AudioCodec::NONE;
         return;
     }
-    m_samples += head.samples;
-    if (m_rate == 0) m_rate = head.rate;
-    m_skip = head.size;
-    if (head.size < FRAME_HEAD_SIZE) m_codec = AudioCodec::NONE;
+    m_samples += m_frame.samples;
+    if (m_rate == 0) m_rate = m_frame.rate;
+    m_skip = m_frame.size;
+    if (m_frame.size < FRAME_HEAD_SIZE) m_codec = AudioCodec::NONE;
+}
+
+// Most headers of MPEG audio are like the one before.
+bool FrameWalk::read_head(const uint8_t *bytes)
+{
+    const bool f_mpeg = m_codec == AudioCodec::MPEG;
+    const uint32_t key = uint32_t{bytes[0]} << 16 | uint32_t{bytes[1]} << 8 | bytes[2];
+    if (f_mpeg && key == m_mpeg_key) return true;
+    const bool f_read = read_frame_head(m_codec, bytes, m_frame);
+    m_mpeg_key = f_mpeg && f_read ? key : 0;
+    return f_read;
 }
 
 }  // namespace golt

@@ -4,6 +4,7 @@
 #ifndef GOLT_STAGE_AUDIO_H
 #define GOLT_STAGE_AUDIO_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -52,6 +53,11 @@ public:
             add_more(bytes, size);
     }
 
+    /// Bytes that add takes without looking at them.
+    uint64_t unread() const { return m_codec != AudioCodec::NONE ? m_skip : UINT64_MAX; }
+    /// The same as add for as many bytes at most.
+    void pass(uint64_t size) { m_skip -= static_cast<size_t>(std::min<uint64_t>(m_skip, size)); }
+
     /// Samples of all frames that have begun, and their rate; 0 where no header was found.
     uint64_t samples() const { return m_samples; }
     uint32_t rate() const { return m_rate; }
@@ -59,8 +65,12 @@ public:
 private:
     void add_more(const uint8_t *bytes, size_t size);
     void take_head(const uint8_t *bytes);
+    bool read_head(const uint8_t *bytes);
 
     AudioCodec m_codec = AudioCodec::NONE;
+    uint32_t m_mpeg_key =
+        0;              // of MPEG audio: the bytes of the last header that state what is in it
+    FrameHead m_frame;  // that one
     uint8_t m_head[FRAME_HEAD_SIZE];
     size_t m_head_size = 0;
     size_t m_skip = 0;  // bytes of the present frame that are still to come

@@ -1,4 +1,4 @@
-// The library's packets, as the stage reads them.
+// The library's packets, as the stage reads them. It does so for each frame: all of it is inline.
 
 #ifndef GOLT_STAGE_INPUT_H
 #define GOLT_STAGE_INPUT_H
@@ -6,15 +6,17 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "stage_packets.h"
+
 namespace golt {
 
 constexpr int64_t TIME_RANGE = int64_t{1} << 33;  // after which PTS and PCR start again
 
 struct UnitStart {
-    uint8_t stream_id;
-    int64_t pts;
-    size_t size;   // of the PES header
-    bool f_plain;  // it has a PTS and nothing else
+    uint8_t stream_id = 0;
+    int64_t pts = 0;
+    size_t size = 0;       // of the PES header
+    bool f_plain = false;  // it has a PTS and nothing else
 };
 
 struct Payload {
@@ -23,11 +25,39 @@ struct Payload {
 };
 
 /// Without header and adaptation field; empty where there is none, or the packet contradicts itself.
-Payload payload_of(const uint8_t *packet);
+inline Payload payload_of(const uint8_t *packet)
+{
+    size_t at = TS_HEAD;
+    if ((packet[3] & bit::ADAPTATION) != 0) at += 1 + size_t{packet[TS_HEAD]};
+    if ((packet[3] & bit::PAYLOAD) == 0 || at >= TS_SIZE) return {packet, 0};
+    return {packet + at, TS_SIZE - at};
+}
+
 /// Whether its adaptation field has a PCR and nothing else, as the library writes it where a unit begins.
-bool has_plain_pcr(const uint8_t *packet);
+inline bool has_plain_pcr(const uint8_t *packet)
+{
+    constexpr uint8_t CONTROL = bit::ADAPTATION | bit::PAYLOAD;
+    return (packet[3] & CONTROL) == CONTROL && packet[4] >= 7 && packet[5] == bit::HAS_PCR;
+}
+
 /// The header of a PES packet, which has to be whole, with a PTS. False: that is none.
-bool read_unit_start(const Payload &payload, UnitStart &start);
+inline bool read_unit_start(const Payload &payload, UnitStart &start)
+{
+    constexpr size_t HEAD = 9, PTS_SIZE = 5;
+    constexpr uint8_t HAS_PTS = 0x80;
+    const uint8_t *const pes = payload.bytes;
+    if (payload.size < HEAD + PTS_SIZE || pes[0] != 0 || pes[1] != 0 || pes[2] != 1) return false;
+    if ((pes[6] & 0xC0) != 0x80 || (pes[7] & HAS_PTS) == 0 || pes[8] < PTS_SIZE ||
+        pes[8] > payload.size - HEAD)
+        return false;
+    const uint8_t *const pts = pes + HEAD;
+    const auto bits15 = [](const uint8_t *at) { return (uint32_t{at[0]} << 8 | at[1]) >> 1; };
+    start.stream_id = pes[3];
+    start.pts = int64_t{pts[0] >> 1 & 7} << 30 | bits15(pts + 1) << 15 | bits15(pts + 3);
+    start.size = HEAD + pes[8];
+    start.f_plain = pes[6] == 0x80 && pes[7] == HAS_PTS && pes[8] == PTS_SIZE;
+    return true;
+}
 
 // A time of 33 bits as one that goes on from the time before.
 class TimeExtension {

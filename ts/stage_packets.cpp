@@ -9,12 +9,6 @@ namespace golt {
 namespace {
 
 constexpr uint8_t SYNC_BYTE = 0x47;
-constexpr uint8_t UNIT_START = 0x40;  // payload_unit_start_indicator, above the PID
-constexpr uint8_t PAYLOAD = 0x10;     // adaptation_field_control
-constexpr uint8_t ADAPTATION = 0x20;
-constexpr uint8_t DISCONTINUITY = 0x80;  // flags of an adaptation field
-constexpr uint8_t RANDOM_ACCESS = 0x40;
-constexpr uint8_t HAS_PCR = 0x10;
 constexpr uint8_t STUFFING = 0xFF;
 constexpr size_t PCR_SIZE = 6;
 constexpr size_t TIME_SIZE = 5;      // of a PTS or DTS
@@ -67,7 +61,7 @@ void PacketWriter::put_packet(OutPid &to, const uint8_t *made)
     make_room();
     to.counter = (to.counter + 1) & 0xF;
     memcpy(packet(), made, TS_SIZE);
-    packet()[3] = static_cast<uint8_t>(PAYLOAD | to.counter);
+    packet()[3] = static_cast<uint8_t>(bit::PAYLOAD | to.counter);
     m_held += TS_SIZE;
 }
 
@@ -77,10 +71,10 @@ void PacketWriter::put_clock(const OutPid &to, int64_t pcr, bool f_jumps)
     uint8_t *const at = packet();
     at[0] = SYNC_BYTE;
     put_be16(at + 1, to.pid);
-    at[3] =
-        static_cast<uint8_t>(ADAPTATION | to.counter);  // a packet without payload doesn't count
+    at[3] = static_cast<uint8_t>(bit::ADAPTATION |
+                                 to.counter);  // a packet without payload doesn't count
     at[4] = static_cast<uint8_t>(TS_ROOM - 1);
-    at[5] = static_cast<uint8_t>(HAS_PCR | (f_jumps ? DISCONTINUITY : 0));
+    at[5] = static_cast<uint8_t>(bit::HAS_PCR | (f_jumps ? bit::DISCONTINUITY : 0));
     put_pcr(at + 6, pcr);
     memset(at + 6 + PCR_SIZE, STUFFING, TS_SIZE - 6 - PCR_SIZE);
     m_held += TS_SIZE;
@@ -105,8 +99,8 @@ uint8_t *PacketWriter::begin_copied_pes(OutPid &to, const uint8_t *from, size_t 
     uint8_t *const at = packet();
     memcpy(at, from, TS_HEAD);
     memcpy(at + TS_HEAD, from + TS_HEAD, TS_ROOM);
-    at[3] = static_cast<uint8_t>(PAYLOAD | ADAPTATION | to.counter);
-    at[5] = start.pcr != NO_TIME ? HAS_PCR : 0;
+    at[3] = static_cast<uint8_t>(bit::PAYLOAD | bit::ADAPTATION | to.counter);
+    at[5] = start.pcr != NO_TIME ? bit::HAS_PCR : 0;
     if (start.pcr != NO_TIME)
         put_pcr(at + 6, start.pcr);
     else
@@ -170,6 +164,30 @@ void PacketWriter::align()
     stuff();
 }
 
+// The packet that is open, and the one after it, need their room.
+void PacketWriter::begin_run(uint32_t head, uint64_t most, bool f_looked_at)
+{
+    const size_t room = (CAPACITY - m_held) / TS_SIZE;
+    if (room <= 2 || m_f_failed) return;
+    m_run.head = head;
+    m_run.copied_head = m_fill == TS_SIZE && !f_looked_at ? head : NO_HEAD;
+    m_run.counter = m_to->counter;
+    m_run.begin = m_run.to = m_buffer + m_held + TS_SIZE;
+    m_run.end = m_run.to + std::min<uint64_t>(most, room - 2) * TS_SIZE;
+}
+
+uint64_t PacketWriter::end_run()
+{
+    const uint64_t count = size_of_run();
+    m_run.end = m_run.to = m_run.begin;
+    if (count == 0) return 0;
+    m_held += static_cast<size_t>(count) * TS_SIZE;
+    m_pes_size += count * TS_ROOM;
+    m_to->counter = static_cast<uint8_t>(m_run.counter);
+    m_adaptation = 0;
+    return count;
+}
+
 void PacketWriter::end_pes()
 {
     close_pes();
@@ -218,8 +236,8 @@ void PacketWriter::begin_packet(OutPid &to, bool f_unit_start)
     uint8_t *const at = packet();
     at[0] = SYNC_BYTE;
     put_be16(at + 1, to.pid);
-    if (f_unit_start) at[1] |= UNIT_START;
-    at[3] = static_cast<uint8_t>(PAYLOAD | to.counter);
+    if (f_unit_start) at[1] |= bit::UNIT_START;
+    at[3] = static_cast<uint8_t>(bit::PAYLOAD | to.counter);
     m_fill = TS_HEAD;
     m_adaptation = 0;
 }
@@ -239,10 +257,10 @@ void PacketWriter::begin_adaptation(const PesStart &start)
     if (!has_pcr && !start.f_random_access) return;
     m_adaptation = 2 + (has_pcr ? PCR_SIZE : 0);
     uint8_t *const at = packet();
-    at[3] |= ADAPTATION;
+    at[3] |= bit::ADAPTATION;
     at[4] = static_cast<uint8_t>(m_adaptation - 1);
-    at[5] =
-        static_cast<uint8_t>((start.f_random_access ? RANDOM_ACCESS : 0) | (has_pcr ? HAS_PCR : 0));
+    at[5] = static_cast<uint8_t>((start.f_random_access ? bit::RANDOM_ACCESS : 0) |
+                                 (has_pcr ? bit::HAS_PCR : 0));
     if (has_pcr) put_pcr(at + 6, start.pcr);
     m_fill += m_adaptation;
 }
@@ -290,7 +308,7 @@ void PacketWriter::stuff()
     if (m_f_pes_here && m_pes_at >= m_held) m_pes_at += missing;
     if (m_adaptation == 0 && missing > 1) at[5] = 0;  // flags
     m_adaptation += missing;
-    at[3] |= ADAPTATION;
+    at[3] |= bit::ADAPTATION;
     at[4] = static_cast<uint8_t>(m_adaptation - 1);
     m_fill = TS_SIZE;
 }

@@ -4,6 +4,7 @@
 #ifndef GOLT_STAGE_PACKETS_H
 #define GOLT_STAGE_PACKETS_H
 
+#include <algorithm>
 #include <cstring>
 
 #include "golt_stage.h"
@@ -15,6 +16,28 @@ constexpr size_t TS_HEAD = 4;
 constexpr size_t TS_ROOM = TS_SIZE - TS_HEAD;
 constexpr int64_t NO_TIME = INT64_MIN;
 constexpr uint64_t LONGEST_PES = 65535;  // by PES_packet_length
+
+// Bits of a packet's header and of the flags of its adaptation field.
+namespace bit {
+constexpr uint8_t UNIT_START = 0x40;  // payload_unit_start_indicator, above the PID
+constexpr uint8_t PAYLOAD = 0x10;     // adaptation_field_control
+constexpr uint8_t ADAPTATION = 0x20;
+constexpr uint8_t DISCONTINUITY = 0x80;
+constexpr uint8_t RANDOM_ACCESS = 0x40;
+constexpr uint8_t HAS_PCR = 0x10;
+}  // namespace bit
+
+/// The four bytes with which a packet begins.
+inline uint32_t head_of(const uint8_t *packet)
+{
+    return uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 | uint32_t{packet[2]} << 8 |
+           packet[3];
+}
+constexpr uint32_t SYNC_AND_PID = 0xFF1FFF00;  // of them
+constexpr uint32_t head_of_pid(uint32_t pid)
+{
+    return uint32_t{0x47} << 24 | pid << 8;
+}
 
 struct OutPid {
     uint16_t pid;
@@ -63,24 +86,36 @@ public:
     void align();
     /// A packet of the library, with payload_size bytes of the PES packet. The present packet has to be full.
     void copy(const uint8_t *packet, size_t payload_size);
-    /// Whether a packet can be copied without giving away what is held.
-    bool has_room() const { return CAPACITY - m_held >= 2 * TS_SIZE; }
-    /// A packet that has nothing but payload, where there is room. head: its first four bytes without the counter.
-    void copy_full(uint32_t head, const uint8_t *packet)
+
+    /// Begins a run: packets that follow may go past append, most of them at most, if they have nothing but payload.
+    /// head: the first four bytes of each, without the counter. f_looked_at: copy_in_run takes none of them.
+    void begin_run(uint32_t head, uint64_t most, bool f_looked_at);
+    /// Packets of it so far.
+    uint64_t size_of_run() const { return static_cast<uint64_t>(m_run.to - m_run.begin) / TS_SIZE; }
+    /// Has to be called before anything else is written. Returns its size.
+    uint64_t end_run();
+    /// Takes a packet if it belongs to the run, and only has to be copied.
+    bool copy_in_run(const uint8_t *packet)
     {
-        m_held += TS_SIZE;
-        m_pes_size += TS_ROOM;
-        m_to->counter = (m_to->counter + 1) & 0xF;
-        head |= m_to->counter;
-        uint8_t *const to = m_buffer + m_held;
-        to[0] = static_cast<uint8_t>(head >> 24);
-        to[1] = static_cast<uint8_t>(head >> 16);
-        to[2] = static_cast<uint8_t>(head >> 8);
-        to[3] = static_cast<uint8_t>(head);
+        if ((head_of(packet) & ~COUNTER) != m_run.copied_head || m_run.to == m_run.end)
+            return false;
+        uint8_t *const to = next_of_run();
         // As the library has stored it: the processor hands on a store that is still on its way only to a load that
         // lies within it.
         memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
+        return true;
     }
+    /// Takes a packet if it belongs to the run.
+    bool append_in_run(const uint8_t *packet)
+    {
+        if ((head_of(packet) & ~COUNTER) != m_run.head || m_run.to == m_run.end) return false;
+        const size_t rest = TS_SIZE - m_fill;
+        uint8_t *const to = next_of_run();
+        memcpy(to - rest, packet + TS_HEAD, rest);
+        memcpy(to + TS_HEAD, packet + TS_HEAD + rest, TS_ROOM - rest);
+        return true;
+    }
+
     void end_pes();
     /// Bytes of it after its length.
     uint64_t pes_size() const { return m_pes_size; }
@@ -94,10 +129,34 @@ private:
     static constexpr size_t PES_UNCOUNTED = 6;  // bytes up to the end of PES_packet_length
     // What a write takes at once. A PES packet whose length can be stated fits after it: it begins where less
     // than that is held.
-    static constexpr size_t BLOCK = 128 * 1024 / TS_SIZE * TS_SIZE;
+    static constexpr size_t BLOCK = 64 * 1024 / TS_SIZE * TS_SIZE;
     static constexpr size_t CAPACITY =
         BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
 
+    static constexpr uint32_t COUNTER = 0xF;  // of the first four bytes of a packet
+    static constexpr uint32_t NO_HEAD = 0xF;
+
+    struct Run {
+        uint32_t copied_head = NO_HEAD;  // where packets only have to be copied
+        uint32_t head = NO_HEAD;
+        uint32_t counter = 0;
+        uint8_t *to = nullptr;  // where the next packet goes
+        uint8_t *end = nullptr;
+        uint8_t *begin = nullptr;
+    };
+
+    uint8_t *next_of_run()
+    {
+        uint8_t *const to = m_run.to;
+        m_run.to += TS_SIZE;
+        m_run.counter = (m_run.counter + 1) & COUNTER;
+        const uint32_t head = m_run.head | m_run.counter;
+        to[0] = static_cast<uint8_t>(head >> 24);
+        to[1] = static_cast<uint8_t>(head >> 16);
+        to[2] = static_cast<uint8_t>(head >> 8);
+        to[3] = static_cast<uint8_t>(head);
+        return to;
+    }
     void begin_packet(OutPid &to, bool f_unit_start);
     void begin_pes_packet(const PesStart &start);
     void begin_adaptation(const PesStart &start);
@@ -114,6 +173,7 @@ private:
     void write_out(size_t size);
     uint8_t *packet() { return m_buffer + m_held; }
 
+    Run m_run;
     Stage::Write m_write;
     void *m_handle;
     bool m_f_failed = false;

@@ -42,6 +42,25 @@ void add_crc(uint8_t *section, size_t size)
         section[size + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
 }
 
+VideoCodec video_codec_of(uint8_t stream_type)
+{
+    return stream_type == 0x1B   ? VideoCodec::H264
+           : stream_type == 0x02 ? VideoCodec::MPEG2
+                                 : VideoCodec::NONE;
+}
+
+AudioCodec audio_codec_of(uint8_t stream_type)
+{
+    switch (stream_type) {
+    case 0x03:
+    case 0x04: return AudioCodec::MPEG;
+    case 0x0F: return AudioCodec::AAC;
+    case 0x81:
+    case 0x87: return AudioCodec::AC3;
+    default: return AudioCodec::NONE;
+    }
+}
+
 }  // namespace
 
 bool is_library_pat(const uint8_t *packet)
@@ -62,8 +81,15 @@ void Program::take_pmt(const uint8_t *packet)
         section[0] != 2 || end > TS_SIZE - SECTION_AT || end < ENTRIES_AT + CRC_SIZE)
         return;
     memcpy(m_taken, packet, TS_SIZE);
-    m_video = m_audio = Entry();
     m_f_changed = true;
+    read_entries(section, end);
+    m_video_codec = video_codec_of(m_video.type);
+    m_audio_codec = audio_codec_of(m_audio.type);
+}
+
+void Program::read_entries(const uint8_t *section, size_t end)
+{
+    m_video = m_audio = Entry();
     size_t at = ENTRIES_AT + be12(section + 10);
     while (at + ENTRY_HEAD + CRC_SIZE <= end) {
         const size_t size = be12(section + at + 3);
@@ -76,25 +102,6 @@ void Program::take_pmt(const uint8_t *packet)
         if (pid == VIDEO_PID) m_video = entry;
         if (pid == AUDIO_PID) m_audio = entry;
         at += ENTRY_HEAD + size;
-    }
-}
-
-VideoCodec Program::video_codec() const
-{
-    return m_video.type == 0x1B   ? VideoCodec::H264
-           : m_video.type == 0x02 ? VideoCodec::MPEG2
-                                  : VideoCodec::NONE;
-}
-
-AudioCodec Program::audio_codec() const
-{
-    switch (m_audio.type) {
-    case 0x03:
-    case 0x04: return AudioCodec::MPEG;
-    case 0x0F: return AudioCodec::AAC;
-    case 0x81:
-    case 0x87: return AudioCodec::AC3;
-    default: return AudioCodec::NONE;
     }
 }
 

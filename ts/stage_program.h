@@ -32,8 +32,8 @@ public:
         return m_audio.type != 0 && (m_audio.type != PRIVATE || m_f_audio_seen);
     }
     bool knows_audio() const { return m_audio.type != 0; }
-    VideoCodec video_codec() const;
-    AudioCodec audio_codec() const;
+    VideoCodec video_codec() const { return m_video_codec; }
+    AudioCodec audio_codec() const { return m_audio_codec; }
     uint16_t pcr_pid() const { return has_video() ? VIDEO_PID : AUDIO_PID; }
 
     /// Writes PAT and PMT. The PMT's version goes up where it isn't the one before.
@@ -49,6 +49,7 @@ private:
         size_t size = 0;
     };
 
+    void read_entries(const uint8_t *section, size_t end);
     static size_t put_entry(uint8_t *to, uint16_t pid, const Entry &entry);
     void make_tables();
     size_t make_pmt(uint8_t *to) const;
@@ -56,6 +57,8 @@ private:
     uint8_t m_taken[TS_SIZE] = {};  // the packet that was taken last
     Entry m_video;
     Entry m_audio;
+    VideoCodec m_video_codec = VideoCodec::NONE;  // by them
+    AudioCodec m_audio_codec = AudioCodec::NONE;
     bool m_f_audio_seen = false;
 
     OutPid m_pat{PAT_PID};

@@ -42,17 +42,11 @@ struct Stage::State {
 
     bool write(const uint8_t *bytes, size_t size);
     bool finish();
-    // Whether a packet of a picture only has to be copied, as nearly all have.
-    bool is_copied(const uint8_t *packet) const
-    {
-        const uint32_t head = uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 |
-                              uint32_t{packet[2]} << 8 | packet[3];
-        return (head & ~uint32_t{0xF}) == m_copied_head;
-    }
+    bool flush();
 
     // Packets as they come
     void take(const uint8_t *packet);
-    void take_start(LaneIndex lane, const UnitStart &start);
+    int64_t take_start(LaneIndex lane, const UnitStart &start);
     bool is_jump(LaneIndex lane, int64_t time) const;
     void begin_hold();
     void hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
@@ -60,16 +54,20 @@ struct Stage::State {
     void look_for_depth(const Payload &payload, const UnitStart *start);
     bool may_go_on() const;
     size_t depth() const;
+    void note_held(LaneIndex lane, int64_t time);
     void end_hold();
-    LaneIndex lane_of(unsigned pid) const;
+    LaneIndex lane_of(uint32_t head) const;
 
     // Units as they are written
     void process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
                  const UnitStart *start);
+    void begin_unit(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+                    const UnitStart &start, int64_t time);
+    void go_on(const uint8_t *packet, const Payload &payload);
+    void begin_run();
+    void end_run();
     void replay(const uint8_t *packet);
     void feed(const Payload &payload);
-    void feed_packet(const uint8_t *packet, const Payload &payload);
-    void enter(Phase phase);
     void align();
     void end_unit();
     void begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit);
@@ -89,14 +87,11 @@ struct Stage::State {
         static_cast<State *>(state)->m_writer.append(bytes, size);
     }
 
-    // Of packets that only have to be copied: their first four bytes without the counter; or NO_HEAD, which has one.
-    static constexpr uint32_t NO_HEAD = 0xF;
-    uint32_t m_copied_head = NO_HEAD;
+    PacketWriter m_writer;
     StageMode m_mode;
     const int64_t m_offsets[2];
     const Durations m_durations;
     const AacConfig m_aac;
-    PacketWriter m_writer;
     StageCounts m_counts;
     Program m_program;
     OutPid m_pids[2] = {{VIDEO_PID}, {AUDIO_PID}};
@@ -118,7 +113,7 @@ struct Stage::State {
     Phase m_phase = Phase::NONE;
     LaneIndex m_lane = NO_LANE;
     unsigned m_packets_moved = 0;
-    TimeExtension m_out_times[2];
+    TimeExtension m_out_times[2];  // of packets that were held
     int64_t m_time = 0;
     uint8_t m_stream_id = 0;
     DecodeTimes m_decode;

@@ -83,16 +83,6 @@ void AudioTimes::add(uint64_t samples, uint32_t rate)
     m_last_samples = samples;
 }
 
-bool AudioTimes::is_lost(int64_t told, Durations durations) const
-{
-    return stands_still(told, durations) && m_last_samples == 0;
-}
-
-bool AudioTimes::stands_still(int64_t told, Durations durations) const
-{
-    return m_f_begun && told == m_told && durations != Durations::TOLD;
-}
-
 int64_t AudioTimes::predicted() const
 {
     if (m_rate == 0) return m_base;

@@ -4,8 +4,10 @@
 #ifndef GOLT_STAGE_TIMES_H
 #define GOLT_STAGE_TIMES_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 #include "golt_stage.h"
 
@@ -46,9 +48,15 @@ public:
     /// What the one that came last has in it.
     void add(uint64_t samples, uint32_t rate);
     /// Whether next would have to guess: the file states nothing, and the one that came last had no length.
-    bool is_lost(int64_t told, Durations durations) const;
+    bool is_lost(int64_t told, Durations durations) const
+    {
+        return m_last_samples == 0 && stands_still(told, durations);
+    }
     /// Whether the file's time doesn't move.
-    bool stands_still(int64_t told, Durations durations) const;
+    bool stands_still(int64_t told, Durations durations) const
+    {
+        return m_f_begun && told == m_told && durations != Durations::TOLD;
+    }
     int64_t last() const { return m_last; }
 
 private:

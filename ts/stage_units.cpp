@@ -30,44 +30,86 @@ void Stage::State::replay(const uint8_t *packet)
 void Stage::State::process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
                            const UnitStart *start)
 {
-    if (start == nullptr) {
-        if (lane == m_lane) feed_packet(packet, payload);
-        return;
-    }
+    if (start != nullptr)
+        begin_unit(packet, lane, payload, *start,
+                   m_out_times[lane].extend(start->pts) + m_offsets[lane]);
+    else if (lane == m_lane)
+        go_on(packet, payload);
+}
+
+void Stage::State::begin_unit(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+                              const UnitStart &start, int64_t time)
+{
     end_unit();
     m_lane = lane;
-    m_stream_id = start->stream_id;
-    m_time = m_out_times[lane].extend(start->pts) + m_offsets[lane];
+    m_stream_id = start.stream_id;
+    m_time = time;
     if (lane == AUDIO) {
-        begin_audio(packet, payload, *start);
-        return;
+        begin_audio(packet, payload, start);
+    } else {
+        ++m_counts.pictures;
+        m_phase = Phase::HEAD;
+        const uint8_t *const bytes = payload.bytes + start.size;
+        if (m_head.begin(m_program.video_codec(), bytes, payload.size - start.size))
+            begin_picture();
     }
-    ++m_counts.pictures;
-    m_head.begin(m_program.video_codec());
-    enter(Phase::HEAD);
-    feed({payload.bytes + start->size, payload.size - start->size});
+    begin_run();
 }
 
-void Stage::State::enter(Phase phase)
+void Stage::State::go_on(const uint8_t *packet, const Payload &payload)
 {
-    constexpr uint32_t VIDEO_HEAD = 0x47000010 | uint32_t{VIDEO_PID} << 8;
-    m_phase = phase;
-    m_copied_head = phase == Phase::COPIED_SLICES && !m_f_holding ? VIDEO_HEAD : NO_HEAD;
-}
-
-void Stage::State::feed_packet(const uint8_t *packet, const Payload &payload)
-{
+    end_run();
     const bool f_audio = m_phase == Phase::COPIED_AUDIO;
     if (!f_audio && m_phase != Phase::COPIED_SLICES) {
         feed(payload);
         if (++m_packets_moved >= PACKETS_MOVED) align();
     } else if (f_audio && m_writer.pes_size() + payload.size > LONGEST_PES) {
-        enter(Phase::AUDIO);
+        m_phase = Phase::AUDIO;
         feed(payload);
     } else {
         if (f_audio) m_walk.add(payload.bytes, payload.size);
         m_writer.copy(packet, payload.size);
     }
+    // The last packet of a unit isn't full.
+    if (payload.size == TS_ROOM) begin_run();
+}
+
+// Packets in which there is nothing to look at, as nearly all are.
+void Stage::State::begin_run()
+{
+    if (m_f_holding) return;
+    uint64_t most = UINT64_MAX;
+    switch (m_phase) {
+    case Phase::COPIED_SLICES: break;
+    case Phase::FILTERED_SLICES:
+        if (!m_filter.is_between()) return;
+        [[fallthrough]];
+    case Phase::SLICES:
+        if (m_packets_moved < PACKETS_MOVED) most = PACKETS_MOVED - m_packets_moved;
+        break;
+    case Phase::AUDIO:
+    case Phase::COPIED_AUDIO:
+        most = std::min(m_walk.unread(), LONGEST_PES - m_writer.pes_size()) / TS_ROOM;
+        break;
+    case Phase::NONE:
+    case Phase::HEAD: return;
+    }
+    if (most == 0) return;
+    m_writer.begin_run(head_of_pid(m_pids[m_lane].pid) | bit::PAYLOAD, most,
+                       m_phase == Phase::FILTERED_SLICES);
+}
+
+void Stage::State::end_run()
+{
+    const uint64_t count = m_writer.end_run();
+    if (count == 0) return;
+    m_counts.packets_in += count;
+    if (m_lane == AUDIO) {
+        m_walk.pass(count * TS_ROOM);
+        return;
+    }
+    m_packets_moved += static_cast<unsigned>(count);
+    if (m_packets_moved >= PACKETS_MOVED) align();
 }
 
 void Stage::State::align()
@@ -75,7 +117,7 @@ void Stage::State::align()
     if (m_phase == Phase::FILTERED_SLICES && m_filter.is_between()) m_writer.align();
     if (m_phase != Phase::SLICES) return;
     m_writer.align();
-    enter(Phase::COPIED_SLICES);
+    m_phase = Phase::COPIED_SLICES;
 }
 
 // Bytes of a unit, TS_ROOM at most.
@@ -99,6 +141,7 @@ void Stage::State::feed(const Payload &payload)
 
 void Stage::State::end_unit()
 {
+    end_run();
     if (m_phase == Phase::HEAD) {
         m_head.end();
         begin_picture();
@@ -111,7 +154,7 @@ void Stage::State::end_unit()
                     m_walk.rate());
     }
     if (m_phase != Phase::NONE) m_writer.end_pes();
-    enter(Phase::NONE);
+    m_phase = Phase::NONE;
     m_lane = NO_LANE;
 }
 
@@ -130,13 +173,13 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     m_walk.begin(codec);
     if (!unit.f_plain || !has_plain_pcr(packet)) {
         m_writer.begin_pes(m_pids[AUDIO], start);
-        enter(Phase::AUDIO);
+        m_phase = Phase::AUDIO;
         feed({payload.bytes + unit.size, size});
         return;
     }
     const auto pes_at = static_cast<size_t>(payload.bytes - packet);
     uint8_t *const frame = m_writer.begin_copied_pes(m_pids[AUDIO], packet, pes_at, start);
-    enter(Phase::COPIED_AUDIO);
+    m_phase = Phase::COPIED_AUDIO;
     if (f_correct) correct_adts(frame, m_aac);
     m_walk.add(frame, size);
 }
@@ -150,7 +193,7 @@ void Stage::State::begin_picture()
     start.f_random_access = m_head.is_key();
     order_picture(start);
     m_writer.begin_pes(m_pids[VIDEO], start);
-    enter(Phase::SLICES);
+    m_phase = Phase::SLICES;
     m_packets_moved = 0;
     put_head();
 }
@@ -189,12 +232,14 @@ void Stage::State::put_head()
         done = m_head.count() > 1 ? m_head.unit(1).start : m_head.body();
         m_writer.append(bytes, done);
     }
-    if (f_sets) {
-        put_sets(nal::SPS);
-        put_sets(nal::PPS);
+    if (!f_sets) {
+        m_writer.append(bytes + done, m_head.size() - done);
+        return;
     }
+    put_sets(nal::SPS);
+    put_sets(nal::PPS);
     bool has_own_sets = false;
-    for (size_t i = 0; f_sets && i < m_head.count(); ++i) {
+    for (size_t i = 0; i < m_head.count(); ++i) {
         const PictureHead::Unit &unit = m_head.unit(i);
         if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
         has_own_sets = true;
@@ -205,7 +250,7 @@ void Stage::State::put_head()
 
     // Where they are before the first slice they may be before others, too.
     if (has_own_sets) {
-        enter(Phase::FILTERED_SLICES);
+        m_phase = Phase::FILTERED_SLICES;
         m_filter.begin();
     }
     for (done = m_head.body(); done < m_head.size();) {

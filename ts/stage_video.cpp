@@ -44,11 +44,17 @@ size_t find_code(const uint8_t *bytes, size_t from, size_t size)
     return size;
 }
 
-// Whether a start code may begin with the last bytes, of which there is at least one.
-bool may_begin_code(const uint8_t *bytes, size_t size)
+// Of the last bytes, those with which a start code begins that may go on: up to 00 00 00 01, without the unit's first
+// byte.
+size_t size_of_begun_code(const uint8_t *bytes, size_t size)
 {
-    return bytes[size - 1] == 0 || (size > 2 && bytes[size - 1] == 1 && bytes[size - 2] == 0) ||
-           size <= 2;
+    const bool f_one =
+        size > 2 && bytes[size - 1] == 1 && bytes[size - 2] == 0 && bytes[size - 3] == 0;
+    const size_t most = std::min(size, f_one ? START_CODE + 1 : START_CODE);
+    size_t count = f_one ? START_CODE : 0;
+    while (count < most && bytes[size - 1 - count] == 0)
+        ++count;
+    return count;
 }
 
 }  // namespace
@@ -118,29 +124,42 @@ void ParameterSets::remove(size_t index)
 
 // A picture's head
 
-void PictureHead::begin(VideoCodec codec)
+bool PictureHead::begin(VideoCodec codec, const uint8_t *bytes, size_t size)
 {
     m_codec = codec;
-    m_size = m_scanned = m_body = m_count = 0;
+    m_scanned = m_body = m_count = 0;
     m_first_slice = 0;
     m_f_complete = false;
+    // Nearly all heads are within one packet.
+    m_bytes = bytes;
+    m_size = size;
+    scan();
+    if (m_f_complete) return true;
+    memcpy(m_gathered, bytes, size);
+    m_bytes = m_gathered;
+    return false;
 }
 
 bool PictureHead::add(const uint8_t *bytes, size_t size)
 {
-    memcpy(m_bytes + m_size, bytes, size);
+    memcpy(m_gathered + m_size, bytes, size);
     m_size += size;
+    scan();
+    if (!m_f_complete && MOST_BYTES - m_size < size_t{188}) close(m_size);
+    return m_f_complete;
+}
+
+void PictureHead::scan()
+{
     while (!m_f_complete) {
         const size_t at = find_code(m_bytes, m_scanned, m_size);
         if (at == m_size) {
             m_scanned = m_size < START_CODE ? 0 : m_size - START_CODE;
-            break;
+            return;
         }
         m_scanned = at + START_CODE;
         if (!add_unit(at)) close(at > 0 && m_bytes[at - 1] == 0 ? at - 1 : at);
     }
-    if (!m_f_complete && MOST_BYTES - m_size < size_t{188}) close(m_size);
-    return m_f_complete;
 }
 
 bool PictureHead::is_key() const
@@ -223,6 +242,17 @@ bool PictureHead::has_recovery_point(const Unit &unit) const
 
 // Slices
 
+bool may_have_code(const uint8_t *bytes, size_t size)
+{
+    if (bytes[size - 1] == 0) return true;
+    for (size_t from = 0;;) {
+        const void *const found = memchr(bytes + from, 0, size - from);
+        if (found == nullptr) return false;
+        from = static_cast<size_t>(static_cast<const uint8_t *>(found) - bytes) + 1;
+        if (bytes[from] == 0) return true;  // the last byte isn't: there is one more
+    }
+}
+
 void SetFilter::begin()
 {
     m_carried = 0;
@@ -232,7 +262,7 @@ void SetFilter::begin()
 
 void SetFilter::add(const uint8_t *bytes, size_t size)
 {
-    if (is_between() && find_code(bytes, 0, size) == size && !may_begin_code(bytes, size)) {
+    if (is_between() && !may_have_code(bytes, size)) {
         m_put(m_handle, bytes, size);
         return;
     }
@@ -255,7 +285,7 @@ void SetFilter::add(const uint8_t *bytes, size_t size)
         m_set_code = from - start;
         done = from;
     }
-    const size_t kept = std::min(end - done, CARRY);
+    const size_t kept = size_of_begun_code(piece + done, end - done);
     put(piece + done, end - kept - done);
     memcpy(m_carry, piece + end - kept, kept);
     m_carried = kept;

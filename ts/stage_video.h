@@ -71,8 +71,9 @@ public:
         uint8_t type;  ///< nal_unit_type, or the start code's value
     };
 
-    void begin(VideoCodec codec);
-    /// Takes the next bytes, TS_SIZE at most. True once the first slice has begun, or there is no room for more.
+    /// Takes the first bytes, TS_SIZE at most. True once the first slice has begun: then bytes() are these.
+    bool begin(VideoCodec codec, const uint8_t *bytes, size_t size);
+    /// Takes the next ones. True as before, or when there is no room for more.
     bool add(const uint8_t *bytes, size_t size);
     /// To be called when the picture has no more bytes.
     void end() { close(m_size); }
@@ -92,12 +93,14 @@ public:
     int mpeg2_depth() const;
 
 private:
+    void scan();
     void close(size_t at);
     bool add_unit(size_t code_at);
     bool has_recovery_point(const Unit &unit) const;
 
     VideoCodec m_codec = VideoCodec::NONE;
-    uint8_t m_bytes[MOST_BYTES];
+    uint8_t m_gathered[MOST_BYTES];
+    const uint8_t *m_bytes = m_gathered;  // or where they came from, while that holds
     size_t m_size = 0;
     size_t m_scanned = 0;
     size_t m_body = 0;
@@ -106,6 +109,9 @@ private:
     uint8_t m_first_slice = 0;  // nal_unit_type
     bool m_f_complete = false;
 };
+
+/// Whether a start code may be in the bytes, or begin with the last of them. There is at least one.
+bool may_have_code(const uint8_t *bytes, size_t size);
 
 /// Leaves out of the slices of a key picture the parameter sets that are between them and are in force already.
 class SetFilter {
@@ -135,7 +141,6 @@ private:
 
     void put(const uint8_t *bytes, size_t size);
     void end_unit();
-    void write_set();
 
     ParameterSets &m_sets;
     Put m_put;

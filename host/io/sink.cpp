@@ -48,7 +48,7 @@ int Sink::write_other(const uint8_t *data, int size)
 {
     if (size <= 0) return 0;
     // Packets that were gathered already aren't copied.
-    if (m_held == 0 && static_cast<size_t>(size) >= BUFFER_SIZE / 2) {
+    if (m_held == 0 && static_cast<size_t>(size) >= BUFFER_SIZE / 4) {
         write_out(data, static_cast<size_t>(size));
         return m_error == 0 ? size : -1;
     }

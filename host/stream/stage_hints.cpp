@@ -1,6 +1,6 @@
 #include "stage_hints.h"
 
-#include <cmath>
+#include <algorithm>
 
 #include <fmt/format.h>
 
@@ -11,11 +11,16 @@ namespace {
 constexpr int64_t WHOLE_RATE = 0x10000;  // 16.16 fixed point
 constexpr int64_t EMPTY = -1;            // media_time where nothing is shown
 
+// The C library's rounding would be another shared object to load.
 int64_t ticks_of(int64_t time, uint32_t timescale)
 {
-    constexpr double TICKS_PER_SECOND = 1000.0 * TICKS_PER_MS;
+    constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
+    constexpr int64_t LONGEST = INT32_MAX;  // seconds
     if (timescale == 0) return 0;
-    return std::llround(static_cast<double>(time) * TICKS_PER_SECOND / timescale);
+    const int64_t seconds = std::clamp(time / timescale, -LONGEST, LONGEST);
+    const int64_t rest = time % timescale * TICKS_PER_SECOND;
+    const int64_t half = rest < 0 ? -int64_t{timescale} / 2 : int64_t{timescale} / 2;
+    return seconds * TICKS_PER_SECOND + (rest + half) / timescale;
 }
 
 // By an edit list that only says when a track starts, and with which of its times: empty entries, then one of the
@@ -66,10 +71,16 @@ golt::StreamHints hints_of(const Track &track, const Outline &outline, StageSetu
 
 }  // namespace
 
-StageSetup stage_setup(const Outline &outline, const Selection &selection, bool f_packets)
+StageSetup stage_setup(const Source &source, const Outline &outline, const Selection &selection,
+                       const Format &format)
 {
     StageSetup setup;
-    setup.hints.mode = f_packets ? golt::StageMode::PASS : golt::StageMode::REMUX;
+    setup.hints.mode = format.f_times ? golt::StageMode::REMUX : golt::StageMode::PASS;
+    // A header at the end, or one with long tables.
+    const bool f_all_read = outline.mp4.f_moov && !outline.f_partial;
+    if (format.container == Container::MP4 && !source.is_seekable() && !f_all_read)
+        setup.notes.emplace_back(
+            "edit lists not applied: they are too far from the file's start for a server without ranges");
     if (const auto index = selection.taken(outline, TrackKind::VIDEO))
         setup.hints.video = hints_of(outline.tracks[*index], outline, setup);
     const auto index = selection.taken(outline, TrackKind::AUDIO);

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "golt_stage.h"
+#include "io/recognise.h"
+#include "io/source.h"
 #include "selection.h"
 
 struct StageSetup {
@@ -14,7 +16,8 @@ struct StageSetup {
     std::vector<std::string> notes;  ///< edit lists that aren't applied as they are, a line each
 };
 
-/// outline: has to outlive the hints. f_packets: the file has ready-made packets.
-StageSetup stage_setup(const Outline &outline, const Selection &selection, bool f_packets);
+/// source: of the outline, which has to outlive the hints. format: in which it is remuxed.
+StageSetup stage_setup(const Source &source, const Outline &outline, const Selection &selection,
+                       const Format &format);
 
 #endif

@@ -72,12 +72,14 @@ inline Bytes unit(const Bytes &bytes)
     return CODE + bytes;
 }
 
-// A slice without start codes in it.
+// A slice without start codes in it, but with zeros, also two and three in a row.
 inline Bytes slice(uint8_t type, size_t size, uint32_t seed)
 {
     Bytes out = pattern(size, seed);
-    for (uint8_t &byte : out)
-        byte |= 1;
+    for (size_t i = 0; i < size; ++i) {
+        const bool f_zero = i + 5 < size && (i % 61 == 7 || i % 977 < 2 || i % 3001 < 3);
+        out[i] = f_zero ? 0 : out[i] | 2;
+    }
     if (!out.empty()) out[0] = type;
     return unit(out);
 }
