@@ -41,6 +41,7 @@ struct Demuxer {
     explicit Demuxer(const Bytes &file)
         : source(file)
     {
+        source.seek(1, 0);  // the file is read from its start all the same
         EXPECT_TRUE(GOLT_DMX_MKVInit(Source::read_proc, Source::seek_proc, &source));
     }
     ~Demuxer() { EXPECT_TRUE(GOLT_DMX_MKVDestroy()); }
@@ -290,6 +291,11 @@ TEST(Mkv, ReadsNumbersOfOneToFourBytes)
               "error FileGetUint(DataBytes=0):0\nerror FileGetUint(DataBytes=5):0\n"
               "error FileGetSint(DataBytes=0):0\nerror FileGetSint(DataBytes=5):0\n");
     EXPECT_EQ(FileGetUint(4), 0x1F43B675u) << "the ID of the Cluster";
+    Bytes text = hex("EEEEEEEEEE");
+    EXPECT_EQ(CopyEBML_Buff(hex("0102").data(), text.data(), 2, 4), 1u);
+    EXPECT_EQ(text, hex("01020000EE"));
+    EXPECT_EQ(FileCopyEBML_Buff(text.data(), 1, 2), 1u);
+    EXPECT_EQ(text, hex("8A000000EE")) << "the size of the Cluster";
 }
 
 TEST(Mkv, EndsOnWhatIsNoMatroska)
@@ -372,7 +378,8 @@ TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
 {
     GOLT_memInit();
     for (const std::string &words :
-         {VIDEO + "v0(65) =A3.8D.81000000.00000005.41", AUDIO + "=A3.8C.82000000.01020304",
+         {VIDEO + "v0(65) =A3.8D.81000000.00000005.41", VIDEO + "=A3.A0.81000000.00000005.41",
+          AUDIO + "=A3.8C.82000000.01020304",
           std::string("t2['A_AC3'] c0 =A3.8C.82000000.01020304")}) {
         uint8_t *block = GOLT_allocMem(1024);  // the one that the next frame gets
         std::fill_n(block, 1024, uint8_t{0xA5});

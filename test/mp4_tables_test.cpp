@@ -199,6 +199,8 @@ TEST(Mp4, SaysWhatIsMissing)
         EXPECT_EQ(printed.substr(0, row.expected.size()), row.expected);
         EXPECT_EQ(printed.empty(), row.expected.empty());
     }
+    const std::string printed = Demuxer(Movie().change("order=val").build()).printed;
+    EXPECT_EQ(printed.find("alac"), std::string::npos) << "no track is needed after both";
 }
 
 // What a cut through a field prints: each walker that misses a box says so, the one with the field

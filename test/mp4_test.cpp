@@ -258,6 +258,8 @@ TEST(Mp4, TriesAFrameAgainThatCouldNotBeRead)
     EXPECT_EQ(demuxer.times(), "");
     demuxer.source.refuse_seeks = false;
     EXPECT_EQ(demuxer.times(), "v80");
+    const LibraryCall watch;  // a source that is opened again leaves nothing behind
+    EXPECT_TRUE(GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &demuxer.source));
 }
 
 }  // namespace
