@@ -342,6 +342,7 @@ TEST(Mp3, EstimatesOffsetsFromTheTables)
     start(250);  // an entry for every fourth packet; the offsets fall
     for (uint32_t i = 0; i < 4; ++i)
         POS_update(i, 1000 - 10 * i);
+    EXPECT_TRUE(POS_seek(0, &offset) && offset == 1000);
     EXPECT_EQ(offset_of(1), 990u);
     EXPECT_EQ(offset_of(3), 970u) << "the last one";
     EXPECT_TRUE(POS_syncPoint(3, 970, &packet) && packet == 3) << "is known when it comes";

@@ -280,6 +280,7 @@ TEST(Mp4, ReportsTheAudioFormat)
             Demuxer demuxer(movie.build());
             SCOPED_TRACE(row.dsi + demuxer.printed);
             EXPECT_EQ(demuxer.info.audioCodec, row.codec);
+            EXPECT_EQ(demuxer.info.videoCodec, GOLT_CODEC_UNKNOWN);
             EXPECT_EQ(demuxer.info.aud_sampleRate, row.rate);
             EXPECT_EQ(demuxer.info.aud_numChannels, 2u);
             const size_t told = demuxer.printed.find(prefix + row.format + "\n");

@@ -258,8 +258,17 @@ TEST(Mp4, TriesAFrameAgainThatCouldNotBeRead)
     EXPECT_EQ(demuxer.times(), "");
     demuxer.source.refuse_seeks = false;
     EXPECT_EQ(demuxer.times(), "v80");
-    const LibraryCall watch;  // a source that is opened again leaves nothing behind
-    EXPECT_TRUE(GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &demuxer.source));
+}
+
+TEST(Mp4, ForgetsASourceThatIsGivenUp)
+{
+    Demuxer demuxer(Movie().change("order=va").build());
+    Source other(Movie().change("order=a").build());
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &other));
+    }
+    EXPECT_EQ(demuxer.times(), "a0 a21");
 }
 
 }  // namespace
