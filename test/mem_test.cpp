@@ -46,8 +46,8 @@ TEST(Pool, ServesTheSmallestFreeBlockThatFitsAndThenTheHeap)
     give(others);
     EXPECT_EQ(take(4, 24), Blocks(pool.begin(), pool.begin() + 4)) << "the small ones first";
     EXPECT_EQ(take(1, 24), Blocks{pool[4]}) << "a larger one rather than the heap";
-    EXPECT_EQ(GOLT_allocMem(0x14000), pool[5]);
     EXPECT_EQ(GOLT_allocMem(0x14001), pool[6]);
+    EXPECT_EQ(GOLT_allocMem(0x14000), pool[5]);
     GOLT_freeMem(pool[2]);
     EXPECT_EQ(GOLT_allocMem(0), pool[2]);
 #ifdef GOLT_POISONING

@@ -266,8 +266,8 @@ TEST(Mp3, SeeksByWhatIsKnownAndIsPutRight)
         {"its begin", "@36000 750", "@59976 750", "@1666 750:59976-86940"},
         {"second fine list, an entry", "@36000 750", "@36972 750", "@1025 750:36972-63936"},
         {"after all", "", "@2160000 750", "@60045 750:2160000-2186964"},
-        {"there, to entry 60099", "@2160000 750", "@2161440 10 740",
-         "@60090 10:2161440-2161764 740:2161980-2188584"},
+        {"there, to entry 60099, and on to another", "@2160000 750", "@2161440 10 1100 @2188188 1",
+         "@60090 10:2161440-2161764 1100:2161980-2201544 @60828 1:2188188-2188188"},
         {"after the last entry", "@2160000 750", "@2051928 750", "@56998 750:2051928-2078892"},
         {"to the tracker", "", "@2042748 8 742", "@56747 8:2042748-2043000 742:2043180-2069856"},
         // Only the low 32 bits of a time count.
@@ -321,9 +321,28 @@ TEST(Mp3, EstimatesOffsetsFromTheTables)
     EXPECT_EQ(BRT_aveBytesPerPkt(), int_to_fixpt(300));
     EXPECT_EQ(BRT_aveBytesPerSec(), int_to_fixpt(300));
 
+    // One that is empty begins there.
+    BRT_reset(0, 0);
+    EXPECT_EQ(offset_of(150), 1000u + 150 * 100);
+    EXPECT_TRUE(POS_syncPoint(160, 1000 + 180 * 100, &packet));
+    BRT_update(300);
+    EXPECT_TRUE(BRT_timeWithin(180));
+    // Neither does the second fine list keep anything of its last span, in which it turned over.
+    for (const uint32_t first : {1000000u, 2000000u}) {
+        POS_seek(first, nullptr);
+        for (uint32_t i = first; i < first + 2100; ++i)
+            POS_update(i, i * 2);
+    }
+    POS_seek(3000000, nullptr);
+    for (uint32_t i = 3000000; i < 3000003; ++i)
+        POS_update(i, i * 3);
+    MP3Offset_t offset = 0;
+    EXPECT_TRUE(POS_seek(3000001, &offset) && offset == 3000001 * 3u);
+
     start(250);  // an entry for every fourth packet; the offsets fall
     for (uint32_t i = 0; i < 4; ++i)
         POS_update(i, 1000 - 10 * i);
+    EXPECT_TRUE(POS_seek(0, &offset) && offset == 1000);
     EXPECT_EQ(offset_of(1), 990u);
     EXPECT_EQ(offset_of(3), 970u) << "the last one";
     EXPECT_TRUE(POS_syncPoint(3, 970, &packet) && packet == 3) << "is known when it comes";

@@ -199,6 +199,8 @@ TEST(Mp4, SaysWhatIsMissing)
         EXPECT_EQ(printed.substr(0, row.expected.size()), row.expected);
         EXPECT_EQ(printed.empty(), row.expected.empty());
     }
+    const std::string printed = Demuxer(Movie().change("order=val").build()).printed;
+    EXPECT_EQ(printed.find("alac"), std::string::npos) << "no track is needed after both";
 }
 
 // What a cut through a field prints: each walker that misses a box says so, the one with the field
@@ -278,6 +280,7 @@ TEST(Mp4, ReportsTheAudioFormat)
             Demuxer demuxer(movie.build());
             SCOPED_TRACE(row.dsi + demuxer.printed);
             EXPECT_EQ(demuxer.info.audioCodec, row.codec);
+            EXPECT_EQ(demuxer.info.videoCodec, GOLT_CODEC_UNKNOWN);
             EXPECT_EQ(demuxer.info.aud_sampleRate, row.rate);
             EXPECT_EQ(demuxer.info.aud_numChannels, 2u);
             const size_t told = demuxer.printed.find(prefix + row.format + "\n");

@@ -260,4 +260,15 @@ TEST(Mp4, TriesAFrameAgainThatCouldNotBeRead)
     EXPECT_EQ(demuxer.times(), "v80");
 }
 
+TEST(Mp4, ForgetsASourceThatIsGivenUp)
+{
+    Demuxer demuxer(Movie().change("order=va").build());
+    Source other(Movie().change("order=a").build());
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &other));
+    }
+    EXPECT_EQ(demuxer.times(), "a0 a21");
+}
+
 }  // namespace
