@@ -16,6 +16,7 @@
 
 #include "check.h"
 #include "frames.h"
+#include "hls.h"
 #include "info.h"
 #include "io/interrupt.h"
 #include "io/library_log.h"
@@ -93,6 +94,15 @@ find (in files with video, but not in URLs). Exit status: as for remux.
 Example:
   golt plot movie.mp4 -o timeline.svg)";
 
+const char *const HLS_FOOTER = R"(
+Writes segments of about 6 s, each from a key picture on, and two playlists of
+HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
+rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
+it doesn't exist. The playlists are written last. Exit status: as for remux.
+
+Example:
+  golt hls movie.mkv /var/www/movie)";
+
 /// The subcommands. run: does what the command line has chosen.
 struct Commands {
     RemuxOptions remux;
@@ -100,6 +110,7 @@ struct Commands {
     FramesOptions frames;
     CheckOptions check;
     PlotOptions plot;
+    HlsOptions hls;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
 };
@@ -111,6 +122,7 @@ void add_info(CLI::App &app, Commands &commands);
 void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
+void add_hls(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths);
 void add_input_options(CLI::App &command, InputOptions &input);
@@ -168,6 +180,7 @@ int run(int argc, char **argv)
     add_frames(app, commands);
     add_check(app, commands);
     add_plot(app, commands);
+    add_hls(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
@@ -315,6 +328,23 @@ void add_plot(CLI::App &app, Commands &commands)
     });
 }
 
+void add_hls(CLI::App &app, Commands &commands)
+{
+    HlsOptions &options = commands.hls;
+    CLI::App *command = app.add_subcommand("hls", "Writes IN as playlists and segments to FOLDER");
+    command->footer(HLS_FOOTER);
+    add_input(*command, options.input);
+    command->add_option("FOLDER", options.folder, "The folder to write to")
+        ->required()
+        ->check(is_not_empty);
+    command->add_flag("--force", options.f_force, "Replace files in FOLDER");
+    CLI::Option *verbose = add_verbose(*command, commands);
+    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")->excludes(verbose);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &) { return hls(commands.hls); };
+    });
+}
+
 void add_input(CLI::App &command, InputOptions &input)
 {
     command
@@ -381,7 +411,7 @@ void complete_options(Commands &commands)
 {
     for (const InputOptions *input :
          {&commands.remux.input, &commands.info.input, &commands.frames.input,
-          &commands.check.input, &commands.plot.input})
+          &commands.check.input, &commands.plot.input, &commands.hls.input})
         check_headers(input->http.headers);
     for (std::string *output : {&commands.remux.output, &commands.plot.output}) {
         if (!output->empty() && leads_to_standard_output(*output)) *output = "-";
