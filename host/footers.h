@@ -80,4 +80,13 @@ Examples:
   golt serve ~/Videos ~/Music --bind 0.0.0.0 --cache 256M
   golt serve https://example.org/movie.mp4)";
 
+constexpr const char *HLS_FOOTER = R"(
+Writes segments of about 6 s, each from a key picture on, and two playlists of
+HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
+rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
+it doesn't exist. The playlists are written last. Exit status: as for remux.
+
+Example:
+  golt hls movie.mkv /var/www/movie)";
+
 #endif

@@ -1,7 +1,6 @@
 // golt, the host program: the command line and the exit status. The work is in one file for each
 // subcommand.
 
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -17,12 +16,14 @@
 #include "check.h"
 #include "footers.h"
 #include "frames.h"
+#include "hls.h"
 #include "info.h"
 #include "io/interrupt.h"
 #include "io/library_log.h"
 #include "io/message.h"
 #include "io/output.h"
 #include "io/printer.h"
+#include "io/values.h"
 #include "libgolt.h"
 #include "plot.h"
 #include "remux.h"
@@ -39,6 +40,7 @@ struct Commands {
     FramesOptions frames;
     CheckOptions check;
     PlotOptions plot;
+    HlsOptions hls;
     ServeOptions serve;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
@@ -51,16 +53,13 @@ void add_info(CLI::App &app, Commands &commands);
 void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
+void add_hls(CLI::App &app, Commands &commands);
 void add_serve(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths);
 void add_input_options(CLI::App &command, InputOptions &input);
 void add_http_options(CLI::App &command, HttpOptions &http);
 CLI::Option *add_verbose(CLI::App &command, Commands &commands);
-bool parse_count(const std::string &text, uint64_t *count);
-bool parse_timeout(const std::string &text, uint32_t *seconds);
-bool parse_port(const std::string &text, uint16_t *port);
-bool parse_size(const std::string &text, uint64_t *size);
 void complete_options(Commands &commands);
 int print_help(const CLI::App &app, const CLI::Success &request);
 void print_json_error(int status, const std::string &message);
@@ -112,6 +111,7 @@ int run(int argc, char **argv)
     add_frames(app, commands);
     add_check(app, commands);
     add_plot(app, commands);
+    add_hls(app, commands);
     add_serve(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
@@ -260,6 +260,23 @@ void add_plot(CLI::App &app, Commands &commands)
     });
 }
 
+void add_hls(CLI::App &app, Commands &commands)
+{
+    HlsOptions &options = commands.hls;
+    CLI::App *command = app.add_subcommand("hls", "Writes IN as playlists and segments to FOLDER");
+    command->footer(HLS_FOOTER);
+    add_input(*command, options.input);
+    command->add_option("FOLDER", options.folder, "The folder to write to")
+        ->required()
+        ->check(is_not_empty);
+    command->add_flag("--force", options.f_force, "Replace files in FOLDER");
+    CLI::Option *verbose = add_verbose(*command, commands);
+    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")->excludes(verbose);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &) { return hls(commands.hls); };
+    });
+}
+
 void add_serve(CLI::App &app, Commands &commands)
 {
     ServeOptions &options = commands.serve;
@@ -342,50 +359,12 @@ std::string is_not_empty(const std::string &name)
     return name.empty() ? "the name is empty" : "";
 }
 
-// CLI11's own conversion takes "-1" for a large number.
-bool parse_count(const std::string &text, uint64_t *count)
-{
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, *count);
-    return result.ec == std::errc() && result.ptr == end && *count != 0;
-}
-
-bool parse_timeout(const std::string &text, uint32_t *seconds)
-{
-    // A source relies on the limit.
-    constexpr uint64_t LONGEST = 120;
-    uint64_t count = 0;
-    if (!parse_count(text, &count) || count > LONGEST) return false;
-    *seconds = static_cast<uint32_t>(count);
-    return true;
-}
-
-bool parse_port(const std::string &text, uint16_t *port)
-{
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, *port);
-    return result.ec == std::errc() && result.ptr == end;
-}
-
-bool parse_size(const std::string &text, uint64_t *size)
-{
-    constexpr uint64_t LEAST = 1024 * 1024, MOST = LEAST << 20;
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, *size);
-    if (result.ec != std::errc() || *size > MOST) return false;
-    const std::string unit(result.ptr, end);
-    const size_t power = unit.empty() ? 0 : std::string("KMG").find(unit) + 1;
-    if (unit.size() > 1 || power > 3) return false;
-    *size <<= 10 * power;
-    return *size >= LEAST && *size <= MOST;
-}
-
 void complete_options(Commands &commands)
 {
     check_headers(commands.serve.http.headers);
     for (const InputOptions *input :
          {&commands.remux.input, &commands.info.input, &commands.frames.input,
-          &commands.check.input, &commands.plot.input})
+          &commands.check.input, &commands.plot.input, &commands.hls.input})
         check_headers(input->http.headers);
     for (std::string *output : {&commands.remux.output, &commands.plot.output}) {
         if (!output->empty() && leads_to_standard_output(*output)) *output = "-";

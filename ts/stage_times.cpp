@@ -59,7 +59,9 @@ int64_t AudioTimes::next(int64_t told, Durations durations)
     const bool f_follows = m_f_begun && m_last_samples > 0;
     const int64_t follows = predicted();
     const bool f_still = stands_still(told, durations);
-    if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
+    if (!m_f_begun && is_on_grid(told)) {
+        m_last = predicted();
+    } else if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
         m_last = follows;
     } else {
         m_base = m_last = told;
@@ -91,6 +93,18 @@ bool AudioTimes::is_lost(int64_t told, Durations durations) const
 bool AudioTimes::stands_still(int64_t told, Durations durations) const
 {
     return m_f_begun && told == m_told && durations != Durations::TOLD;
+}
+
+// Whether it is the rounded time of a frame of the grid; that one has been found then.
+bool AudioTimes::is_on_grid(int64_t told)
+{
+    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - ROUNDING) return false;
+    const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
+    const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
+    m_base = m_grid.time;
+    m_rate = m_grid.rate;
+    m_samples = (passed * m_rate + frame / 2) / frame * m_grid.samples;
+    return std::abs(predicted() - told) <= ROUNDING;
 }
 
 int64_t AudioTimes::predicted() const

@@ -288,6 +288,7 @@ void read_cues(Stretch body, MatroskaOutline &matroska)
 {
     constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7;
     matroska.f_cues = true;
+    matroska.cues_place = {body.at(), body.end()};
     matroska.cues.clear();
     matroska.more_cues = 0;
     while (const std::optional<Element> point = next_element(body)) {

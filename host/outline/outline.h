@@ -48,7 +48,7 @@ struct Mp4Details {
     bool f_compact_sizes = false;   ///< by "stz2"
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
-    TablePlace stts, ctts, stss;           ///< durations, offsets of presentation, sync samples
+    TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
 };
 
 /// What Matroska has of a track beside what all containers have.
@@ -110,6 +110,7 @@ struct MatroskaOutline {
     std::optional<uint64_t> segment_end;  ///< by its size; may be after the file's end
     std::optional<uint64_t> first_cluster;  ///< offset
     bool f_cues = false;
+    TablePlace cues_place;  ///< of the children of the last Cues that were read
     bool f_cues_announced =
         false;              ///< the SeekHead leads to them, or they come before the clusters
     std::vector<Cue> cues;  ///< in the file's order, MOST_CUES at most
