@@ -54,6 +54,7 @@ private:
     std::list<Peer> m_peers;
     MHD_Daemon *m_daemon;
     int64_t m_looked = 0;
+    bool m_f_closed = false;  // a connection
 };
 
 }  // namespace
@@ -93,7 +94,11 @@ void Server::run(const sigset_t &waiting)
     while (end == 0 || (m_context.exchanges > 0 && steady_seconds() < end)) {
         wait(waiting);
         take_replies();
-        m_context.http.run(m_daemon);
+        // Below the limit MHD listens again, but only from its next turn on.
+        do {
+            m_f_closed = false;
+            m_context.http.run(m_daemon);
+        } while (m_f_closed);
         const int64_t now = steady_seconds();
         if (now != m_looked) look_after(now);
         if (stop_signal() != 0 && end == 0) {
@@ -165,8 +170,8 @@ void Server::on_connection(void *server, MHD_Connection *connection, void **peer
         *peer = &self.m_peers.front();
         return;
     }
+    self.m_f_closed = true;
     self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
-    if (self.m_peers.empty()) self.m_looked = 0;
 }
 
 void *Server::on_address(void *server, const char *address, MHD_Connection *connection)
