@@ -22,7 +22,10 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun run(source, film, {place, source.size(), 0}, cutter);
+    SegmentRun::Begin begin = {place, source.size(), 0};
+    if (film.file.outline.container == Container::MATROSKA)
+        begin.later = later_at_cluster(source, film, place);
+    SegmentRun run(source, film, begin, cutter);
     run.look();
     const std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
     if (!video && !audio)
