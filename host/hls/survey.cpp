@@ -71,9 +71,9 @@ void plan_by_time(Film &film, int64_t end, uint64_t bytes,
     plan.end(end, bytes);
 }
 
-// The PES header, and the last packet of each frame, which is filled up.
+// Headers of a frame, an access unit delimiter, and the last packet, which is filled up.
 uint64_t served_bytes(uint64_t bytes, uint64_t frames)
 {
-    constexpr uint64_t HEADER = 24, ROOM = TS_PACKET_SIZE - TS_HEADER_SIZE;
+    constexpr uint64_t HEADER = 40, ROOM = TS_PACKET_SIZE - TS_HEADER_SIZE;
     return ((bytes + frames * HEADER) / ROOM + frames) * TS_PACKET_SIZE;
 }

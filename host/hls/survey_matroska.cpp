@@ -56,6 +56,7 @@ public:
         : m_film(film)
         , m_first(first)
         , m_first_cluster(*film.file.outline.matroska.first_cluster)
+        , m_frame_rate(frame_rate_of(film))
         , m_approach(m_first_cluster)
         , m_plan(film.segments, {0, m_first_cluster, 0})
     {
@@ -76,8 +77,15 @@ public:
     }
     void end(int64_t time, uint64_t offset)
     {
-        if (taken_track(m_film, TrackKind::VIDEO) == nullptr) add_times(time);
-        m_plan.end(time, estimate(time, offset));
+        const uint64_t bytes = estimate(time, offset);
+        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
+        if (!f_video) add_times(time);
+        m_plan.end(time, bytes);
+        if (f_video || time <= 0) return;
+        // Clusters are longer than segments may be.
+        for (Segment &segment : m_film.segments)
+            segment.bytes = static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
+                                                  static_cast<double>(segment.end - segment.start));
     }
 
 private:
@@ -85,13 +93,25 @@ private:
     {
         return {shown, m_approach.to(shown), estimate(shown, cluster)};
     }
-    // Those of all tracks are in the clusters.
+    // What is in the clusters, of all tracks.
     uint64_t estimate(int64_t shown, uint64_t offset) const
     {
-        constexpr double MOST_FRAMES = 120;  // in a second, of video and audio
         const double seconds = static_cast<double>(std::max<int64_t>(shown, 0)) / TICKS_PER_SECOND;
         return served_bytes(offset - std::min(offset, m_first_cluster),
-                            static_cast<uint64_t>(seconds * MOST_FRAMES));
+                            static_cast<uint64_t>(seconds * m_frame_rate));
+    }
+    // Of video and audio together, in a second.
+    static double frame_rate_of(const Film &film)
+    {
+        constexpr double USUAL_PICTURES = 30, USUAL_FRAMES = 50, NS_PER_SECOND = 1e9;
+        const Track *const video = taken_track(film, TrackKind::VIDEO);
+        const golt::AudioGrid &grid = film.file.audio_grid;
+        const uint64_t each_ns =
+            video != nullptr ? video->matroska.default_duration_ns.value_or(0) : 0;
+        const double pictures = video == nullptr ? 0
+                                : each_ns == 0   ? USUAL_PICTURES
+                                                 : NS_PER_SECOND / static_cast<double>(each_ns);
+        return pictures + (grid.samples == 0 ? USUAL_FRAMES : double{1} * grid.rate / grid.samples);
     }
     // Up to a point.
     void add_times(int64_t shown)
@@ -107,6 +127,7 @@ private:
     Film &m_film;
     const int64_t m_first;
     const uint64_t m_first_cluster;
+    const double m_frame_rate;
     Approach m_approach;
     Plan m_plan;
     uint64_t m_last_cluster = 0;
