@@ -12,7 +12,7 @@ _golt() {
     --start | --to | --frames | --count | --timeout | --header) return ;;
     esac
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot --help --version" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot hls --help --version" -- "$word")
         return
     fi
     case ${COMP_WORDS[1]} in
@@ -21,6 +21,7 @@ _golt() {
     frames) options="$shared --start --count --json --csv" ;;
     check) options="$shared --json" ;;
     plot) options="$shared --output --force" ;;
+    hls) options="$shared --force --quiet" ;;
     esac
     if [[ $word = -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
