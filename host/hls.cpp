@@ -45,6 +45,11 @@ ExitStatus hls(const HlsOptions &options)
     const std::unique_ptr<Source> source = open_source(options.input);
     const Film film = survey_film(*source);
     if (!film.refusal.empty()) throw NotDone(source->path(), film.refusal);
+    const std::string &named = options.input.format;
+    const Format *const format = format_of_name(named);
+    if (!named.empty() &&
+        (format == nullptr || format->container != film.file.outline.container))
+        throw NotDone(source->path(), fmt::format("isn't in the format {}", named));
     Folder folder(options, *source);
     Progress progress(!options.f_quiet && isatty(STDERR_FILENO) != 0);
     std::vector<uint8_t> segment;

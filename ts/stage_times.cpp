@@ -61,7 +61,7 @@ int64_t AudioTimes::next(int64_t told, Durations durations)
     const bool f_still = stands_still(told, durations);
     if (!m_f_begun && is_on_grid(told)) {
         m_last = predicted();
-    } else if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
+    } else if (f_still || (f_follows && std::abs(follows - told) <= tolerance())) {
         m_last = follows;
     } else {
         m_base = m_last = told;
@@ -98,13 +98,20 @@ bool AudioTimes::stands_still(int64_t told, Durations durations) const
 // Whether it is the rounded time of a frame of the grid; that one has been found then.
 bool AudioTimes::is_on_grid(int64_t told)
 {
-    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - ROUNDING) return false;
+    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - tolerance())
+        return false;
     const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
     const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
     m_base = m_grid.time;
     m_rate = m_grid.rate;
     m_samples = (passed * m_rate + frame / 2) / frame * m_grid.samples;
-    return std::abs(predicted() - told) <= ROUNDING;
+    return std::abs(predicted() - told) <= tolerance();
+}
+
+// On the grid of a whole, times may count from a frame in the middle whose own time was rounded already.
+int64_t AudioTimes::tolerance() const
+{
+    return m_grid.samples != 0 ? 2 * ROUNDING : ROUNDING;
 }
 
 int64_t AudioTimes::predicted() const

@@ -14,7 +14,7 @@ _golt() {
     --bind | --port | --cache | --workers | --connections | --per-address) return ;;
     esac
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot serve --help --version" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot hls serve --help --version" -- "$word")
         return
     fi
     case ${COMP_WORDS[1]} in
@@ -23,6 +23,7 @@ _golt() {
     frames) options="$shared --start --count --json --csv" ;;
     check) options="$shared --json" ;;
     plot) options="$shared --output --force" ;;
+    hls) options="$shared --force --quiet" ;;
     serve) options="$http --bind --port --cache --workers --connections --per-address --hls-js" ;;
     esac
     if [[ $word = -* ]]; then

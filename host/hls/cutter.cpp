@@ -10,6 +10,8 @@ namespace {
 
 constexpr uint16_t PAT_PID = 0, PMT_PID = 0xFFF;
 constexpr size_t PTS_AT = 9;  // in a PES packet
+constexpr uint8_t HAS_PCR = 0x10;  // a flag of an adaptation field
+constexpr size_t PCR_AT = 6, PCR_SIZE = 6;
 // Times are those of the plan; the library may cut them to milliseconds in another way.
 constexpr int64_t TOLERANCE = TICKS_PER_MS;
 // Tables come in pairs, each time the clock has gone on.
@@ -24,6 +26,12 @@ std::optional<int64_t> pts_of(const uint8_t *packet)
     if (pes[0] != 0 || pes[1] != 0 || pes[2] != 1 || (pes[7] & HAS_PTS) == 0) return {};
     return static_cast<int64_t>(
         time_of_field(ByteView{pes + PTS_AT, PTS_FIELD_SIZE}.get(PTS_FIELD_SIZE)));
+}
+
+bool has_pcr(const uint8_t *packet)
+{
+    return TsPacket(packet).has_adaptation_field() && packet[TS_HEADER_SIZE] > PCR_SIZE &&
+           (packet[TS_HEADER_SIZE + 1] & HAS_PCR) != 0;
 }
 
 // The time is one of 33 bits that start again.
@@ -68,7 +76,10 @@ void Cutter::take(const uint8_t *packet)
     if (view.is_start()) take_start(packet, pid == VIDEO_PID);
     if (m_f_done) return;
     keep_waiting();
-    if (m_f_begun) keep(packet);
+    if (m_f_begun)
+        keep(packet);
+    else if (has_pcr(packet))
+        note_clock(packet);
 }
 
 void Cutter::take_start(const uint8_t *packet, bool f_video)
@@ -80,7 +91,7 @@ void Cutter::take_start(const uint8_t *packet, bool f_video)
     if (f_video != m_range.f_video) return;
     if (!m_f_begun) {
         if (is_reached(*pts, *m_range.from))
-            begin();
+            begin(packet);
         else
             ++m_units_before;
     } else if (m_range.to && is_reached(*pts, *m_range.to)) {
@@ -88,12 +99,26 @@ void Cutter::take_start(const uint8_t *packet, bool f_video)
     }
 }
 
-void Cutter::begin()
+// With tables and a clock.
+void Cutter::begin(const uint8_t *packet)
 {
     m_f_begun = true;
     m_waiting.clear();
     for (size_t table = 0; table < m_tables.size(); ++table)
         if (m_f_table[table]) keep(m_tables[table].data());
+    if (m_f_clock && !has_pcr(packet)) keep(m_clock.data());
+}
+
+void Cutter::note_clock(const uint8_t *packet)
+{
+    constexpr uint8_t ADAPTATION_ALONE = 0x20, STUFFING = 0xFF;
+    m_f_clock = true;
+    m_clock.fill(STUFFING);
+    memcpy(m_clock.data(), packet, PCR_AT + PCR_SIZE);
+    m_clock[1] &= 0xBF;  // no payload_unit_start_indicator
+    m_clock[3] = ADAPTATION_ALONE;
+    m_clock[TS_HEADER_SIZE] = TS_PACKET_SIZE - TS_HEADER_SIZE - 1;
+    m_clock[TS_HEADER_SIZE + 1] = HAS_PCR;
 }
 
 void Cutter::keep_waiting()

@@ -43,7 +43,8 @@ private:
 
     void take(const uint8_t *packet);
     void take_start(const uint8_t *packet, bool f_video);
-    void begin();
+    void begin(const uint8_t *packet);
+    void note_clock(const uint8_t *packet);
     void keep_waiting();
     void keep(const uint8_t *packet);
 
@@ -57,6 +58,8 @@ private:
     std::optional<int64_t> m_first[2];
     std::array<Packet, 2> m_tables = {};  // the last PAT and PMT
     bool m_f_table[2] = {};
+    Packet m_clock = {};  // the last PCR, in a packet of its own
+    bool m_f_clock = false;
     std::vector<Packet> m_waiting;  // tables that belong to what comes after them
 };
 

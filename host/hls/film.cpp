@@ -97,8 +97,12 @@ std::string refusal_of(const Film &film, const Source &source)
     if (!film.file.selection.refusal.empty()) return film.file.selection.refusal;
     if (!source.is_seekable() || source.size() == 0) return "its server doesn't send parts of it";
     if (outline.container == Container::TRANSPORT_STREAM) return "";
-    const bool f_any = taken_track(film, TrackKind::VIDEO) != nullptr ||
-                       taken_track(film, TrackKind::AUDIO) != nullptr;
+    constexpr uint64_t NS_PER_MS = 1000000;
+    const bool f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
+    if (f_video && outline.container == Container::MATROSKA &&
+        outline.matroska.timestamp_scale != NS_PER_MS)
+        return "its times aren't in milliseconds";
+    const bool f_any = f_video || taken_track(film, TrackKind::AUDIO) != nullptr;
     return f_any ? "" : "it has neither video nor audio";
 }
 
@@ -121,6 +125,8 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
         if (number > 0) range.from = film.file.first_time + wanted.start;
         if (!f_last) range.to = film.file.first_time + wanted.end;
     }
+    if (film.file.outline.container == Container::MATROSKA)
+        begin.later = later_at_cluster(source, film, begin.place);
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();
@@ -168,6 +174,7 @@ void describe(Film &film)
     const Outline &outline = film.file.outline;
     if (outline.container == Container::TRANSPORT_STREAM) return;
     if (const Track *const video = taken_track(film, TrackKind::VIDEO)) {
+        film.f_video = true;
         film.codecs = video_codec(*video);
         film.kinds = codec_title(outline, *video);
         film.width = video->width;

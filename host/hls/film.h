@@ -41,7 +41,8 @@ struct Film {
     /// As in CODECS (RFC 6381), such as "avc1.64001f,mp4a.40.2"; empty: not known.
     std::string codecs;
     std::string kinds;          ///< for people, such as "H.264 1280x720, AAC stereo"
-    uint32_t width = 0;         ///< 0: audio alone
+    bool f_video = false;       ///< else audio alone
+    uint32_t width = 0;         ///< 0: not known
     uint32_t height = 0;
     double frame_rate = 0;      ///< pictures in a second; 0: not known
     bool f_independent = true;  ///< each segment can be decoded without those before it

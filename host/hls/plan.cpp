@@ -5,21 +5,24 @@
 void Plan::add(const KeyPlace &key)
 {
     if (key.time <= (m_before ? m_before->time : m_begun.time)) return;
-    int64_t wanted = m_begun.time + USUAL_LENGTH;
-    if (key.time > wanted && m_before && wanted - m_before->time <= key.time - wanted) {
-        cut(*m_before);
-        wanted = m_begun.time + USUAL_LENGTH;
-    }
-    if (key.time <= wanted)
+    if (is_before_nearer(key.time)) cut(*m_before);
+    if (key.time <= m_begun.time + USUAL_LENGTH)
         m_before = key;
     else
         cut(key);
 }
 
+// Than the time, which may be after it.
+bool Plan::is_before_nearer(int64_t time) const
+{
+    const int64_t wanted = m_begun.time + USUAL_LENGTH;
+    return m_before && time > wanted && wanted - m_before->time <= time - wanted;
+}
+
 void Plan::end(int64_t time, uint64_t bytes)
 {
     constexpr int64_t SHORTEST = 1;
-    if (m_before && time - m_begun.time > USUAL_LENGTH + USUAL_LENGTH / 2) cut(*m_before);
+    if (is_before_nearer(time)) cut(*m_before);
     cut({std::max(time, m_begun.time + SHORTEST), 0, std::max(bytes, m_begun.bytes)});
     m_segments.shrink_to_fit();
 }

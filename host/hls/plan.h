@@ -38,6 +38,8 @@ private:
     // Twenty days. A few bytes may state more.
     static constexpr size_t MOST_SEGMENTS = 300000;
 
+    bool is_before_nearer(int64_t time) const;
+
     std::vector<Segment> &m_segments;
     KeyPlace m_begun;
     std::optional<KeyPlace> m_before;  // the last place not after the usual length

@@ -22,7 +22,10 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun run(source, film, {place, source.size(), 0}, cutter);
+    SegmentRun::Begin begin = {place, source.size(), 0};
+    if (film.file.outline.container == Container::MATROSKA)
+        begin.later = later_at_cluster(source, film, place);
+    SegmentRun run(source, film, begin, cutter);
     run.look();
     const std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
     if (!video && !audio)
@@ -68,9 +71,9 @@ void plan_by_time(Film &film, int64_t end, uint64_t bytes,
     plan.end(end, bytes);
 }
 
-// The PES header, and the last packet of each frame, which is filled up.
+// Headers of a frame, an access unit delimiter, and the last packet, which is filled up.
 uint64_t served_bytes(uint64_t bytes, uint64_t frames)
 {
-    constexpr uint64_t HEADER = 24, ROOM = TS_PACKET_SIZE - TS_HEADER_SIZE;
+    constexpr uint64_t HEADER = 40, ROOM = TS_PACKET_SIZE - TS_HEADER_SIZE;
     return ((bytes + frames * HEADER) / ROOM + frames) * TS_PACKET_SIZE;
 }

@@ -21,6 +21,9 @@ const Track *taken_track(const Film &film, TrackKind kind);
 int64_t look_at_begin(Source &source, Film &film, uint64_t place);
 /// The written time of a file's own one, ticks; since the film's begin. f_video: with the offset of which track.
 int64_t film_time(const Film &film, int64_t file_time, TrackKind kind);
+/// What has to be added to the times of audio that begins at a cluster, ticks of 90 kHz: the library takes the ticks of
+/// any file for milliseconds.
+int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster);
 /// Cuts audio alone by its frames, into segments of the usual length. place_of: where to begin for a time since the
 /// film's begin, so that it comes soon.
 void plan_by_time(Film &film, int64_t end, uint64_t bytes,

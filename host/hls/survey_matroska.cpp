@@ -14,8 +14,16 @@ using namespace outline;
 
 namespace {
 
-// What the stage has to see before a segment, in ticks of the file: usually milliseconds.
-constexpr int64_t TIME_BEFORE = 1500;
+// What the stage has to see before a segment.
+constexpr int64_t TIME_BEFORE = 1500 * TICKS_PER_MS;
+
+// In ticks of 90 kHz.
+int64_t time_of(const Outline &outline, int64_t file_ticks)
+{
+    constexpr double NS_PER_TICK = 1e9 / TICKS_PER_SECOND;
+    const double scale = static_cast<double>(outline.matroska.timestamp_scale);
+    return static_cast<int64_t>(static_cast<double>(file_ticks) * scale / NS_PER_TICK + 0.5);
+}
 
 /// The clusters from which those that come can be reached.
 class Approach {
@@ -48,41 +56,62 @@ public:
         : m_film(film)
         , m_first(first)
         , m_first_cluster(*film.file.outline.matroska.first_cluster)
+        , m_frame_rate(frame_rate_of(film))
         , m_approach(m_first_cluster)
         , m_plan(film.segments, {0, m_first_cluster, 0})
     {
         film.segments.clear();
     }
 
+    /// time: in ticks of the file.
     void add(int64_t time, uint64_t cluster, bool f_key)
     {
         const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
-        const int64_t shown =
-            film_time(m_film, time * TICKS_PER_MS, f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
-        if (f_key && f_video && shown > m_first) m_plan.add(place(shown, time, cluster));
+        const int64_t shown = film_time(m_film, time_of(m_film.file.outline, time),
+                                        f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
+        if (f_key && f_video && shown > m_first) m_plan.add(place(shown, cluster));
         // Audio can be cut anywhere: a segment begins in the cluster before the point.
         if (!f_video) add_times(shown);
-        m_last = {time, cluster};
-        m_approach.add(time, cluster);
+        m_last_cluster = cluster;
+        m_approach.add(shown, cluster);
     }
     void end(int64_t time, uint64_t offset)
     {
-        if (taken_track(m_film, TrackKind::VIDEO) == nullptr) add_times(time);
-        m_plan.end(time, estimate(time, offset));
+        const uint64_t bytes = estimate(time, offset);
+        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
+        if (!f_video) add_times(time);
+        m_plan.end(time, bytes);
+        if (f_video || time <= 0) return;
+        // Clusters are longer than segments may be.
+        for (Segment &segment : m_film.segments)
+            segment.bytes = static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
+                                                  static_cast<double>(segment.end - segment.start));
     }
 
 private:
-    KeyPlace place(int64_t shown, int64_t time, uint64_t cluster)
+    KeyPlace place(int64_t shown, uint64_t cluster)
     {
-        return {shown, m_approach.to(time), estimate(shown, cluster)};
+        return {shown, m_approach.to(shown), estimate(shown, cluster)};
     }
-    // Those of all tracks are in the clusters.
+    // What is in the clusters, of all tracks.
     uint64_t estimate(int64_t shown, uint64_t offset) const
     {
-        constexpr double MOST_FRAMES = 120;  // in a second, of video and audio
         const double seconds = static_cast<double>(std::max<int64_t>(shown, 0)) / TICKS_PER_SECOND;
         return served_bytes(offset - std::min(offset, m_first_cluster),
-                            static_cast<uint64_t>(seconds * MOST_FRAMES));
+                            static_cast<uint64_t>(seconds * m_frame_rate));
+    }
+    // Of video and audio together, in a second.
+    static double frame_rate_of(const Film &film)
+    {
+        constexpr double USUAL_PICTURES = 30, USUAL_FRAMES = 50, NS_PER_SECOND = 1e9;
+        const Track *const video = taken_track(film, TrackKind::VIDEO);
+        const golt::AudioGrid &grid = film.file.audio_grid;
+        const uint64_t each_ns =
+            video != nullptr ? video->matroska.default_duration_ns.value_or(0) : 0;
+        const double pictures = video == nullptr ? 0
+                                : each_ns == 0   ? USUAL_PICTURES
+                                                 : NS_PER_SECOND / static_cast<double>(each_ns);
+        return pictures + (grid.samples == 0 ? USUAL_FRAMES : double{1} * grid.rate / grid.samples);
     }
     // Up to a point.
     void add_times(int64_t shown)
@@ -91,22 +120,17 @@ private:
             const int64_t next = (m_plan.begun() / Plan::USUAL_LENGTH + 1) * Plan::USUAL_LENGTH;
             const int64_t exact = frame_time_at(m_film, next);
             if (exact >= shown) return;
-            const int64_t begin = film_time(m_film, 0, TrackKind::AUDIO);
-            const int64_t time = (exact - begin) / TICKS_PER_MS;
-            m_plan.cut({exact, m_approach.to(time), estimate(exact, m_last.cluster)});
+            m_plan.cut(place(exact, m_last_cluster));
         }
     }
 
-    struct Point {
-        int64_t time;
-        uint64_t cluster;
-    };
     Film &m_film;
     const int64_t m_first;
     const uint64_t m_first_cluster;
+    const double m_frame_rate;
     Approach m_approach;
     Plan m_plan;
-    Point m_last = {};
+    uint64_t m_last_cluster = 0;
 };
 
 // The library would go where the SeekHead leads to.
@@ -230,7 +254,7 @@ int64_t walked_end(const Film &film, const ClusterWalk &walk)
     if (span == walk.tracks.end() || span->second.blocks == 0) return 0;
     const BlockSpan &blocks = span->second;
     const int64_t step = (blocks.last - blocks.first) / static_cast<int64_t>(blocks.blocks);
-    return film_time(film, (blocks.last + step) * TICKS_PER_MS, TrackKind::VIDEO);
+    return film_time(film, time_of(film.file.outline, blocks.last + step), TrackKind::VIDEO);
 }
 
 bool is_sparse(const Film &film)
@@ -242,6 +266,25 @@ bool is_sparse(const Film &film)
 }
 
 }  // namespace
+
+int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
+{
+    constexpr uint64_t NS_PER_MS = 1000000;
+    const Outline &outline = film.file.outline;
+    if (outline.matroska.timestamp_scale == NS_PER_MS) return 0;
+    int64_t later = 0;
+    WalkOptions options;
+    options.from = cluster;
+    options.most_loads = 64;
+    options.on_block = [&](const BlockSeen &block) {
+        if (block.track != leading_track(film).number) return true;
+        later = time_of(outline, block.time) - block.time * TICKS_PER_MS;
+        return false;
+    };
+    SourceBytes bytes(source);
+    walk_clusters(bytes, outline, options);
+    return later;
+}
 
 void survey_matroska(Source &source, Film &film)
 {

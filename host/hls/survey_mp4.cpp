@@ -7,6 +7,7 @@
 #include "sample_tables.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
+#include "ts_packet.h"
 #include "ts_time.h"
 
 namespace {
@@ -49,6 +50,9 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
         return static_cast<uint64_t>(
             part * static_cast<double>(served_bytes(audio->mp4.bytes.value_or(0), audio->mp4.samples)));
     };
+    // Before a key picture come tables and parameter sets.
+    constexpr uint64_t EACH_KEY = 3 * TS_PACKET_SIZE;
+    uint64_t keys = 0;
     SourceBytes bytes(source);
     KeySamples samples(bytes, video.mp4, KeySamples::Sizes::READ);
     Plan plan(film.segments, {0, 0, 0});
@@ -59,13 +63,16 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
         if (time > first) {
             const uint64_t from = approach.to(key.sample);
             const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
-            plan.add({time, place, served_bytes(key.bytes, key.sample) + audio_before(time)});
+            plan.add({time, place,
+                      served_bytes(key.bytes, key.sample) + keys * EACH_KEY + audio_before(time)});
         }
+        ++keys;
         approach.add(key.sample);
         return !plan.is_full();
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
-    plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + audio_before(end));
+    plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
+                      audio_before(end));
 }
 
 }  // namespace
