@@ -114,7 +114,7 @@ count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
     jq -e '.segments.made == 1 and .answers["2xx"] > 0 and (.processes | length) == 3' body
     [ "$(count cache_misses_total)" -eq 1 ]
     answers 200 /movie.mp4/details.json
-    jq -e '.width == 320 and .duration_s > 19 and .refusal == null' body
+    jq -e '.width == 320 and .duration_ms > 19000 and .refusal == null' body
 }
 
 @test "shows folders, and why a file can't be played" {

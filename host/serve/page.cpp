@@ -22,8 +22,6 @@ const char *const USUAL_PLACES[] = {
 // A file that is larger is another one.
 constexpr size_t MOST_SCRIPT_BYTES = 8 * 1024 * 1024;
 
-constexpr int64_t TICKS = 90000;
-
 using Names = std::vector<std::string>;
 
 std::string page(const std::string &title, const Names &names, const std::string &head,
@@ -94,15 +92,14 @@ std::string details_json(const Film &film, uint64_t size)
     Json json = json_document("golt.film/1");
     json["refusal"] = text_or_null(film.refusal);
     json["size"] = or_null(size);
-    json["duration_s"] =
-        film.duration == 0 ? Json() : Json(static_cast<double>(film.duration) / TICKS);
+    json["duration_ms"] = film.duration == 0 ? Json() : json_ms(film.duration);
     json["kinds"] = text_or_null(film.kinds);
     json["codecs"] = text_or_null(film.codecs);
     json["width"] = or_null(film.width);
     json["height"] = or_null(film.height);
     json["segments"] = film.segments.size();
-    json["peak_bits"] = or_null(film.peak_bits);
-    json["average_bits"] = or_null(film.average_bits);
+    json["peak_bits_per_second"] = or_null(film.peak_bits);
+    json["average_bits_per_second"] = or_null(film.average_bits);
     return json_text(json) + "\n";
 }
 

@@ -3,7 +3,7 @@
 // A film: "1:02:03, H.264 1280x720, AAC stereo".
 function describe(film) {
     const words = [];
-    if (film.duration_s !== null) words.push(clock(film.duration_s));
+    if (film.duration_ms !== null) words.push(clock(film.duration_ms / 1000));
     if (film.kinds) words.push(film.kinds);
     return words.join(', ');
 }

@@ -42,7 +42,7 @@ std::string status_json(const Shared &shared, int64_t start)
     json["uptime_s"] = time(nullptr) - start;
     json["connections"] = processes.connections;
     json["connections_dropped"] = counters.dropped;
-    json["bytes_sent"] = counters.bytes;
+    json["sent_bytes"] = counters.bytes;
     for (size_t i = 1; i < counters.answers.size(); ++i)
         json["answers"][fmt::format("{}xx", i)] = counters.answers[i];
     json["cache"] = {{"budget", shared.budget()},
