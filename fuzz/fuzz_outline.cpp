@@ -70,6 +70,8 @@ void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
     source.allow(options.most_loads);
     const ClusterWalk walk = walk_clusters(source, outline, options);
     require(!walk.f_whole || !walk.damaged_at, "what is whole isn't damaged");
+    source.allow(Reader::MOST_LOADS);
+    find_next_file(source, outline);
 }
 
 }  // namespace

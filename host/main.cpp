@@ -1,7 +1,6 @@
 // golt, the host program: the command line and the exit status. The work is in one file for each
 // subcommand.
 
-#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -15,85 +14,24 @@
 #include <fmt/format.h>
 
 #include "check.h"
+#include "footers.h"
 #include "frames.h"
+#include "hls.h"
 #include "info.h"
 #include "io/interrupt.h"
 #include "io/library_log.h"
 #include "io/message.h"
 #include "io/output.h"
 #include "io/printer.h"
+#include "io/values.h"
 #include "libgolt.h"
 #include "plot.h"
 #include "remux.h"
+#include "serve/serve.h"
 #include "stream/json_text.h"
 #include "stream/time_text.h"
 
 namespace {
-
-const char *const REMUX_FOOTER = R"(
-TIME: seconds (90, 5.5), a number with a unit (1500ms, 90s, 2m, 1h) or
-hh:mm:ss.mmm, where hours and fraction may be omitted. N is 1 or more.
-OUT is written as OUT.part and renamed when it is complete; if it can't be
-completed, OUT.part is removed. Pipes and devices are written to directly.
-SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
-
-Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
-output can't be written; 2 bad usage; 3 done, but the only audio or video isn't
-in it, it ended early, or the input is damaged; 128 + its number after a signal.
-
-Examples:
-  golt remux movie.mp4
-  golt remux movie.mkv - --start 10:00 | player -
-  golt remux https://example.org/movie.mp4 movie.ts)";
-
-const char *const INFO_FOOTER = R"(
-Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
-the headers of IN are read. For several files one line each is printed.
-Exit status: as for remux; for several files that of the worst.
-
-Examples:
-  golt info movie.mp4
-  golt info *.mkv
-  golt info movie.mkv --scan --json | jq .scan.streams)";
-
-const char *const FRAMES_FOOTER = R"(
-Prints a line for each frame: number, stream, time, bytes, and the NAL units of
-a picture or the values in an audio frame's header. With --json each line is a
-JSON object; the first one names the schema. For M2TS files the lines are PES
-packets, in the order in which they end. TIME and exit status: as for remux.
-
-Examples:
-  golt frames movie.mp4 --start 1:00 --count 50
-  golt frames movie.mkv --csv >frames.csv
-  golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
-
-const char *const CHECK_FOOTER = R"(
-Remuxes without writing an output, and reads the resulting stream. Findings are:
-  Times that run backward: for audio any; for video, a picture that comes after
-    16 others that are all shown later. Times that are repeated.
-  Jumps: audio that continues 100 ms after the end of the previous frame;
-    pictures 10 s apart, if that is 10 times as long as usual in this stream.
-  A frame that comes after frames of the other stream that are 1 s later.
-  A PCR that runs backward, or is more than 100 ms after the previous one.
-  Pictures before the first parameter sets; audio frames shorter than their
-    header states; PES packets above 65535 bytes with a length field.
-  Packets that break ISO/IEC 13818-1. An input that ended early.
-Exit status: 0 nothing was found, 3 something was; 1 and 2 as for remux; for
-several files that of the worst.
-
-Examples:
-  golt check movie.mp4
-  golt check movie.mkv --json | jq '.findings[].code')";
-
-const char *const PLOT_FOOTER = R"(
-The plot shows the bit rates of the streams, how late each one is compared with
-the other in the file's order, and all sync points: the pictures that MP4 and
-Matroska mark as such, and in M2TS those that are independent. A bar is as long
-as one group of pictures or several, unless a group takes an eighth of the file.
-Exit status: as for remux.
-
-Example:
-  golt plot movie.mp4 -o timeline.svg)";
 
 /// The subcommands. run: does what the command line has chosen.
 struct Commands {
@@ -102,6 +40,8 @@ struct Commands {
     FramesOptions frames;
     CheckOptions check;
     PlotOptions plot;
+    HlsOptions hls;
+    ServeOptions serve;
     bool f_verbose = false;
     std::function<ExitStatus(Descriptor &, Printer &)> run;
 };
@@ -113,12 +53,13 @@ void add_info(CLI::App &app, Commands &commands);
 void add_frames(CLI::App &app, Commands &commands);
 void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
+void add_hls(CLI::App &app, Commands &commands);
+void add_serve(CLI::App &app, Commands &commands);
 void add_input(CLI::App &command, InputOptions &input);
 void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths);
 void add_input_options(CLI::App &command, InputOptions &input);
+void add_http_options(CLI::App &command, HttpOptions &http);
 CLI::Option *add_verbose(CLI::App &command, Commands &commands);
-bool parse_count(const std::string &text, uint64_t *count);
-bool parse_timeout(const std::string &text, uint32_t *seconds);
 void complete_options(Commands &commands);
 int print_help(const CLI::App &app, const CLI::Success &request);
 void print_json_error(int status, const std::string &message);
@@ -170,6 +111,8 @@ int run(int argc, char **argv)
     add_frames(app, commands);
     add_check(app, commands);
     add_plot(app, commands);
+    add_hls(app, commands);
+    add_serve(app, commands);
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
@@ -317,6 +260,56 @@ void add_plot(CLI::App &app, Commands &commands)
     });
 }
 
+void add_hls(CLI::App &app, Commands &commands)
+{
+    HlsOptions &options = commands.hls;
+    CLI::App *command = app.add_subcommand("hls", "Writes IN as playlists and segments to FOLDER");
+    command->footer(HLS_FOOTER);
+    add_input(*command, options.input);
+    command->add_option("FOLDER", options.folder, "The folder to write to")
+        ->required()
+        ->check(is_not_empty);
+    command->add_flag("--force", options.f_force, "Replace files in FOLDER");
+    CLI::Option *verbose = add_verbose(*command, commands);
+    command->add_flag("-q,--quiet", options.f_quiet, "Print only errors")->excludes(verbose);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &) { return hls(commands.hls); };
+    });
+}
+
+void add_serve(CLI::App &app, Commands &commands)
+{
+    ServeOptions &options = commands.serve;
+    CLI::App *command =
+        app.add_subcommand("serve", "Serves folders of films to browsers and players");
+    command->footer(SERVE_FOOTER);
+    command->add_option("PATH", options.paths, "Folders and files, or http(s) URLs of files")
+        ->required()
+        ->check(is_not_empty);
+    command->add_option("--bind", options.address, "The address to serve at (default: 127.0.0.1)")
+        ->type_name("ADDRESS")
+        ->check(is_not_empty);
+    add_value(*command, "--port", "PORT", parse_port, options.port,
+              "The port; 0 is any that is free (default: 8080)");
+    add_value(*command, "--cache", "SIZE", parse_size, options.cache_size,
+              "Memory for segments that were made (1M or more; default: 32M)");
+    add_value(*command, "--workers", "N", parse_count, options.workers,
+              "Processes of each kind (default: as many as processors)");
+    add_value(*command, "--connections", "N", parse_count, options.connections,
+              "Connections at a time (default: 1024)");
+    add_value(*command, "--per-address", "N", parse_count, options.from_one_address,
+              "Of these, from one address and for each process (default: 128)");
+    command
+        ->add_option("--hls-js", options.hls_js, "hls.js, for browsers that play no HLS themselves")
+        ->type_name("FILE")
+        ->check(is_not_empty);
+    add_http_options(*command, options.http);
+    add_verbose(*command, commands);
+    command->callback([&commands] {
+        commands.run = [&commands](Descriptor &, Printer &) { return serve(commands.serve); };
+    });
+}
+
 void add_input(CLI::App &command, InputOptions &input)
 {
     command
@@ -338,15 +331,20 @@ void add_input_options(CLI::App &command, InputOptions &input)
 {
     command.add_option("--format", input.format,
                        "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
-    add_value(command, "--timeout", "SECONDS", parse_timeout, input.http.timeout_s,
+    add_http_options(command, input.http);
+}
+
+void add_http_options(CLI::App &command, HttpOptions &http)
+{
+    add_value(command, "--timeout", "SECONDS", parse_timeout, http.timeout_s,
               "Give up a server that sends nothing for this long (1 to 120; default: 20)");
-    command.add_option("--header", input.http.headers, "Send this field to the server; repeatable")
+    command.add_option("--header", http.headers, "Send this field to the server; repeatable")
         ->type_name("NAME:VALUE")
         ->allow_extra_args(false);
-    command.add_option("--ca", input.http.ca_file, "Trust the certificates in this PEM file")
+    command.add_option("--ca", http.ca_file, "Trust the certificates in this PEM file")
         ->type_name("FILE")
         ->check(is_not_empty);
-    command.add_flag("--insecure", input.http.f_insecure, "Accept any certificate of a server");
+    command.add_flag("--insecure", http.f_insecure, "Accept any certificate of a server");
 }
 
 CLI::Option *add_verbose(CLI::App &command, Commands &commands)
@@ -361,29 +359,12 @@ std::string is_not_empty(const std::string &name)
     return name.empty() ? "the name is empty" : "";
 }
 
-// CLI11's own conversion takes "-1" for a large number.
-bool parse_count(const std::string &text, uint64_t *count)
-{
-    const char *end = text.data() + text.size();
-    const auto result = std::from_chars(text.data(), end, *count);
-    return result.ec == std::errc() && result.ptr == end && *count != 0;
-}
-
-bool parse_timeout(const std::string &text, uint32_t *seconds)
-{
-    // A source relies on the limit.
-    constexpr uint64_t LONGEST = 120;
-    uint64_t count = 0;
-    if (!parse_count(text, &count) || count > LONGEST) return false;
-    *seconds = static_cast<uint32_t>(count);
-    return true;
-}
-
 void complete_options(Commands &commands)
 {
+    check_headers(commands.serve.http.headers);
     for (const InputOptions *input :
          {&commands.remux.input, &commands.info.input, &commands.frames.input,
-          &commands.check.input, &commands.plot.input})
+          &commands.check.input, &commands.plot.input, &commands.hls.input})
         check_headers(input->http.headers);
     for (std::string *output : {&commands.remux.output, &commands.plot.output}) {
         if (!output->empty() && leads_to_standard_output(*output)) *output = "-";

@@ -58,8 +58,7 @@ Job::Job(const RemuxOptions &options, Descriptor standard_output)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor())
-    , m_setup(
-          stage_setup(m_input.source(), m_input.outline(), m_input.selection(), m_input.format()))
+    , m_setup(stage_setup(m_input.outline(), m_input.selection(), !m_input.format().f_times))
     , m_stage(m_sink, m_setup.hints)
     , m_f_staged(!options.f_as_is && m_input.format().f_times)
     , m_pump(m_input, m_f_staged ? static_cast<PELA::AVMuxer::Listener &>(m_stage) : m_sink)
@@ -130,6 +129,11 @@ ExitStatus Job::report()
             say(fmt::format("{}: left out: {}", path, note));
         for (const std::string &note : m_setup.notes)
             if (m_f_staged) say(fmt::format("{}: {}", path, note));
+        if (m_f_staged && are_edits_out_of_reach(m_input.source(), m_input.outline()))
+            say(fmt::format(
+                "{}: edit lists not applied: they are too far from the file's start for "
+                "a server without ranges",
+                path));
     }
     std::string fault = m_pump.fault_in_input();
     if (fault.empty()) fault = fault_in_times();

@@ -221,14 +221,14 @@ END
 
 @test "help fits a screen, and the manual and the completions know all of it" {
     local host=$BATS_TEST_DIRNAME/../host subcommand option
-    for subcommand in remux info frames check plot; do
+    for subcommand in remux info frames check plot hls; do
         $GOLT $subcommand --help >help
         [ "$(wc -l <help)" -le 40 ]
         grep -q '^  golt '$subcommand help
         for option in $(grep -o -- '--[a-z]\+' help | sort -u); do
             echo "$subcommand $option"
             [ "$option" = --help ] || grep -qE "Fl (. , )?-${option#--}\b" "$host/golt.1"
-            grep "^ *$subcommand)\|shared=" "$host/completions/golt.bash" | grep -q -e "$option\b"
+            grep "^ *$subcommand)\|http=\|shared=" "$host/completions/golt.bash" | grep -q -e "$option\b"
             grep -q -e "$option\b" "$host/completions/_golt"
         done
     done

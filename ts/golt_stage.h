@@ -37,11 +37,21 @@ enum class StageMode : uint8_t {
     PASS,  ///< all bytes pass unchanged: the file already consists of packets
 };
 
+/// The times of audio whose frames follow one another without a gap: frame n is at time + n * samples / rate.
+struct AudioGrid {
+    int64_t time = 0;      ///< of the first frame, without the stage's shift; ticks of 90 kHz
+    uint32_t samples = 0;  ///< of a frame; 0: no grid
+    uint32_t rate = 0;     ///< hertz
+};
+
 struct StageHints {
     StageMode mode = StageMode::BY_FIRST_PACKET;
     StreamHints video;
     StreamHints audio;
     Durations audio_durations = Durations::UNKNOWN;
+    /// Of the whole, where the stream begins in the middle of it: its frames then have the exact times that they have
+    /// there, not those of the file, which are rounded.
+    AudioGrid audio_grid = {};
 };
 
 /// What a stage has done, and what it couldn't correct.
@@ -89,6 +99,8 @@ public:
     /// Ticks of 90 kHz by which all times were moved; known once the first packets have been written. At least one
     /// second, so that no time is below zero, and more only if that is too little.
     int64_t shift() const;
+    /// Of the audio, by its first PES packet; known once that has ended.
+    AudioGrid audio_grid() const;
 
 private:
     struct State;
@@ -117,6 +129,7 @@ public:
     bool flush() { return m_stage.flush(); }
     bool finish() { return m_stage.finish(); }
     StageCounts counts() const { return m_stage.counts(); }
+    const Stage &stage() const { return m_stage; }
 
 private:
     static bool pass_on(void *output, const uint8_t *packets, size_t size)

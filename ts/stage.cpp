@@ -66,12 +66,18 @@ int64_t Stage::shift() const
     return m_state != nullptr ? m_state->m_shift : 0;
 }
 
+AudioGrid Stage::audio_grid() const
+{
+    return m_state != nullptr ? m_state->m_grid : AudioGrid();
+}
+
 Stage::State::State(Write sink, void *handle, const StageHints &hints)
     : m_writer(sink, handle)
     , m_mode(hints.mode)
     , m_offsets{hints.video.offset, hints.audio.offset}
     , m_durations(hints.audio_durations)
     , m_aac(read_aac_config(hints.audio.config, hints.audio.config_size))
+    , m_hinted_grid(hints.audio_grid)
 {
     m_sets.take_config(hints.video.config, hints.video.config_size);
 }
@@ -251,7 +257,7 @@ void Stage::State::end_hold()
         const int64_t picture = m_decode.begin(depth(), m_first_times, count, INT64_MIN);
         first = m_f_begun[AUDIO] ? std::min(first, picture) : picture;
     }
-    m_audio.begin();
+    m_audio.begin(m_hinted_grid);
     m_bound.begin();
     const int64_t clock = first - ClockBound::FIRST_LEAD;
     if (!m_f_shifted) {

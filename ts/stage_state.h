@@ -92,6 +92,7 @@ struct Stage::State {
     const int64_t m_offsets[2];
     const Durations m_durations;
     const AacConfig m_aac;
+    const AudioGrid m_hinted_grid;
     StageCounts m_counts;
     Program m_program;
     OutPid m_pids[2] = {{VIDEO_PID}, {AUDIO_PID}};
@@ -120,6 +121,7 @@ struct Stage::State {
     bool m_f_decode_begun = false;  // with the first times
     size_t m_mpeg2_depth = 1;
     AudioTimes m_audio;
+    AudioGrid m_grid;
     FrameWalk m_walk;
 
     ClockBound m_bound;

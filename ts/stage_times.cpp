@@ -59,7 +59,9 @@ int64_t AudioTimes::next(int64_t told, Durations durations)
     const bool f_follows = m_f_begun && m_last_samples > 0;
     const int64_t follows = predicted();
     const bool f_still = stands_still(told, durations);
-    if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
+    if (!m_f_begun && is_on_grid(told)) {
+        m_last = predicted();
+    } else if (f_still || (f_follows && std::abs(follows - told) <= tolerance())) {
         m_last = follows;
     } else {
         m_base = m_last = told;
@@ -81,6 +83,24 @@ void AudioTimes::add(uint64_t samples, uint32_t rate)
     }
     m_samples += samples;
     m_last_samples = samples;
+}
+
+// Whether it is the rounded time of a frame of the grid; that one has been found then.
+bool AudioTimes::is_on_grid(int64_t told)
+{
+    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - tolerance()) return false;
+    const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
+    const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
+    m_base = m_grid.time;
+    m_rate = m_grid.rate;
+    m_samples = (passed * m_rate + frame / 2) / frame * m_grid.samples;
+    return std::abs(predicted() - told) <= tolerance();
+}
+
+// On the grid of a whole, times may count from a frame in the middle whose own time was rounded already.
+int64_t AudioTimes::tolerance() const
+{
+    return m_grid.samples != 0 ? 2 * ROUNDING : ROUNDING;
 }
 
 int64_t AudioTimes::predicted() const

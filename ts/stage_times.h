@@ -42,7 +42,11 @@ private:
 /// Times of audio in exact fractions, from the lengths of the frames.
 class AudioTimes {
 public:
-    void begin() { *this = AudioTimes(); }
+    void begin(const AudioGrid &grid)
+    {
+        *this = AudioTimes();
+        m_grid = grid;
+    }
     /// The time of the next PES packet, for which the file states one.
     int64_t next(int64_t told, Durations durations);
     /// What the one that came last has in it.
@@ -61,8 +65,11 @@ public:
 
 private:
     int64_t predicted() const;
+    bool is_on_grid(int64_t told);
+    int64_t tolerance() const;
 
     bool m_f_begun = false;
+    AudioGrid m_grid;
     int64_t m_base = 0;  // a time, and what has come since then
     uint64_t m_samples = 0;
     uint32_t m_rate = 0;

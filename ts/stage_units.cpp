@@ -150,8 +150,11 @@ void Stage::State::end_unit()
     if (m_phase == Phase::AUDIO || m_phase == Phase::COPIED_AUDIO) {
         constexpr uint64_t USUAL_SAMPLES = 1024;
         const bool f_short = m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known;
-        m_audio.add(f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples(),
-                    m_walk.rate());
+        const uint64_t samples =
+            f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples();
+        m_audio.add(samples, m_walk.rate());
+        if (m_counts.audio_frames == 1)
+            m_grid = {m_audio.last(), static_cast<uint32_t>(samples), m_walk.rate()};
     }
     if (m_phase != Phase::NONE) m_writer.end_pes();
     m_phase = Phase::NONE;

@@ -2,7 +2,8 @@
 
 _golt() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local shared="--help --format --timeout --header --ca --insecure --verbose" options=
+    local http="--help --timeout --header --ca --insecure --verbose"
+    local shared="$http --format" options=
     COMPREPLY=()
     case $before in
     --format)
@@ -10,9 +11,10 @@ _golt() {
         return
         ;;
     --start | --to | --frames | --count | --timeout | --header) return ;;
+    --bind | --port | --cache | --workers | --connections | --per-address) return ;;
     esac
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot --help --version" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot hls serve --help --version" -- "$word")
         return
     fi
     case ${COMP_WORDS[1]} in
@@ -21,6 +23,8 @@ _golt() {
     frames) options="$shared --start --count --json --csv" ;;
     check) options="$shared --json" ;;
     plot) options="$shared --output --force" ;;
+    hls) options="$shared --force --quiet" ;;
+    serve) options="$http --bind --port --cache --workers --connections --per-address --hls-js" ;;
     esac
     if [[ $word = -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

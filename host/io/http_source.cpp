@@ -56,6 +56,7 @@ public:
     int64_t seek(int64_t offset, int whence) override;
     uint64_t size() const override { return m_total.value_or(0); }
     bool is_seekable() const override { return m_f_ranges; }
+    std::string version() const override { return m_tag + m_modified; }
 
 private:
     bool on_answer(const HttpAnswer &answer) override;

@@ -9,12 +9,26 @@
 
 #include "message.h"
 
-FileSource::FileSource(const std::string &path)
-    : Source(path)
+namespace {
+
+Descriptor open_file(const std::string &path)
 {
     if (path == "-") throw NotDone("standard input", "can't be sought in; name a file");
     // A pipe without a writer would block here; to a regular file O_NONBLOCK means nothing.
-    m_file = Descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return Descriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+}  // namespace
+
+FileSource::FileSource(const std::string &path)
+    : FileSource(path, open_file(path))
+{
+}
+
+FileSource::FileSource(const std::string &path, Descriptor file)
+    : Source(path)
+    , m_file(std::move(file))
+{
     if (!m_file.is_open() || fstat(m_file.get(), &m_status) != 0)
         throw NotDone(path, error_text(errno));
     if (S_ISDIR(m_status.st_mode)) throw NotDone(path, error_text(EISDIR));

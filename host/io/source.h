@@ -22,6 +22,9 @@ public:
     uint64_t position() const { return static_cast<uint64_t>(m_position); }
     /// Whether a read at any place costs little, a request at most.
     virtual bool is_seekable() const { return true; }
+    /// What a server says to tell the file's versions apart; empty for files of this machine, whose
+    /// status does.
+    virtual std::string version() const { return ""; }
     /// What was wrong with the input while it was read; empty when nothing was.
     const std::string &fault() const { return m_fault; }
     /// Why the input may be incomplete; empty if it is known to be complete.
@@ -43,6 +46,8 @@ class FileSource : public Source {
 public:
     /// Opens a regular file. Throws NotDone.
     explicit FileSource(const std::string &path);
+    /// file: open for reading. path: for messages. Throws NotDone.
+    FileSource(const std::string &path, Descriptor file);
 
     /// One pread straight into buffer. An error reads as the end: a negative result would make the
     /// library ask again, and a broken disk takes seconds for each answer.

@@ -25,8 +25,8 @@ public:
 private:
     bool take_cluster(const Element &cluster);
     bool take_child(const Element &child);
-    void take_block(Stretch body, bool f_key, bool f_simple);
-    void take_group(const Element &group);
+    bool take_block(Stretch body, bool f_key, bool f_simple);
+    bool take_group(const Element &group);
     bool end_damaged(uint64_t offset);
 
     const WalkOptions &m_options;
@@ -45,7 +45,8 @@ ClusterWalk walk_clusters(ByteSource &source, const Outline &outline, const Walk
     if (!outline.matroska.first_cluster) return walk;
     Reader reader(source, options.most_loads);
     const uint64_t segment_end = outline.matroska.segment_end.value_or(UINT64_MAX);
-    Stretch segment(reader, *outline.matroska.first_cluster, std::min(reader.size(), segment_end));
+    const uint64_t from = options.from != 0 ? options.from : *outline.matroska.first_cluster;
+    Stretch segment(reader, from, std::min(reader.size(), segment_end));
     Walker walker(options, walk);
     for (;;) {
         const uint64_t at = segment.at();
@@ -122,10 +123,10 @@ bool Walker::take_child(const Element &child)
         m_time = static_cast<int64_t>(unsigned_of(child) & INT64_MAX >> 1);
         return true;
     case id::SIMPLE_BLOCK:
-        if (child.is_whole()) take_block(child.body, false, true);
+        if (child.is_whole() && !take_block(child.body, false, true)) return false;
         break;
     case id::BLOCK_GROUP:
-        if (child.is_whole()) take_group(child);
+        if (child.is_whole() && !take_group(child)) return false;
         break;
     case id::VOID_ELEMENT:
     case id::CRC_32:
@@ -141,7 +142,7 @@ bool Walker::take_child(const Element &child)
 }
 
 // A picture that refers to none is a key picture.
-void Walker::take_group(const Element &group)
+bool Walker::take_group(const Element &group)
 {
     constexpr uint32_t REFERENCE = 0xFB;
     Stretch body = group.body;
@@ -151,10 +152,11 @@ void Walker::take_group(const Element &group)
         if (child->id == id::BLOCK) block.emplace(*child);
         if (child->id == REFERENCE) f_refers = true;
     }
-    if (block) take_block(block->body, !f_refers, false);
+    return !block || take_block(block->body, !f_refers, false);
 }
 
-void Walker::take_block(Stretch body, bool f_key, bool f_simple)
+// False where the walk is to end.
+bool Walker::take_block(Stretch body, bool f_key, bool f_simple)
 {
     constexpr uint8_t KEY = 0x80;
     // TrackNumber is a variable-length integer; more than two bytes of it are of no use here.
@@ -165,16 +167,16 @@ void Walker::take_block(Stretch body, bool f_key, bool f_simple)
         track = (track & 0x3F) << 8 | body.u8();
     const int64_t time = m_time + static_cast<int16_t>(body.u16());
     const uint8_t flags = body.u8();
-    if (body.is_short()) return;
-    if (m_walk.tracks.size() >= MOST_TRACKS && m_walk.tracks.count(track) == 0) return;
+    if (body.is_short()) return true;
+    if (m_walk.tracks.size() >= MOST_TRACKS && m_walk.tracks.count(track) == 0) return true;
     BlockSpan &span = m_walk.tracks[track];
     ++span.blocks;
     span.first = std::min(span.first, time);
     span.last = std::max(span.last, time);
     const bool f_is_key = f_simple ? (flags & KEY) != 0 : f_key;
-    if (!f_is_key || track != m_options.key_track || time > m_options.key_until) return;
-    m_walk.key = std::max(m_walk.key.value_or(time), time);
-    if (m_options.on_key) m_options.on_key(time);
+    if (f_is_key && track == m_options.key_track && time <= m_options.key_until)
+        m_walk.key = std::max(m_walk.key.value_or(time), time);
+    return !m_options.on_block || m_options.on_block({track, time, f_is_key, m_cluster});
 }
 
 bool Walker::end_damaged(uint64_t offset)

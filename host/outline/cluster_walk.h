@@ -26,12 +26,20 @@ struct ClusterWalk {
         key;  ///< of the track asked for: the last one not after the time asked for
 };
 
+struct BlockSeen {
+    uint64_t track;  ///< TrackNumber
+    int64_t time;    ///< in ticks
+    bool f_key;
+    uint64_t cluster;  ///< offset of the one that it is in
+};
+
 struct WalkOptions {
     uint32_t most_loads = 1u << 22;  ///< reads of the source
     uint64_t key_track = 0;          ///< TrackNumber of the track whose key pictures are wanted
     int64_t key_until =
         INT64_MIN;  ///< in ticks; the walk ends where a cluster begins after it, unless it is INT64_MIN
-    std::function<void(int64_t time)> on_key;  ///< takes each of these pictures; may be empty
+    std::function<bool(const BlockSeen &)> on_block = nullptr;  ///< false ends the walk
+    uint64_t from = 0;  ///< offset of the cluster where it begins; 0: the first one
 };
 
 ClusterWalk walk_clusters(ByteSource &source, const Outline &outline,

@@ -66,11 +66,7 @@ void read_matroska(Reader &reader, Outline &outline)
     read_front(segment->body, headers);
     read_places(reader, headers);
     set_durations(headers);
-    if (reader.knows_size() && matroska.segment_end.value_or(UINT64_MAX) < reader.size()) {
-        Stretch rest(reader, *matroska.segment_end, reader.size());
-        const std::optional<Element> element = next_element(rest);
-        if (element && element->id == id::EBML) outline.next_file = element->begin;
-    }
+    outline.looked_at_to = matroska.segment_end.value_or(0);
     const bool f_chapters_elsewhere = headers.places.count(id::CHAPTERS) != 0;
     if (!outline.chapters && !f_chapters_elsewhere) outline.chapters = 0;
 }
@@ -293,6 +289,7 @@ void read_cues(Stretch body, MatroskaOutline &matroska)
 {
     constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7;
     matroska.f_cues = true;
+    matroska.cues_place = {body.at(), body.end()};
     matroska.cues.clear();
     matroska.more_cues = 0;
     while (const std::optional<Element> point = next_element(body)) {

@@ -58,7 +58,10 @@ void read_sample_tables(Stretch body, Track &track)
             break;
         case box_type("ctts"): track.mp4.ctts = place_of(box->body); break;
         case box_type("stsc"): tables.chunks = box->body; break;
-        case box_type("stsz"): tables.sizes = box->body; break;
+        case box_type("stsz"):
+            tables.sizes = box->body;
+            track.mp4.stsz = place_of(box->body);
+            break;
         case box_type("stz2"):
             tables.sizes = box->body;
             tables.f_compact_sizes = track.mp4.f_compact_sizes = true;

@@ -48,7 +48,7 @@ struct Mp4Details {
     bool f_compact_sizes = false;   ///< by "stz2"
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
-    TablePlace stts, ctts, stss;           ///< durations, offsets of presentation, sync samples
+    TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
 };
 
 /// What Matroska has of a track beside what all containers have.
@@ -110,6 +110,7 @@ struct MatroskaOutline {
     std::optional<uint64_t> segment_end;  ///< by its size; may be after the file's end
     std::optional<uint64_t> first_cluster;  ///< offset
     bool f_cues = false;
+    TablePlace cues_place;  ///< of the children of the last Cues that were read
     bool f_cues_announced =
         false;              ///< the SeekHead leads to them, or they come before the clusters
     std::vector<Cue> cues;  ///< in the file's order, MOST_CUES at most
@@ -156,7 +157,7 @@ struct Outline {
     uint64_t more_tracks = 0;
     std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header states it
     std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not stated
-    std::optional<uint64_t> next_file;   ///< offset where another file of its kind was appended
+    uint64_t looked_at_to = 0;  ///< offset after the media that the headers lead to; 0: not known
     Mp4Outline mp4;
     MatroskaOutline matroska;
     MpegAudioOutline mpeg_audio;
@@ -167,6 +168,9 @@ struct Outline {
 
 /// Reads the outline of a file. What can't be read, or goes beyond the reader's limits, is left out.
 Outline read_outline(ByteSource &source);
+
+/// Where another file of its kind was appended, of MP4 and Matroska: an offset; none was found.
+std::optional<uint64_t> find_next_file(ByteSource &source, const Outline &outline);
 
 /// ISO/IEC 14496-3, the first fields of AudioSpecificConfig.
 struct AudioConfig {

@@ -56,7 +56,7 @@ std::string find_loss(const Delivery &delivery, ByteSource &source)
         case Container::TRANSPORT_STREAM:
         case Container::UNKNOWN: break;
         }
-        const std::optional<uint64_t> next = delivery.outline.next_file;
+        const std::optional<uint64_t> next = find_next_file(source, delivery.outline);
         if (next)
             append(loss,
                    fmt::format("only its first file is remuxed; another one begins at byte {}",

@@ -20,7 +20,6 @@ namespace {
 constexpr uint64_t READ_AHEAD = 1024 * 1024;
 constexpr size_t SMALLER_THINGS = 256 * 1024;
 
-std::unique_ptr<Source> open_source(const InputOptions &options);
 Outline outline_of(Source &source);
 Format choose_format(const InputOptions &options, Source &source, const Outline &outline);
 std::string why_no_format(const uint8_t *head, size_t size);
@@ -29,6 +28,12 @@ std::string extension_of(const std::string &path);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
 
 }  // namespace
+
+std::unique_ptr<Source> open_source(const InputOptions &options)
+{
+    if (is_url(options.path)) return open_http_source(options.path, options.http);
+    return std::make_unique<FileSource>(options.path);
+}
 
 InputFile::InputFile(const InputOptions &options)
     : m_source(open_source(options))
@@ -210,12 +215,6 @@ std::string Pump::fault_of_records() const
 }
 
 namespace {
-
-std::unique_ptr<Source> open_source(const InputOptions &options)
-{
-    if (is_url(options.path)) return open_http_source(options.path, options.http);
-    return std::make_unique<FileSource>(options.path);
-}
 
 Outline outline_of(Source &source)
 {

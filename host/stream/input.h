@@ -28,6 +28,9 @@ struct InputOptions {
     std::optional<uint64_t> frames;
 };
 
+/// The file or URL. Throws NotDone.
+std::unique_ptr<Source> open_source(const InputOptions &options);
+
 /// An input, opened: its format, and what is in it.
 class InputFile {
 public:

@@ -71,16 +71,10 @@ golt::StreamHints hints_of(const Track &track, const Outline &outline, StageSetu
 
 }  // namespace
 
-StageSetup stage_setup(const Source &source, const Outline &outline, const Selection &selection,
-                       const Format &format)
+StageSetup stage_setup(const Outline &outline, const Selection &selection, bool f_packets)
 {
     StageSetup setup;
-    setup.hints.mode = format.f_times ? golt::StageMode::REMUX : golt::StageMode::PASS;
-    // A header at the end, or one with long tables.
-    const bool f_all_read = outline.mp4.f_moov && !outline.f_partial;
-    if (format.container == Container::MP4 && !source.is_seekable() && !f_all_read)
-        setup.notes.emplace_back(
-            "edit lists not applied: they are too far from the file's start for a server without ranges");
+    setup.hints.mode = f_packets ? golt::StageMode::PASS : golt::StageMode::REMUX;
     if (const auto index = selection.taken(outline, TrackKind::VIDEO))
         setup.hints.video = hints_of(outline.tracks[*index], outline, setup);
     const auto index = selection.taken(outline, TrackKind::AUDIO);
@@ -91,4 +85,11 @@ StageSetup stage_setup(const Source &source, const Outline &outline, const Selec
                         track.matroska.default_duration_ns.value_or(0) > 0;
     setup.hints.audio_durations = f_told ? golt::Durations::TOLD : golt::Durations::NOT_TOLD;
     return setup;
+}
+
+bool are_edits_out_of_reach(const Source &source, const Outline &outline)
+{
+    // A header at the end, or one with long tables.
+    const bool f_all_read = outline.mp4.f_moov && !outline.f_partial;
+    return outline.container == Container::MP4 && !source.is_seekable() && !f_all_read;
 }

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "golt_stage.h"
-#include "io/recognise.h"
 #include "io/source.h"
 #include "selection.h"
 
@@ -16,8 +15,9 @@ struct StageSetup {
     std::vector<std::string> notes;  ///< edit lists that aren't applied as they are, a line each
 };
 
-/// source: of the outline, which has to outlive the hints. format: in which it is remuxed.
-StageSetup stage_setup(const Source &source, const Outline &outline, const Selection &selection,
-                       const Format &format);
+/// outline: has to outlive the hints. f_packets: the library passes packets as they are.
+StageSetup stage_setup(const Outline &outline, const Selection &selection, bool f_packets);
+/// Whether the edit lists of an MP4 file are where they can't be read in time.
+bool are_edits_out_of_reach(const Source &source, const Outline &outline);
 
 #endif

@@ -1,0 +1,224 @@
+#include "film.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "cutter.h"
+#include "io/message.h"
+#include "m2ts.h"
+#include "segment_run.h"
+#include "stream/source_bytes.h"
+#include "survey.h"
+#include "track_text.h"
+
+namespace {
+
+std::string refusal_of(const Film &film, const Source &source);
+void describe(Film &film);
+void set_rates(Film &film);
+std::string run_from(Source &source, const Film &film, size_t number, size_t from,
+                     std::vector<uint8_t> &segment, bool &f_sure);
+
+}  // namespace
+
+size_t Film::memory() const
+{
+    size_t size = sizeof *this + codecs.size() + kinds.size() + refusal.size() +
+                  segments.capacity() * sizeof(Segment) + file.tables.capacity();
+    for (const Track &track : file.outline.tracks)
+        size += sizeof track + track.config.capacity() + track.mp4.edits.capacity() * sizeof(Edit);
+    return size;
+}
+
+Film survey_film(Source &source)
+{
+    Film film;
+    try {
+        {
+            SourceBytes bytes(source);
+            film.file.outline = read_outline(bytes);
+        }
+        film.file.selection = select_tracks(film.file.outline);
+        film.refusal = refusal_of(film, source);
+        if (!film.refusal.empty()) return film;
+        switch (film.file.outline.container) {
+        case Container::MP4: survey_mp4(source, film); break;
+        case Container::MATROSKA: survey_matroska(source, film); break;
+        case Container::MPEG_AUDIO: survey_mpeg_audio(source, film); break;
+        case Container::TRANSPORT_STREAM: survey_m2ts(source, film); break;
+        case Container::UNKNOWN: break;
+        }
+        if (!source.fault().empty()) film.refusal = source.fault();
+    } catch (const NotDone &error) {
+        const std::string text = error.what(), path = source.path() + ": ";
+        film.refusal = text.compare(0, path.size(), path) == 0 ? text.substr(path.size()) : text;
+    }
+    MatroskaOutline &matroska = film.file.outline.matroska;
+    matroska.cues = {};
+    describe(film);
+    set_rates(film);
+    return film;
+}
+
+std::string make_segment(Source &source, const Film &film, size_t number,
+                         std::vector<uint8_t> &segment)
+{
+    segment.clear();
+    if (!film.refusal.empty()) return film.refusal;
+    if (number >= film.segments.size()) return "there is no such segment";
+    try {
+        if (film.file.outline.container == Container::TRANSPORT_STREAM)
+            return copy_m2ts_segment(source, film, number, segment);
+        // Few pictures before it, as of a slide show: from farther back.
+        constexpr size_t MOST_STEPS = 8;
+        for (size_t step = 0;; step = step == 0 ? 1 : step * 2) {
+            bool f_sure = false;
+            const size_t from = number - std::min(number, step);
+            const std::string fault = run_from(source, film, number, from, segment, f_sure);
+            if (!fault.empty()) return fault;
+            if (f_sure || from == 0 || step == MOST_STEPS) break;
+        }
+        if (segment.empty()) return "nothing of it is in the file";
+        align_counters(segment);
+        return "";
+    } catch (const NotDone &error) {
+        return error.what();
+    }
+}
+
+namespace {
+
+std::string refusal_of(const Film &film, const Source &source)
+{
+    const Outline &outline = film.file.outline;
+    if (!source.fault().empty()) return source.fault();
+    if (outline.container == Container::UNKNOWN) return "its format isn't known";
+    if (!film.file.selection.refusal.empty()) return film.file.selection.refusal;
+    if (!source.is_seekable() || source.size() == 0) return "its server doesn't send parts of it";
+    if (outline.container == Container::TRANSPORT_STREAM) return "";
+    constexpr uint64_t NS_PER_MS = 1000000;
+    const bool f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
+    if (f_video && outline.container == Container::MATROSKA &&
+        outline.matroska.timestamp_scale != NS_PER_MS)
+        return "its times aren't in milliseconds";
+    const bool f_any = f_video || taken_track(film, TrackKind::AUDIO) != nullptr;
+    return f_any ? "" : "it has neither video nor audio";
+}
+
+// A run that begins where segment from does. f_sure: enough came before the segment for it to be as in a run from
+// the film's begin.
+std::string run_from(Source &source, const Film &film, size_t number, size_t from,
+                     std::vector<uint8_t> &segment, bool &f_sure)
+{
+    constexpr uint64_t PICTURES_BEFORE = 34;
+    const bool f_audio_file = film.file.outline.container == Container::MPEG_AUDIO;
+    const Segment &wanted = film.segments[number];
+    const bool f_last = number + 1 == film.segments.size();
+    Cutter::Range range;
+    range.f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
+    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0};
+    if (f_audio_file) {
+        begin.later = wanted.start;
+        if (!f_last) begin.to = film.segments[number + 1].place;
+    } else {
+        if (number > 0) range.from = film.file.first_time + wanted.start;
+        if (!f_last) range.to = film.file.first_time + wanted.end;
+    }
+    if (film.file.outline.container == Container::MATROSKA)
+        begin.later = later_at_cluster(source, film, begin.place);
+    Cutter cutter(range, segment, LARGEST_SEGMENT);
+    SegmentRun run(source, film, begin, cutter);
+    run.run();
+    f_sure = f_audio_file || number == 0 ||
+             cutter.units_before() >= (range.f_video ? PICTURES_BEFORE : 1);
+    if (cutter.is_full())
+        return fmt::format("it has more than {} MiB", LARGEST_SEGMENT / (1024 * 1024));
+    if (!source.fault().empty()) return source.fault();
+    return run.fault();
+}
+
+// Of H.264 by its decoder configuration (ISO/IEC 14496-15), of audio as RFC 6381 names it.
+std::string video_codec(const Track &track)
+{
+    if (track.config.size() < 4) return "";
+    return fmt::format("avc1.{:02x}{:02x}{:02x}", track.config[1], track.config[2],
+                       track.config[3]);
+}
+
+std::string audio_codec(const std::string &title, const Track &track)
+{
+    constexpr uint32_t LC = 2;
+    if (title == "AAC") {
+        const std::optional<AudioConfig> config = parse_audio_config(track.config);
+        return fmt::format("mp4a.40.{}", config ? config->object_type : LC);
+    }
+    if (title == "AC-3") return "ac-3";
+    if (title == "E-AC-3") return "ec-3";
+    return "mp4a.40.34";
+}
+
+std::string channels_text(uint32_t channels)
+{
+    switch (channels) {
+    case 0: return "";
+    case 1: return " mono";
+    case 2: return " stereo";
+    case 6: return " 5.1";
+    case 8: return " 7.1";
+    default: return fmt::format(" {} channels", channels);
+    }
+}
+
+void describe(Film &film)
+{
+    const Outline &outline = film.file.outline;
+    if (outline.container == Container::TRANSPORT_STREAM) return;
+    if (const Track *const video = taken_track(film, TrackKind::VIDEO)) {
+        film.f_video = true;
+        film.codecs = video_codec(*video);
+        film.kinds = codec_title(outline, *video);
+        film.width = video->width;
+        film.height = video->height;
+        if (film.width != 0) film.kinds += fmt::format(" {}x{}", film.width, film.height);
+        if (const auto rate = mean_frame_rate(*video))
+            film.frame_rate = static_cast<double>(*rate) / 1000;
+    }
+    if (const Track *const audio = taken_track(film, TrackKind::AUDIO)) {
+        const std::string title = codec_title(outline, *audio);
+        film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(title, *audio);
+        film.kinds += (film.kinds.empty() ? "" : ", ") + title + channels_text(audio->channels);
+    }
+}
+
+// RFC 8216 4.3.4.2. A short segment counts together with the one before it.
+void set_rates(Film &film)
+{
+    constexpr uint64_t BITS = 8;
+    // Tables, the clock, and what is filled up so that counters fit together.
+    constexpr uint64_t EACH = 6 * 1024, EACH_SECOND = 6 * 1024;
+    constexpr auto SECOND = static_cast<uint64_t>(TICKS_PER_SECOND);
+    const auto rate = [](uint64_t bytes, int64_t ticks) {
+        const auto length = std::max<uint64_t>(static_cast<uint64_t>(ticks), 1);
+        const double bits =
+            static_cast<double>(bytes) * BITS * SECOND / static_cast<double>(length);
+        return static_cast<uint64_t>(bits) + EACH_SECOND * BITS;
+    };
+    uint64_t bytes = 0, held_bytes = 0;
+    int64_t held = 0;
+    for (const Segment &segment : film.segments) {
+        film.duration = std::max(film.duration, segment.end);
+        bytes += segment.bytes + EACH;
+        held_bytes += segment.bytes + EACH;
+        held += segment.end - segment.start;
+        if (held < Plan::USUAL_LENGTH / 2) continue;
+        film.peak_bits = std::max(film.peak_bits, rate(held_bytes, held));
+        held = 0;
+        held_bytes = 0;
+    }
+    if (film.segments.empty()) return;
+    film.average_bits = rate(bytes, film.duration);
+    film.peak_bits = std::max(film.peak_bits, film.average_bits);
+}
+
+}  // namespace

@@ -1,0 +1,48 @@
+// Where a film is cut: at key pictures nearest to six seconds apart.
+
+#ifndef HOST_HLS_PLAN_H
+#define HOST_HLS_PLAN_H
+
+#include <optional>
+
+#include "film.h"
+
+/// A place where a segment may begin.
+struct KeyPlace {
+    int64_t time = 0;    ///< ticks of 90 kHz since the film's begin
+    uint64_t place = 0;  ///< as Segment::place
+    uint64_t bytes = 0;  ///< of the film before it, as it is served
+};
+
+class Plan {
+public:
+    static constexpr int64_t USUAL_LENGTH = 6 * 90000;
+
+    /// first: of the film's first segment; the times of places begin there or after it.
+    Plan(std::vector<Segment> &segments, const KeyPlace &first)
+        : m_segments(segments)
+        , m_begun(first)
+    {
+    }
+
+    /// Takes the next place. One that isn't after those before it is passed over.
+    void add(const KeyPlace &key);
+    /// Begins a segment there, whatever the length.
+    void cut(const KeyPlace &at);
+    /// The film ends at the time, with so many bytes before it.
+    void end(int64_t time, uint64_t bytes);
+    int64_t begun() const { return m_begun.time; }  ///< of the segment that is open
+    bool is_full() const { return m_segments.size() >= MOST_SEGMENTS; }
+
+private:
+    // Twenty days. A few bytes may state more.
+    static constexpr size_t MOST_SEGMENTS = 300000;
+
+    bool is_before_nearer(int64_t time) const;
+
+    std::vector<Segment> &m_segments;
+    KeyPlace m_begun;
+    std::optional<KeyPlace> m_before;  // the last place not after the usual length
+};
+
+#endif

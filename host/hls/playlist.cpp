@@ -1,0 +1,45 @@
+// Playlists of a film (RFC 8216).
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "film.h"
+#include "ts_time.h"
+
+namespace {
+
+// In units of 10 ms of a second's 90,000 ticks times are exact, but for the last digit.
+std::string seconds_text(int64_t ticks)
+{
+    return fmt::format("{:.5f}", static_cast<double>(ticks) / TICKS_PER_SECOND);
+}
+
+}  // namespace
+
+std::string media_playlist(const Film &film, const std::string &prefix)
+{
+    int64_t longest = 1;  // in whole seconds, each rounded
+    for (const Segment &segment : film.segments)
+        longest = std::max(longest,
+                           (segment.end - segment.start + TICKS_PER_SECOND / 2) / TICKS_PER_SECOND);
+    std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-PLAYLIST-TYPE:VOD\n";
+    if (film.f_independent) text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
+    text += fmt::format("#EXT-X-TARGETDURATION:{}\n#EXT-X-MEDIA-SEQUENCE:0\n", longest);
+    for (size_t i = 0; i < film.segments.size(); ++i)
+        text += fmt::format("#EXTINF:{},\n{}{}.ts\n",
+                            seconds_text(film.segments[i].end - film.segments[i].start), prefix, i);
+    return text + "#EXT-X-ENDLIST\n";
+}
+
+std::string master_playlist(const Film &film, const std::string &address)
+{
+    std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n";
+    if (film.f_independent) text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
+    text += fmt::format("#EXT-X-STREAM-INF:BANDWIDTH={},AVERAGE-BANDWIDTH={}", film.peak_bits,
+                        film.average_bits);
+    if (!film.codecs.empty()) text += fmt::format(",CODECS=\"{}\"", film.codecs);
+    if (film.width != 0) text += fmt::format(",RESOLUTION={}x{}", film.width, film.height);
+    if (film.frame_rate > 0) text += fmt::format(",FRAME-RATE={:.3f}", film.frame_rate);
+    return text + "\n" + address + "\n";
+}

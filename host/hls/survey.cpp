@@ -1,0 +1,79 @@
+#include "survey.h"
+
+#include <algorithm>
+
+#include "io/message.h"
+#include "segment_run.h"
+
+namespace {
+
+// By which the stage moves times, where that is enough.
+constexpr int64_t USUAL_SHIFT = TICKS_PER_SECOND;
+
+}  // namespace
+
+const Track *taken_track(const Film &film, TrackKind kind)
+{
+    const std::optional<size_t> index = film.file.selection.taken(film.file.outline, kind);
+    return index ? &film.file.outline.tracks[*index] : nullptr;
+}
+
+int64_t look_at_begin(Source &source, Film &film, uint64_t place)
+{
+    std::vector<uint8_t> none;
+    Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
+    SegmentRun::Begin begin = {place, source.size(), 0};
+    if (film.file.outline.container == Container::MATROSKA)
+        begin.later = later_at_cluster(source, film, place);
+    SegmentRun run(source, film, begin, cutter);
+    run.look();
+    const std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
+    if (!video && !audio)
+        throw NotDone(source.path(),
+                      source.fault().empty() ? "no frame in it can be read" : source.fault());
+    FilmFile &file = film.file;
+    file.more_shift = run.stage().shift() - USUAL_SHIFT;
+    file.audio_grid = run.stage().audio_grid();
+    file.first_time = std::min(video.value_or(INT64_MAX), audio.value_or(INT64_MAX));
+    return (video ? *video : *audio) - file.first_time;
+}
+
+int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)
+{
+    const StageSetup setup = stage_setup(film.file.outline, film.file.selection, false);
+    const int64_t offset =
+        kind == TrackKind::VIDEO ? setup.hints.video.offset : setup.hints.audio.offset;
+    return file_time + offset + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
+}
+
+int64_t frame_time_at(const Film &film, int64_t time)
+{
+    const golt::AudioGrid &grid = film.file.audio_grid;
+    const int64_t first = grid.time + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
+    if (grid.samples == 0 || grid.rate == 0 || time <= first) return time;
+    const int64_t frame = int64_t{grid.samples} * TICKS_PER_SECOND;
+    const int64_t number = ((time - first) * grid.rate + frame - 1) / frame;
+    return first + (number * frame + grid.rate / 2) / grid.rate;
+}
+
+void plan_by_time(Film &film, int64_t end, uint64_t bytes,
+                  const std::function<uint64_t(int64_t time)> &place_of)
+{
+    Plan plan(film.segments, {0, place_of(0), 0});
+    for (int64_t time = Plan::USUAL_LENGTH; time < end && !plan.is_full();
+         time += Plan::USUAL_LENGTH) {
+        const int64_t exact = frame_time_at(film, time);
+        const double part = static_cast<double>(exact) / static_cast<double>(end);
+        if (exact < end)
+            plan.cut(
+                {exact, place_of(exact), static_cast<uint64_t>(static_cast<double>(bytes) * part)});
+    }
+    plan.end(end, bytes);
+}
+
+// Headers of a frame, an access unit delimiter, and the last packet, which is filled up.
+uint64_t served_bytes(uint64_t bytes, uint64_t frames)
+{
+    constexpr uint64_t HEADER = 40, ROOM = TS_PACKET_SIZE - TS_HEADER_SIZE;
+    return ((bytes + frames * HEADER) / ROOM + frames) * TS_PACKET_SIZE;
+}

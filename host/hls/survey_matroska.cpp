@@ -1,0 +1,313 @@
+// Matroska: by the Cues, else by a walk over the clusters. What the library reads is spliced: the headers, and then
+// the clusters from some place on. So it needs no index of its own.
+
+#include <algorithm>
+#include <deque>
+
+#include "cluster_walk.h"
+#include "ebml.h"
+#include "stream/source_bytes.h"
+#include "survey.h"
+#include "ts_time.h"
+
+using namespace outline;
+
+namespace {
+
+// What the stage has to see before a segment.
+constexpr int64_t TIME_BEFORE = 1500 * TICKS_PER_MS;
+
+// In ticks of 90 kHz.
+int64_t time_of(const Outline &outline, int64_t file_ticks)
+{
+    constexpr double NS_PER_TICK = 1e9 / TICKS_PER_SECOND;
+    const double scale = static_cast<double>(outline.matroska.timestamp_scale);
+    return static_cast<int64_t>(static_cast<double>(file_ticks) * scale / NS_PER_TICK + 0.5);
+}
+
+/// The clusters from which those that come can be reached.
+class Approach {
+public:
+    explicit Approach(uint64_t first_cluster) { m_places.push_back({INT64_MIN, first_cluster}); }
+    void add(int64_t time, uint64_t cluster)
+    {
+        if (m_places.back().time < time) m_places.push_back({time, cluster});
+    }
+    /// The last one that is early enough.
+    uint64_t to(int64_t time)
+    {
+        while (m_places.size() > 1 && m_places[1].time <= time - TIME_BEFORE)
+            m_places.pop_front();
+        return m_places.front().cluster;
+    }
+
+private:
+    struct Place {
+        int64_t time;
+        uint64_t cluster;
+    };
+    std::deque<Place> m_places;
+};
+
+/// Takes points of the file, each with its cluster, and makes the plan.
+class Planner {
+public:
+    Planner(Film &film, int64_t first)
+        : m_film(film)
+        , m_first(first)
+        , m_first_cluster(*film.file.outline.matroska.first_cluster)
+        , m_frame_rate(frame_rate_of(film))
+        , m_approach(m_first_cluster)
+        , m_plan(film.segments, {0, m_first_cluster, 0})
+    {
+        film.segments.clear();
+    }
+
+    /// time: in ticks of the file.
+    void add(int64_t time, uint64_t cluster, bool f_key)
+    {
+        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
+        const int64_t shown = film_time(m_film, time_of(m_film.file.outline, time),
+                                        f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
+        if (f_key && f_video && shown > m_first) m_plan.add(place(shown, cluster));
+        // Audio can be cut anywhere: a segment begins in the cluster before the point.
+        if (!f_video) add_times(shown);
+        m_last_cluster = cluster;
+        m_approach.add(shown, cluster);
+    }
+    void end(int64_t time, uint64_t offset)
+    {
+        const uint64_t bytes = estimate(time, offset);
+        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
+        if (!f_video) add_times(time);
+        m_plan.end(time, bytes);
+        if (f_video || time <= 0) return;
+        // Clusters are longer than segments may be.
+        for (Segment &segment : m_film.segments)
+            segment.bytes =
+                static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
+                                      static_cast<double>(segment.end - segment.start));
+    }
+
+private:
+    KeyPlace place(int64_t shown, uint64_t cluster)
+    {
+        return {shown, m_approach.to(shown), estimate(shown, cluster)};
+    }
+    // What is in the clusters, of all tracks.
+    uint64_t estimate(int64_t shown, uint64_t offset) const
+    {
+        const double seconds = static_cast<double>(std::max<int64_t>(shown, 0)) / TICKS_PER_SECOND;
+        return served_bytes(offset - std::min(offset, m_first_cluster),
+                            static_cast<uint64_t>(seconds * m_frame_rate));
+    }
+    // Of video and audio together, in a second.
+    static double frame_rate_of(const Film &film)
+    {
+        constexpr double USUAL_PICTURES = 30, USUAL_FRAMES = 50, NS_PER_SECOND = 1e9;
+        const Track *const video = taken_track(film, TrackKind::VIDEO);
+        const golt::AudioGrid &grid = film.file.audio_grid;
+        const uint64_t each_ns =
+            video != nullptr ? video->matroska.default_duration_ns.value_or(0) : 0;
+        const double pictures = video == nullptr ? 0
+                                : each_ns == 0   ? USUAL_PICTURES
+                                                 : NS_PER_SECOND / static_cast<double>(each_ns);
+        return pictures + (grid.samples == 0 ? USUAL_FRAMES : double{1} * grid.rate / grid.samples);
+    }
+    // Up to a point.
+    void add_times(int64_t shown)
+    {
+        while (!m_plan.is_full() && m_plan.begun() + Plan::USUAL_LENGTH < shown) {
+            const int64_t next = (m_plan.begun() / Plan::USUAL_LENGTH + 1) * Plan::USUAL_LENGTH;
+            const int64_t exact = frame_time_at(m_film, next);
+            if (exact >= shown) return;
+            m_plan.cut(place(exact, m_last_cluster));
+        }
+    }
+
+    Film &m_film;
+    const int64_t m_first;
+    const uint64_t m_first_cluster;
+    const double m_frame_rate;
+    Approach m_approach;
+    Plan m_plan;
+    uint64_t m_last_cluster = 0;
+};
+
+// The library would go where the SeekHead leads to.
+void hide_seek_heads(ByteSource &bytes, FilmFile &file)
+{
+    constexpr size_t MOST = 8;
+    Reader reader(bytes);
+    Stretch segment(reader, file.outline.matroska.segment_begin, file.head_end);
+    while (const std::optional<Element> element = next_element(segment)) {
+        Patch patch = {element->begin, {id::VOID_ELEMENT, 1}};
+        const uint64_t size = element->end() - element->begin;
+        if (element->id != id::SEEK_HEAD || size < patch.bytes.size()) continue;
+        uint64_t left = size - patch.bytes.size();
+        for (size_t i = patch.bytes.size() - 1; i > 1; --i, left >>= 8)
+            patch.bytes[i] = static_cast<uint8_t>(left);
+        if (file.patches.size() < MOST) file.patches.push_back(patch);
+    }
+}
+
+const Track &leading_track(const Film &film)
+{
+    const Track *const video = taken_track(film, TrackKind::VIDEO);
+    return video != nullptr ? *video : *taken_track(film, TrackKind::AUDIO);
+}
+
+// Points of the track, in the order of the file. False where there are none.
+bool plan_by_cues(ByteSource &bytes, Film &film, Planner &planner)
+{
+    constexpr uint32_t POINT = 0xBB, TIME = 0xB3, POSITIONS = 0xB7, TRACK = 0xF7, CLUSTER = 0xF1;
+    const MatroskaOutline &matroska = film.file.outline.matroska;
+    const uint32_t number = leading_track(film).number;
+    Reader reader(bytes);
+    Stretch cues(reader, matroska.cues_place.begin, matroska.cues_place.end);
+    bool f_any = false;
+    while (const std::optional<Element> point = next_element(cues)) {
+        if (point->id != POINT) continue;
+        uint64_t time = 0;
+        std::optional<uint64_t> place;
+        Stretch children = point->body;
+        while (const std::optional<Element> child = next_element(children)) {
+            if (child->id == TIME) time = unsigned_of(*child);
+            if (child->id != POSITIONS) continue;
+            uint64_t track = 0, cluster = 0;
+            Stretch position = child->body;
+            while (const std::optional<Element> field = next_element(position)) {
+                if (field->id == TRACK) track = unsigned_of(*field);
+                if (field->id == CLUSTER) cluster = unsigned_of(*field);
+            }
+            if (track == number) place = cluster;
+        }
+        if (!place || time > UINT32_MAX || *place >= bytes.size()) continue;
+        planner.add(static_cast<int64_t>(time), matroska.segment_begin + *place, true);
+        f_any = true;
+    }
+    return f_any && !reader.has_failed();
+}
+
+// One pass over the file.
+ClusterWalk plan_by_walk(ByteSource &bytes, Film &film, Planner &planner)
+{
+    const uint32_t number = leading_track(film).number;
+    int64_t key = INT64_MIN;
+    WalkOptions options;
+    options.on_block = [&](const BlockSeen &block) {
+        if (block.track != number) return true;
+        film.f_independent = film.f_independent && block.time >= key;
+        if (block.f_key) key = block.time;
+        planner.add(block.time, block.cluster, block.f_key);
+        return true;
+    };
+    return walk_clusters(bytes, film.file.outline, options);
+}
+
+// Whether pictures come after a key picture that are shown before it: those of a few segments tell. One encoder's
+// groups are all of a kind.
+bool has_open_groups(ByteSource &bytes, const Film &film)
+{
+    constexpr size_t TRIALS = 3, MOST_BLOCKS = 400;
+    const uint32_t number = leading_track(film).number;
+    const size_t step = std::max<size_t>(film.segments.size() / TRIALS, 1);
+    for (size_t i = 1; i < film.segments.size(); i += step) {
+        size_t blocks = 0, after = 0;
+        int64_t key = INT64_MIN;
+        bool f_open = false;
+        WalkOptions options;
+        options.from = film.segments[i].place;
+        options.on_block = [&](const BlockSeen &block) {
+            if (block.track != number) return ++blocks < MOST_BLOCKS;
+            constexpr size_t LEADING =
+                3;  // there would be such a picture among those after the key picture
+            if (key != INT64_MIN) f_open = f_open || block.time < key;
+            if (block.f_key && key == INT64_MIN) key = block.time;
+            return ++blocks < MOST_BLOCKS && !f_open && (key == INT64_MIN || ++after <= LEADING);
+        };
+        walk_clusters(bytes, film.file.outline, options);
+        if (f_open) return true;
+    }
+    return false;
+}
+
+// Where the tracks end, since the film's begin: by the file's header. None: it states nothing.
+std::optional<int64_t> stated_end(const Film &film)
+{
+    constexpr int64_t NS_PER_SECOND = 1000000000;
+    std::optional<int64_t> end_ns;
+    for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
+        const Track *const track = taken_track(film, kind);
+        if (track == nullptr) continue;
+        if (!track->duration_ns) end_ns = film.file.outline.duration_ns;
+        if (!track->duration_ns) break;
+        end_ns = std::max(end_ns.value_or(0), *track->duration_ns);
+    }
+    if (!end_ns) return {};
+    const int64_t ticks = *end_ns / NS_PER_SECOND * TICKS_PER_SECOND +
+                          *end_ns % NS_PER_SECOND * TICKS_PER_SECOND / NS_PER_SECOND;
+    return film_time(film, ticks, TrackKind::VIDEO);
+}
+
+int64_t walked_end(const Film &film, const ClusterWalk &walk)
+{
+    const auto span = walk.tracks.find(leading_track(film).number);
+    if (span == walk.tracks.end() || span->second.blocks == 0) return 0;
+    const BlockSpan &blocks = span->second;
+    const int64_t step = (blocks.last - blocks.first) / static_cast<int64_t>(blocks.blocks);
+    return film_time(film, time_of(film.file.outline, blocks.last + step), TrackKind::VIDEO);
+}
+
+bool is_sparse(const Film &film)
+{
+    constexpr int64_t LONGEST = 30 * TICKS_PER_SECOND;
+    return std::any_of(film.segments.begin(), film.segments.end(), [](const Segment &segment) {
+        return segment.end - segment.start > LONGEST;
+    });
+}
+
+}  // namespace
+
+int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
+{
+    constexpr uint64_t NS_PER_MS = 1000000;
+    const Outline &outline = film.file.outline;
+    if (outline.matroska.timestamp_scale == NS_PER_MS) return 0;
+    int64_t later = 0;
+    WalkOptions options;
+    options.from = cluster;
+    options.most_loads = 64;
+    options.on_block = [&](const BlockSeen &block) {
+        if (block.track != leading_track(film).number) return true;
+        later = time_of(outline, block.time) - block.time * TICKS_PER_MS;
+        return false;
+    };
+    SourceBytes bytes(source);
+    walk_clusters(bytes, outline, options);
+    return later;
+}
+
+void survey_matroska(Source &source, Film &film)
+{
+    FilmFile &file = film.file;
+    const uint64_t first_cluster = *file.outline.matroska.first_cluster;
+    SourceBytes bytes(source);
+    file.head_end = first_cluster;
+    hide_seek_heads(bytes, file);
+    const int64_t first = look_at_begin(source, film, first_cluster);
+    const std::optional<int64_t> end = stated_end(film);
+    if (end && file.outline.matroska.f_cues) {
+        Planner planner(film, first);
+        const bool f_cues = plan_by_cues(bytes, film, planner);
+        planner.end(*end, source.size());
+        if (f_cues && !is_sparse(film)) {
+            if (taken_track(film, TrackKind::VIDEO) != nullptr)
+                film.f_independent = !has_open_groups(bytes, film);
+            return;
+        }
+    }
+    Planner planner(film, first);
+    const ClusterWalk walk = plan_by_walk(bytes, film, planner);
+    planner.end(std::max(end.value_or(0), walked_end(film, walk)), source.size());
+}

@@ -1,0 +1,100 @@
+// MP4: by the sample tables. The library goes to key samples by itself.
+
+#include <algorithm>
+#include <deque>
+
+#include "io/message.h"
+#include "sample_tables.h"
+#include "stream/source_bytes.h"
+#include "survey.h"
+#include "ts_packet.h"
+#include "ts_time.h"
+
+namespace {
+
+// Pictures before a segment that the stage has to see so that it goes on with the times of decoding: their depth
+// of reordering twice.
+constexpr uint64_t PICTURES_BEFORE = 34;
+
+/// The key samples that may be sought to for those that come.
+class Approach {
+public:
+    void add(uint64_t sample) { m_keys.push_back(sample); }
+    /// The last one that is early enough; 0: the begin.
+    uint64_t to(uint64_t sample)
+    {
+        while (m_keys.size() > 1 && m_keys[1] + PICTURES_BEFORE <= sample)
+            m_keys.pop_front();
+        return m_keys.empty() || m_keys.front() + PICTURES_BEFORE > sample ? 0 : m_keys.front();
+    }
+
+private:
+    std::deque<uint64_t> m_keys;
+};
+
+int64_t end_of(const Film &film, const Track &track)
+{
+    const double seconds = static_cast<double>(track.mp4.ticks.value_or(0)) / track.mp4.timescale;
+    constexpr double MOST = 1e9;
+    const auto ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND + 0.5);
+    return film_time(film, ticks, track.kind);
+}
+
+void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
+{
+    const Track &video = *taken_track(film, TrackKind::VIDEO);
+    const Track *const audio = taken_track(film, TrackKind::AUDIO);
+    const auto audio_before = [&](int64_t time) {
+        if (audio == nullptr || end <= 0) return uint64_t{0};
+        const double part = static_cast<double>(time) / static_cast<double>(end);
+        return static_cast<uint64_t>(part * static_cast<double>(served_bytes(
+                                                audio->mp4.bytes.value_or(0), audio->mp4.samples)));
+    };
+    // Before a key picture come tables and parameter sets.
+    constexpr uint64_t EACH_KEY = 3 * TS_PACKET_SIZE;
+    uint64_t keys = 0;
+    SourceBytes bytes(source);
+    KeySamples samples(bytes, video.mp4, KeySamples::Sizes::READ);
+    Plan plan(film.segments, {0, 0, 0});
+    Approach approach;
+    const bool f_read = samples.walk([&](const KeySample &key) {
+        const int64_t time = film_time(film, key.shown_ms * TICKS_PER_MS, TrackKind::VIDEO);
+        film.f_independent = film.f_independent && !key.f_leading;
+        if (time > first) {
+            const uint64_t from = approach.to(key.sample);
+            const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
+            plan.add({time, place,
+                      served_bytes(key.bytes, key.sample) + keys * EACH_KEY + audio_before(time)});
+        }
+        ++keys;
+        approach.add(key.sample);
+        return !plan.is_full();
+    });
+    if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
+    plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
+                      audio_before(end));
+}
+
+}  // namespace
+
+void survey_mp4(Source &source, Film &film)
+{
+    const int64_t first = look_at_begin(source, film, 0);
+    const Track *const video = taken_track(film, TrackKind::VIDEO);
+    const Track *const audio = taken_track(film, TrackKind::AUDIO);
+    int64_t end = 0;
+    for (const Track *track : {video, audio})
+        if (track != nullptr) end = std::max(end, end_of(film, *track));
+    if (video != nullptr) {
+        plan_by_keys(source, film, first, end);
+        return;
+    }
+    // The library counts by the mean length of a frame.
+    constexpr int64_t EARLIER_MS = 1000;
+    const int64_t begin = film_time(film, 0, TrackKind::AUDIO);
+    plan_by_time(film, end, served_bytes(audio->mp4.bytes.value_or(0), audio->mp4.samples),
+                 [&](int64_t time) {
+                     const int64_t ms = (time - begin) / TICKS_PER_MS - EARLIER_MS;
+                     return static_cast<uint64_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
+                 });
+}

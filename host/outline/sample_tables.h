@@ -1,0 +1,44 @@
+// The key samples of a track of MP4 (ISO/IEC 14496-12), by its tables, which are read once from their begin on.
+
+#ifndef HOST_OUTLINE_SAMPLE_TABLES_H
+#define HOST_OUTLINE_SAMPLE_TABLES_H
+
+#include <functional>
+
+#include "outline.h"
+
+struct KeySample {
+    uint64_t sample = 0;   ///< its number, from 0
+    int64_t shown_ms = 0;  ///< as the library states it: cut to milliseconds
+    uint64_t bytes = 0;    ///< of all samples before it, if sizes are read
+    bool f_leading =
+        false;  ///< samples after the key sample before this one are shown before that one
+};
+
+class KeySamples {
+public:
+    enum class Sizes { READ, LEFT_OUT };
+
+    /// source, mp4: have to outlive the object.
+    KeySamples(ByteSource &source, const Mp4Details &mp4, Sizes sizes = Sizes::LEFT_OUT)
+        : m_source(source)
+        , m_mp4(mp4)
+        , m_sizes(sizes)
+    {
+    }
+
+    /// Shows the key samples in the order of decoding, until take returns false. False where a table can't be read.
+    bool walk(const std::function<bool(const KeySample &)> &take);
+    /// What the library has to be asked for so that it goes to a key sample; ms. After a walk. None: it can't go there.
+    std::optional<uint32_t> time_to_ask(uint64_t sample) const;
+
+private:
+    void set_interval(bool f_table, uint32_t first_length);
+
+    ByteSource &m_source;
+    const Mp4Details &m_mp4;
+    const Sizes m_sizes;
+    double m_interval = 0;  // ms, by which the library counts
+};
+
+#endif

@@ -1,0 +1,98 @@
+#include "body.h"
+
+#include <algorithm>
+
+namespace {
+
+// The buffers of all bodies of a server together, and each of them. Larger ones make slow clients cheap
+// when the cache is too small for them all.
+constexpr uint64_t BUFFERS_SIZE = 8 * 1024 * 1024;
+constexpr uint64_t LEAST_BUFFER = 16 * 1024;
+constexpr uint64_t MOST_BUFFER = 256 * 1024;
+
+class Body final : public Waiter {
+public:
+    Body(ServerContext &context, Peer &peer, const Job &job, uint64_t first, uint64_t size);
+    ~Body();
+    Body(const Body &) = delete;
+    Body &operator=(const Body &) = delete;
+
+    ssize_t read(uint64_t at, char *to, size_t most);
+    void on_reply(const Reply &reply) override;
+
+private:
+    ServerContext &m_context;
+    Peer &m_peer;
+    Job m_job;
+    const std::string m_key;
+    const uint64_t m_first, m_size;
+    bool m_f_failed = false;
+};
+
+ssize_t read_body(void *body, uint64_t at, char *to, size_t most)
+{
+    return static_cast<Body *>(body)->read(at, to, most);
+}
+
+void free_body(void *body)
+{
+    delete static_cast<Body *>(body);
+}
+
+}  // namespace
+
+MHD_Response *make_body(ServerContext &context, Peer &peer, const Job &job, uint64_t first,
+                        uint64_t size)
+{
+    auto *const body = new Body(context, peer, job, first, size);
+    const uint64_t share =
+        std::clamp(BUFFERS_SIZE / std::max<uint64_t>(context.bodies, 1), LEAST_BUFFER, MOST_BUFFER);
+    const size_t buffer = static_cast<size_t>(std::min(share, std::max<uint64_t>(size, 1)));
+    MHD_Response *const response =
+        context.http.create_response_from_callback(size, buffer, read_body, body, free_body);
+    if (response == nullptr) free_body(body);
+    return response;
+}
+
+namespace {
+
+Body::Body(ServerContext &context, Peer &peer, const Job &job, uint64_t first, uint64_t size)
+    : m_context(context)
+    , m_peer(peer)
+    , m_job(job)
+    , m_key(job.key())
+    , m_first(first)
+    , m_size(size)
+{
+    ++m_context.bodies;
+}
+
+Body::~Body()
+{
+    --m_context.bodies;
+}
+
+ssize_t Body::read(uint64_t at, char *to, size_t most)
+{
+    Shared &shared = m_context.setting.shared;
+    const auto size = static_cast<size_t>(std::min<uint64_t>(most, m_size - std::min(at, m_size)));
+    if (size == 0) return MHD_CONTENT_READER_END_OF_STREAM;
+    if (shared.read(m_key, m_first + at, reinterpret_cast<uint8_t *>(to), size)) {
+        shared.count([&](Counters &counters) { counters.bytes += size; });
+        return static_cast<ssize_t>(size);
+    }
+    // The client sees an answer that breaks off.
+    if (m_f_failed || !m_context.work.add(m_job, *this)) return MHD_CONTENT_READER_END_WITH_ERROR;
+    m_peer.f_waiting = true;
+    m_context.http.suspend_connection(m_peer.connection);
+    return 0;
+}
+
+void Body::on_reply(const Reply &reply)
+{
+    m_f_failed = reply.status != MHD_HTTP_OK;
+    m_peer.f_waiting = false;
+    m_context.http.resume_connection(m_peer.connection);
+}
+
+}  // namespace

@@ -1,0 +1,259 @@
+#include "confine.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <iterator>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/landlock.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#if GOLT_HAS_SECCOMP
+#include <seccomp.h>
+#endif
+
+namespace {
+
+// What a process allocates beside the cache. The parsers stay far below; it ends what doesn't.
+constexpr rlim_t MOST_MEMORY = 512 * 1024 * 1024;
+
+void limit_resources(Role role);
+void limit_files(const Tree &tree, bool f_network);
+void limit_calls(Role role, bool f_network);
+
+#if GOLT_HAS_SECCOMP
+struct SeccompLibrary {
+    decltype(&::seccomp_init) init;
+    decltype(&::seccomp_rule_add_array) rule_add_array;
+    decltype(&::seccomp_syscall_resolve_name) resolve_name;
+    decltype(&::seccomp_load) load;
+    bool f_found;
+};
+SeccompLibrary g_seccomp = {};
+
+template <typename Function> bool find(void *library, const char *name, Function &place)
+{
+    place = reinterpret_cast<Function>(dlsym(library, name));
+    return place != nullptr;
+}
+
+// A name that a processor's kernel doesn't know is left out. What glibc asks for with 64-bit times on 32
+// bits has names of its own.
+const char *const CALLS[] = {"read",
+                             "write",
+                             "readv",
+                             "writev",
+                             "close",
+                             "fstat",
+                             "fstat64",
+                             "newfstatat",
+                             "fstatat64",
+                             "statx",
+                             "lseek",
+                             "_llseek",
+                             "pread64",
+                             "fcntl",
+                             "fcntl64",
+                             "openat2",
+                             "getdents64",
+                             "mmap",
+                             "mmap2",
+                             "munmap",
+                             "mprotect",
+                             "mremap",
+                             "madvise",
+                             "brk",
+                             "futex",
+                             "futex_time64",
+                             "rt_sigaction",
+                             "rt_sigprocmask",
+                             "rt_sigreturn",
+                             "sigreturn",
+                             "restart_syscall",
+                             "poll",
+                             "ppoll",
+                             "ppoll_time64",
+                             "clock_gettime",
+                             "clock_gettime64",
+                             "gettimeofday",
+                             "time",
+                             "nanosleep",
+                             "clock_nanosleep",
+                             "clock_nanosleep_time64",
+                             "getpid",
+                             "gettid",
+                             "tgkill",
+                             "exit",
+                             "exit_group",
+                             "alarm",
+                             "setitimer",
+                             "getrandom",
+                             "sched_yield",
+                             "fadvise64",
+                             "fadvise64_64",
+                             "send",
+                             "sendto",
+                             "sendmsg",
+                             "recv",
+                             "recvfrom",
+                             "recvmsg",
+                             "shutdown"};
+const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1", "epoll_ctl",
+                                    "epoll_wait", "epoll_pwait", "eventfd2",      "pipe2",
+                                    "setsockopt", "getsockopt",  "getsockname",   "getpeername",
+                                    "sendfile",   "sendfile64"};
+// For libcurl, its thread that resolves names, and TLS.
+const char *const NETWORK_CALLS[] = {"socket",
+                                     "socketpair",
+                                     "connect",
+                                     "bind",
+                                     "setsockopt",
+                                     "getsockopt",
+                                     "getsockname",
+                                     "getpeername",
+                                     "sendmmsg",
+                                     "recvmmsg",
+                                     "ioctl",
+                                     "clone",
+                                     "clone3",
+                                     "set_robust_list",
+                                     "rseq",
+                                     "sigaltstack",
+                                     "sched_getaffinity",
+                                     "prctl",
+                                     "pipe2",
+                                     "eventfd2",
+                                     "epoll_create1",
+                                     "epoll_ctl",
+                                     "epoll_wait",
+                                     "epoll_pwait",
+                                     "uname",
+                                     "sysinfo",
+                                     "getuid",
+                                     "getuid32",
+                                     "geteuid",
+                                     "geteuid32",
+                                     "getgid",
+                                     "getgid32",
+                                     "getegid",
+                                     "getegid32",
+                                     "access",
+                                     "faccessat",
+                                     "faccessat2",
+                                     "stat",
+                                     "stat64",
+                                     "lstat",
+                                     "lstat64",
+                                     "readlink",
+                                     "readlinkat",
+                                     "statfs",
+                                     "statfs64",
+                                     "fstatfs",
+                                     "fstatfs64"};
+#endif
+
+}  // namespace
+
+std::string prepare_confinement()
+{
+#if GOLT_HAS_SECCOMP
+    void *const library = dlopen("libseccomp.so.2", RTLD_NOW | RTLD_LOCAL);
+    g_seccomp.f_found = library != nullptr && find(library, "seccomp_init", g_seccomp.init) &&
+                        find(library, "seccomp_rule_add_array", g_seccomp.rule_add_array) &&
+                        find(library, "seccomp_syscall_resolve_name", g_seccomp.resolve_name) &&
+                        find(library, "seccomp_load", g_seccomp.load);
+    if (!g_seccomp.f_found) return "libseccomp can't be loaded: system calls aren't limited";
+    return "";
+#else
+    return "built without libseccomp: system calls aren't limited";
+#endif
+}
+
+void confine(Role role, const Tree &tree, bool f_network)
+{
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    limit_resources(role);
+    limit_files(tree, f_network);
+    limit_calls(role, f_network);
+}
+
+namespace {
+
+void limit_resources(Role role)
+{
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_FSIZE, &none);
+    setrlimit(RLIMIT_CORE, &none);
+#ifndef __SANITIZE_ADDRESS__
+    const rlimit memory = {MOST_MEMORY, MOST_MEMORY};
+    if (role == Role::MAKER) setrlimit(RLIMIT_DATA, &memory);
+#else
+    static_cast<void>(role);
+#endif
+}
+
+// Landlock; kernels from 5.13 on.
+void limit_files(const Tree &tree, bool f_network)
+{
+    constexpr uint64_t READ = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+    // All that the first version knows, from EXECUTE to MAKE_SYM.
+    constexpr uint64_t ALL = (LANDLOCK_ACCESS_FS_MAKE_SYM << 1) - 1;
+    // Which the headers of Debian 12 have no name for.
+    constexpr uint64_t TRUNCATE = 1ULL << 14;
+    constexpr int VERSION_WITH_TRUNCATE = 3;
+
+    const long version =
+        syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+    if (version < 1) return;
+    landlock_ruleset_attr rules = {};
+    rules.handled_access_fs = ALL | (version >= VERSION_WITH_TRUNCATE ? TRUNCATE : 0);
+    if (f_network) rules.handled_access_fs &= ~READ;
+    const Descriptor set(
+        static_cast<int>(syscall(SYS_landlock_create_ruleset, &rules, sizeof rules, 0)));
+    if (!set.is_open()) return;
+    for (const Root &root : tree.roots()) {
+        if (!root.folder.is_open() || f_network) continue;
+        landlock_path_beneath_attr rule = {};
+        rule.allowed_access = READ;
+        rule.parent_fd = root.folder.get();
+        syscall(SYS_landlock_add_rule, set.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
+    }
+    syscall(SYS_landlock_restrict_self, set.get(), 0);
+}
+
+#if GOLT_HAS_SECCOMP
+
+// Everything else fails with EPERM: a C library that tries something new goes on without it.
+void limit_calls(Role role, bool f_network)
+{
+    if (!g_seccomp.f_found) return;
+    const scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
+    if (filter == nullptr) return;
+    const auto allow = [&](const char *const *names, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            const int call = g_seccomp.resolve_name(names[i]);
+            if (call >= 0) g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, call, 0, nullptr);
+        }
+    };
+    allow(CALLS, std::size(CALLS));
+    if (role == Role::SERVER) allow(SERVER_CALLS, std::size(SERVER_CALLS));
+    if (f_network) allow(NETWORK_CALLS, std::size(NETWORK_CALLS));
+    // Opening is for reading alone. What openat2 opens for, no filter can see; Landlock does.
+    const scmp_arg_cmp for_reading = {2, SCMP_CMP_MASKED_EQ,
+                                      O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0};
+    g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, g_seccomp.resolve_name("openat"), 1,
+                             &for_reading);
+    g_seccomp.load(filter);
+}
+
+#else
+
+void limit_calls(Role /*role*/, bool /*f_network*/) {}
+
+#endif
+
+}  // namespace

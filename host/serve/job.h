@@ -1,0 +1,49 @@
+// What a server wants of the makers, and how they answer: each a datagram. The makers share one socket,
+// so that the kernel gives each job to one that is free; each server has a socket for the replies.
+
+#ifndef HOST_SERVE_JOB_H
+#define HOST_SERVE_JOB_H
+
+#include <cstdint>
+#include <string>
+
+#include "io/descriptor.h"
+
+enum class JobKind : uint8_t { LISTING, DETAILS, MASTER, MEDIA, SEGMENT };
+
+struct Job {
+    uint64_t id = 0;
+    uint32_t server = 0;  ///< its slot
+    JobKind kind = JobKind::LISTING;
+    uint32_t root = 0;
+    uint64_t number = 0;  ///< of the segment
+    std::string version;  ///< of the file; empty where only the maker can find it
+    std::string path;
+
+    /// Under which the result is kept. A result without a version belongs to this job alone.
+    std::string key() const;
+    /// Which file it is about.
+    uint64_t subject() const;
+};
+
+struct Reply {
+    uint64_t id = 0;
+    unsigned status = 0;  ///< of HTTP; 200: the result is kept
+    std::string text;     ///< why not
+};
+
+/// A pair of sockets, written to at one and read from at the other, by any number of processes.
+struct Channel {
+    /// Throws NotDone.
+    Channel();
+    Descriptor to, from;
+};
+
+/// False when there is no room at present.
+bool send_job(const Channel &channel, const Job &job);
+bool send_reply(const Channel &channel, const Reply &reply);
+/// False when nothing has come.
+bool receive_job(const Channel &channel, Job &job);
+bool receive_reply(const Channel &channel, Reply &reply);
+
+#endif

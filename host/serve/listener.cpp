@@ -1,0 +1,118 @@
+#include "listener.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "io/message.h"
+
+namespace {
+
+constexpr int BACKLOG = 1024;
+// The first descriptor that is passed, as sd_listen_fds(3) has it.
+constexpr int FIRST_PASSED = 3;
+
+Descriptor passed_listener();
+std::string address_text(const sockaddr *address);
+bool is_any(const sockaddr_storage &address);
+
+}  // namespace
+
+Descriptor open_listener(const std::string &address, uint16_t port)
+{
+    Descriptor passed = passed_listener();
+    if (passed.is_open()) return passed;
+    const std::string name = address + ":" + std::to_string(port);
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int result = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (result != 0) throw NotDone(address, gai_strerror(result));
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> release(found, freeaddrinfo);
+    Descriptor listener(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const int one = 1;
+    if (!listener.is_open() ||
+        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+        bind(listener.get(), found->ai_addr, found->ai_addrlen) != 0 ||
+        listen(listener.get(), BACKLOG) != 0)
+        throw NotDone(name, error_text(errno));
+    return listener;
+}
+
+std::vector<std::string> addresses_of(const Descriptor &listener)
+{
+    sockaddr_storage own = {};
+    socklen_t size = sizeof own;
+    if (getsockname(listener.get(), reinterpret_cast<sockaddr *>(&own), &size) != 0) return {};
+    const uint16_t port = own.ss_family == AF_INET6
+                              ? reinterpret_cast<const sockaddr_in6 &>(own).sin6_port
+                              : reinterpret_cast<const sockaddr_in &>(own).sin_port;
+    const std::string tail = ":" + std::to_string(ntohs(port)) + "/";
+    if (!is_any(own))
+        return {"http://" + address_text(reinterpret_cast<const sockaddr *>(&own)) + tail};
+    std::vector<std::string> addresses;
+    ifaddrs *first = nullptr;
+    if (getifaddrs(&first) != 0) return {};
+    for (const ifaddrs *at = first; at != nullptr; at = at->ifa_next) {
+        if (at->ifa_addr == nullptr || (at->ifa_flags & IFF_UP) == 0) continue;
+        // Those of IPv6 that are valid on one link alone need more than the address.
+        const auto *const six = reinterpret_cast<const sockaddr_in6 *>(at->ifa_addr);
+        const bool f_shown = at->ifa_addr->sa_family == AF_INET ||
+                             (at->ifa_addr->sa_family == AF_INET6 && own.ss_family == AF_INET6 &&
+                              !IN6_IS_ADDR_LINKLOCAL(&six->sin6_addr));
+        if (f_shown) addresses.push_back("http://" + address_text(at->ifa_addr) + tail);
+    }
+    freeifaddrs(first);
+    return addresses;
+}
+
+namespace {
+
+Descriptor passed_listener()
+{
+    const char *const process = getenv("LISTEN_PID");
+    const char *const count = getenv("LISTEN_FDS");
+    if (process == nullptr || count == nullptr || atol(process) != getpid()) return {};
+    if (atol(count) != 1) throw NotDone("LISTEN_FDS", "one socket is needed");
+    int is_listening = 0;
+    socklen_t size = sizeof is_listening;
+    if (getsockopt(FIRST_PASSED, SOL_SOCKET, SO_ACCEPTCONN, &is_listening, &size) != 0 ||
+        is_listening == 0)
+        throw NotDone("LISTEN_FDS", "it isn't a socket that listens");
+    fcntl(FIRST_PASSED, F_SETFD, FD_CLOEXEC);
+    fcntl(FIRST_PASSED, F_SETFL, fcntl(FIRST_PASSED, F_GETFL) | O_NONBLOCK);
+    return Descriptor(FIRST_PASSED);
+}
+
+std::string address_text(const sockaddr *address)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    if (address->sa_family == AF_INET6) {
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
+                  sizeof text);
+        return std::string("[") + text + "]";
+    }
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text,
+              sizeof text);
+    return text;
+}
+
+bool is_any(const sockaddr_storage &address)
+{
+    if (address.ss_family == AF_INET6)
+        return IN6_IS_ADDR_UNSPECIFIED(&reinterpret_cast<const sockaddr_in6 &>(address).sin6_addr);
+    return reinterpret_cast<const sockaddr_in &>(address).sin_addr.s_addr == INADDR_ANY;
+}
+
+}  // namespace

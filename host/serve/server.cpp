@@ -1,0 +1,205 @@
+#include "server.h"
+
+#include <cerrno>
+#include <cstring>
+#include <list>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "exchange.h"
+#include "io/interrupt.h"
+#include "io/message.h"
+#include "maker.h"
+
+namespace {
+
+// For all that a request says before its body. Larger ones are refused.
+constexpr size_t HEAD_SIZE = 16 * 1024;
+// A client that takes nothing at all for so long is dropped.
+constexpr unsigned SILENT_SECONDS = 30;
+// When most of the connections are taken, the idle ones have to go sooner.
+constexpr int64_t IDLE_SECONDS_WHEN_FULL = 5;
+// Answers under way at the end get so long.
+constexpr int64_t END_SECONDS = 3;
+constexpr int LOOK_MS = 1000;
+
+class Server {
+public:
+    explicit Server(const ServerSetting &setting);
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    void run(const sigset_t &waiting);
+
+private:
+    static MHD_Result on_request(void *server, MHD_Connection *connection, const char *address,
+                                 const char *method, const char *version, const char *upload,
+                                 size_t *upload_size, void **exchange);
+    static void *on_address(void *server, const char *address, MHD_Connection *connection);
+    static void on_end(void *server, MHD_Connection *connection, void **exchange,
+                       MHD_RequestTerminationCode how);
+    static void on_connection(void *server, MHD_Connection *connection, void **peer,
+                              MHD_ConnectionNotificationCode what);
+    static size_t leave_encoded(void *server, MHD_Connection *connection, char *text);
+
+    Peer &peer_of(MHD_Connection *connection) const;
+    void wait(const sigset_t &waiting);
+    void take_replies();
+    void look_after(int64_t now);
+    void drop(const Peer &peer);
+
+    ServerContext m_context;
+    std::list<Peer> m_peers;
+    MHD_Daemon *m_daemon;
+    int64_t m_looked = 0;
+    bool m_f_closed = false;  // a connection
+};
+
+}  // namespace
+
+void run_server(const ServerSetting &setting, const sigset_t &waiting)
+{
+    Server server(setting);
+    server.run(waiting);
+}
+
+namespace {
+
+Server::Server(const ServerSetting &setting)
+    : m_context{setting, HttpLibrary::get(), WorkList(setting.jobs, setting.slot)}
+{
+    m_daemon = m_context.http.start_daemon(
+        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, on_request, this,
+        MHD_OPTION_LISTEN_SOCKET, setting.listener, MHD_OPTION_CONNECTION_LIMIT,
+        setting.connections, MHD_OPTION_PER_IP_CONNECTION_LIMIT, setting.from_one_address,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE, MHD_OPTION_CONNECTION_TIMEOUT,
+        SILENT_SECONDS, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
+        this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded, this, MHD_OPTION_NOTIFY_COMPLETED,
+        on_end, this, MHD_OPTION_NOTIFY_CONNECTION, on_connection, this, MHD_OPTION_END);
+    if (m_daemon == nullptr) throw NotDone("the server", error_text(errno));
+}
+
+Server::~Server()
+{
+    m_context.work.give_up_all();
+    m_context.http.run(m_daemon);
+    m_context.http.stop_daemon(m_daemon);
+}
+
+void Server::run(const sigset_t &waiting)
+{
+    int64_t end = 0;
+    while (end == 0 || (m_context.exchanges > 0 && steady_seconds() < end)) {
+        wait(waiting);
+        take_replies();
+        // Below the limit MHD listens again, but only from its next turn on.
+        do {
+            m_f_closed = false;
+            m_context.http.run(m_daemon);
+        } while (m_f_closed);
+        const int64_t now = steady_seconds();
+        if (now != m_looked) look_after(now);
+        if (stop_signal() != 0 && end == 0) {
+            end = now + END_SECONDS;
+            m_context.http.quiesce_daemon(m_daemon);
+        }
+    }
+}
+
+// Until there is something to do. Without connections and jobs nothing has to be looked after.
+void Server::wait(const sigset_t &waiting)
+{
+    const MHD_DaemonInfo *const epoll =
+        m_context.http.get_daemon_info(m_daemon, MHD_DAEMON_INFO_EPOLL_FD);
+    pollfd ready[] = {{epoll->epoll_fd, POLLIN, 0},
+                      {m_context.setting.replies.from.get(), POLLIN, 0}};
+    MHD_UNSIGNED_LONG_LONG ms = 0;
+    const bool f_limit = m_context.http.get_timeout(m_daemon, &ms) == MHD_YES && ms < LOOK_MS;
+    const bool f_idle = m_peers.empty() && m_context.work.is_empty() && stop_signal() == 0;
+    if (!f_limit) ms = LOOK_MS;
+    const timespec limit = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+    ppoll(ready, 2, f_idle && !f_limit ? nullptr : &limit, &waiting);
+}
+
+void Server::take_replies()
+{
+    Reply reply;
+    while (receive_reply(m_context.setting.replies, reply))
+        m_context.work.take(reply);
+    m_context.work.look_after(steady_seconds());
+}
+
+void Server::look_after(int64_t now)
+{
+    m_looked = now;
+    const bool f_full = m_peers.size() > m_context.setting.connections / 4 * 3;
+    const int64_t early = f_full ? IDLE_SECONDS - IDLE_SECONDS_WHEN_FULL : 0;
+    for (const Peer &peer : m_peers) {
+        if (!peer.f_waiting && now > peer.deadline - early) drop(peer);
+    }
+    m_context.setting.shared.update(m_context.setting.slot, [&](Slot &slot) {
+        slot.connections = m_peers.size();
+        slot.memory = own_memory();
+    });
+}
+
+// MHD finds the connection closed.
+void Server::drop(const Peer &peer)
+{
+    const MHD_ConnectionInfo *const info =
+        m_context.http.get_connection_info(peer.connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (info == nullptr || shutdown(info->connect_fd, SHUT_RDWR) != 0) return;
+    m_context.setting.shared.count([](Counters &counters) { ++counters.dropped; });
+}
+
+Peer &Server::peer_of(MHD_Connection *connection) const
+{
+    const MHD_ConnectionInfo *const info =
+        m_context.http.get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return *static_cast<Peer *>(info->socket_context);
+}
+
+void Server::on_connection(void *server, MHD_Connection *connection, void **peer,
+                           MHD_ConnectionNotificationCode what)
+{
+    auto &self = *static_cast<Server *>(server);
+    if (what == MHD_CONNECTION_NOTIFY_STARTED) {
+        self.m_peers.push_front({connection, steady_seconds() + IDLE_SECONDS});
+        *peer = &self.m_peers.front();
+        return;
+    }
+    self.m_f_closed = true;
+    self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
+}
+
+void *Server::on_address(void *server, const char *address, MHD_Connection *connection)
+{
+    auto &self = *static_cast<Server *>(server);
+    return new Exchange(self.m_context, self.peer_of(connection), address);
+}
+
+MHD_Result Server::on_request(void * /*server*/, MHD_Connection * /*connection*/,
+                              const char * /*address*/, const char *method,
+                              const char * /*version*/, const char * /*upload*/,
+                              size_t *upload_size, void **exchange)
+{
+    return static_cast<Exchange *>(*exchange)->step(method, upload_size);
+}
+
+void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
+                    MHD_RequestTerminationCode /*how*/)
+{
+    delete static_cast<Exchange *>(*exchange);
+    *exchange = nullptr;
+    static_cast<Server *>(server)->peer_of(connection).deadline = steady_seconds() + IDLE_SECONDS;
+}
+
+// Addresses are decoded part by part: a slash that is encoded is no slash.
+size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/, char *text)
+{
+    return strlen(text);
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+// What the processes of the server share: made bytes within a budget, counters, what each process is
+// doing, and the files that have brought processes down. One block of memory, made before the first
+// process is started; a lock that outlives the death of its owner.
+
+#ifndef HOST_SERVE_SHARED_H
+#define HOST_SERVE_SHARED_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <sys/types.h>
+
+/// What is counted over all processes since the start.
+struct Counters {
+    /// Upper ends of the classes of times, in ms; the last class has none.
+    static constexpr std::array<unsigned, 10> LIMITS_MS = {1,  2,   5,   10,  20,
+                                                           50, 100, 200, 500, 1000};
+
+    std::array<uint64_t, 6> answers;  ///< by the first digit of their status; [0] is not used
+    uint64_t bytes;                   ///< of bodies, as handed to the network
+    uint64_t hits, misses;            ///< of segments
+    uint64_t segments;                ///< made
+    uint64_t segment_bytes;           ///< made
+    uint64_t segment_us;              ///< that making them took
+    std::array<uint64_t, LIMITS_MS.size() + 1> segment_times;
+    uint64_t surveys;
+    uint64_t dropped;  ///< connections that were idle or slow
+    uint64_t deaths;   ///< processes that had to be replaced
+};
+
+enum class Role { SERVER, MAKER };
+
+/// One process. Its place stays when it is replaced.
+struct Slot {
+    pid_t pid;
+    Role role;
+    uint64_t memory;       ///< bytes that are its own
+    uint64_t connections;  ///< open
+    bool f_working;        ///< a maker, on the job below
+    uint32_t server;       ///< the slot that wants it
+    uint64_t job;
+    uint64_t subject;  ///< a hash of the file
+};
+
+class Shared {
+public:
+    static constexpr size_t MOST_SLOTS = 130;
+
+    /// budget: bytes of the cache. Throws NotDone.
+    explicit Shared(uint64_t budget);
+
+    uint64_t budget() const;
+
+    /// The size of what is kept under the key. Of two processes one may find it no more.
+    std::optional<uint64_t> find(const std::string &key) const;
+    /// Copies a part, which has to be within the size. False when it has gone meanwhile.
+    bool read(const std::string &key, uint64_t offset, uint8_t *to, size_t size) const;
+    /// Keeps the bytes; what was put first goes first. False when the budget is too small for them.
+    bool put(const std::string &key, const uint8_t *bytes, size_t size);
+
+    /// change(Counters &) under the lock.
+    template <typename Change> void count(const Change &change)
+    {
+        const Lock lock(*this);
+        change(counters_within());
+    }
+    Counters counters() const;
+    uint64_t cached() const;  ///< bytes kept
+
+    /// change(Slot &) under the lock.
+    template <typename Change> void update(size_t slot, const Change &change)
+    {
+        const Lock lock(*this);
+        change(slot_within(slot));
+    }
+    Slot slot(size_t slot) const;
+
+    /// A process died of the file, or couldn't end its work in time.
+    void suspect(uint64_t subject);
+    /// Whether that has happened too often of late.
+    bool is_suspect(uint64_t subject) const;
+
+private:
+    struct Region;
+    struct Entry;
+    class Lock {
+    public:
+        explicit Lock(const Shared &shared);
+        ~Lock();
+        Lock(const Lock &) = delete;
+        Lock &operator=(const Lock &) = delete;
+
+    private:
+        Region &m_region;
+    };
+
+    Counters &counters_within();
+    Slot &slot_within(size_t slot);
+    const Entry *entry_of(const std::string &key, uint64_t hash) const;
+    bool is_kept(const Entry &entry) const;
+    void copy_out(uint64_t at, uint8_t *to, size_t size) const;
+    void copy_in(uint64_t at, const uint8_t *from, size_t size);
+
+    Region *m_region;
+    uint8_t *m_bytes;
+};
+
+/// FNV-1a
+uint64_t hash_of(const std::string &text);
+
+#endif

@@ -1,0 +1,61 @@
+// What a server has asked the makers for, and who waits for it. The same thing is asked for once.
+
+#ifndef HOST_SERVE_WORK_LIST_H
+#define HOST_SERVE_WORK_LIST_H
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "job.h"
+
+/// Something that waits for a reply.
+class Waiter {
+public:
+    virtual void on_reply(const Reply &reply) = 0;
+
+protected:
+    ~Waiter() = default;
+};
+
+class WorkList {
+public:
+    /// jobs: has to outlive the object. slot: of this server.
+    WorkList(const Channel &jobs, size_t slot);
+
+    /// Has the job done. job: its id and server are filled in here. The waiter stays where it is until
+    /// its reply comes, exactly once and never within this call. False when there is too much to do.
+    bool add(Job &job, Waiter &waiter);
+    /// Passes the reply on.
+    void take(const Reply &reply);
+    /// Sends what found no room, and gives up what takes too long.
+    void look_after(int64_t now);
+    /// Replies to all.
+    void give_up_all();
+    bool is_empty() const { return m_pending.empty(); }
+
+private:
+    struct Pending {
+        Job job;
+        int64_t since;
+        bool f_sent;
+        std::vector<Waiter *> waiters;
+    };
+
+    void send(Pending &pending);
+
+    const Channel &m_jobs;
+    const uint32_t m_slot;
+    uint64_t m_next;
+    std::map<uint64_t, Pending> m_pending;  // by their id
+    std::map<std::string, uint64_t> m_by_key;
+    // Files that a maker has in hand. One that is slow takes no more makers than there are servers.
+    std::set<uint64_t> m_busy;
+};
+
+/// Of a clock that is never set, in seconds.
+int64_t steady_seconds();
+
+#endif

@@ -1,0 +1,324 @@
+#!/usr/bin/env bats
+# golt serve, with clients as they are, and as they shouldn't be.
+
+bats_require_minimum_version 1.5.0
+
+setup_file() {
+    cd "$BATS_FILE_TMPDIR"
+    local movie="ffmpeg -v error -nostdin -f lavfi -i testsrc2=s=320x240:r=25:d=20
+        -f lavfi -i sine=sample_rate=48000:duration=20 -c:v libx264 -threads 1 -preset ultrafast
+        -qp 18 -g 50 -c:a aac"
+    $movie movie.mp4
+    ffmpeg -v error -nostdin -i movie.mp4 -c copy movie.mkv
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -c:a libmp3lame music.mp3
+}
+
+setup() {
+    cd "$BATS_TEST_TMPDIR"
+    mkdir films
+    cp "$BATS_FILE_TMPDIR"/m* films
+    export no_proxy=127.0.0.1
+    pids=()
+}
+
+teardown() {
+    local pid
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || continue
+        wait "$pid" || true
+    done
+}
+
+# serve ARGUMENTS...: starts a server; sets base, its address, and pid.
+serve() {
+    $GOLT serve --port 0 "$@" 2>said 3>&- &
+    pid=$!
+    pids+=("$pid")
+    until grep -q ' http:' said; do
+        if grep -q 'libmicrohttpd' said; then skip "$(cat said)"; fi
+        kill -0 "$pid"
+        sleep 0.05
+    done
+    base=$(sed -n 's/^golt: \(http:.*\)\/$/\1/p' said | tail -n 1)
+}
+
+# answers STATUS PATH [ARGUMENTS...]: the head of the answer goes to head, the body to body.
+answers() {
+    local status=$1 path=$2 got
+    shift 2
+    got=$(curl -s --path-as-is -D head -o body -w '%{http_code}' "$base$path" "$@")
+    echo "$path: $got"
+    [ "$got" = "$status" ]
+}
+
+# field NAME: its value in the last head.
+field() { sed -n "s/^$1: \(.*\)\r\$/\1/Ip" head; }
+
+# media PATH: the film's playlist of segments.
+media() { echo "$1/$(curl -s "$base$1/index.m3u8" | grep -v '^#')"; }
+
+# segment PATH N: the address of a segment.
+segment() { echo "$(dirname "$(media "$1")")/$2.ts"; }
+
+# count PATTERN: a number of /metrics.
+count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
+
+@test "answers what players, pages and caches ask for" {
+    serve films
+    local address tag
+    answers 200 /movie.mp4/index.m3u8
+    [ "$(field content-type)" = application/vnd.apple.mpegurl ]
+    [ "$(field access-control-allow-origin)" = '*' ]
+    grep -q 'BANDWIDTH=.*CODECS="avc1' body
+    answers 200 "$(media /movie.mp4)"
+    grep -q '^#EXT-X-ENDLIST' body
+    [ "$(grep -c '^[0-9]*.ts$' body)" -eq 3 ]
+
+    address=$(segment /movie.mp4 1)
+    answers 200 "$address"
+    cp body whole
+    [ "$(field content-type)" = video/mp2t ]
+    [[ $(field cache-control) == *immutable* ]]
+    tag=$(field etag)
+    answers 200 "$address" -I
+    [ "$(field content-length)" -eq "$(stat -c %s whole)" ]
+    answers 206 "$address" -r 100-199
+    cmp body <(tail -c +101 whole | head -c 100)
+    [ "$(field content-range)" = "bytes 100-199/$(stat -c %s whole)" ]
+    answers 206 "$address" -r -188
+    cmp body <(tail -c 188 whole)
+    answers 206 "$address" -r 188- -H "If-Range: $tag"
+    answers 200 "$address" -r 188- -H 'If-Range: "other"'
+    answers 416 "$address" -r 99999999-
+    answers 304 "$address" -H "If-None-Match: \"other\", W/$tag"
+    [ ! -s body ]
+    answers 200 "$address" -H 'If-None-Match: "other"'
+    answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
+    answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'
+    answers 412 "$address" -H 'If-Match: "other"'
+    answers 404 "$(segment /movie.mp4 3)"
+    answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
+    answers 405 /movie.mp4/index.m3u8 -d data
+
+    # Twice the same bytes, by another process and another server.
+    answers 200 "$address"
+    cmp body whole
+    local first=$base
+    serve films --workers 1 --cache 1M
+    [ "$base" != "$first" ]
+    answers 200 "$address"
+    cmp body whole
+    [ "$(field etag)" = "$tag" ]
+
+    answers 200 /status
+    jq -e '.segments.made == 1 and .answers["2xx"] > 0 and (.processes | length) == 3' body
+    [ "$(count cache_misses_total)" -eq 1 ]
+    answers 200 /movie.mp4/details.json
+    jq -e '.width == 320 and .duration_ms > 19000 and .refusal == null' body
+}
+
+@test "shows folders, and why a file can't be played" {
+    mkdir 'films/a "b" <i>é' films/empty
+    cp films/movie.mkv 'films/a "b" <i>é/100% & #?.mkv'
+    printf 'no film' >films/text.avi
+    printf 'not shown' | tee films/notes.txt >films/.hidden.mp4
+    serve films
+    answers 200 /
+    [[ $(field content-security-policy) == "default-src 'none'"* ]]
+    grep -q '<a href="./a%20%22b%22%20%3Ci%3E%C3%A9/">a "b" &lt;i&gt;é/</a>' body
+    [ "$(grep -c '<li ' body)" -eq 6 ]
+    answers 301 /empty
+    [ "$(field location)" = ./empty/ ]
+    answers 200 /empty/
+    answers 200 '/a%20%22b%22%20%3ci%3e%C3%A9/'
+    local film='/a%20%22b%22%20%3Ci%3E%C3%A9/100%25%20%26%20%23%3F.mkv'
+    grep -q '<a href="./100%25%20%26%20%23%3F.mkv/">' body
+    answers 200 "$film/"
+    grep -q '<video' body
+    answers 200 "$(segment "$film" 0)"
+    answers 200 /text.avi/details.json
+    jq -e '.refusal | length > 0' body
+    answers 415 /text.avi/index.m3u8
+    answers 200 /.golt/page.js
+    answers 404 /.golt/hls.js
+
+    printf 'script' >hls.js
+    mkdir -p other/films
+    serve films other/films films/movie.mp4 --hls-js hls.js
+    answers 200 /
+    [ "$(grep -o 'href="./[^"]*' body | cut -d/ -f2 | tr '\n' ' ')" = 'films films%20%282%29 movie.mp4 ' ]
+    answers 200 '/films%20%282%29/'
+    answers 200 "$(segment /movie.mp4 0)"
+    answers 404 /movie.mkv/index.m3u8
+    answers 200 /.golt/hls.js
+    run -1 $GOLT serve gone
+    run -2 $GOLT serve films --cache 1
+    run -2 $GOLT serve films --port 65536
+}
+
+@test "serves nothing else" {
+    mkdir films/.dots films/sub
+    cp films/movie.mp4 films/.dots
+    cp films/movie.mp4 films/.dot.mp4
+    cp films/movie.mp4 secret.mp4
+    ln -s ../secret.mp4 films/out.mp4
+    ln -s "$PWD/films/movie.mp4" films/absolute.mp4
+    ln -s .. films/up
+    ln -s loop films/loop
+    ln -s ../movie.mp4 films/sub/in.mp4
+    mkfifo films/pipe.mp4
+    serve films
+    local path
+    for path in /.dots/movie.mp4 /.dot.mp4 /out.mp4 /absolute.mp4 /up/secret.mp4 /loop /pipe.mp4 \
+        /sub/../movie.mp4 /sub/%2e%2E/movie.mp4 /../secret.mp4 /%2e%2e/secret.mp4 /sub%2f..%2fmovie.mp4 \
+        /..%2fsecret.mp4 //movie.mp4 /./movie.mp4 /movie.mp4%00 /%ff%fe /%zz /sub \
+        "/$(printf 'a/%.0s' {1..500})"; do
+        answers 404 "$path/index.m3u8"
+        answers 404 "$path/0123456789abcdef/0.ts"
+    done
+    answers 404 /movie.mp4/0123456789abcdef/0.ts
+    answers 404 /up/
+    # A link that stays below the folder is followed, where the kernel sees to it.
+    answers 200 /sub/in.mp4/index.m3u8
+    answers 200 /
+    [ "$(grep -c '<li ' body)" -eq 4 ]
+    answers 431 / -H "X-Long: $(printf 'a%.0s' {1..20000})"
+}
+
+@test "notices that files change, shrink and vanish" {
+    serve films
+    local address
+    address=$(segment /movie.mp4 0)
+    answers 200 "$address"
+    touch films/movie.mp4
+    answers 404 "$address"
+    [ "$(cat body)" = 'the file has changed' ]
+    answers 200 "$(segment /movie.mp4 0)"
+    address=$(segment /movie.mkv 1)
+    answers 200 "$address" -I
+    truncate -s 50000 films/movie.mkv
+    answers 404 "$address"
+    rm films/movie.mp4
+    answers 404 /movie.mp4/index.m3u8
+    answers 404 /movie.mp4/
+    # Changes while it is read don't reach a client as another film's bytes.
+    mkfifo films/movie.mp4
+    answers 404 /movie.mp4/index.m3u8
+}
+
+@test "outlives the death of its processes" {
+    serve films --workers 2
+    local address i victim
+    address=$(segment /movie.mkv 0)
+    answers 200 "$address"
+    cp body whole
+    for i in {1..12}; do
+        mapfile -t victim < <(pgrep -P "$pid")
+        kill -9 "${victim[RANDOM % ${#victim[@]}]}"
+        curl -s --retry 20 --retry-delay 1 --retry-all-errors -o body "$base$address"
+        cmp body whole
+        curl -s --retry 20 --retry-delay 1 --retry-all-errors -f -o body "$base/music.mp3/index.m3u8"
+    done
+    grep -q 'ended by signal 9; it is replaced' said
+    [ "$(count deaths_total)" -ge 10 ]
+    local status=0
+    kill -TERM "$pid"
+    wait "$pid" || status=$?
+    [ "$status" -eq 143 ]
+    [ -z "$(pgrep -g "$pid")" ]
+}
+
+@test "keeps clients within their limits" {
+    serve films --workers 1 --connections 8 --per-address 5 --cache 1M
+    timeout 20 python3 - "$base" "$(segment /movie.mp4 0)" <<'TEXT'
+import socket, sys, time
+host, port = sys.argv[1].split("/")[2].split(":")
+def connect(text):
+    client = socket.create_connection((host, int(port)), timeout=10)
+    client.sendall(text)
+    return client
+def closed(client):
+    try:
+        return client.recv(1) == b""
+    except ConnectionError:
+        return True
+half = [connect(b"GET / HTTP/1.1\r\nHost: x\r\nX: ") for _ in range(5)]
+assert closed(connect(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n")), "a sixth connection is served"
+half.pop().close()
+time.sleep(0.2)
+# One that asks and doesn't read holds nothing up.
+slow = connect(b"GET " + sys.argv[2].encode() + b" HTTP/1.1\r\nHost: x\r\n\r\n")
+half.pop().close()
+time.sleep(0.2)
+assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n").recv(12) == b"HTTP/1.1 200"
+TEXT
+    # When most connections are taken, those that don't get on go soon.
+    serve films --workers 1 --connections 4
+    timeout 20 python3 - "$base" <<'TEXT'
+import socket, sys
+host, port = sys.argv[1].split("/")[2].split(":")
+idle = [socket.create_connection((host, int(port)), timeout=15) for _ in range(4)]
+late = socket.create_connection((host, int(port)), timeout=15)
+late.sendall(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n")
+assert late.recv(12) == b"HTTP/1.1 200"
+TEXT
+    [ "$(count connections_dropped_total)" -ge 1 ]
+}
+
+# hashes INPUT STREAM [OPTION...]: of its decoded frames.
+hashes() { ffmpeg -v error -nostdin -i "$1" -map "0:$2" "${@:3}" -f framehash -hash md5 - | awk -F', *' '/^0/ {print $6}'; }
+
+# same FILE STREAM [OPTION...]: ffmpeg decodes the playlist to what it decodes the file to. What an encoder puts before the
+# first audio is dropped in files alone;
+# a frame that holds an index is one more in streams.
+same() {
+    hashes "films/$1" "${@:2}" >expected
+    hashes "$base/$1/index.m3u8" "${@:2}" >got
+    echo "$1 $2: $(wc -l <expected) $(wc -l <got)"
+    [ -s expected ]
+    [ $(($(wc -l <got) - $(wc -l <expected))) -le $([ "$2" = a ] && echo 1 || echo 0) ]
+    tail -n "$(wc -l <expected)" got | cmp - expected
+}
+
+@test "ffmpeg decodes the playlist to what the file holds" {
+    serve films
+    same movie.mp4 v
+    same movie.mp4 a
+    same movie.mkv v
+    same movie.mkv a
+    # An encoder's delay, which a file states and a stream doesn't, moves what is decoded: the frames, then.
+    same music.mp3 a -c copy
+}
+
+@test "serves files of another server, and waits for none that stalls" {
+    cd films
+    python3 "$BATS_TEST_DIRNAME/lying_server.py" >../port 2>../log 3>&- &
+    pids+=($!)
+    cd ..
+    while [ ! -s port ]; do sleep 0.1; done
+    local other
+    other=http://127.0.0.1:$(cat port)
+    serve "$other/announced/movie.mp4" "$other/drips/movie.mkv" "$other/escapes/music.mp3" films --timeout 2
+    answers 200 "$(segment /movie.mp4 1)"
+    cp body whole
+    answers 200 "$(segment /films/movie.mp4 1)"
+    cmp body whole
+    curl -s -o slow "$base/movie.mkv/index.m3u8" 3>&- &
+    pids+=($!)
+    sleep 0.5
+    answers 200 "$(segment /films/movie.mkv 1)" -m 2
+    answers 502 /music.mp3/index.m3u8
+}
+
+@test "takes a socket of the service manager" {
+    cat >activate.py <<'TEXT'
+import os, socket, sys
+listener = socket.create_server(("127.0.0.1", 0))
+os.dup2(listener.fileno(), 3)
+os.set_inheritable(3, True)
+os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1")
+os.execvp(sys.argv[1], sys.argv[1:])
+TEXT
+    GOLT="python3 activate.py $GOLT" serve films --workers 1
+    answers 200 /movie.mp4/details.json
+}
