@@ -120,7 +120,7 @@ TEST(Mkv, TakesTheFirstTracksOfAKnownKind)
 TEST(Mkv, WalksClustersAndBlocks)
 {
     expect_traces({
-        {"element between clusters", VIDEO + "v0(65) . =EC[00*5] c0 v0(41) v0(41) v0(41)", "v0|65"},
+        {"element between clusters", VIDEO + "v0(65) . =EC[00*5] c0 v0(41) c0 v0(41)", "v0|65"},
         {"damaged cluster", AUDIO + "a0=01 =00*4000 a0=02 c0 a0=03", "a0=01 a0=03"},
         {"other tracks", VIDEO + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
         {"times below zero", VIDEO + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
@@ -317,6 +317,7 @@ TEST(Mkv, ReadsALargeFrameWithoutSeeking)
         int reads, seeks = 0;
     } rows[] = {
         {"small", VIDEO + "v0(41*9)", "v0|41*9", 13},
+        {"in a group", VIDEO + "=A0[A1[81%0(41*9)]]", "v0|41*9", 15},
         {"3 MB", VIDEO + "v0(41*3000000)", "v0|41*3000000", 15},
         {"16 MB", VIDEO + "v0(41*16000000)", "v0|41*16000000", 15},
         {"20 MB", VIDEO + "v0(41*20000000)", "v0|41*20000000", 16},
