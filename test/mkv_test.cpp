@@ -171,6 +171,8 @@ TEST(Mkv, RewritesH264)
         {"more than the room",
          AVC + "63A2[AA*100] c0 v0" + times(100, "(6501)") + times(100, "{41*6}") + " v9(41)",
          "v0=" + times(20, "AA*100|6501") + times(80, "|6501") + times(94, "|41*6") + " v9|41"},
+        {"just the room", AVC + "63A2[AA*128] c0 v0" + times(17, "(6501)"),
+         "v0=" + times(16, "AA*128|6501") + "|6501"},
 
         {"record", record + "E1.0002.6711.02.0001.68.0002.6801.FC" + c, "v0|6711|68|6801|65"},
         {"one kind of sets", record + "E1.0002.6711" + c, "v0|6711|65"},
