@@ -37,7 +37,7 @@ def path_of(folder, form, rate):
 def make_real_files(folder, size, rates):
     """Files of about size bytes in each format, of a high or a low bit rate or both, unless they are there."""
     os.makedirs(folder, exist_ok=True)
-    for rate, seconds, picture, effect, video, sound in FILMS:
+    for rate, seconds, picture, effect, video, audio in FILMS:
         if rate not in rates:
             continue
         out = path_of(folder, "mp4", rate)
@@ -47,7 +47,7 @@ def make_real_files(folder, size, rates):
                    "-f", "lavfi", "-i", f"anoisesrc=duration={seconds}:color=pink:sample_rate=48000:seed=1",
                    "-c:v", "libx264", "-preset", "ultrafast", "-bf", "2", "-g", "50", "-pix_fmt", "yuv420p",
                    "-b:v", f"{video}k", "-minrate", f"{video}k", "-maxrate", f"{video}k",
-                   "-bufsize", f"{video}k", "-c:a", "aac", "-b:a", f"{sound}k", seed)
+                   "-bufsize", f"{video}k", "-c:a", "aac", "-b:a", f"{audio}k", seed)
             loop(seed, out, size)
         copies = (("mkv", ()), ("m2ts", ("-f", "mpegts", "-mpegts_m2ts_mode", "1")))
         for form, arguments in copies:

@@ -93,7 +93,7 @@ Mp4Track pictures(size_t count)
     return track;
 }
 
-Mp4Track sound(size_t count)
+Mp4Track audio_frames(size_t count)
 {
     Mp4Track track = Mp4Track::audio();
     for (uint8_t i = 0; i < count; ++i)
@@ -104,7 +104,7 @@ Mp4Track sound(size_t count)
 
 void write_mp4()
 {
-    Mp4Track video = pictures(5), audio = sound(6);
+    Mp4Track video = pictures(5), audio = audio_frames(6);
     write_seeds(2, "both", Mp4File().add(video).add(audio).build(), true);
     Mp4File last;
     last.order = {"ftyp", "mdat", "moov"};
@@ -115,9 +115,9 @@ void write_mp4()
     audio.long_lengths = true;
     audio.put["stsz"] = table_box("stsz", 3, {6});
     write_seeds(2, "constant_size", Mp4File().add(audio).add(pictures(2)).build(), false);
-    Mp4Track ac3 = sound(3);
+    Mp4Track ac3 = audio_frames(3);
     ac3.entry_type = "ac-3";
-    write_seeds(2, "ac3", Mp4File().add(ac3).add(sound(4)).add(pictures(2)).build(), false);
+    write_seeds(2, "ac3", Mp4File().add(ac3).add(audio_frames(4)).add(pictures(2)).build(), false);
     Mp4Track sets = pictures(3);
     sets.sps = {{0x67, 1, 2, 3}, {0x67, 9}};
     sets.pps = {{0x68}, {}, {0x68, 4, 5}};
@@ -199,7 +199,8 @@ void write_outlines()
 {
     const Bytes list =
         hex("00000000 00000002 00000064 FFFFFFFF 00010000 000003E8 00000050 00010000");
-    Mp4Track video = pictures(5), audio = sound(6), far = pictures(2), compact = sound(3);
+    Mp4Track video = pictures(5), audio = audio_frames(6), far = pictures(2),
+             compact = audio_frames(3);
     video.order["trak"].push_back("edts");
     video.put["edts"] = box("edts", box("elst", list));
     audio.order["trak"].push_back("tref");

@@ -22,7 +22,7 @@ make faststart.mp4 -c:v libx264 -crf 40 -c:a ac3 -b:a 32k -movflags +faststart
 make avc_aac.mkv -c:v libx264 -crf 40 -c:a aac -b:a 24k -cluster_time_limit 100
 make avc_ac3.mkv -c:v libx264 -crf 40 -c:a ac3 -b:a 32k
 make avc_aac.m2ts -c:v libx264 -crf 40 -c:a aac -b:a 24k -f mpegts -mpegts_m2ts_mode 1
-make sound.mp3 -vn -c:a libmp3lame -b:a 32k
-make sound.mp4 -vn -c:a libmp3lame -b:a 32k
+make audio.mp3 -vn -c:a libmp3lame -b:a 32k
+make audio.mp4 -vn -c:a libmp3lame -b:a 32k
 mkvmerge -q --deterministic 1 --cluster-length 120ms -o "$real/merged.mkv" "$real/avc_aac.mp4"
 "$make_seeds" "$dir" "$real"/*

@@ -14,7 +14,7 @@ namespace {
 
 // The limits. --help and the manual repeat them.
 constexpr size_t REORDER_PICTURES = 16;                  // MaxDpbFrames of H.264
-constexpr int64_t SOUND_JUMP = 100 * TICKS_PER_MS;       // over the length of a frame
+constexpr int64_t AUDIO_JUMP = 100 * TICKS_PER_MS;       // over the length of a frame
 constexpr int64_t PICTURE_JUMP = 10 * TICKS_PER_SECOND;  // and over
 constexpr int64_t PICTURE_JUMP_FACTOR = 10;              // times the mean step
 constexpr int64_t APART = TICKS_PER_SECOND;              // ISO/IEC 13818-1: data waits 1 s
@@ -159,7 +159,7 @@ void Judge::on_frame(const StreamFrame &frame)
     judge_distance(stream, frame);
     if (const auto step = stream.order.add(*frame.time))
         judge_step(stream, is_video(frame.codec), *step);
-    if (frame.content.sound) stream.frame_length = length_of(frame);
+    if (frame.content.audio) stream.frame_length = length_of(frame);
 }
 
 void Judge::on_problem(const TsProblem &problem)
@@ -220,7 +220,7 @@ void Judge::judge_step(StreamJudge &stream, bool f_video, const TimeOrder::Step 
             findings.add(JUMP, stream.name, stream.packet, step.time, step.length);
         stream.sum += step.length;
         ++stream.steps;
-    } else if (step.length > stream.frame_length + SOUND_JUMP) {
+    } else if (step.length > stream.frame_length + AUDIO_JUMP) {
         findings.add(JUMP, stream.name, stream.packet, step.time, step.length);
     }
 }
@@ -241,9 +241,9 @@ void Judge::judge_content(StreamJudge &stream, const StreamFrame &frame)
     if (frame.pes.length != 0 && frame.pes.size > LONGEST_PES)
         findings.add(LONG_PES, stream.name, packet, frame.time,
                      static_cast<int64_t>(frame.pes.size));
-    if (content.sound && content.sound->size > frame.pes.payload_size)
+    if (content.audio && content.audio->size > frame.pes.payload_size)
         findings.add(CUT, stream.name, packet, frame.time,
-                     static_cast<int64_t>(content.sound->size - frame.pes.payload_size));
+                     static_cast<int64_t>(content.audio->size - frame.pes.payload_size));
 
     for (size_t i = 0; i < content.unit_count; ++i) {
         const uint8_t unit = content.units[i];
@@ -291,7 +291,7 @@ TimeOrder::Step TimeOrder::leave()
 // How long a PES packet of audio lasts, 90 kHz; ready-made ones may hold several frames.
 int64_t length_of(const StreamFrame &frame)
 {
-    const SoundHeader &header = *frame.content.sound;
+    const AudioHeader &header = *frame.content.audio;
     if (header.sample_rate == 0) return 0;
     const uint64_t size = std::max<uint64_t>(header.size, 1);
     const uint64_t in_it = std::max<uint64_t>((frame.pes.payload_size + size - 1) / size, 1);

@@ -86,7 +86,7 @@ std::string header_of(const FramesOptions &options, const Input &input)
 std::string text_line(const StreamFrame &frame)
 {
     std::string content = unit_names(frame.codec, frame.content);
-    if (const auto &audio = frame.content.sound) {
+    if (const auto &audio = frame.content.audio) {
         content = fmt::format("{} {} Hz, {} ch, {} samples", codec_name(frame.codec),
                               audio->sample_rate, audio->channels, audio->samples);
         if (audio->bit_rate != 0) content += fmt::format(", {} kbit/s", audio->bit_rate / 1000);
@@ -104,7 +104,7 @@ std::string csv_line(const StreamFrame &frame)
     std::string line = fmt::format("{},{},{},{},{},{},{},{}", frame.number, kind_of(frame),
                                    frame.pes.pid, codec_id(frame.codec), time_of(frame),
                                    frame.pes.payload_size, frame.pes.first_packet, units);
-    const auto &audio = frame.content.sound;
+    const auto &audio = frame.content.audio;
     if (!audio) return line + ",,,,\n";
     return line + fmt::format(",{},{},{},{}\n", audio->sample_rate, audio->channels,
                               audio->bit_rate, audio->samples);
@@ -126,7 +126,7 @@ std::string json_line(const StreamFrame &frame)
             units.push_back(frame.content.units[i]);
         if (frame.content.more_units != 0) json["more_units"] = frame.content.more_units;
     }
-    if (const auto &audio = frame.content.sound) {
+    if (const auto &audio = frame.content.audio) {
         json["sample_rate"] = audio->sample_rate;
         json["channels"] = audio->channels;
         if (audio->bit_rate != 0) json["bits_per_second"] = audio->bit_rate;

@@ -17,7 +17,7 @@ h264="-c:v libx264 -threads 1 -g 15 -bf 3"
 movie="$picture $stereo $h264"
 
 # ffmpeg's Matroska files don't state how long an audio frame lasts: all have one time.
-no_sound_clock=untimed
+no_audio_clock=untimed
 
 setup() { cd "$BATS_TEST_TMPDIR"; }
 
@@ -125,9 +125,9 @@ beside() {
 @test "mp4 cover beside h264" { beside "-map 0 $h264" "-map 0 -c:v:1 mjpeg -bf:v:1 0 -pix_fmt:v:1 yuvj420p"; }
 @test "mp4 hevc beside h264" { beside "-map 0 $h264" "-map 0 -c:v:1 libx265 -x265-params log-level=0"; }
 
-@test "mkv aac" { $movie -c:a aac a.mkv && same a.mkv $no_sound_clock; }
-@test "mkv mp3" { $movie -c:a libmp3lame a.mkv && same a.mkv $no_sound_clock; }
-@test "mkv cues in front" { $movie -c:a ac3 -cues_to_front 1 a.mkv && same a.mkv $no_sound_clock; }
+@test "mkv aac" { $movie -c:a aac a.mkv && same a.mkv $no_audio_clock; }
+@test "mkv mp3" { $movie -c:a libmp3lame a.mkv && same a.mkv $no_audio_clock; }
+@test "mkv cues in front" { $movie -c:a ac3 -cues_to_front 1 a.mkv && same a.mkv $no_audio_clock; }
 @test "mkvmerge aac" { merged aac && same a.mkv; }
 @test "mkvmerge mp3 xiph lacing" { merged libmp3lame --engage lacing_xiph && same a.mkv; }
 @test "mkvmerge ac3 block groups" { merged ac3 --engage no_simpleblocks && same a.mkv; }

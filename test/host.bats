@@ -12,8 +12,8 @@ clip() {
         -movflags +faststart "$1"
 }
 
-# with_sound OUT SECONDS: the picture of video.mp4, and a tone.
-with_sound() {
+# with_audio OUT SECONDS: the picture of video.mp4, and a tone.
+with_audio() {
     ffmpeg -v error -nostdin -i video.mp4 -f lavfi -i "sine=sample_rate=48000:duration=$2" \
         -c:v copy -c:a aac "$1"
 }
@@ -184,7 +184,7 @@ judges() {
 @test "keeps to the times asked" {
     # Frames of 1152 samples: 0, 26, 52 ms and so on; frame 39 is at 1018.
     ffmpeg -v error -nostdin -f lavfi -i sine=sample_rate=44100 -frames:a 100 -write_xing 0 \
-        -id3v2_version 0 sound.mp3
+        -id3v2_version 0 audio.mp3
     ends 0 ': 100 frames, ' 'video.mp4 1'
     ends 0 ': 7 frames, '   'video.mp4 2 --frames 7'
     ends 0 ': 25 frames, '  'video.mp4 3 --to 1'
@@ -192,9 +192,9 @@ judges() {
     ends 0 ': 50 frames, '  'video.mp4 5 --start 0:02.5'
     ends 0 ': 75 frames, '  'video.mp4 6 --start 1.5 --to 0:03'
     ends 0 ': 100 frames, ' 'video.mp4 7 --start 0 --frames 500'
-    ends 0 ': 100 frames, ' 'sound.mp3 8 --start 0'
-    ends 0 ': 62 frames, '  'sound.mp3 9 --start 1s'
-    ends 0 ': 5 frames, '   'sound.mp3 10 --start 0:01 --to 1.1s'
+    ends 0 ': 100 frames, ' 'audio.mp3 8 --start 0'
+    ends 0 ': 62 frames, '  'audio.mp3 9 --start 1s'
+    ends 0 ': 5 frames, '   'audio.mp3 10 --start 0:01 --to 1.1s'
 }
 
 @test "distinguishes a whole input from one that ends early" {
@@ -202,8 +202,8 @@ judges() {
     clip day.mp4 1/1000 100
     # The duration in "mdhd" of version 0 (ISO/IEC 14496-12).
     perl -0777 -pe 's/mdhd.{16}\K.{4}/\0\0\0\0/s' video.mp4 >untimed.mp4
-    with_sound short_sound.mp4 0.4
-    with_sound long_sound.mp4 10
+    with_audio short_audio.mp4 0.4
+    with_audio long_audio.mp4 10
     # One byte is left of the frame after that of 2.44 s.
     local at
     at=$(ffprobe -v error -show_entries packet=pos -of csv=p=0 video.mp4 | sed -n 63p)
@@ -217,8 +217,8 @@ judges() {
     judges slides.mp4          0 ': 6 frames'
     judges day.mp4             0 ', 27:46:40.000'
     judges untimed.mp4         0 ': 100 frames'
-    judges short_sound.mp4     0 ''
-    judges long_sound.mp4      0 ''
+    judges short_audio.mp4     0 ''
+    judges long_audio.mp4      0 ''
     judges cut.mp4             3 'ended at 00:00:02.480 of 00:00:04.000'
     judges longer_subtitle.mkv 0 ': 11 frames'
     judges whole.m2ts          0 ': 10 packets'

@@ -60,10 +60,10 @@ setup_file() {
         -qp 18 -g 25 -c:a ac3"
     $movie -movflags +faststart movie.mp4
     $movie end.mp4
-    ffmpeg -v error -nostdin -i movie.mp4 -vn -c:a libmp3lame -b:a 320k sound.mp3
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -c:a libmp3lame -b:a 320k audio.mp3
     $GOLT remux -q movie.mp4 movie.expected
     $GOLT remux -q end.mp4 end.expected
-    $GOLT remux -q sound.mp3 sound.expected
+    $GOLT remux -q audio.mp3 audio.expected
     : >empty.mp4
 
     openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1 \
@@ -115,7 +115,7 @@ fails() {
 @test "reads what nginx serves" {
     same "$nginx/plain/movie.mp4" movie
     same "$nginx/plain/end.mp4" end
-    same "$nginx/plain/sound.mp3?session=1" sound
+    same "$nginx/plain/audio.mp3?session=1" audio
     same "$nginx/moved/end.mp4" end
     $GOLT remux -q "$nginx/plain/movie.mp4?x=1#y"
     cmp movie.ts movie.expected
@@ -141,7 +141,7 @@ fails() {
     $GOLT remux -q --as-is "$BATS_FILE_TMPDIR/end.mp4" bare.expected
     same "$nginx/whole/end.mp4" bare --as-is
     same "$server/chunks/movie.mp4" movie
-    same "$server/chunks/sound.mp3" sound
+    same "$server/chunks/audio.mp3" audio
 }
 
 @test "believes no server that lies" {
@@ -159,11 +159,11 @@ fails() {
     fails 3 'the server sends the file encoded (gzip)' "$server/gzip/movie.mp4" out.gzip
     fails 3 'sends another range than was asked for' "$server/other/movie.mp4" out.other
     fails 3 'gave up after 4 tries' "$server/gone/movie.mp4" out.gone
-    fails 3 'gave up after 4 tries' "$server/unknown_silent/sound.mp3" out.silent
-    fails 3 "whether it is whole isn't known" "$server/halved/sound.mp3" out.halved
-    fails 3 "whether it is whole isn't known" "$server/endless/sound.mp3" out.endless
+    fails 3 'gave up after 4 tries' "$server/unknown_silent/audio.mp3" out.silent
+    fails 3 "whether it is whole isn't known" "$server/halved/audio.mp3" out.halved
+    fails 3 "whether it is whole isn't known" "$server/endless/audio.mp3" out.endless
     fails 3 'gave up after 4 tries' "$server/drips/movie.mp4" out.drips --timeout 1
-    cmp out.endless sound.expected
+    cmp out.endless audio.expected
     for way in longer changes vanishes shrinks replaced gzip other gone drips; do
         head -c "$(stat -c %s out.$way)" movie.expected | cmp - out.$way
     done
@@ -178,10 +178,10 @@ fails() {
     same "$secure/plain/end.mp4" end --insecure
     SSL_CERT_FILE=$certificate same "$secure/plain/movie.mp4" movie
 
-    fails 1 'answers 403' "$server/token/sound.mp3" out
-    same "$server/token/sound.mp3" sound --header 'X-Other: 1' --header 'X-Token: secret'
-    fails 2 '--header takes NAME:VALUE' "$server/token/sound.mp3" out --header 'secret'
-    fails 2 "--header can't set" "$server/token/sound.mp3" out --header 'Range: secret'
+    fails 1 'answers 403' "$server/token/audio.mp3" out
+    same "$server/token/audio.mp3" audio --header 'X-Other: 1' --header 'X-Token: secret'
+    fails 2 '--header takes NAME:VALUE' "$server/token/audio.mp3" out --header 'secret'
+    fails 2 "--header can't set" "$server/token/audio.mp3" out --header 'Range: secret'
     [[ $output != *secret* ]]
 
     same "$login/secret/movie.mp4" movie

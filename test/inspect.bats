@@ -76,13 +76,13 @@ is() {
 
 @test "prints the figures of audio" {
     ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 44100 -c:a libmp3lame -b:a 160k \
-        -write_xing 0 sound.mp3
-    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 22050 -c:a aac sound.m4a
-    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 6 -c:a eac3 sound.mp4
+        -write_xing 0 audio.mp3
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 2 -ar 22050 -c:a aac audio.m4a
+    ffmpeg -v error -nostdin -i movie.mp4 -vn -ac 6 -c:a eac3 audio.mp4
     local figures='[.codec, .sample_rate, .channels, .bits_per_second, .samples]'
-    is '["mp3",44100,2,160000,1152]' "$($GOLT frames sound.mp3 --json | sed -n 9p | jq -c "$figures")"
-    is '["aac",22050,2,null,1024]' "$($GOLT frames sound.m4a --json | sed -n 9p | jq -c "$figures")"
-    is '["eac3",48000,6,null,1536]' "$($GOLT frames sound.mp4 --json | sed -n 9p | jq -c "$figures")"
+    is '["mp3",44100,2,160000,1152]' "$($GOLT frames audio.mp3 --json | sed -n 9p | jq -c "$figures")"
+    is '["aac",22050,2,null,1024]' "$($GOLT frames audio.m4a --json | sed -n 9p | jq -c "$figures")"
+    is '["eac3",48000,6,null,1536]' "$($GOLT frames audio.mp4 --json | sed -n 9p | jq -c "$figures")"
 }
 
 # finds FILE CODE...: golt check finds just these.

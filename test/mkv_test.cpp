@@ -120,7 +120,7 @@ TEST(Mkv, TakesTheFirstTracksOfAKnownKind)
 TEST(Mkv, WalksClustersAndBlocks)
 {
     expect_traces({
-        {"element between clusters", VIDEO + "v0(65) . =EC[00*5] c0 v0(41) v0(41) v0(41)", "v0|65"},
+        {"element between clusters", VIDEO + "v0(65) . =EC[00*5] c0 v0(41) c0 v0(41)", "v0|65"},
         {"damaged cluster", AUDIO + "a0=01 =00*4000 a0=02 c0 a0=03", "a0=01 a0=03"},
         {"other tracks", VIDEO + "=A3[87.00*500]A3[412C.00*4] c5 v0(41)", "v5|41"},
         {"times below zero", VIDEO + "v-1(41) c100 v-1(41)", "v4294967295|41 v99|41"},
@@ -171,6 +171,8 @@ TEST(Mkv, RewritesH264)
         {"more than the room",
          AVC + "63A2[AA*100] c0 v0" + times(100, "(6501)") + times(100, "{41*6}") + " v9(41)",
          "v0=" + times(20, "AA*100|6501") + times(80, "|6501") + times(94, "|41*6") + " v9|41"},
+        {"just the room", AVC + "63A2[AA*128] c0 v0" + times(17, "(6501)"),
+         "v0=" + times(16, "AA*128|6501") + "|6501"},
 
         {"record", record + "E1.0002.6711.02.0001.68.0002.6801.FC" + c, "v0|6711|68|6801|65"},
         {"one kind of sets", record + "E1.0002.6711" + c, "v0|6711|65"},
@@ -317,6 +319,7 @@ TEST(Mkv, ReadsALargeFrameWithoutSeeking)
         int reads, seeks = 0;
     } rows[] = {
         {"small", VIDEO + "v0(41*9)", "v0|41*9", 13},
+        {"in a group", VIDEO + "=A0[A1[81%0(41*9)]]", "v0|41*9", 15},
         {"3 MB", VIDEO + "v0(41*3000000)", "v0|41*3000000", 15},
         {"16 MB", VIDEO + "v0(41*16000000)", "v0|41*16000000", 15},
         {"20 MB", VIDEO + "v0(41*20000000)", "v0|41*20000000", 16},

@@ -221,7 +221,7 @@ TEST(Mp3, LeavesNoByteOfAFrameUnwritten)
         const uint32_t got = Source::read_proc(source, buffer, size);
         return got == size ? size : size + 1;
     };
-    Source source(hex("FFFB9000 0102"));
+    Source source(hex("FFFB9000"));
     ASSERT_TRUE(GOLT_DMX_MP3Init(lie, Source::seek_proc, &source));
     GOLT_frame_t frame = {};
     ASSERT_TRUE(GOLT_DMX_MP3ReadFrame(&frame));

@@ -413,7 +413,7 @@ TEST(Selection, FollowsTheLibrarysRules)
 TEST(ClusterWalk, FindsTheEndAndWhatIsWrong)
 {
     const std::string head = "t1['V_MPEG4/ISO/AVC'] t2['A_AC3'] ";
-    const Bytes sound = MkvFile(head + "c0 v0(65) a0=01 v40(41) c80 v0(65) k").build();
+    const Bytes whole = MkvFile(head + "c0 v0(65) a0=01 v40(41) c80 v0(65) k").build();
     const Bytes open = MkvFile(head + ". =1F43B675.01FFFFFFFFFFFFFF.E7[00] v0(65) v40(41) "
                                       "=1F43B675.01FFFFFFFFFFFFFF.E7[50] v0(65)")
                            .build();
@@ -423,9 +423,9 @@ TEST(ClusterWalk, FindsTheEndAndWhatIsWrong)
         bool f_whole, f_damaged, f_cut, f_parted;
         int64_t last;
     } rows[] = {
-        {"sound", sound, true, false, false, false, 80},
+        {"whole", whole, true, false, false, false, 80},
         {"no sizes", open, true, false, false, false, 80},
-        {"cut in a cluster", Bytes(sound.begin(), sound.end() - 16), false, false, true, false, 40},
+        {"cut in a cluster", Bytes(whole.begin(), whole.end() - 16), false, false, true, false, 40},
         {"no cluster where one is due", MkvFile(head + "c0 v0(65) . =AABB c80 v0(65)").build(),
          false, true, false, false, 0},
         {"no child", MkvFile(head + "c0 v0(65) =EF80 v40(41)").build(), false, true, false, false,

@@ -274,7 +274,7 @@ TEST(CacheBuffer, AsksForWhatItLacksAndGivesWhatItHolds)
     EXPECT_EQ(buffer.read(BLOCK + 80, out.data(), 50), 20);
     EXPECT_TRUE(std::equal(out.begin(), out.begin() + 20, file.begin() + BLOCK + 80));
     EXPECT_EQ(buffer.read(BLOCK + 100, out.data(), 1) + buffer.read(BLOCK - 1, out.data(), 1) +
-                  buffer.read(BLOCK, out.data(), 0),
+                  buffer.read(BLOCK, out.data(), 0) + buffer.read(BLOCK, out.data(), -1),
               0);
     EXPECT_EQ(buffer.read(BLOCK, out.data(), 79), 79);
     EXPECT_FALSE(buffer.consumed());

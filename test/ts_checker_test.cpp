@@ -44,7 +44,7 @@ TsReport check(const std::string &order, const Bytes &change = {0, 0, 0x47})
     return check_ts(stream);
 }
 
-TEST(TsChecker, ReadsASoundStream)
+TEST(TsChecker, ReadsAnAudioStream)
 {
     const TsReport report = check("01233456");  // a packet may come twice
     EXPECT_THAT(report.problems, ::testing::IsEmpty());

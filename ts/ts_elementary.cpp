@@ -8,16 +8,16 @@ namespace {
 
 using Head = const uint8_t *;
 
-std::optional<SoundHeader> read_mpeg_audio(Head head);
-std::optional<SoundHeader> read_adts(Head head);
-std::optional<SoundHeader> read_ac3(Head head);
-std::optional<SoundHeader> read_eac3(Head head);
+std::optional<AudioHeader> read_mpeg_audio(Head head);
+std::optional<AudioHeader> read_adts(Head head);
+std::optional<AudioHeader> read_ac3(Head head);
+std::optional<AudioHeader> read_eac3(Head head);
 
 constexpr struct {
     Codec codec;
     const char *name;
     const char *id;
-    std::optional<SoundHeader> (*read)(Head head);
+    std::optional<AudioHeader> (*read)(Head head);
 } CODECS[] = {
     {Codec::UNKNOWN, "unknown", "unknown", nullptr},
     {Codec::MPEG2, "MPEG-2", "mpeg2", nullptr},
@@ -98,7 +98,7 @@ void ContentReader::feed(const uint8_t *bytes, size_t size)
 FrameContent ContentReader::finish()
 {
     const auto read = row_of(m_codec).read;
-    if (read != nullptr && m_head_size == HEAD_SIZE) m_content.sound = read(m_head.data());
+    if (read != nullptr && m_head_size == HEAD_SIZE) m_content.audio = read(m_head.data());
     return m_content;
 }
 
@@ -157,7 +157,7 @@ std::string unit_name(Codec codec, uint8_t unit)
 }
 
 // ISO/IEC 11172-3 and 13818-3: the header of a frame of Layers I to III.
-std::optional<SoundHeader> read_mpeg_audio(Head head)
+std::optional<AudioHeader> read_mpeg_audio(Head head)
 {
     // Kilobits in a second by bitrate_index: Layers I, II and III, and with halved sample rates
     // Layer I, then Layers II and III.
@@ -175,7 +175,7 @@ std::optional<SoundHeader> read_mpeg_audio(Head head)
         rate == 15 || sampling == 3)
         return {};
     const bool f_half = version != 3;
-    SoundHeader header;
+    AudioHeader header;
     header.sample_rate = SAMPLE_RATES[sampling] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
     header.channels = head[3] >> 6 == 3 ? 1 : 2;
     header.bit_rate = RATES[f_half ? (layer == 1 ? 3 : 4) : layer - 1][rate] * 1000U;
@@ -186,7 +186,7 @@ std::optional<SoundHeader> read_mpeg_audio(Head head)
 }
 
 // ISO/IEC 13818-7, adts_fixed_header and adts_variable_header.
-std::optional<SoundHeader> read_adts(Head head)
+std::optional<AudioHeader> read_adts(Head head)
 {
     static constexpr uint32_t SAMPLE_RATES[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                 22050, 16000, 12000, 11025, 8000,  7350};
@@ -194,7 +194,7 @@ std::optional<SoundHeader> read_adts(Head head)
     if (head[0] != 0xFF || (head[1] & 0xF6) != 0xF0 || sampling >= std::size(SAMPLE_RATES))
         return {};
     const unsigned configuration = (head[2] & 1U) << 2 | head[3] >> 6;
-    SoundHeader header;
+    AudioHeader header;
     header.sample_rate = SAMPLE_RATES[sampling];
     header.channels = configuration == 7 ? 8 : configuration;
     header.samples = 1024 * ((head[6] & 3U) + 1);
@@ -207,7 +207,7 @@ constexpr uint8_t AC3_CHANNELS[] = {2, 1, 2, 3, 3, 4, 4, 5};  // by acmod
 constexpr unsigned LAST_AC3_BSID = 10;
 
 // ATSC A/52, syncinfo and the beginning of bsi.
-std::optional<SoundHeader> read_ac3(Head head)
+std::optional<AudioHeader> read_ac3(Head head)
 {
     static constexpr uint16_t RATES[] = {32,  40,  48,  56,  64,  80,  96,  112, 128, 160,
                                          192, 224, 256, 320, 384, 448, 512, 576, 640};
@@ -223,7 +223,7 @@ std::optional<SoundHeader> read_ac3(Head head)
     if ((mode & 4) != 0) at += 2;
     if (mode == 2) at += 2;
     const unsigned bits = static_cast<unsigned>(head[6]) << 8 | head[7];
-    SoundHeader header;
+    AudioHeader header;
     header.sample_rate = AC3_SAMPLE_RATES[sampling];
     header.channels = AC3_CHANNELS[mode] + (bits >> (15 - at) & 1U);
     header.bit_rate = RATES[size_code / 2] * 1000U;
@@ -235,14 +235,14 @@ std::optional<SoundHeader> read_ac3(Head head)
 }
 
 // ATSC A/52, Annex E.
-std::optional<SoundHeader> read_eac3(Head head)
+std::optional<AudioHeader> read_eac3(Head head)
 {
     static constexpr uint8_t BLOCKS[] = {1, 2, 3, 6};
     if (head[0] != 0x0B || head[1] != 0x77) return {};
     if (head[5] >> 3 <= LAST_AC3_BSID) return read_ac3(head);
     const unsigned sampling = head[4] >> 6, second = head[4] >> 4 & 3U, mode = head[4] >> 1 & 7U;
     if (sampling == 3 && second == 3) return {};
-    SoundHeader header;
+    AudioHeader header;
     header.sample_rate = sampling == 3 ? AC3_SAMPLE_RATES[second] / 2 : AC3_SAMPLE_RATES[sampling];
     header.channels = AC3_CHANNELS[mode] + (head[4] & 1U);
     header.samples = 256U * BLOCKS[sampling == 3 ? 3 : second];

@@ -18,7 +18,7 @@ bool is_video(Codec codec);
 const char *codec_name(Codec codec);  ///< for people: "H.264"
 const char *codec_id(Codec codec);    ///< for programs: "h264"
 
-struct SoundHeader {
+struct AudioHeader {
     uint32_t sample_rate = 0;  ///< hertz
     uint32_t channels = 0;     ///< 0 where the header leaves it to the data
     uint32_t bit_rate = 0;     ///< bits in a second; 0 where the header doesn't state it
@@ -33,7 +33,7 @@ struct FrameContent {
     std::array<uint8_t, MOST_UNITS> units = {};
     size_t unit_count = 0;             ///< in the array
     uint64_t more_units = 0;           ///< for which it has no room
-    std::optional<SoundHeader> sound;  ///< of the frame's first header
+    std::optional<AudioHeader> audio;  ///< of the frame's first header
 
     bool has(uint8_t unit) const;
 };

@@ -86,7 +86,7 @@ int32_t BlockDataAnalyze(uint32_t BlockLen)
     const bool f_audio = t_block.ui4_track == mkvctx.AudioFrameInfo->TrackNumber;
     const bool f_video = !f_audio && t_block.ui4_track == mkvctx.VideoFrameInfo->TrackNumber;
     // Sizes that can't be right leave no frame to trust; a video block has one frame in any case.
-    const bool f_wanted = (f_audio && t_block.t_lacing.f_sound) || f_video;
+    const bool f_wanted = (f_audio && t_block.t_lacing.f_valid) || f_video;
     if (header == block_header_t::TOO_LONG || !f_wanted || t_block.DataLen > PAYLOAD_MAX) {
         _MKV_Seek(i8_end);
         return 1;

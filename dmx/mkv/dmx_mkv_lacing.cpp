@@ -24,7 +24,7 @@ void read_xiph_sizes(uint32_t BlockLen, lacing_t &t_lacing)
         t_lacing.frame_data_num[i] = static_cast<uint32_t>(ui8_size);
         ui8_sum += ui8_size;
     }
-    t_lacing.f_sound = ui8_sum <= BlockLen;
+    t_lacing.f_valid = ui8_sum <= BlockLen;
 }
 
 // EBML: a size, then signed differences. The first size is there also for a single frame.
@@ -34,11 +34,11 @@ void read_ebml_sizes(uint32_t BlockLen, lacing_t &t_lacing)
     FileGetVint(&ui4_first);
     int64_t i8_size = ui4_first;
     t_lacing.frame_data_num[0] = ui4_first;
-    for (uint32_t i = 1; i + 1 < t_lacing.count && t_lacing.f_sound; ++i) {
+    for (uint32_t i = 1; i + 1 < t_lacing.count && t_lacing.f_valid; ++i) {
         int32_t i4_difference = 0;
-        t_lacing.f_sound = FileGetSVint(&i4_difference) != 0;
+        t_lacing.f_valid = FileGetSVint(&i4_difference) != 0;
         i8_size += i4_difference;
-        if (i8_size < 0 || i8_size > BlockLen) t_lacing.f_sound = false;
+        if (i8_size < 0 || i8_size > BlockLen) t_lacing.f_valid = false;
         t_lacing.frame_data_num[i] = static_cast<uint32_t>(i8_size);
     }
 }
@@ -60,15 +60,15 @@ void mkv::finish_lace(uint32_t DataLen, lacing_t &t_lacing)
     uint32_t *const pui4_sizes = t_lacing.frame_data_num;
     if (t_lacing.kind == LACING_FIXED) {
         std::fill(pui4_sizes, pui4_sizes + count, DataLen / count);
-    } else if (t_lacing.f_sound) {
+    } else if (t_lacing.f_valid) {
         // The size of a single frame in EBML lacing is the one that was read, whatever the block's.
         const bool f_last_read = t_lacing.kind == LACING_EBML && count == 1;
         const uint32_t known = f_last_read ? count : count - 1;
         uint64_t ui8_sum = 0;
         for (uint32_t i = 0; i < known; ++i)
             ui8_sum += pui4_sizes[i];
-        t_lacing.f_sound = ui8_sum <= (f_last_read ? PAYLOAD_MAX : DataLen);
+        t_lacing.f_valid = ui8_sum <= (f_last_read ? PAYLOAD_MAX : DataLen);
         if (!f_last_read) pui4_sizes[count - 1] = DataLen - static_cast<uint32_t>(ui8_sum);
     }
-    if (count > MKV_LACED_FRAMES_MAX) t_lacing.f_sound = false;
+    if (count > MKV_LACED_FRAMES_MAX) t_lacing.f_valid = false;
 }

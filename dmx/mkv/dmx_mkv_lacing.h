@@ -15,7 +15,7 @@ enum lacing_kind_t : int { LACING_NONE = 0, LACING_XIPH = 1, LACING_FIXED = 2, L
 struct lacing_t {
     lacing_kind_t kind;
     uint32_t count;  // frames
-    bool f_sound;    // the sizes known so far can be right
+    bool f_valid;    // the sizes known so far can be right
     uint32_t frame_data_num[LACED_COUNTS];
 };
 
@@ -29,7 +29,7 @@ inline void read_lacing(uint8_t ui1_flags, uint32_t BlockLen, lacing_t &t_lacing
 {
     t_lacing.kind = static_cast<lacing_kind_t>((ui1_flags & LACING_MASK) >> 1);
     t_lacing.count = 1;
-    t_lacing.f_sound = true;
+    t_lacing.f_valid = true;
     if (t_lacing.kind != LACING_NONE) read_lace(BlockLen, t_lacing);
 }
 

@@ -20,7 +20,7 @@ void StreamTotals::add(const StreamFrame &frame)
         first = std::min(first, *frame.time);
         last = std::max(last, *frame.time);
     }
-    if (!sound) sound = frame.content.sound;
+    if (!audio) audio = frame.content.audio;
 }
 
 int64_t StreamTotals::duration() const

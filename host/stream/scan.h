@@ -19,7 +19,7 @@ struct StreamTotals {
     uint64_t timed_frames = 0;  ///< that have a time
     int64_t first = INT64_MAX;  ///< earliest and latest time, 90 kHz
     int64_t last = INT64_MIN;
-    std::optional<SoundHeader> sound;  ///< of the first frame that has one
+    std::optional<AudioHeader> audio;  ///< of the first frame that has one
 
     void add(const StreamFrame &frame);
     /// From the first frame's beginning to the last one's end, which is taken to last as long as

@@ -12,7 +12,7 @@ constexpr size_t PES_FLAGS_AT = 7, PES_LENGTH_AT = 4, PES_PREFIX = 6, PES_HEADER
 constexpr uint16_t PAT_PID = 0;
 
 /// Whether a frame begins as those of its codec do.
-bool is_sound(Codec codec, const uint8_t *frame, size_t size)
+bool begins_right(Codec codec, const uint8_t *frame, size_t size)
 {
     constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
     constexpr size_t UNIT_AT = sizeof START_CODE;
@@ -178,7 +178,7 @@ void Tally::count(Stream &stream, int64_t time, const uint8_t *pes, size_t size)
     stream.time = time;
     stream.f_damaged = false;
     if (header > size) return;
-    if (!is_sound(tally.codec, pes + header, size - header)) note_damage(stream);
+    if (!begins_right(tally.codec, pes + header, size - header)) note_damage(stream);
     if (&stream == &m_streams[AUDIO]) count_audio(stream, pes + header, size - header, length);
 }
 
@@ -188,18 +188,18 @@ void Tally::count_audio(Stream &stream, const uint8_t *frame, size_t size, size_
     ContentReader reader(tally.codec);
     reader.begin();
     reader.feed(frame, size);
-    const std::optional<SoundHeader> sound = reader.finish().sound;
+    const std::optional<AudioHeader> header = reader.finish().audio;
     const bool f_own_header = tally.codec == Codec::AC3 || tally.codec == Codec::MPEG_AUDIO;
-    if (!sound) {
+    if (!header) {
         if (f_own_header) note_damage(stream);
         return;
     }
     // A few muxers put several frames together.
-    const size_t frames = f_own_header && sound->size != 0 ? length / sound->size : 1;
-    if (f_own_header && sound->size != 0 && frames * sound->size != length) note_damage(stream);
-    if (tally.sample_rate == 0) tally.sample_rate = sound->sample_rate;
+    const size_t frames = f_own_header && header->size != 0 ? length / header->size : 1;
+    if (f_own_header && header->size != 0 && frames * header->size != length) note_damage(stream);
+    if (tally.sample_rate == 0) tally.sample_rate = header->sample_rate;
     stream.frame_start = tally.end();
-    tally.samples += std::max<size_t>(frames, 1) * sound->samples;
+    tally.samples += std::max<size_t>(frames, 1) * header->samples;
 }
 
 void Tally::note_damage(Stream &stream)

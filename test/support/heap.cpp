@@ -26,8 +26,17 @@ HeapWatch g_heap;
 
 namespace {
 
-bool is_refused()
+// After each block of the library lie numbers that a reader past its end takes for something. The address sanitizer
+// sees such readers itself.
+#ifdef GOLT_POISONING
+constexpr size_t BEYOND = 0;
+#else
+constexpr size_t BEYOND = 16;
+#endif
+
+bool is_refused(size_t size)
 {
+    if (size > SIZE_MAX - BEYOND) return true;
     if (!g_heap.f_watched) return false;
     ++g_heap.requests;
     if (g_heap.granted > 0) {
@@ -36,14 +45,6 @@ bool is_refused()
     }
     return g_heap.refused-- > 0;
 }
-
-// After each block of the library lie numbers that a reader past its end takes for something. The address sanitizer
-// sees such readers itself.
-#ifdef GOLT_POISONING
-constexpr size_t BEYOND = 0;
-#else
-constexpr size_t BEYOND = 16;
-#endif
 
 void *count(void *block, size_t size)
 {
@@ -77,12 +78,13 @@ void __real__ZdaPv(void *block);
 
 void *__wrap_malloc(size_t size)
 {
-    return is_refused() ? nullptr : count(__real_malloc(size + BEYOND), size);
+    return is_refused(size) ? nullptr : count(__real_malloc(size + BEYOND), size);
 }
 
 void *__wrap_calloc(size_t number, size_t size)
 {
-    return is_refused() ? nullptr : count(__real_calloc(number + BEYOND, size), number * size);
+    return is_refused(number) ? nullptr
+                              : count(__real_calloc(number + BEYOND, size), number * size);
 }
 
 void __wrap_free(void *block)
@@ -93,12 +95,12 @@ void __wrap_free(void *block)
 
 void *WRAP_NEW(size_t size, const std::nothrow_t &tag)
 {
-    return is_refused() ? nullptr : count(REAL_NEW(size + BEYOND, tag), size);
+    return is_refused(size) ? nullptr : count(REAL_NEW(size + BEYOND, tag), size);
 }
 
 void *WRAP_NEW_ARRAY(size_t size, const std::nothrow_t &tag)
 {
-    return is_refused() ? nullptr : count(REAL_NEW_ARRAY(size + BEYOND, tag), size);
+    return is_refused(size) ? nullptr : count(REAL_NEW_ARRAY(size + BEYOND, tag), size);
 }
 
 void __wrap__ZdlPv(void *block)
