@@ -132,7 +132,7 @@ struct Stage::State {
 
     ParameterSets m_sets;
     PictureHead m_head;
-    SetFilter m_filter{m_sets, &State::filtered, this};
+    SliceFilter m_filter{m_sets, &State::filtered, this};
 };
 
 }  // namespace golt

@@ -221,38 +221,35 @@ void Stage::State::order_picture(PesStart &start)
 // An access unit delimiter first, and before a key picture the parameter sets, each once.
 void Stage::State::put_head()
 {
-    static const uint8_t delimiter[] = {0, 0, 0, 1, nal::DELIMITER, 0xF0};  // any kind of slices
     const bool f_h264 = m_program.video_codec() == VideoCodec::H264;
-    const bool f_sets = f_h264 && m_head.is_key() && m_sets.count() > 0;
     const bool has_delimiter = m_head.begins_with_delimiter();
     const uint8_t *const bytes = m_head.bytes();
     size_t done = 0;
-    if (f_h264 && !has_delimiter) m_writer.append(delimiter, sizeof delimiter);
+    if (f_h264 && !has_delimiter) m_writer.append(nal::DELIMITER_UNIT, sizeof nal::DELIMITER_UNIT);
     if (f_h264 && has_delimiter) {
         done = m_head.count() > 1 ? m_head.unit(1).start : m_head.body();
         m_writer.append(bytes, done);
     }
-    if (!f_sets) {
+    bool f_filtered = f_h264 && m_sets.may_have_fields();
+    if (f_h264 && m_head.is_key() && m_sets.count() > 0) {
+        put_sets(nal::SPS);
+        put_sets(nal::PPS);
+        for (size_t i = 0; i < m_head.count(); ++i) {
+            const PictureHead::Unit &unit = m_head.unit(i);
+            if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
+            // Where they are before the first slice they may be before others, too.
+            f_filtered = true;
+            m_writer.append(bytes + done, unit.start - done);
+            done = i + 1 < m_head.count() ? m_head.unit(i + 1).start : m_head.body();
+        }
+    }
+    if (!f_filtered) {
         m_writer.append(bytes + done, m_head.size() - done);
         return;
     }
-    put_sets(nal::SPS);
-    put_sets(nal::PPS);
-    bool has_own_sets = false;
-    for (size_t i = 0; i < m_head.count(); ++i) {
-        const PictureHead::Unit &unit = m_head.unit(i);
-        if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
-        has_own_sets = true;
-        m_writer.append(bytes + done, unit.start - done);
-        done = i + 1 < m_head.count() ? m_head.unit(i + 1).start : m_head.body();
-    }
     m_writer.append(bytes + done, m_head.body() - done);
-
-    // Where they are before the first slice they may be before others, too.
-    if (has_own_sets) {
-        m_phase = Phase::FILTERED_SLICES;
-        m_filter.begin();
-    }
+    m_phase = Phase::FILTERED_SLICES;
+    m_filter.begin();
     for (done = m_head.body(); done < m_head.size();) {
         const size_t part = std::min(m_head.size() - done, TS_ROOM);
         feed({bytes + done, part});
