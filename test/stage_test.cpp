@@ -300,12 +300,16 @@ TEST(Stage, CorrectsAdtsByTheConfiguration)
         const char *name;
         const char *config;
         const char *header;  // profile, rate and channels of the library: LC, 48000 Hz, 2
+        const char *pce;
     } rows[] = {
-        {"nothing known", "", "FFF94C80027FFC"},
-        {"5.1 channels", "11B0", "FFF94D80027FFC"},
-        {"SBR: half of the rate", "2B118800", "FFF95880027FFC"},
-        {"channels in the frames", "1180", "FFF94C80027FFC"},
-        {"no profile of ADTS", "B910", "FFF94C80027FFC"},
+        {"nothing known", "", "FFF94C80027FFC", ""},
+        {"5.1 channels", "11B0", "FFF94D80027FFC", ""},
+        {"SBR: half of the rate", "2B118800", "FFF95880027FFC", ""},
+        {"channels by an element that is cut off", "118004C40400200002", "FFF94C80027FFC", ""},
+        // A pair in front and one channel behind; the comment is "AB".
+        {"channels by an element", "118004C404002000024142", "FFF94C00039FFC",
+         "A09880800400024142"},
+        {"no profile of ADTS", "B910", "FFF94C80027FFC", ""},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -316,7 +320,7 @@ TEST(Stage, CorrectsAdtsByTheConfiguration)
         Staged out(GOLT_CODEC_NONE, GOLT_ACODEC_AAC, hints);
         const Bytes frame = Bytes(12, 0x55);
         out.audio(0, frame);
-        EXPECT_EQ(out.finish().of(AUDIO).at(0).payload, hex(row.header) + frame);
+        EXPECT_EQ(out.finish().of(AUDIO).at(0).payload, hex(row.header) + hex(row.pce) + frame);
     }
 }
 

@@ -170,11 +170,19 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     const AudioCodec codec = m_program.audio_codec();
     const size_t size = payload.size - unit.size;
     const bool f_correct = codec == AudioCodec::AAC && m_aac.is_known && size >= ADTS_SIZE;
+    const uint8_t *const bytes = payload.bytes + unit.size;
     m_walk.begin(codec);
+    if (f_correct && size > ADTS_SIZE && lacks_pce(bytes, m_aac)) {
+        m_writer.begin_pes(m_pids[AUDIO], start);
+        m_phase = Phase::AUDIO;
+        m_walk.add(bytes, size);
+        put_with_pce(bytes, size);
+        return;
+    }
     if (!unit.f_plain || !has_plain_pcr(packet)) {
         m_writer.begin_pes(m_pids[AUDIO], start);
         m_phase = Phase::AUDIO;
-        feed({payload.bytes + unit.size, size});
+        feed({bytes, size});
         return;
     }
     const auto pes_at = static_cast<size_t>(payload.bytes - packet);
@@ -182,6 +190,18 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     m_phase = Phase::COPIED_AUDIO;
     if (f_correct) correct_adts(frame, m_aac);
     m_walk.add(frame, size);
+}
+
+// The frame's first bytes.
+void Stage::State::put_with_pce(const uint8_t *bytes, size_t size)
+{
+    uint8_t header[ADTS_SIZE];
+    memcpy(header, bytes, ADTS_SIZE);
+    correct_adts(header, m_aac);
+    add_pce_to_adts(header, m_aac);
+    m_writer.append(header, ADTS_SIZE);
+    m_writer.append(m_aac.pce, m_aac.pce_size);
+    m_writer.append(bytes + ADTS_SIZE, size - ADTS_SIZE);
 }
 
 void Stage::State::begin_picture()
