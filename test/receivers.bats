@@ -53,7 +53,7 @@ worst() {
 }
 
 # receive NAME FILE VIDEO_PARSER AUDIO_PARSER [LOST]: what receivers make of the stream of the file, as a row of the
-# table. Parsers are GStreamer's, or -. LOST: decoded frames of audio at the start that ffmpeg leaves out of one of them.
+# table. Parsers are GStreamer's, or - where there is nothing, or "refused". LOST: decoded frames of audio at the start that ffmpeg leaves out of one of them.
 receive() {
     local name=$1 file=$2 parsers=("$3" "$4") lost=${5:-0} row kind pictures=0 frames=0 off=0 one gst=() all
     $GOLT remux -q --force "$file" out.ts
@@ -77,7 +77,9 @@ receive() {
 
     row="| $name | $pictures | $frames | $(printf %.1f "$off") |"
     for kind in video audio; do
-        gst=($(of_gstreamer "$kind" "${parsers[$([ $kind = audio ] && echo 1 || echo 0)]}"))
+        one=${parsers[$([ $kind = audio ] && echo 1 || echo 0)]}
+        [ "$one" != refused ] || { row+=" refused |" && continue; }
+        gst=($(of_gstreamer "$kind" "$one"))
         all=$([ $kind = video ] && echo "$pictures" || echo "$frames")
         # It may leave out the frames of an encoder's delay, which lie before the first picture.
         [ "${gst[0]}" -eq "$all" ] || [ "$kind ${gst[0]}" = "audio $(after_start)" ]
@@ -110,6 +112,10 @@ merged() { mkvmerge -q -o a.mkv "$@"; }
     receive "MP4, open GOP, pyramid of B pictures" a.mp4 "$h264parse" aacparse
 }
 @test "mp4 surround" { $film $surround $h264 a.mp4 && receive "MP4, AAC of 5.1 channels" a.mp4 "$h264parse" aacparse; }
+@test "mp4 own layout" {
+    $film -f lavfi -i "aevalsrc=sin(2800*t)|sin(5e3*t)|sin(700*t):c=3.0(back):d=4" $h264 a.mp4
+    receive "MP4, AAC of three channels, one of them behind" a.mp4 "$h264parse" refused
+}
 @test "mp4 ac3" { $film $surround $h264 -c:a ac3 a.mp4 && receive "MP4, AC-3 of 5.1 channels" a.mp4 "$h264parse" ac3parse; }
 @test "mp4 eac3" { $film $stereo $h264 -c:a eac3 a.mp4 && receive "MP4, E-AC-3" a.mp4 "$h264parse" ac3parse; }
 @test "mp4 mp3" { $film $stereo $h264 -c:a libmp3lame a.mp4 && receive "MP4, MP3" a.mp4 "$h264parse" mpegaudioparse; }

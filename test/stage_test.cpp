@@ -136,6 +136,49 @@ TEST(Stage, PutsParameterSetsOnceBeforeEachKeyPicture)
     }
 }
 
+// Both fields of a frame come as one; each is an access unit. The first byte after a slice's type begins with
+// first_mb_in_slice: 1 in a bit of its own is macroblock 0.
+TEST(Stage, PutsADelimiterBeforeASecondField)
+{
+    const auto field = [](uint8_t first_mb, size_t size) {
+        Bytes out = slice(0x41, size, first_mb);
+        out[5] = first_mb;
+        return out;
+    };
+    const Bytes sets = unit(sps_of(0, 77, 31, 0, true)) + unit(PPS),
+                sei = unit(hex("0605 01AABB 80"));
+    const Bytes first = field(0x88, 100), more = field(0x44, 60), second = field(0x98, 80);
+    const Bytes other_pps = unit(hex("68CE3C80")), own = unit(hex("0910"));
+    const struct {
+        const char *name;
+        Bytes in, out;
+    } rows[] = {
+        {"a frame", first + more, first + more},
+        {"two fields", first + second, first + AUD + second},
+        {"of two slices each", first + more + second + more, first + more + AUD + second + more},
+        {"SEI is before", first + sei + second, first + AUD + sei + second},
+        {"delimited already", first + own + sei + second, first + own + sei + second},
+        {"parameter sets are before", first + sets + second, first + AUD + second},
+        {"new ones", first + other_pps + second, first + AUD + other_pps + second},
+    };
+    Staged out(GOLT_VCODEC_H264, GOLT_CODEC_NONE);
+    uint64_t time_ms = 0;
+    out.video(0, sets + slice(0x65, 9, 1));
+    for (const auto &row : rows)
+        out.video(time_ms += 40, row.in);
+    // The second field begins anywhere in a packet.
+    for (size_t size = 300; size < 500; ++size)
+        out.video(time_ms += 40, field(0x88, size) + second);
+    const std::vector<FinishedUnit> units = out.finish().of(VIDEO);
+    ASSERT_EQ(units.size(), 1 + std::size(rows) + 200);
+    for (size_t i = 0; i < std::size(rows); ++i)
+        EXPECT_EQ(units[1 + i].payload, AUD + rows[i].out) << rows[i].name;
+    for (size_t size = 300; size < 500; ++size)
+        EXPECT_EQ(units[1 + std::size(rows) + size - 300].payload,
+                  AUD + field(0x88, size) + AUD + second)
+            << size;
+}
+
 TEST(Stage, TakesParameterSetsFromTheHost)
 {
     const Bytes sps = sps_of(2);
@@ -257,12 +300,16 @@ TEST(Stage, CorrectsAdtsByTheConfiguration)
         const char *name;
         const char *config;
         const char *header;  // profile, rate and channels of the library: LC, 48000 Hz, 2
+        const char *pce;
     } rows[] = {
-        {"nothing known", "", "FFF94C80027FFC"},
-        {"5.1 channels", "11B0", "FFF94D80027FFC"},
-        {"SBR: half of the rate", "2B118800", "FFF95880027FFC"},
-        {"channels in the frames", "1180", "FFF94C80027FFC"},
-        {"no profile of ADTS", "B910", "FFF94C80027FFC"},
+        {"nothing known", "", "FFF94C80027FFC", ""},
+        {"5.1 channels", "11B0", "FFF94D80027FFC", ""},
+        {"SBR: half of the rate", "2B118800", "FFF95880027FFC", ""},
+        {"channels by an element that is cut off", "118004C40400200002", "FFF94C80027FFC", ""},
+        // A pair in front and one channel behind; the comment is "AB".
+        {"channels by an element", "118004C404002000024142", "FFF94C00039FFC",
+         "A09880800400024142"},
+        {"no profile of ADTS", "B910", "FFF94C80027FFC", ""},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -273,7 +320,7 @@ TEST(Stage, CorrectsAdtsByTheConfiguration)
         Staged out(GOLT_CODEC_NONE, GOLT_ACODEC_AAC, hints);
         const Bytes frame = Bytes(12, 0x55);
         out.audio(0, frame);
-        EXPECT_EQ(out.finish().of(AUDIO).at(0).payload, hex(row.header) + frame);
+        EXPECT_EQ(out.finish().of(AUDIO).at(0).payload, hex(row.header) + hex(row.pce) + frame);
     }
 }
 

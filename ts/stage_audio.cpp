@@ -96,12 +96,74 @@ public:
                     (m_at < m_size ? uint32_t{m_bytes[m_at / 8]} >> (7 - m_at % 8) & 1 : 0);
         return value;
     }
+    void align() { m_at = (m_at + 7) / 8 * 8; }
 
 private:
     const uint8_t *m_bytes;
     size_t m_size;
     size_t m_at = 0;
 };
+
+// Copies an element into a frame. In both, what has to be aligned is aligned from its begin on.
+class ElementCopy {
+public:
+    ElementCopy(ConfigBits &in, uint8_t *to)
+        : m_in(in)
+        , m_to(to)
+    {
+    }
+
+    void put(uint32_t value, unsigned count)
+    {
+        for (; count > 0; --count, ++m_at) {
+            if (m_at % 8 == 0) m_to[m_at / 8] = 0;
+            m_to[m_at / 8] =
+                static_cast<uint8_t>(m_to[m_at / 8] | (value >> (count - 1) & 1) << (7 - m_at % 8));
+        }
+    }
+    uint32_t copy(unsigned count)
+    {
+        const uint32_t value = m_in.bits(count);
+        put(value, count);
+        return value;
+    }
+    void copy_each(uint32_t number, unsigned count)
+    {
+        for (; number > 0; --number)
+            copy(count);
+    }
+    void align()
+    {
+        m_in.align();
+        m_at = (m_at + 7) / 8 * 8;
+    }
+    size_t size() const { return m_at / 8; }
+
+private:
+    ConfigBits &m_in;
+    uint8_t *m_to;
+    size_t m_at = 0;
+};
+
+// program_config_element (ISO/IEC 14496-3, 4.4.1.1). to: MOST_PCE bytes. Its size is one of whole bytes, so that what
+// comes after it in a frame stays aligned.
+size_t copy_pce(ConfigBits &in, uint8_t *to)
+{
+    constexpr uint32_t ID_PCE = 5;
+    ElementCopy pce(in, to);
+    pce.put(ID_PCE, 3);
+    pce.copy(10);  // element_instance_tag, object_type, sampling_frequency_index
+    const uint32_t front = pce.copy(4), side = pce.copy(4), back = pce.copy(4), lfe = pce.copy(2),
+                   data = pce.copy(3), coupling = pce.copy(4);
+    for (const unsigned mixdown : {4u, 4u, 3u})
+        if (pce.copy(1) != 0) pce.copy(mixdown);
+    pce.copy_each(front + side + back, 5);
+    pce.copy_each(lfe + data, 4);
+    pce.copy_each(coupling, 5);
+    pce.align();
+    pce.copy_each(pce.copy(8), 8);  // comment
+    return in.is_short() ? 0 : pce.size();
+}
 
 uint32_t read_object_type(ConfigBits &in)
 {
@@ -147,19 +209,48 @@ AacConfig read_aac_config(const uint8_t *config, size_t size)
     }
     const bool f_short_frames = in.bits(1) != 0;  // frameLengthFlag
     if (in.is_short() || type < MAIN || type > LTP || index >= 13 || channels > 7) return {};
-    return {true, static_cast<uint8_t>(type - 1), static_cast<uint8_t>(index),
-            static_cast<uint8_t>(channels), f_short_frames ? 960u : 1024u};
+    AacConfig read;
+    read.is_known = true;
+    read.profile = static_cast<uint8_t>(type - 1);
+    read.frequency_index = static_cast<uint8_t>(index);
+    read.channels = static_cast<uint8_t>(channels);
+    read.samples = f_short_frames ? 960 : 1024;
+    if (channels != 0) return read;
+    if (in.bits(1) != 0) in.bits(14);  // coreCoderDelay
+    in.bits(1);                        // extensionFlag
+    read.pce_size = copy_pce(in, read.pce);
+    return read;
 }
 
-// Channels that the frames themselves state are left as they are.
+// Channels of which nothing is known are left as they are.
 void correct_adts(uint8_t *header, const AacConfig &config)
 {
     const unsigned before = (header[2] & 1u) << 2 | header[3] >> 6;
-    const unsigned channels = config.channels != 0 ? config.channels : before;
+    const bool f_known = config.channels != 0 || config.pce_size > 0;
+    const unsigned channels = f_known ? config.channels : before;
     header[2] =
         static_cast<uint8_t>(unsigned{config.profile} << 6 | unsigned{config.frequency_index} << 2 |
                              (header[2] & 2u) | channels >> 2);
     header[3] = static_cast<uint8_t>((channels & 3) << 6 | (header[3] & 0x3Fu));
+}
+
+bool lacks_pce(const uint8_t *frame, const AacConfig &config)
+{
+    constexpr uint8_t ID_PCE = 5;
+    constexpr size_t MOST = 0x1FFF;
+    FrameHead head;
+    return config.pce_size > 0 && read_adts(frame, head) && frame[ADTS_SIZE] >> 5 != ID_PCE &&
+           head.size + config.pce_size <= MOST;
+}
+
+void add_pce_to_adts(uint8_t *header, const AacConfig &config)
+{
+    FrameHead head;
+    read_adts(header, head);
+    const size_t size = head.size + config.pce_size;
+    header[3] = static_cast<uint8_t>((header[3] & 0xFC) | size >> 11);
+    header[4] = static_cast<uint8_t>(size >> 3);
+    header[5] = static_cast<uint8_t>(size << 5 | (header[5] & 0x1F));
 }
 
 void FrameWalk::begin(AudioCodec codec)

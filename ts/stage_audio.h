@@ -27,11 +27,17 @@ bool read_frame_head(AudioCodec codec, const uint8_t *bytes, FrameHead &head);
 
 /// What an AudioSpecificConfig states about the frames that it describes.
 struct AacConfig {
+    // With all elements, and the longest comment.
+    static constexpr size_t MOST_PCE = 320;
+
     bool is_known = false;
     uint8_t profile = 0;          ///< of ADTS: audio object type - 1
     uint8_t frequency_index = 0;  ///< sampling_frequency_index, without any extension
-    uint8_t channels = 0;         ///< channelConfiguration; 0: left to the frames
+    uint8_t channels = 0;         ///< channelConfiguration; 0: by an element of the frames
     uint32_t samples = 1024;      ///< of a frame
+    /// Where channels is 0: that element (program_config_element), with its id_syn_ele, as it begins a frame.
+    uint8_t pce[MOST_PCE];
+    size_t pce_size = 0;  ///< 0: none, or the configuration is cut off
 };
 
 /// What ADTS can't express isn't known.
@@ -40,6 +46,11 @@ AacConfig read_aac_config(const uint8_t *config, size_t size);
 constexpr size_t ADTS_SIZE = 7;
 /// Corrects an ADTS header in place.
 void correct_adts(uint8_t *header, const AacConfig &config);
+/// Whether the frame, which begins with an ADTS header and has size bytes of at least one more, lacks the element that
+/// states its channels, and has room for it.
+bool lacks_pce(const uint8_t *frame, const AacConfig &config);
+/// Makes the frame that an ADTS header describes longer by the element.
+void add_pce_to_adts(uint8_t *header, const AacConfig &config);
 
 /// Walks from header to header over the frames of a PES packet that comes in pieces.
 class FrameWalk {

@@ -191,9 +191,9 @@ int most_frames(uint32_t level, uint64_t macroblocks)
 
 }  // namespace
 
-int reorder_depth_of(const uint8_t *sps, size_t size)
+SpsFacts read_sps(const uint8_t *sps, size_t size)
 {
-    if (size < 4 || (sps[0] & 0x1F) != nal::SPS) return -1;
+    if (size < 4 || (sps[0] & 0x1F) != nal::SPS) return {};
     UnitBits in(sps + 1, size - 1);
     const uint32_t profile = in.bits(8);
     const uint32_t constraints = in.bits(8);
@@ -217,20 +217,22 @@ int reorder_depth_of(const uint8_t *sps, size_t size)
             in.unsigned_golomb();
     }
     const bool has_vui = in.bit() != 0;
-    if (in.is_short()) return -1;
+    if (in.is_short()) return {};
 
     // Profiles without B slices, profiles of nothing but I slices, and pictures that are shown as they come.
     constexpr uint32_t BASELINE = 66, CAVLC_444_INTRA = 44,
                        HIGH_INTRA = 0x10;  // constraint_set3_flag
-    if (profile == BASELINE || profile == CAVLC_444_INTRA || order_type == 2) return 0;
+    if (profile == BASELINE || profile == CAVLC_444_INTRA || order_type == 2)
+        return {0, !f_frames_only};
     if ((profile == 100 || profile == 110 || profile == 122 || profile == 244) &&
         (constraints & HIGH_INTRA) != 0)
-        return 0;
+        return {0, !f_frames_only};
     const int told = has_vui ? reorder_of_vui(in) : -1;
     // Level 1b of the older profiles is level 1.1 with constraint_set3_flag; its limit is that of level 1.
     const bool f_level_1b =
         (profile == 77 || profile == 88) && level == 11 && (constraints & HIGH_INTRA) != 0;
-    return told >= 0 ? told : most_frames(f_level_1b ? 9 : level, width * height);
+    const int depth = told >= 0 ? told : most_frames(f_level_1b ? 9 : level, width * height);
+    return {depth, !f_frames_only};
 }
 
 }  // namespace golt

@@ -71,6 +71,7 @@ struct Stage::State {
     void align();
     void end_unit();
     void begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit);
+    void put_with_pce(const uint8_t *bytes, size_t size);
     void begin_picture();
     void order_picture(PesStart &start);
     void put_head();
@@ -134,7 +135,7 @@ struct Stage::State {
 
     ParameterSets m_sets;
     PictureHead m_head;
-    SetFilter m_filter{m_sets, &State::filtered, this};
+    SliceFilter m_filter{m_sets, &State::filtered, this};
 };
 
 }  // namespace golt

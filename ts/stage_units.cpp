@@ -173,11 +173,19 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     const AudioCodec codec = m_program.audio_codec();
     const size_t size = payload.size - unit.size;
     const bool f_correct = codec == AudioCodec::AAC && m_aac.is_known && size >= ADTS_SIZE;
+    const uint8_t *const bytes = payload.bytes + unit.size;
     m_walk.begin(codec);
+    if (f_correct && size > ADTS_SIZE && lacks_pce(bytes, m_aac)) {
+        m_writer.begin_pes(m_pids[AUDIO], start);
+        m_phase = Phase::AUDIO;
+        m_walk.add(bytes, size);
+        put_with_pce(bytes, size);
+        return;
+    }
     if (!unit.f_plain || !has_plain_pcr(packet)) {
         m_writer.begin_pes(m_pids[AUDIO], start);
         m_phase = Phase::AUDIO;
-        feed({payload.bytes + unit.size, size});
+        feed({bytes, size});
         return;
     }
     const auto pes_at = static_cast<size_t>(payload.bytes - packet);
@@ -185,6 +193,18 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     m_phase = Phase::COPIED_AUDIO;
     if (f_correct) correct_adts(frame, m_aac);
     m_walk.add(frame, size);
+}
+
+// The frame's first bytes.
+void Stage::State::put_with_pce(const uint8_t *bytes, size_t size)
+{
+    uint8_t header[ADTS_SIZE];
+    memcpy(header, bytes, ADTS_SIZE);
+    correct_adts(header, m_aac);
+    add_pce_to_adts(header, m_aac);
+    m_writer.append(header, ADTS_SIZE);
+    m_writer.append(m_aac.pce, m_aac.pce_size);
+    m_writer.append(bytes + ADTS_SIZE, size - ADTS_SIZE);
 }
 
 void Stage::State::begin_picture()
@@ -224,38 +244,35 @@ void Stage::State::order_picture(PesStart &start)
 // An access unit delimiter first, and before a key picture the parameter sets, each once.
 void Stage::State::put_head()
 {
-    static const uint8_t delimiter[] = {0, 0, 0, 1, nal::DELIMITER, 0xF0};  // any kind of slices
     const bool f_h264 = m_program.video_codec() == VideoCodec::H264;
-    const bool f_sets = f_h264 && m_head.is_key() && m_sets.count() > 0;
     const bool has_delimiter = m_head.begins_with_delimiter();
     const uint8_t *const bytes = m_head.bytes();
     size_t done = 0;
-    if (f_h264 && !has_delimiter) m_writer.append(delimiter, sizeof delimiter);
+    if (f_h264 && !has_delimiter) m_writer.append(nal::DELIMITER_UNIT, sizeof nal::DELIMITER_UNIT);
     if (f_h264 && has_delimiter) {
         done = m_head.count() > 1 ? m_head.unit(1).start : m_head.body();
         m_writer.append(bytes, done);
     }
-    if (!f_sets) {
+    bool f_filtered = f_h264 && m_sets.may_have_fields();
+    if (f_h264 && m_head.is_key() && m_sets.count() > 0) {
+        put_sets(nal::SPS);
+        put_sets(nal::PPS);
+        for (size_t i = 0; i < m_head.count(); ++i) {
+            const PictureHead::Unit &unit = m_head.unit(i);
+            if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
+            // Where they are before the first slice they may be before others, too.
+            f_filtered = true;
+            m_writer.append(bytes + done, unit.start - done);
+            done = i + 1 < m_head.count() ? m_head.unit(i + 1).start : m_head.body();
+        }
+    }
+    if (!f_filtered) {
         m_writer.append(bytes + done, m_head.size() - done);
         return;
     }
-    put_sets(nal::SPS);
-    put_sets(nal::PPS);
-    bool has_own_sets = false;
-    for (size_t i = 0; i < m_head.count(); ++i) {
-        const PictureHead::Unit &unit = m_head.unit(i);
-        if (!m_sets.has(bytes + unit.at, unit.end - unit.at)) continue;
-        has_own_sets = true;
-        m_writer.append(bytes + done, unit.start - done);
-        done = i + 1 < m_head.count() ? m_head.unit(i + 1).start : m_head.body();
-    }
     m_writer.append(bytes + done, m_head.body() - done);
-
-    // Where they are before the first slice they may be before others, too.
-    if (has_own_sets) {
-        m_phase = Phase::FILTERED_SLICES;
-        m_filter.begin();
-    }
+    m_phase = Phase::FILTERED_SLICES;
+    m_filter.begin();
     for (done = m_head.body(); done < m_head.size();) {
         const size_t part = std::min(m_head.size() - done, TS_ROOM);
         feed({bytes + done, part});

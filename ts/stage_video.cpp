@@ -44,14 +44,16 @@ size_t find_code(const uint8_t *bytes, size_t from, size_t size)
     return size;
 }
 
-// Of the last bytes, those with which a start code begins that may go on: up to 00 00 00 01, without the unit's first
-// byte.
+// Of the last bytes, those with which a start code begins that may go on: up to 00 00 00 01 and the unit's first byte.
 size_t size_of_begun_code(const uint8_t *bytes, size_t size)
 {
-    const bool f_one =
-        size > 2 && bytes[size - 1] == 1 && bytes[size - 2] == 0 && bytes[size - 3] == 0;
-    const size_t most = std::min(size, f_one ? START_CODE + 1 : START_CODE);
-    size_t count = f_one ? START_CODE : 0;
+    size_t count = 0;
+    for (const size_t behind : {size_t{0}, size_t{1}}) {
+        const uint8_t *const end = bytes + size - behind;
+        if (size > START_CODE + behind - 1 && end[-1] == 1 && end[-2] == 0 && end[-3] == 0)
+            count = START_CODE + behind;
+    }
+    const size_t most = std::min(size, count > 0 ? count + 1 : START_CODE);
     while (count < most && bytes[size - 1 - count] == 0)
         ++count;
     return count;
@@ -95,9 +97,12 @@ bool ParameterSets::take(const uint8_t *unit, size_t size)
     m_sets[m_count++] = {type, id, m_used, size};
     m_used += size;
     m_depth = -1;
+    m_f_fields = false;
     for (size_t i = 0; i < m_count; ++i) {
-        if (m_sets[i].type == nal::SPS)
-            m_depth = std::max(m_depth, reorder_depth_of(this->unit(i), m_sets[i].size));
+        if (m_sets[i].type != nal::SPS) continue;
+        const SpsFacts facts = read_sps(this->unit(i), m_sets[i].size);
+        m_depth = std::max(m_depth, facts.reorder_depth);
+        m_f_fields = m_f_fields || facts.f_fields;
     }
     return true;
 }
@@ -253,14 +258,15 @@ bool may_have_code(const uint8_t *bytes, size_t size)
     }
 }
 
-void SetFilter::begin()
+void SliceFilter::begin()
 {
     m_carried = 0;
+    m_f_slices = false;
     m_f_in_set = false;
     m_set_size = 0;
 }
 
-void SetFilter::add(const uint8_t *bytes, size_t size)
+void SliceFilter::add(const uint8_t *bytes, size_t size)
 {
     if (is_between() && !may_have_code(bytes, size)) {
         m_put(m_handle, bytes, size);
@@ -272,14 +278,14 @@ void SetFilter::add(const uint8_t *bytes, size_t size)
     const size_t end = m_carried + size;
     size_t done = 0;
     for (size_t from = 0;;) {
-        const size_t code = find_code(piece, from, end);
-        if (code == end) break;
+        // Two bytes of the unit are there, too.
+        const size_t code = find_code(piece, from, end - 1);
+        if (code == end - 1) break;
         // The zero byte before a start code belongs to it.
         const size_t start = code > done && piece[code - 1] == 0 ? code - 1 : code;
         put(piece + done, start - done);
         end_unit();
-        const uint8_t type = piece[code + START_CODE] & TYPE_MASK;
-        m_f_in_set = type == nal::SPS || type == nal::PPS;
+        begin_unit(piece + code + START_CODE);
         from = code + START_CODE;
         put(piece + start, from - start);
         m_set_code = from - start;
@@ -291,7 +297,7 @@ void SetFilter::add(const uint8_t *bytes, size_t size)
     m_carried = kept;
 }
 
-void SetFilter::end()
+void SliceFilter::end()
 {
     put(m_carry, m_carried);
     m_carried = 0;
@@ -299,7 +305,7 @@ void SetFilter::end()
     m_f_in_set = false;
 }
 
-void SetFilter::put(const uint8_t *bytes, size_t size)
+void SliceFilter::put(const uint8_t *bytes, size_t size)
 {
     if (size == 0) return;
     if (m_f_in_set && size > MOST_SET - m_set_size) {
@@ -314,13 +320,36 @@ void SetFilter::put(const uint8_t *bytes, size_t size)
     m_set_size += size;
 }
 
+// A field begins with its first macroblock, or with what is before that; within a picture nothing is between slices.
+void SliceFilter::begin_unit(const uint8_t *unit)
+{
+    constexpr uint8_t FIRST_MB_0 = 0x80;  // first_mb_in_slice, ue(v)
+    constexpr uint8_t PARTITION_A = 2;
+    const uint8_t type = unit[0] & TYPE_MASK;
+    m_f_in_set = type == nal::SPS || type == nal::PPS;
+    const bool f_slice = type >= nal::SLICE && type <= nal::IDR;
+    const bool f_first =
+        (type <= PARTITION_A || type == nal::IDR) && f_slice && (unit[1] & FIRST_MB_0) != 0;
+    if (type == nal::DELIMITER) m_f_slices = false;
+    if (f_first || type == nal::SEI) delimit();
+    m_f_slices = m_f_slices || f_slice;
+}
+
+void SliceFilter::delimit()
+{
+    if (m_f_slices && m_sets.may_have_fields())
+        m_put(m_handle, nal::DELIMITER_UNIT, sizeof nal::DELIMITER_UNIT);
+    m_f_slices = false;
+}
+
 // A set is left out if it is in force already.
-void SetFilter::end_unit()
+void SliceFilter::end_unit()
 {
     if (m_f_in_set && m_set_size > 0) {
         const uint8_t *const unit = m_set + m_set_code;
         const size_t size = without_zeros(m_set, m_set_code, m_set_size) - m_set_code;
         if (!m_sets.has(unit, size)) {
+            delimit();
             m_sets.take(unit, size);
             m_put(m_handle, m_set, m_set_size);
         }

@@ -14,11 +14,19 @@ enum class VideoCodec : uint8_t { NONE, H264, MPEG2 };
 
 namespace nal {
 constexpr uint8_t SLICE = 1, IDR = 5, SEI = 6, SPS = 7, PPS = 8, DELIMITER = 9;
-}
+/// A whole unit, with its start code; any kind of slices may follow.
+constexpr uint8_t DELIMITER_UNIT[] = {0, 0, 0, 1, DELIMITER, 0xF0};
+}  // namespace nal
 
-/// By how many pictures one can be delayed until it is shown (max_num_reorder_frames), by its SPS: a NAL unit. Where
-/// the SPS doesn't state it, what its profile, level and size allow. -1: the SPS can't be read.
-int reorder_depth_of(const uint8_t *sps, size_t size);
+struct SpsFacts {
+    /// By how many pictures one can be delayed until it is shown (max_num_reorder_frames). Where the SPS doesn't state
+    /// it, what its profile, level and size allow. -1: the SPS can't be read.
+    int reorder_depth = -1;
+    bool f_fields = false;  ///< there may be pictures of one field
+};
+
+/// sps: a NAL unit.
+SpsFacts read_sps(const uint8_t *sps, size_t size);
 
 /// The parameter sets that are in force, a NAL unit each, without start codes.
 class ParameterSets {
@@ -37,6 +45,8 @@ public:
     uint8_t type(size_t index) const { return m_sets[index].type; }
     /// The largest of all SPS; -1 without any.
     int reorder_depth() const { return m_depth; }
+    /// Of any SPS.
+    bool may_have_fields() const { return m_f_fields; }
 
 private:
     static constexpr size_t MOST_SETS = 64;
@@ -56,6 +66,7 @@ private:
     uint8_t m_bytes[MOST_BYTES];
     size_t m_used = 0;
     int m_depth = -1;
+    bool m_f_fields = false;
 };
 
 /// Gathers a picture up to where its first slice begins, and reports what is there.
@@ -113,13 +124,15 @@ private:
 /// Whether a start code may be in the bytes, or begin with the last of them. There is at least one.
 bool may_have_code(const uint8_t *bytes, size_t size);
 
-/// Leaves out of the slices of a key picture the parameter sets that are between them and are in force already.
-class SetFilter {
+/// Leaves out of the slices of a picture the parameter sets that are between them and are in force already. Where the
+/// picture is the first field of a frame, a delimiter goes before what follows it: the other field is an access unit of
+/// its own (ISO/IEC 14496-10, 7.4.1.2.4).
+class SliceFilter {
 public:
     typedef void (*Put)(void *handle, const uint8_t *bytes, size_t size);
 
     /// sets: those in force; others are added as they come. next: gets what is left.
-    SetFilter(ParameterSets &sets, Put next, void *handle)
+    SliceFilter(ParameterSets &sets, Put next, void *handle)
         : m_sets(sets)
         , m_put(next)
         , m_handle(handle)
@@ -135,11 +148,12 @@ public:
 
 private:
     static constexpr size_t PIECE = 188;
-    static constexpr size_t CARRY =
-        4;  // 00 00 00 01, of which the unit's first byte is still to come
+    static constexpr size_t CARRY = 5;  // 00 00 00 01 and the unit's first byte
     static constexpr size_t MOST_SET = 2048;
 
     void put(const uint8_t *bytes, size_t size);
+    void begin_unit(const uint8_t *unit);
+    void delimit();
     void end_unit();
 
     ParameterSets &m_sets;
@@ -147,6 +161,7 @@ private:
     void *m_handle;
     uint8_t m_carry[CARRY];
     size_t m_carried = 0;
+    bool m_f_slices = false;  // of the present picture have come
     bool m_f_in_set = false;
     uint8_t m_set[MOST_SET];  // with its start code
     size_t m_set_size = 0;

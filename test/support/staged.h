@@ -42,15 +42,18 @@ private:
     std::vector<uint32_t> m_bits;
 };
 
-// A SPS of 1280x720. depth: max_num_reorder_frames; below 0: no VUI.
-inline Bytes sps_of(int depth, uint32_t profile = 77, uint32_t level = 31, uint32_t order_type = 0)
+// A SPS of 1280x720, or with fields of that size. depth: max_num_reorder_frames; below 0: no VUI.
+inline Bytes sps_of(int depth, uint32_t profile = 77, uint32_t level = 31, uint32_t order_type = 0,
+                    bool f_fields = false)
 {
     Bits sps;
     sps.u(8, profile).u(8, 0).u(8, level).ue(0);
     if (profile == 100) sps.ue(1).ue(0).ue(0).u(1, 0).u(1, 0);
     sps.ue(0).ue(order_type);
     if (order_type == 0) sps.ue(2);
-    sps.ue(4).u(1, 0).ue(79).ue(44).u(1, 1).u(1, 1).u(1, 0).u(1, depth >= 0);
+    sps.ue(4).u(1, 0).ue(79).ue(44).u(1, !f_fields);
+    if (f_fields) sps.u(1, 0);
+    sps.u(1, 1).u(1, 0).u(1, depth >= 0);
     // Of the VUI, flags only until bitstream_restriction.
     if (depth >= 0)
         sps.u(8, 0)

@@ -1,0 +1,65 @@
+#!/usr/bin/env bats
+# A browser as receiver: Chromium plays the stream through Media Source Extensions with hls.js, which comes from the
+# npm registry. `./dev browser-test` runs it. GOLT and TABLE are those of receivers.bats; the rows are those of the
+# second table in docs/receivers.md.
+
+bats_require_minimum_version 1.5.0
+
+hls_version=1.5.20
+hls_sha512=uu0VXUK52JhihhnN/MVVo1lvqNNuhoxkonqgO3IpjvQiGpJBdIXMGkofjQb/j9zvV7a1SW8U9g1FslWx/1HOiQ==
+
+ffmpeg="ffmpeg -v error -nostdin -y"
+film="$ffmpeg -f lavfi -i testsrc2=s=176x144:r=25:d=4"
+stereo="-f lavfi -i aevalsrc=sin(2800*t)|sin(5000*t)/2:d=4"
+surround="-f lavfi -i aevalsrc=sin(2800*t)|sin(5e3*t)|sin(700*t)|sin(99*t)|sin(t)|sin(9*t):c=5.1:d=4"
+h264="-c:v libx264 -threads 1 -g 25 -bf 3"
+
+# make NAME FILE: the stream of a file, and what the browser should find in it.
+make() {
+    names+=("$1")
+    $GOLT remux -q --force "$2" "$2.ts"
+    streams+=("$2.ts")
+    pictures+=("$(ffprobe -v error -count_packets -select_streams v -show_entries stream=nb_read_packets \
+        -of default=nk=1:nw=1 "$2")")
+    audio+=("$(ffprobe -v error -select_streams a -show_entries packet=size \
+        -of csv=p=0 "$2" | grep -o "[0-9]*" | paste -sd+ | bc)")
+}
+
+@test "plays in Chromium, through hls.js" {
+    local names=() streams=() pictures=() audio=() i found off=0 row
+    cd "$BATS_TEST_TMPDIR"
+    npm pack --silent "hls.js@$hls_version" || skip "no npm registry"
+    [ "$(openssl dgst -sha512 -binary "hls.js-$hls_version.tgz" | base64 -w0)" = $hls_sha512 ]
+    tar -xzf "hls.js-$hls_version.tgz" package/dist/hls.min.js
+
+    $film $stereo $h264 b.mp4
+    make "MP4, B pictures" b.mp4
+    $film $stereo $h264 -c:a aac b.mkv
+    make "Matroska by ffmpeg, B pictures" b.mkv
+    mkvmerge -q -o merged.mkv b.mp4
+    make "Matroska by mkvmerge, B pictures" merged.mkv
+    $film $stereo $h264 -vf "select=not(mod(n\,3))+lt(n\,30)" -fps_mode vfr variable.mp4
+    make "MP4, variable picture rate" variable.mp4
+    $film $stereo $h264 -x264-params open-gop=1:b-pyramid=none open.mp4
+    make "MP4, open GOP" open.mp4
+    $film $stereo $h264 -c:a libmp3lame -slices 4 mp3.mkv
+    make "Matroska by ffmpeg, MP3, four slices" mp3.mkv
+    $film $surround $h264 surround.mp4
+    make "MP4, AAC of 5.1 channels" surround.mp4
+
+    # Debian's, which has Selenium.
+    /usr/bin/python3 "$BATS_TEST_DIRNAME/browser.py" package/dist/hls.min.js "${streams[@]}" >results
+    cat results
+    [ "$(wc -l <results)" -eq "${#names[@]}" ]
+    for i in "${!names[@]}"; do
+        found=($(sed -n "$((i + 1))p" results))
+        row="| ${names[i]} | ${found[1]} | all | ${found[3]} | ${found[4]} |"
+        echo "$row"
+        [ "${found[1]}" -eq "${pictures[i]}" ]
+        [ "${found[2]}" -ge $((audio[i] * 98 / 100)) ]
+        [ "${found[3]}" -le 100 ]
+        [ "${found[4]} ${found[5]}" = "0 -" ]
+        [ -z "${TABLE:-}" ] || echo "$row" >>"$TABLE"
+        [ -n "${TABLE:-}" ] || grep -qxF -e "$row" "$BATS_TEST_DIRNAME/../docs/receivers.md"
+    done
+}
