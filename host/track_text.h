@@ -22,9 +22,6 @@ struct AudioFigures {
 };
 AudioFigures audio_figures(const Outline &outline, const Track &track);
 
-/// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
-std::optional<uint64_t> mean_frame_rate(const Track &track);
-
 /// Whether the file can be sought in, and by what.
 struct Seeking {
     bool f_indexed;

@@ -10,7 +10,6 @@
 #include "segment_run.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
-#include "track_text.h"
 
 namespace {
 

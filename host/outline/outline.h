@@ -49,6 +49,7 @@ struct Mp4Details {
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
     TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
+    TablePlace stsc, stco;              ///< samples of chunks; offsets of chunks, of 32 bits
 };
 
 /// What Matroska has of a track beside what all containers have.
@@ -171,6 +172,9 @@ Outline read_outline(ByteSource &source);
 
 /// Where another file of its kind was appended, of MP4 and Matroska: an offset; none was found.
 std::optional<uint64_t> find_next_file(ByteSource &source, const Outline &outline);
+
+/// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
+std::optional<uint64_t> mean_frame_rate(const Track &track);
 
 /// ISO/IEC 14496-3, the first fields of AudioSpecificConfig.
 struct AudioConfig {
