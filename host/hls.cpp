@@ -47,8 +47,7 @@ ExitStatus hls(const HlsOptions &options)
     if (!film.refusal.empty()) throw NotDone(source->path(), film.refusal);
     const std::string &named = options.input.format;
     const Format *const format = format_of_name(named);
-    if (!named.empty() &&
-        (format == nullptr || format->container != film.file.outline.container))
+    if (!named.empty() && (format == nullptr || format->container != film.file.outline.container))
         throw NotDone(source->path(), fmt::format("isn't in the format {}", named));
     Folder folder(options, *source);
     Progress progress(!options.f_quiet && isatty(STDERR_FILENO) != 0);
@@ -60,7 +59,8 @@ ExitStatus hls(const HlsOptions &options)
         if (!fault.empty()) throw NotDone(source->path(), fmt::format("segment {}: {}", i, fault));
         folder.write(std::to_string(i) + ".ts", segment.data(), segment.size());
         if (progress.is_due(folder.bytes()))
-            progress.show(folder.bytes(), static_cast<double>(i + 1) / static_cast<double>(film.segments.size()),
+            progress.show(folder.bytes(),
+                          static_cast<double>(i + 1) / static_cast<double>(film.segments.size()),
                           time_text(film.segments[i].end / TICKS_PER_MS));
     }
     folder.write(MEDIA_PLAYLIST, media_playlist(film));

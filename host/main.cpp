@@ -16,6 +16,7 @@
 #include "check.h"
 #include "footers.h"
 #include "frames.h"
+#include "help.h"
 #include "hls.h"
 #include "info.h"
 #include "io/interrupt.h"

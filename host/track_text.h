@@ -17,9 +17,6 @@ std::string file_text(const Outline &outline, const Selection &selection);
 /// For programs: fields of golt.info/1.
 void add_tracks(Json &json, const Outline &outline, const Selection &selection);
 
-/// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
-std::optional<uint64_t> mean_frame_rate(const Track &track);
-
 /// Whether the file can be sought in, and by what.
 struct Seeking {
     bool f_indexed;

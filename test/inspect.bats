@@ -202,6 +202,8 @@ finds() {
     [ -z "$output" ]
     run grep -rnE '#include "(stream|outline)/' "$top/host/io"
     [ -z "$output" ]
-    run grep -rnE '#include "(remux|info|frames|check|plot)\.h"' "$top/host/io" "$top/host/stream"
+    run grep -rnE '#include "(remux|info|frames|check|plot|hls)\.h"|#include "hls/' "$top/host/io" "$top/host/stream"
+    [ -z "$output" ]
+    run grep -rnE '#include "(remux|info|frames|check|plot|hls|track_text)\.h"' "$top/host/hls"
     [ -z "$output" ]
 }

@@ -236,6 +236,35 @@ TEST(Stage, KeepsTheTimesThatAFileTells)
     EXPECT_THAT(times, ElementsAre(0, 1920, 3840, 5760, 52650, 54570, 56490, 58410));
 }
 
+// A stream that begins in the middle of another one: its first time is rounded, and the others count from there.
+TEST(Stage, FindsTheTimesOfTheWhole)
+{
+    constexpr int64_t SAMPLES = 1024, RATE = 44100, FRAME_US = 23219;
+    Staged whole(GOLT_CODEC_NONE, GOLT_ACODEC_AAC, {}, RATE);
+    whole.audio(7, Bytes(50, 0x55)).finish();
+    golt::StageHints hints;
+    hints.audio_durations = golt::Durations::TOLD;
+    hints.audio_grid = whole.stage.audio_grid();
+    EXPECT_EQ(hints.audio_grid.time, 7 * 90);
+    EXPECT_EQ(hints.audio_grid.samples, SAMPLES);
+    EXPECT_EQ(hints.audio_grid.rate, RATE);
+
+    // Frame 174 is at 7 + 4040.27 ms; what is 4 ms beside it is no frame of the whole.
+    for (const int64_t first_ms : {4047, 4048, 4051}) {
+        SCOPED_TRACE(first_ms);
+        Staged part(GOLT_CODEC_NONE, GOLT_ACODEC_AAC, hints, RATE);
+        for (int64_t i = 0; i < 100; ++i)
+            part.audio(static_cast<uint64_t>(first_ms + i * FRAME_US / 1000), Bytes(50, 0x55));
+        const std::vector<FinishedUnit> units = part.finish().of(AUDIO);
+        const bool f_found = first_ms < 4050;
+        const auto exact = [&](int64_t number) {
+            return 90000 + 7 * 90 + (number * SAMPLES * 90000 + RATE / 2) / RATE;
+        };
+        EXPECT_EQ(units.front().pts, f_found ? exact(174) : 90000 + first_ms * 90);
+        EXPECT_EQ(units.back().pts == exact(174 + 99), f_found);
+    }
+}
+
 TEST(Stage, MovesTracksAsTheHostTells)
 {
     golt::StageHints hints;

@@ -51,7 +51,7 @@ struct StageHints {
     Durations audio_durations = Durations::UNKNOWN;
     /// Of the whole, where the stream begins in the middle of it: its frames then have the exact times that they have
     /// there, not those of the file, which are rounded.
-    AudioGrid audio_grid;
+    AudioGrid audio_grid = {};
 };
 
 /// What a stage has done, and what it couldn't correct.

@@ -98,8 +98,7 @@ bool AudioTimes::stands_still(int64_t told, Durations durations) const
 // Whether it is the rounded time of a frame of the grid; that one has been found then.
 bool AudioTimes::is_on_grid(int64_t told)
 {
-    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - tolerance())
-        return false;
+    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - tolerance()) return false;
     const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
     const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
     m_base = m_grid.time;

@@ -9,7 +9,7 @@
 namespace {
 
 constexpr uint16_t PAT_PID = 0, PMT_PID = 0xFFF;
-constexpr size_t PTS_AT = 9;  // in a PES packet
+constexpr size_t PTS_AT = 9;       // in a PES packet
 constexpr uint8_t HAS_PCR = 0x10;  // a flag of an adaptation field
 constexpr size_t PCR_AT = 6, PCR_SIZE = 6;
 // Times are those of the plan; the library may cut them to milliseconds in another way.

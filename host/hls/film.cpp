@@ -10,7 +10,6 @@
 #include "segment_run.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
-#include "track_text.h"
 
 namespace {
 
@@ -142,7 +141,8 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
 std::string video_codec(const Track &track)
 {
     if (track.config.size() < 4) return "";
-    return fmt::format("avc1.{:02x}{:02x}{:02x}", track.config[1], track.config[2], track.config[3]);
+    return fmt::format("avc1.{:02x}{:02x}{:02x}", track.config[1], track.config[2],
+                       track.config[3]);
 }
 
 std::string audio_codec(const std::string &title, const Track &track)
@@ -199,7 +199,8 @@ void set_rates(Film &film)
     constexpr auto SECOND = static_cast<uint64_t>(TICKS_PER_SECOND);
     const auto rate = [](uint64_t bytes, int64_t ticks) {
         const auto length = std::max<uint64_t>(static_cast<uint64_t>(ticks), 1);
-        const double bits = static_cast<double>(bytes) * BITS * SECOND / static_cast<double>(length);
+        const double bits =
+            static_cast<double>(bytes) * BITS * SECOND / static_cast<double>(length);
         return static_cast<uint64_t>(bits) + EACH_SECOND * BITS;
     };
     uint64_t bytes = 0, held_bytes = 0;

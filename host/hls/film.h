@@ -18,9 +18,10 @@
 
 /// A stretch of the film that is sent as one piece.
 struct Segment {
-    int64_t start = 0;   ///< ticks of 90 kHz since the film's begin
-    int64_t end = 0;     ///< where the next one starts
-    uint64_t place = 0;  ///< where reading begins: an offset in the file; of MP4 a time to seek to, ms
+    int64_t start = 0;  ///< ticks of 90 kHz since the film's begin
+    int64_t end = 0;    ///< where the next one starts
+    uint64_t place =
+        0;  ///< where reading begins: an offset in the file; of MP4 a time to seek to, ms
     uint64_t bytes = 0;  ///< of it as it is served, at most, as far as the file's index tells
 };
 
@@ -28,11 +29,11 @@ struct Segment {
 struct FilmFile {
     Outline outline;  ///< without its cues
     Selection selection;
-    uint64_t head_end = 0;          ///< of Matroska: what is before it is read for each segment
-    std::vector<Patch> patches;     ///< to it
-    std::vector<uint8_t> tables;    ///< of M2TS: packets that go before each segment
-    int64_t first_time = 0;         ///< that is written for the film's begin, ticks of 90 kHz
-    int64_t more_shift = 0;         ///< by which the stage has to move times beyond its usual shift
+    uint64_t head_end = 0;        ///< of Matroska: what is before it is read for each segment
+    std::vector<Patch> patches;   ///< to it
+    std::vector<uint8_t> tables;  ///< of M2TS: packets that go before each segment
+    int64_t first_time = 0;       ///< that is written for the film's begin, ticks of 90 kHz
+    int64_t more_shift = 0;       ///< by which the stage has to move times beyond its usual shift
     golt::AudioGrid audio_grid;
 };
 
@@ -40,9 +41,9 @@ struct Film {
     std::string refusal;  ///< why it can't be played, in one line; empty: it can
     /// As in CODECS (RFC 6381), such as "avc1.64001f,mp4a.40.2"; empty: not known.
     std::string codecs;
-    std::string kinds;          ///< for people, such as "H.264 1280x720, AAC stereo"
-    bool f_video = false;       ///< else audio alone
-    uint32_t width = 0;         ///< 0: not known
+    std::string kinds;     ///< for people, such as "H.264 1280x720, AAC stereo"
+    bool f_video = false;  ///< else audio alone
+    uint32_t width = 0;    ///< 0: not known
     uint32_t height = 0;
     double frame_rate = 0;      ///< pictures in a second; 0: not known
     bool f_independent = true;  ///< each segment can be decoded without those before it

@@ -124,16 +124,23 @@ struct Kind {
     TrackKind kind;
     const char *title, *codec;
 };
-const Kind KINDS[] = {
-    {0x1B, TrackKind::VIDEO, "H.264", ""},     {0x01, TrackKind::VIDEO, "MPEG-1 video", ""},
-    {0x02, TrackKind::VIDEO, "MPEG-2 video", ""}, {0x24, TrackKind::VIDEO, "HEVC", ""},
-    {0xEA, TrackKind::VIDEO, "VC-1", ""},      {0x03, TrackKind::AUDIO, "MPEG audio", "mp4a.40.34"},
-    {0x04, TrackKind::AUDIO, "MPEG audio", "mp4a.40.34"}, {0x0F, TrackKind::AUDIO, "AAC", "mp4a.40.2"},
-    {0x11, TrackKind::AUDIO, "AAC (LATM)", ""}, {0x80, TrackKind::AUDIO, "PCM", ""},
-    {0x81, TrackKind::AUDIO, "AC-3", "ac-3"},  {0x82, TrackKind::AUDIO, "DTS", ""},
-    {0x83, TrackKind::AUDIO, "TrueHD", ""},    {0x84, TrackKind::AUDIO, "E-AC-3", "ec-3"},
-    {0x85, TrackKind::AUDIO, "DTS-HD", ""},    {0x86, TrackKind::AUDIO, "DTS-HD", ""},
-    {0x87, TrackKind::AUDIO, "E-AC-3", "ec-3"}};
+const Kind KINDS[] = {{0x1B, TrackKind::VIDEO, "H.264", ""},
+                      {0x01, TrackKind::VIDEO, "MPEG-1 video", ""},
+                      {0x02, TrackKind::VIDEO, "MPEG-2 video", ""},
+                      {0x24, TrackKind::VIDEO, "HEVC", ""},
+                      {0xEA, TrackKind::VIDEO, "VC-1", ""},
+                      {0x03, TrackKind::AUDIO, "MPEG audio", "mp4a.40.34"},
+                      {0x04, TrackKind::AUDIO, "MPEG audio", "mp4a.40.34"},
+                      {0x0F, TrackKind::AUDIO, "AAC", "mp4a.40.2"},
+                      {0x11, TrackKind::AUDIO, "AAC (LATM)", ""},
+                      {0x80, TrackKind::AUDIO, "PCM", ""},
+                      {0x81, TrackKind::AUDIO, "AC-3", "ac-3"},
+                      {0x82, TrackKind::AUDIO, "DTS", ""},
+                      {0x83, TrackKind::AUDIO, "TrueHD", ""},
+                      {0x84, TrackKind::AUDIO, "E-AC-3", "ec-3"},
+                      {0x85, TrackKind::AUDIO, "DTS-HD", ""},
+                      {0x86, TrackKind::AUDIO, "DTS-HD", ""},
+                      {0x87, TrackKind::AUDIO, "E-AC-3", "ec-3"}};
 
 /// A stream of the program, and what its type stands for.
 struct Lane {
@@ -208,7 +215,7 @@ private:
     Plan m_plan;
     Tables m_tables;
     Lane m_video, m_audio;
-    uint16_t m_pid = 0;       // of the one that is cut
+    uint16_t m_pid = 0;  // of the one that is cut
     Codec m_codec = Codec::UNKNOWN;
     CutClock m_clock{PTS_BITS, 0};
     std::optional<int64_t> m_first;
@@ -225,7 +232,8 @@ private:
 bool KeySearch::take(uint64_t offset, const uint8_t *packet)
 {
     const TsPacket view(packet);
-    if (!view.has_sync_byte()) throw NotDone(m_path, fmt::format("no packet is at byte {}", offset));
+    if (!view.has_sync_byte())
+        throw NotDone(m_path, fmt::format("no packet is at byte {}", offset));
     if (!m_tables.is_complete()) {
         m_tables.take(packet);
         if (m_tables.is_complete()) choose_streams();

@@ -21,8 +21,8 @@ std::string media_playlist(const Film &film, const std::string &prefix)
 {
     int64_t longest = 1;  // in whole seconds, each rounded
     for (const Segment &segment : film.segments)
-        longest = std::max(longest, (segment.end - segment.start + TICKS_PER_SECOND / 2) /
-                                        TICKS_PER_SECOND);
+        longest = std::max(longest,
+                           (segment.end - segment.start + TICKS_PER_SECOND / 2) / TICKS_PER_SECOND);
     std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-PLAYLIST-TYPE:VOD\n";
     if (film.f_independent) text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
     text += fmt::format("#EXT-X-TARGETDURATION:{}\n#EXT-X-MEDIA-SEQUENCE:0\n", longest);

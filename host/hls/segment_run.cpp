@@ -55,7 +55,8 @@ SegmentRun::SegmentRun(Source &source, const Film &film, const Begin &begin, Cut
 
 void SegmentRun::run()
 {
-    while (!m_cutter.is_done() && !m_cutter.is_full() && copy_frame()) {}
+    while (!m_cutter.is_done() && !m_cutter.is_full() && copy_frame()) {
+    }
     if (!m_cutter.is_done()) m_stage.finish();
     m_cutter.finish();
 }

@@ -22,8 +22,7 @@ int SplicedSource::read(uint8_t *buffer, int size)
     if (size <= 0 || position() >= this->size()) return 0;
     const bool f_head = position() < m_stretches.head_end;
     const uint64_t left = (f_head ? m_stretches.head_end : this->size()) - position();
-    const auto wanted =
-        static_cast<int>(std::min({left, m_budget, static_cast<uint64_t>(size)}));
+    const auto wanted = static_cast<int>(std::min({left, m_budget, static_cast<uint64_t>(size)}));
     if (wanted == 0) {
         m_fault = "too much would have to be read";
         return 0;

@@ -29,8 +29,8 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place)
     run.look();
     const std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
     if (!video && !audio)
-        throw NotDone(source.path(), source.fault().empty() ? "no frame in it can be read"
-                                                            : source.fault());
+        throw NotDone(source.path(),
+                      source.fault().empty() ? "no frame in it can be read" : source.fault());
     FilmFile &file = film.file;
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
     file.audio_grid = run.stage().audio_grid();
@@ -49,8 +49,7 @@ int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)
 int64_t frame_time_at(const Film &film, int64_t time)
 {
     const golt::AudioGrid &grid = film.file.audio_grid;
-    const int64_t first =
-        grid.time + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
+    const int64_t first = grid.time + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
     if (grid.samples == 0 || grid.rate == 0 || time <= first) return time;
     const int64_t frame = int64_t{grid.samples} * TICKS_PER_SECOND;
     const int64_t number = ((time - first) * grid.rate + frame - 1) / frame;
@@ -66,7 +65,8 @@ void plan_by_time(Film &film, int64_t end, uint64_t bytes,
         const int64_t exact = frame_time_at(film, time);
         const double part = static_cast<double>(exact) / static_cast<double>(end);
         if (exact < end)
-            plan.cut({exact, place_of(exact), static_cast<uint64_t>(static_cast<double>(bytes) * part)});
+            plan.cut(
+                {exact, place_of(exact), static_cast<uint64_t>(static_cast<double>(bytes) * part)});
     }
     plan.end(end, bytes);
 }

@@ -84,8 +84,9 @@ public:
         if (f_video || time <= 0) return;
         // Clusters are longer than segments may be.
         for (Segment &segment : m_film.segments)
-            segment.bytes = static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
-                                                  static_cast<double>(segment.end - segment.start));
+            segment.bytes =
+                static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
+                                      static_cast<double>(segment.end - segment.start));
     }
 
 private:
@@ -219,7 +220,8 @@ bool has_open_groups(ByteSource &bytes, const Film &film)
         options.from = film.segments[i].place;
         options.on_block = [&](const BlockSeen &block) {
             if (block.track != number) return ++blocks < MOST_BLOCKS;
-            constexpr size_t LEADING = 3;  // there would be such a picture among those after the key picture
+            constexpr size_t LEADING =
+                3;  // there would be such a picture among those after the key picture
             if (key != INT64_MIN) f_open = f_open || block.time < key;
             if (block.f_key && key == INT64_MIN) key = block.time;
             return ++blocks < MOST_BLOCKS && !f_open && (key == INT64_MIN || ++after <= LEADING);

@@ -47,8 +47,8 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
     const auto audio_before = [&](int64_t time) {
         if (audio == nullptr || end <= 0) return uint64_t{0};
         const double part = static_cast<double>(time) / static_cast<double>(end);
-        return static_cast<uint64_t>(
-            part * static_cast<double>(served_bytes(audio->mp4.bytes.value_or(0), audio->mp4.samples)));
+        return static_cast<uint64_t>(part * static_cast<double>(served_bytes(
+                                                audio->mp4.bytes.value_or(0), audio->mp4.samples)));
     };
     // Before a key picture come tables and parameter sets.
     constexpr uint64_t EACH_KEY = 3 * TS_PACKET_SIZE;

@@ -36,6 +36,7 @@ void survey_mpeg_audio(Source &source, Film &film)
             plan.cut({time, at, served_bytes(at - first_frame, frames)});
         at += header->size;
     }
-    const auto end = static_cast<int64_t>(frames * grid.samples * uint64_t{TICKS_PER_SECOND} / grid.rate);
+    const auto end =
+        static_cast<int64_t>(frames * grid.samples * uint64_t{TICKS_PER_SECOND} / grid.rate);
     plan.end(end, served_bytes(at - first_frame, frames));
 }

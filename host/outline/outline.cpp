@@ -43,6 +43,22 @@ Outline read_outline(ByteSource &source)
     return result;
 }
 
+std::optional<uint64_t> mean_frame_rate(const Track &track)
+{
+    const Mp4Details &mp4 = track.mp4;
+    constexpr double SECONDS = 1000;
+    double rate = 0;
+    if (mp4.ticks.value_or(0) != 0)
+        rate = SECONDS * static_cast<double>(mp4.samples) * mp4.timescale /
+               static_cast<double>(*mp4.ticks);
+    else if (track.matroska.default_duration_ns)
+        rate = SECONDS * 1e9 / static_cast<double>(*track.matroska.default_duration_ns);
+    constexpr double MOST = 1e15;
+    if (rate <= 0 || rate > MOST) return {};
+    // Rounded without the mathematics library, which would have to be loaded for it.
+    return (static_cast<uint64_t>(rate * 2) + 1) / 2;
+}
+
 std::optional<AudioConfig> parse_audio_config(const std::vector<uint8_t> &config)
 {
     static const uint32_t RATES[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,

@@ -168,6 +168,9 @@ struct Outline {
 /// Reads the outline of a file. What can't be read, or goes beyond the reader's limits, is left out.
 Outline read_outline(ByteSource &source);
 
+/// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
+std::optional<uint64_t> mean_frame_rate(const Track &track);
+
 /// ISO/IEC 14496-3, the first fields of AudioSpecificConfig.
 struct AudioConfig {
     uint32_t object_type;     ///< 2 is LC

@@ -8,10 +8,11 @@
 #include "outline.h"
 
 struct KeySample {
-    uint64_t sample = 0;       ///< its number, from 0
-    int64_t shown_ms = 0;      ///< as the library states it: cut to milliseconds
-    uint64_t bytes = 0;        ///< of all samples before it, if sizes are read
-    bool f_leading = false;    ///< samples after the key sample before this one are shown before that one
+    uint64_t sample = 0;   ///< its number, from 0
+    int64_t shown_ms = 0;  ///< as the library states it: cut to milliseconds
+    uint64_t bytes = 0;    ///< of all samples before it, if sizes are read
+    bool f_leading =
+        false;  ///< samples after the key sample before this one are shown before that one
 };
 
 class KeySamples {

@@ -1,0 +1,78 @@
+// What --help prints below the options of each subcommand.
+
+#ifndef HOST_HELP_H
+#define HOST_HELP_H
+
+constexpr const char * REMUX_FOOTER = R"(
+TIME: seconds (90, 5.5), a number with a unit (1500ms, 90s, 2m, 1h) or
+hh:mm:ss.mmm, where hours and fraction may be omitted. N is 1 or more.
+OUT is written as OUT.part and renamed when it is complete; if it can't be
+completed, OUT.part is removed. Pipes and devices are written to directly.
+SIGINT, SIGTERM and SIGHUP leave a shorter stream under OUT's name.
+
+Exit status: 0 done; 1 not done, the input was refused or can't be read, or the
+output can't be written; 2 bad usage; 3 done, but the only audio or video isn't
+in it, it ended early, or the input is damaged; 128 + its number after a signal.
+
+Examples:
+  golt remux movie.mp4
+  golt remux movie.mkv - --start 10:00 | player -
+  golt remux https://example.org/movie.mp4 movie.ts)";
+
+constexpr const char * INFO_FOOTER = R"(
+Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
+the headers of IN are read. For several files one line each is printed.
+Exit status: as for remux; for several files that of the worst.
+
+Examples:
+  golt info movie.mp4
+  golt info *.mkv
+  golt info movie.mkv --scan --json | jq .scan.streams)";
+
+constexpr const char * FRAMES_FOOTER = R"(
+Prints a line for each frame: number, stream, time, bytes, and the NAL units of
+a picture or the values in an audio frame's header. With --json each line is a
+JSON object; the first one names the schema. For M2TS files the lines are PES
+packets, in the order in which they end. TIME and exit status: as for remux.
+
+Examples:
+  golt frames movie.mp4 --start 1:00 --count 50
+  golt frames movie.mkv --csv >frames.csv
+  golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
+
+constexpr const char * CHECK_FOOTER = R"(
+Remuxes without writing an output, and reads the resulting stream. Findings are:
+  Times that run backward: for audio any; for video, a picture that comes after
+    16 others that are all shown later. Times that are repeated.
+  Jumps: audio that continues 100 ms after the end of the previous frame;
+    pictures 10 s apart, if that is 10 times as long as usual in this stream.
+  A frame that comes after frames of the other stream that are 1 s later.
+  A PCR that runs backward, or is more than 100 ms after the previous one.
+  Pictures before the first parameter sets; audio frames shorter than their
+    header states; PES packets above 65535 bytes with a length field.
+  Packets that break ISO/IEC 13818-1. An input that ended early.
+Exit status: 0 nothing was found, 3 something was; 1 and 2 as for remux; for
+several files that of the worst.
+
+Examples:
+  golt check movie.mp4
+  golt check movie.mkv --json | jq '.findings[].code')";
+
+constexpr const char * PLOT_FOOTER = R"(
+The plot shows the bit rates of both streams, how late each stream is compared
+with the other in the file's order, and the sync points that seeks to 120 places
+find (in files with video, but not in URLs). Exit status: as for remux.
+
+Example:
+  golt plot movie.mp4 -o timeline.svg)";
+
+constexpr const char * HLS_FOOTER = R"(
+Writes segments of about 6 s, each from a key picture on, and two playlists of
+HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
+rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
+it doesn't exist. The playlists are written last. Exit status: as for remux.
+
+Example:
+  golt hls movie.mkv /var/www/movie)";
+
+#endif
