@@ -142,6 +142,10 @@ def take_pictures(browser, base, folder):
         player.until("!video.seeking && video.readyState >= 2", "the picture of a film")
         time.sleep(0.5)
         browser.save_screenshot(str(folder / ("film_%s.png" % name)))
+    # The two narrow ones side by side, for the README.
+    subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", "folder_narrow.png", "-i", "film_narrow.png",
+                    "-filter_complex", "hstack,crop=iw:500:0:0,split[a][b];[a]palettegen=max_colors=128[p];"
+                    "[b][p]paletteuse=dither=none", "page.png"], cwd=folder, check=True)
 
 
 def main():

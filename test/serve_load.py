@@ -25,14 +25,14 @@ TICK = os.sysconf("SC_CLK_TCK")
 
 
 def make_films(folder, seconds):
-    """Films of about 2 Mbit/s."""
+    """Films of about 2 Mbit/s, the last one short."""
     subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-f", "lavfi", "-i", "testsrc2=s=640x360:r=25,noise=alls=12",
                     "-f", "lavfi", "-i", "sine=sample_rate=48000", "-t", "24", "-c:v", "libx264", "-preset",
                     "ultrafast", "-b:v", "1850k", "-maxrate", "1850k", "-bufsize", "1850k", "-g", "50", "-c:a", "aac",
                     "base.mp4"], cwd=folder, check=True)
-    for name in ("one.mp4", "two.mkv"):
+    for name, length in (("one.mp4", seconds), ("two.mkv", seconds), ("short.mp4", 60)):
         subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-stream_loop", "-1", "-i", "base.mp4", "-t",
-                        str(seconds), "-c", "copy", name], cwd=folder, check=True)
+                        str(length), "-c", "copy", name], cwd=folder, check=True)
     (folder / "base.mp4").unlink()
 
 
@@ -82,6 +82,12 @@ class Server:
     def stop(self):
         self.process.terminate()
         self.process.wait()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
 
 
 def row(what, figure):
@@ -257,52 +263,58 @@ def main():
         measure(given, folder, films, seconds, idle, clients)
 
 
+def watch_all(server, paths, sums, clients, seconds, cache):
+    """Many clients at different places. Returns the memory."""
+    made = server.status()["segments"]["made"]
+    megabits, wait, memory, load = asyncio.run(slow_clients(server, paths, sums, clients, seconds))
+    row("%d clients of 2 Mbit/s, %d MiB of cache" % (clients, cache),
+        "%.0f Mbit/s in all, first byte p99 %.0f ms, %d segments made, %.2f processors, %.1f MB" % (
+            megabits, wait, server.status()["segments"]["made"] - made, load, memory / 2**20))
+    return memory
+
+
+def measure_usual(given, films, seconds, idle, clients):
+    """With the usual cache. Returns the addresses of all segments, their sums, and the memory seen."""
+    with Server(given.golt, films, "--connections", "2048", "--per-address", "2048") as server:
+        paths = server.segments("one.mp4") + server.segments("two.mkv")
+        sums, size = {}, 0
+        cpu = server.cpu_seconds()
+        for path in paths:
+            body = server.get(path)
+            size += len(body)
+            sums[path] = hashlib.sha256(body).hexdigest()
+        fresh = (server.cpu_seconds() - cpu) / len(paths) * 1000
+        status = server.status()
+        assert status["segments"]["made"] == len(paths), status
+        row("Segments, and their mean size", "%d, %.2f MB" % (len(paths), size / len(paths) / 1e6))
+        row("A segment made: mean time in a maker", "%.2f ms" % status["segments"]["mean_ms"])
+        row("A segment asked for, made and sent: processor time", "%.2f ms" % fresh)
+        cost, count = ffmpeg_cost(films, "one.mp4")
+        row("ffmpeg -f hls to files: processor time for a segment", "%.2f ms" % (cost / count * 1000))
+
+        recent = paths[-4:]
+        for path in recent:
+            server.get(path)
+        row("Segments from the cache, 16 clients", "%.0f requests/s, p99 %s" % wrk(server, recent, seconds, 16))
+        row("Playlists from the cache, 16 clients",
+            "%.0f requests/s, p99 %s" % wrk(server, [os.path.dirname(paths[0]) + "/media.m3u8"], seconds, 16))
+        memory, late = asyncio.run(idle_clients(server, idle))
+        row("%d idle connections: memory; a page then" % idle, "%.1f MB; %.1f ms" % (memory / 2**20, late * 1000))
+        return paths, sums, [memory, watch_all(server, paths, sums, clients, seconds, 32)]
+
+
 def measure(given, folder, films, seconds, idle, clients):
-    memories = []
-    server = Server(given.golt, films, "--connections", "2048", "--per-address", "2048")
-    paths = server.segments("one.mp4") + server.segments("two.mkv")
-    sums, size = {}, 0
-    cpu = server.cpu_seconds()
-    for path in paths:
-        body = server.get(path)
-        size += len(body)
-        sums[path] = hashlib.sha256(body).hexdigest()
-    fresh = (server.cpu_seconds() - cpu) / len(paths) * 1000
-    status = server.status()
-    assert status["segments"]["made"] == len(paths), status
-    row("Segments, and their mean size", "%d, %.2f MB" % (len(paths), size / len(paths) / 1e6))
-    row("A segment made: mean time in a maker", "%.2f ms" % status["segments"]["mean_ms"])
-    row("A segment asked for, made and sent: processor time", "%.2f ms" % fresh)
-    cost, count = ffmpeg_cost(films, "one.mp4")
-    row("ffmpeg -f hls to files: processor time for a segment", "%.2f ms" % (cost / count * 1000))
+    paths, sums, memories = measure_usual(given, films, seconds, idle, clients)
+    with Server(given.golt, films, "--cache", "8M", "--per-address", "2048") as server:
+        assert server.segments("one.mp4") + server.segments("two.mkv") == paths
+        row("Segments that have to be made, 16 clients", "%.0f requests/s, p99 %s" % wrk(server, paths, seconds, 16))
+        memories.append(watch_all(server, paths, sums, clients, seconds, 8))
 
-    recent = paths[-4:]
-    for path in recent:
-        server.get(path)
-    row("Segments from the cache, 16 clients", "%.0f requests/s, p99 %s" % wrk(server, recent, seconds, 16))
-    row("Playlists from the cache, 16 clients",
-        "%.0f requests/s, p99 %s" % wrk(server, [os.path.dirname(paths[0]) + "/media.m3u8"], seconds, 16))
-    memory, late = asyncio.run(idle_clients(server, idle))
-    memories.append(memory)
-    row("%d idle connections: memory; a page then" % idle, "%.1f MB; %.1f ms" % (memory / 2**20, late * 1000))
-    megabits, wait, memory, load = asyncio.run(slow_clients(server, paths, sums, clients, seconds))
-    memories.append(memory)
-    row("%d clients of 2 Mbit/s, 32 MiB of cache" % clients,
-        "%.0f Mbit/s in all, first byte p99 %.0f ms, %.2f processors, %.1f MB" % (megabits, wait, load, memory / 2**20))
-    server.stop()
-
-    server = Server(given.golt, films, "--cache", "4M", "--per-address", "2048")
-    assert server.segments("one.mp4") + server.segments("two.mkv") == paths
-    row("Segments that have to be made, 16 clients", "%.0f requests/s, p99 %s" % wrk(server, paths, seconds, 16))
-    megabits, wait, memory, load = asyncio.run(slow_clients(server, paths, sums, clients, seconds))
-    memories.append(memory)
-    row("%d clients of 2 Mbit/s, 4 MiB of cache" % clients,
-        "%.0f Mbit/s in all, first byte p99 %.0f ms, %.2f processors, %.1f MB" % (megabits, wait, load, memory / 2**20))
-    server.stop()
-
-    some = paths[:len(paths) // 2 if given.short else 40]
-    rate, requests = asyncio.run(behind_nginx(given.golt, films, given.docs, folder, some, sums, clients))
-    row("Behind nginx, %d clients, one of two instances killed" % clients,
+    with Server(given.golt, films) as server:
+        whole = server.segments("short.mp4")
+        sums = {path: hashlib.sha256(server.get(path)).hexdigest() for path in whole}
+    rate, requests = asyncio.run(behind_nginx(given.golt, films, given.docs, folder, whole, sums, clients))
+    row("Behind nginx, %d clients that read a whole playlist, one of two instances killed" % clients,
         "%d requests, no error, %.1f %% from nginx's cache" % (requests, rate * 100))
     if max(memories) > MEMORY_BOUND:
         sys.exit("the processes take %.1f MB beside the cache" % (max(memories) / 2**20))

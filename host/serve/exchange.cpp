@@ -36,7 +36,7 @@ const char *const POLICY =
 // A client that takes less is dropped, bytes in a second.
 constexpr uint64_t LEAST_RATE = 16 * 1024;
 // Results that go from the cache before they could be sent.
-constexpr int MOST_TRIES = 3;
+constexpr int MOST_TRIES = 8;
 constexpr const char *SECONDS_TO_RETRY = "5";
 
 // Results that are sent from a buffer of their own, not from the cache.
@@ -213,10 +213,7 @@ MHD_Result Exchange::wait()
 MHD_Result Exchange::answer_result()
 {
     if (m_reply->status != MHD_HTTP_OK) return refuse(m_reply->status, m_reply->text);
-    if (const auto size = m_context.setting.shared.find(m_job.key())) return answer_kept(*size);
-    // Others have made so much that it has gone already.
-    if (++m_tries < MOST_TRIES) return wait();
-    return refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "the cache is too small");
+    return answer_kept(m_reply->size);
 }
 
 MHD_Result Exchange::answer_kept(uint64_t size)
@@ -231,6 +228,7 @@ MHD_Result Exchange::answer_kept(uint64_t size)
     if (!m_context.setting.shared.read(m_job.key(), 0,
                                        reinterpret_cast<uint8_t *>(m_answer.text.data()),
                                        m_answer.text.size()))
+        // Others have made so much that it has gone already.
         return ++m_tries < MOST_TRIES
                    ? wait()
                    : refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "the cache is too small");

@@ -23,7 +23,7 @@ struct JobHead {
     JobKind kind;
 };
 struct ReplyHead {
-    uint64_t id;
+    uint64_t id, size;
     uint32_t status;
 };
 
@@ -98,7 +98,7 @@ bool receive_job(const Channel &channel, Job &job)
 
 bool send_reply(const Channel &channel, const Reply &reply)
 {
-    const ReplyHead head = {reply.id, reply.status};
+    const ReplyHead head = {reply.id, reply.size, reply.status};
     return send_message(channel.to, head, reply.text.substr(0, LONGEST_TEXT));
 }
 
@@ -108,5 +108,6 @@ bool receive_reply(const Channel &channel, Reply &reply)
     if (!receive_message(channel.from, head, reply.text)) return false;
     reply.id = head.id;
     reply.status = head.status;
+    reply.size = head.size;
     return true;
 }

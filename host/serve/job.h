@@ -28,7 +28,8 @@ struct Job {
 
 struct Reply {
     uint64_t id = 0;
-    unsigned status = 0;  ///< of HTTP; 200: the result is kept
+    unsigned status = 0;  ///< of HTTP; 200: the result is kept, or was
+    uint64_t size = 0;    ///< of the result
     std::string text;     ///< why not
 };
 

@@ -64,13 +64,16 @@ private:
     };
 
     Reply reply_to(const Job &job);
-    void make(const Job &job);
-    void make_listing(const Job &job);
-    void make_segment_of(const Job &job);
+    uint64_t make(const Job &job);
+    uint64_t make_listing(const Job &job);
+    uint64_t make_segment_of(const Job &job);
     OpenFile open(const Job &job);
     const Film &film_of(const Job &job, OpenFile &file);
-    void keep(const Job &job, const void *bytes, size_t size);
-    void keep(const Job &job, const std::string &text) { keep(job, text.data(), text.size()); }
+    uint64_t keep(const Job &job, const void *bytes, size_t size);
+    uint64_t keep(const Job &job, const std::string &text)
+    {
+        return keep(job, text.data(), text.size());
+    }
 
     const MakerSetting &m_setting;
     std::list<Kept> m_films;  // the one that was used last first
@@ -147,44 +150,43 @@ Reply Maker::reply_to(const Job &job)
             throw Refusal(STATUS_UNAVAILABLE,
                           "this file has brought the server down; it is left alone for a minute");
         // Another maker may have done it meanwhile.
-        if (job.version.empty() || !m_setting.shared.find(job.key())) make(job);
-        return {job.id, STATUS_DONE, ""};
+        const auto kept = job.version.empty() ? std::nullopt : m_setting.shared.find(job.key());
+        return {job.id, STATUS_DONE, kept ? *kept : make(job), ""};
     } catch (const Refusal &refusal) {
-        return {job.id, refusal.status, refusal.what()};
+        return {job.id, refusal.status, 0, refusal.what()};
     } catch (const NotDone &error) {
-        return {job.id, job.path.empty() ? STATUS_UNREACHABLE : STATUS_FAILED, error.what()};
+        return {job.id, job.path.empty() ? STATUS_UNREACHABLE : STATUS_FAILED, 0, error.what()};
     } catch (const std::exception &error) {
-        return {job.id, STATUS_FAILED, error.what()};
+        return {job.id, STATUS_FAILED, 0, error.what()};
     }
 }
 
-void Maker::make(const Job &job)
+// Returns the size of what it has made.
+uint64_t Maker::make(const Job &job)
 {
     switch (job.kind) {
-    case JobKind::LISTING: make_listing(job); return;
-    case JobKind::SEGMENT: make_segment_of(job); return;
+    case JobKind::LISTING: return make_listing(job);
+    case JobKind::SEGMENT: return make_segment_of(job);
     default: break;
     }
     OpenFile file = open(job);
     const Film &film = film_of(job, file);
-    if (job.kind == JobKind::DETAILS) {
-        keep(job, details_json(film, file.source->size()));
-        return;
-    }
+    if (job.kind == JobKind::DETAILS) return keep(job, details_json(film, file.source->size()));
     if (!film.refusal.empty()) throw Refusal(STATUS_UNSUITABLE, film.refusal);
-    keep(job, job.kind == JobKind::MEDIA ? media_playlist(film)
-                                         : master_playlist(film, file.version + "/media.m3u8"));
+    return keep(job, job.kind == JobKind::MEDIA
+                         ? media_playlist(film)
+                         : master_playlist(film, file.version + "/media.m3u8"));
 }
 
-void Maker::make_listing(const Job &job)
+uint64_t Maker::make_listing(const Job &job)
 {
     bool f_more = false;
     const auto entries = m_setting.tree.list(job.root, job.path, MOST_LISTED, &f_more);
     if (!entries) throw Refusal(STATUS_GONE, "there is no such folder");
-    keep(job, folder_page(m_setting.tree, job.root, job.path, *entries, f_more));
+    return keep(job, folder_page(m_setting.tree, job.root, job.path, *entries, f_more));
 }
 
-void Maker::make_segment_of(const Job &job)
+uint64_t Maker::make_segment_of(const Job &job)
 {
     timespec start = {};
     clock_gettime(CLOCK_MONOTONIC, &start);
@@ -210,7 +212,9 @@ void Maker::make_segment_of(const Job &job)
         counters.segment_us += took_us;
         ++counters.segment_times[static_cast<size_t>(limit - limits.begin())];
     });
+    const uint64_t size = m_segment.size();
     if (m_segment.capacity() > USUAL_SEGMENT) std::vector<uint8_t>().swap(m_segment);
+    return size;
 }
 
 // Throws Refusal where it isn't the content that the job is about.
@@ -265,9 +269,9 @@ const Film &Maker::film_of(const Job &job, OpenFile &file)
     return film;
 }
 
-void Maker::keep(const Job &job, const void *bytes, size_t size)
+uint64_t Maker::keep(const Job &job, const void *bytes, size_t size)
 {
-    if (m_setting.shared.put(job.key(), static_cast<const uint8_t *>(bytes), size)) return;
+    if (m_setting.shared.put(job.key(), static_cast<const uint8_t *>(bytes), size)) return size;
     throw Refusal(STATUS_FAILED,
                   fmt::format("it has {} bytes, more than the cache; see --cache", size));
 }

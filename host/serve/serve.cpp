@@ -195,6 +195,7 @@ void Parent::become(size_t slot)
                                            m_parts,
                                            m_jobs,
                                            m_replies[slot],
+                                           m_posts.size() - m_servers,
                                            m_listener.get(),
                                            static_cast<unsigned>(share),
                                            static_cast<unsigned>(m_options.from_one_address),
@@ -253,7 +254,7 @@ void Parent::report_lost_job(const Slot &slot)
     m_shared.suspect(slot.subject);
     if (slot.server < m_replies.size())
         send_reply(m_replies[slot.server],
-                   {slot.job, STATUS_FAILED, "the process that read the file has ended"});
+                   {slot.job, STATUS_FAILED, 0, "the process that read the file has ended"});
 }
 
 // Until the next process is due; negative: there is none.

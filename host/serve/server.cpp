@@ -68,7 +68,7 @@ void run_server(const ServerSetting &setting, const sigset_t &waiting)
 namespace {
 
 Server::Server(const ServerSetting &setting)
-    : m_context{setting, HttpLibrary::get(), WorkList(setting.jobs, setting.slot)}
+    : m_context{setting, HttpLibrary::get(), WorkList(setting.jobs, setting.slot, setting.makers)}
 {
     m_daemon = m_context.http.start_daemon(
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, on_request, this,

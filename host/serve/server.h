@@ -20,6 +20,7 @@ struct ServerSetting {
     const PageParts &parts;
     const Channel &jobs;
     const Channel &replies;
+    size_t makers;  ///< their number
     int listener;
     unsigned connections;  ///< of this server
     unsigned from_one_address;

@@ -17,8 +17,9 @@ constexpr unsigned STATUS_UNAVAILABLE = 503;
 
 }  // namespace
 
-WorkList::WorkList(const Channel &jobs, size_t slot)
+WorkList::WorkList(const Channel &jobs, size_t slot, size_t makers)
     : m_jobs(jobs)
+    , m_most_busy(makers)
     , m_slot(static_cast<uint32_t>(slot))
     // Replies to the process that was here before mean nothing.
     , m_next(static_cast<uint64_t>(getpid()) << 32)
@@ -61,19 +62,19 @@ void WorkList::look_after(int64_t now)
         if (now - pending.since > PATIENCE_SECONDS) late.push_back(id);
     }
     for (const uint64_t id : late)
-        take({id, STATUS_UNAVAILABLE, "it took too long"});
+        take({id, STATUS_UNAVAILABLE, 0, "it took too long"});
 }
 
 void WorkList::give_up_all()
 {
     while (!m_pending.empty())
-        take({m_pending.begin()->first, STATUS_UNAVAILABLE, "the server ends"});
+        take({m_pending.begin()->first, STATUS_UNAVAILABLE, 0, "the server ends"});
 }
 
 void WorkList::send(Pending &pending)
 {
     const uint64_t subject = pending.job.subject();
-    if (pending.f_sent || m_busy.count(subject) != 0) return;
+    if (pending.f_sent || m_busy.size() >= m_most_busy || m_busy.count(subject) != 0) return;
     pending.f_sent = send_job(m_jobs, pending.job);
     if (pending.f_sent) m_busy.insert(subject);
 }

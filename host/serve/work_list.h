@@ -23,7 +23,7 @@ protected:
 class WorkList {
 public:
     /// jobs: has to outlive the object. slot: of this server.
-    WorkList(const Channel &jobs, size_t slot);
+    WorkList(const Channel &jobs, size_t slot, size_t makers);
 
     /// Has the job done. job: its id and server are filled in here. The waiter stays where it is until
     /// its reply comes, exactly once and never within this call. False when there is too much to do.
@@ -47,6 +47,8 @@ private:
     void send(Pending &pending);
 
     const Channel &m_jobs;
+    // What is made too far ahead has left the cache before it could be sent.
+    const size_t m_most_busy;
     const uint32_t m_slot;
     uint64_t m_next;
     std::map<uint64_t, Pending> m_pending;  // by their id
