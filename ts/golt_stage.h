@@ -117,6 +117,7 @@ public:
     bool flush() { return m_stage.flush(); }
     bool finish() { return m_stage.finish(); }
     StageCounts counts() const { return m_stage.counts(); }
+    int64_t shift() const { return m_stage.shift(); }
 
 private:
     static bool pass_on(void *output, const uint8_t *packets, size_t size)

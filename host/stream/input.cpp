@@ -240,14 +240,15 @@ Format choose_format(const InputOptions &options, Source &source, const Outline 
         if (format == nullptr && !source.fault().empty())
             throw NotDone(source.path(), source.fault());
         if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
-            throw NotDone(source.path(), select_tracks(outline).refusal);
+            format = format_of_name("ts");
         if (format == nullptr)
             throw NotDone(source.path(), "format not recognised; --format names it");
     }
     if (!format->f_times && (options.start_ms || options.to_ms))
-        throw BadUsage(fmt::format("{}: the frames of {} have no times; --start and --to don't "
-                                   "work with it",
-                                   source.path(), format->name));
+        throw BadUsage(
+            fmt::format("{}: the frames of {} have no times for the library; --start and --to "
+                        "don't work with it",
+                        source.path(), format->name));
     return *format;
 }
 

@@ -1,11 +1,14 @@
 #include "scan.h"
 
 #include <algorithm>
+#include <vector>
 
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include "io/interrupt.h"
+#include "io/message.h"
 #include "io/progress.h"
 #include "time_text.h"
 
@@ -47,6 +50,31 @@ void read_all(Input &input, Pump &pump, StreamFrames &frames)
                           counted(pump.frames(), "frame"));
     }
     frames.finish();
+}
+
+std::string read_all(Source &source, TsFileFrames &frames, const std::function<bool()> &is_enough)
+{
+    constexpr size_t PIECE = 65536;
+    std::vector<uint8_t> piece(PIECE);
+    Progress progress(isatty(STDERR_FILENO) != 0);
+    while (!is_enough() && stop_signal() == 0) {
+        const int size = source.read(piece.data(), static_cast<int>(piece.size()));
+        if (size == 0) break;
+        if (size < 0) continue;  // nothing has come yet
+        frames.feed(piece.data(), static_cast<size_t>(size));
+        const double part = source.size() == 0 ? 0
+                                               : static_cast<double>(source.position()) /
+                                                     static_cast<double>(source.size());
+        if (progress.is_due(source.position()))
+            progress.show(source.position(), std::min(part, 1.0),
+                          counted(frames.packets(), "packet"));
+    }
+    frames.finish();
+    if (!source.fault().empty() && frames.packet_size() == 0)
+        throw NotDone(source.path(), source.fault());
+    if (stop_signal() != 0) return fmt::format("stopped by {}", stop_signal_name());
+    if (frames.packet_size() == 0) throw NotDone(source.path(), "no transport packets found");
+    return source.fault().empty() ? source.doubt() : source.fault();
 }
 
 std::string totals_text(const StreamTotals &totals)

@@ -3,6 +3,7 @@
 #ifndef HOST_STREAM_SCAN_H
 #define HOST_STREAM_SCAN_H
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -32,6 +33,12 @@ using Totals = std::map<uint16_t, StreamTotals>;  // by PID
 
 /// Reads all frames of an input, with a line of progress on a terminal.
 void read_all(Input &input, Pump &pump, StreamFrames &frames);
+
+/// Reads all of a transport stream, likewise; is_enough says when no more of it is wanted. What was wrong with the
+/// input; empty when nothing was. Throws NotDone.
+std::string read_all(
+    Source &source, TsFileFrames &frames,
+    const std::function<bool()> &is_enough = [] { return false; });
 
 /// "250 frames, 1234 bytes, ..."
 std::string totals_text(const StreamTotals &totals);
