@@ -48,7 +48,9 @@ Examples:
 
 const char *const INFO_FOOTER = R"(
 Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
-the headers of IN are read. For several files one line each is printed.
+the headers of IN are read. A transport stream has none: all of it is read, and
+its program, PIDs, clock and key pictures are printed. For several files one
+line each is printed.
 Exit status: as for remux; for several files that of the worst.
 
 Examples:
@@ -59,8 +61,10 @@ Examples:
 const char *const FRAMES_FOOTER = R"(
 Prints a line for each frame: number, stream, time, bytes, and the NAL units of
 a picture or the values in an audio frame's header. With --json each line is a
-JSON object; the first one names the schema. For M2TS files the lines are PES
-packets, in the order in which they end. TIME and exit status: as for remux.
+JSON object; the first one names the schema. For M2TS files and transport streams
+the lines are PES packets, in the order in which they end; those of a transport
+stream also show decoding time, key pictures and the offset in the file.
+TIME and exit status: as for remux.
 
 Examples:
   golt frames movie.mp4 --start 1:00 --count 50
@@ -68,21 +72,25 @@ Examples:
   golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
 
 const char *const CHECK_FOOTER = R"(
-Remuxes without writing an output, and reads the resulting stream. Findings are:
-  Times that run backward: for audio any; for video, a picture that comes after
-    16 others that are all shown later. Times that are repeated.
-  Jumps: audio that continues 100 ms after the end of the previous frame;
-    pictures 10 s apart, if that is 10 times as long as usual in this stream.
-  A frame that comes after frames of the other stream that are 1 s later.
-  A PCR that runs backward, or is more than 100 ms after the previous one.
-  Pictures before the first parameter sets; audio frames shorter than their
-    header states; PES packets above 65535 bytes with a length field.
-  Packets that break ISO/IEC 13818-1. An input that ended early.
+Judges the packets of a transport stream (188, 192 or 204 bytes each; the first
+program), or the stream that remux would write of any other file. Findings are:
+  Packets: sync bytes, lost bytes, continuity, errors marked in them.
+  PAT and PMT: missing, wrong CRC, more than 500 ms apart, no new version.
+  PCR: missing, backward, more than 100 ms apart, jitter at a constant rate.
+  Times: frames that arrive after their decoding time, or 2 s after those of the
+    other stream; DTS that don't rise, or are after the PTS; times that run
+    backward or are repeated; audio with gaps or overlaps above 15 ms; pictures
+    10 s apart, if that is 10 times as long as usual in this stream.
+  Frames: PES lengths, cut audio frames and bytes between them, ADTS headers
+    that contradict the frame; key pictures without parameter sets or
+    random_access_indicator, pictures without access unit delimiter.
+  Whatever else breaks ISO/IEC 13818-1. An input that ended early.
+Lines that begin with "by golt" report what golt does itself; they don't count.
 Exit status: 0 nothing was found, 3 something was; 1 and 2 as for remux; for
 several files that of the worst.
 
 Examples:
-  golt check movie.mp4
+  golt check movie.mp4 recording.ts
   golt check movie.mkv --json | jq '.findings[].code')";
 
 const char *const PLOT_FOOTER = R"(
@@ -334,8 +342,9 @@ void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string>
 
 void add_input_options(CLI::App &command, InputOptions &input)
 {
-    command.add_option("--format", input.format,
-                       "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+    command.add_option(
+        "--format", input.format,
+        "Format of IN, such as mp4, mkv, mp3, m2ts, ts; default: by IN's bytes or name");
     add_value(command, "--timeout", "SECONDS", parse_timeout, input.http.timeout_s,
               "Give up a server that sends nothing for this long (1 to 120; default: 20)");
     command.add_option("--header", input.http.headers, "Send this field to the server; repeatable")

@@ -158,6 +158,9 @@ std::string summary_text(const Subject &subject)
                             ? "none"
                             : fmt::format("{}, PID {:#x}", codec_name(totals->codec), totals->pid));
     }
+    for (const auto &[pid, type] : scan.types)
+        if (codec_of_stream_type(type) == Codec::UNKNOWN)
+            text += fmt::format("; other: {}, PID {:#x}", stream_type_name(type), pid);
     return text + "\n";
 }
 

@@ -140,6 +140,7 @@ bool AudioFrames::take_header()
     m_f_synced = true;
     m_sample_rate = m_header->sample_rate;
     if (!m_content.first) m_content.first = m_header;
+    ++m_content.frames;
     uint64_t &samples = m_f_earlier ? m_content.earlier_samples : m_content.samples;
     if (!m_header->f_dependent) samples += m_header->samples;
     m_f_earlier = false;

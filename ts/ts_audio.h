@@ -30,6 +30,7 @@ std::optional<SoundHeader> read_eac3(const uint8_t *head);
 /// What is in a PES packet of audio.
 struct AudioContent {
     std::optional<SoundHeader> first;  ///< of the first header in it
+    uint64_t frames = 0;               ///< whose headers are in it
     uint64_t samples = 0;              ///< of the frames that begin in it
     uint64_t earlier_samples = 0;      ///< of one whose first bytes are in the PES packet before
     uint64_t stray = 0;                ///< bytes that belong to no frame

@@ -18,6 +18,7 @@ void StreamTotals::add(const StreamFrame &frame)
     codec = frame.codec;
     ++frames;
     bytes += frame.pes.payload_size;
+    audio_frames += frame.content.audio.frames;
     if (frame.time) {
         ++timed_frames;
         first = std::min(first, *frame.time);
@@ -79,7 +80,10 @@ std::string read_all(Source &source, TsFileFrames &frames, const std::function<b
 
 std::string totals_text(const StreamTotals &totals)
 {
-    std::string text = counted(totals.frames, "frame") + ", " + counted(totals.bytes, "byte");
+    const bool f_packed = totals.audio_frames > totals.frames;
+    std::string text = counted(f_packed ? totals.audio_frames : totals.frames, "frame");
+    if (f_packed) text += " in " + counted(totals.frames, "PES packet");
+    text += ", " + counted(totals.bytes, "byte");
     if (totals.timed_frames == 0) return text;
     text += fmt::format(", {} to {}", time_text(totals.first / TICKS_PER_MS),
                         time_text(totals.last / TICKS_PER_MS));
@@ -97,6 +101,7 @@ Json totals_json(const StreamTotals &totals)
                  {"codec", codec_id(totals.codec)},
                  {"frames", totals.frames},
                  {"bytes", totals.bytes}};
+    if (totals.audio_frames > totals.frames) json["audio_frames"] = totals.audio_frames;
     if (totals.timed_frames > 0) {
         json["first_ms"] = json_ms(totals.first);
         json["last_ms"] = json_ms(totals.last);

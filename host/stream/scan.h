@@ -17,6 +17,7 @@ struct StreamTotals {
     Codec codec = Codec::UNKNOWN;
     uint64_t frames = 0;
     uint64_t bytes = 0;         ///< of payload
+    uint64_t audio_frames = 0;  ///< of audio, by their headers
     uint64_t timed_frames = 0;  ///< that have a time
     int64_t first = INT64_MAX;  ///< earliest and latest time, 90 kHz
     int64_t last = INT64_MIN;
