@@ -90,6 +90,8 @@ void check_media(Input &input, CheckReport &report)
     if (report.open_lengths() > 0)
         report.by_golt.push_back(fmt::format("{} of more than 65535 bytes with PES_packet_length 0",
                                              counted(report.open_lengths(), "picture")));
+    for (const std::string &loss : input.selection().losses)
+        report.by_golt.push_back("no " + loss);
     for (const std::string &note : setup.notes)
         report.by_golt.push_back(note);
     for (const std::string &note : input.selection().notes)

@@ -35,6 +35,8 @@ public:
                         : m_options.f_csv ? csv_line(frame, m_f_packets)
                                           : text_line(frame, m_f_packets));
     }
+    void on_program(const TsProgram &program) override { m_program = program; }
+    const std::optional<TsProgram> &program() const { return m_program; }
     bool is_full() const { return m_options.count && m_listed >= *m_options.count; }
     bool is_enough() const { return is_full() || m_printer.is_closed(); }
     uint64_t listed() const { return m_listed; }
@@ -44,6 +46,7 @@ private:
     const bool m_f_packets;
     Printer &m_printer;
     uint64_t m_listed = 0;
+    std::optional<TsProgram> m_program;
 };
 
 }  // namespace
@@ -82,6 +85,10 @@ ExitStatus list_packets(InputFile &file, const FramesOptions &options, Printer &
     TsFileFrames frames(lister);
     printer.print(header_of(options, file));
     const std::string fault = read_all(file.source(), frames, [&] { return lister.is_enough(); });
+    if (lister.program() && lister.program()->others > 0)
+        say(fmt::format("{}: program {} alone; {} left out", file.source().path(),
+                        lister.program()->number,
+                        counted(lister.program()->others, "other program")));
     if (!lister.is_enough() && lister.listed() == 0 && fault.empty())
         throw NotDone(file.source().path(), "no PES packets in it");
     if (lister.is_enough() || stop_signal() != 0) {

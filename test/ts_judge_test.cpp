@@ -159,6 +159,12 @@ TEST(TsJudge, FindsEachFaultOfAFrame)
              }
              film.of(VIDEO_PID, 20).f_jumps = true;
          }},
+        {"times that start again", "",
+         [](Film &film) {
+             for (Item &item : film.items)
+                 for (int64_t *time : {&item.pts, &item.dts, &item.pcr})
+                     if (*time != NO_TIME) *time += (int64_t{1} << 33) - START - 15 * PICTURE;
+         }},
         {"wrong length", "pes-length:1", [](Film &film) { film.of(AUDIO_PID, 9).length = 1; }},
         {"video without length", "", [](Film &film) { film.of(VIDEO_PID, 9).f_length = false; }},
         {"audio without length", "pes-length:1",

@@ -97,6 +97,16 @@ void TsChecker::read_pat(ByteView &entries)
         if (pmt.f_last && pmt.table.empty()) note_unusual("a PMT comes before the PAT");
         pmt.program = number;
     }
+    // Programs that are gone take their streams with them.
+    const uint16_t pat_pid = m_pid;
+    for (auto &[pid, state] : m_pids) {
+        if (!state.program) state.table.clear();
+        if (!state.pmt || m_pids[*state.pmt].program) continue;
+        m_pid = pid;
+        finish_pes(state);
+        state.pmt.reset();
+    }
+    m_pid = pat_pid;
     if (!first) return;
     first->others = programs - 1;
     m_events.on_program(*first);

@@ -91,6 +91,12 @@ void TsClock::finish()
                       m_first_unfitting_time, m_worst * PICOSECONDS / 1000, m_unfitting});
 }
 
+std::optional<int64_t> TsClock::now() const
+{
+    if (!m_last) return {};
+    return static_cast<int64_t>(m_pcr) / PCR_PER_TICK;
+}
+
 uint64_t TsClock::bit_rate() const
 {
     if (m_pcrs.sum <= 0) return 0;

@@ -45,6 +45,8 @@ public:
     void finish();
 
     uint16_t pid() const { return m_pid; }
+    /// The last PCR, 90 kHz.
+    std::optional<int64_t> now() const;
     const Distances &pcrs() const { return m_pcrs; }
     const Distances &tables(Table table) const { return m_tables[table].distances; }
     /// Bits in a second, by the packets between the PCRs; 0: not known.

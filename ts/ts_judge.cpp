@@ -1,7 +1,6 @@
 #include "ts_judge.h"
 
 #include <algorithm>
-#include <functional>
 #include <utility>
 
 namespace {
@@ -20,7 +19,7 @@ void TsJudge::on_frame(const StreamFrame &frame)
     // Times of frames that begin after a jump of the clock are counted by the new one.
     if (stream.jumps != m_jumps && pes.first_packet >= m_jump_at) start_again(pes.pid, stream);
     stream.packet = pes.first_packet;
-    if (pes.length != 0 && pes.size > LONGEST_PES)
+    if (pes.length != 0 && pes.size > LONGEST_PES && !pes.f_broken)
         report(rules::PES_TOO_LONG, frame, static_cast<int64_t>(pes.size));
     if (stream.f_video)
         judge_pictures(stream, frame);
@@ -32,7 +31,16 @@ void TsJudge::on_frame(const StreamFrame &frame)
     if (frame.codec == Codec::UNKNOWN) return;
 
     judge_distance(stream, frame);
-    if (const auto step = stream.order.add(*frame.time)) judge_step(pes.pid, stream, *step);
+    if (const auto step = stream.order.add({*frame.time, pes.first_packet}))
+        judge_step(pes.pid, stream, *step);
+}
+
+// What concerns no frame happens when the clock says.
+void TsJudge::on_problem(const TsProblem &problem)
+{
+    TsProblem timed = problem;
+    if (!timed.time) timed.time = m_clock.now();
+    found(timed);
 }
 
 void TsJudge::on_stream(uint16_t pid, uint8_t stream_type)
@@ -105,7 +113,7 @@ void TsJudge::judge_order(Stream &stream, const StreamFrame &frame)
 void TsJudge::judge_step(uint16_t pid, Stream &stream, const TimeOrder::Step &step)
 {
     const auto say = [&](const TsRule &rule, int64_t amount) {
-        found({&rule, stream.packet, pid, nullptr, false, step.time, amount});
+        found({&rule, step.packet, pid, nullptr, false, step.time, amount});
     };
     if (step.backward > 0) return say(rules::TIME_BACKWARD, step.backward);
     if (!step.f_length) return;
@@ -178,7 +186,7 @@ void TsJudge::judge_pictures(Stream &stream, const StreamFrame &frame)
         const bool f_first = !std::exchange(f_picture, true);
         if (!stream.f_sequence || (f_h264 && !stream.f_picture_sets)) {
             if (!std::exchange(f_reported, true)) report(rules::NO_SETS, frame);
-        } else if (f_h264 && f_first && unit == nal::IDR && frame.time &&
+        } else if (f_h264 && f_first && unit == nal::IDR && frame.time && !frame.pes.f_broken &&
                    !(f_sets[0] && f_sets[1])) {
             report(rules::KEY_SETS, frame);
         }
@@ -194,10 +202,10 @@ void TsJudge::report(const TsRule &rule, const StreamFrame &frame, int64_t amoun
     found({&rule, frame.pes.first_packet, frame.pes.pid, detail, false, frame.time, amount});
 }
 
-std::optional<TimeOrder::Step> TimeOrder::add(int64_t time)
+std::optional<TimeOrder::Step> TimeOrder::add(const Frame &frame)
 {
-    m_waiting.insert(std::upper_bound(m_waiting.begin(), m_waiting.end(), time, std::greater<>()),
-                     time);
+    const auto is_later = [](const Frame &a, const Frame &b) { return a.time > b.time; };
+    m_waiting.insert(std::upper_bound(m_waiting.begin(), m_waiting.end(), frame, is_later), frame);
     if (m_waiting.size() <= m_held_back) return {};
     return leave();
 }
@@ -210,9 +218,9 @@ std::optional<TimeOrder::Step> TimeOrder::drain()
 
 TimeOrder::Step TimeOrder::leave()
 {
-    const int64_t time = m_waiting.back();
+    const auto [time, packet] = m_waiting.back();
     m_waiting.pop_back();
-    Step step = {time, 0, m_last.has_value(), 0};
+    Step step = {time, packet, 0, m_last.has_value(), 0};
     if (m_last && time < *m_last) {
         step.backward = *m_last - time;
         m_waiting.clear();  // they belong to what came before

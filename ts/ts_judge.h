@@ -29,13 +29,19 @@ public:
     {
     }
 
+    struct Frame {
+        int64_t time;
+        uint64_t packet;  // in which it begins
+    };
     struct Step {
-        int64_t time, length;
+        int64_t time;
+        uint64_t packet;
+        int64_t length;
         bool f_length;  // there was a time before
         int64_t backward;
     };
-    /// Takes the next time; what leaves the order, if any does.
-    std::optional<Step> add(int64_t time);
+    /// Takes the next frame; what leaves the order, if any does.
+    std::optional<Step> add(const Frame &frame);
     /// What is still held back, one by one.
     std::optional<Step> drain();
 
@@ -43,7 +49,7 @@ private:
     Step leave();
 
     size_t m_held_back;
-    std::vector<int64_t> m_waiting;  // sorted, the last one first
+    std::vector<Frame> m_waiting;  // sorted, the last one first
     std::optional<int64_t> m_last;
 };
 
@@ -58,7 +64,7 @@ public:
     virtual ~TsJudge() = default;
 
     void on_frame(const StreamFrame &frame) override;
-    void on_problem(const TsProblem &problem) override { found(problem); }
+    void on_problem(const TsProblem &problem) override;
     void on_pat(uint64_t packet) override { m_clock.on_table(TsClock::PAT, packet, 0); }
     void on_pmt(uint64_t packet, uint16_t pid) override
     {
