@@ -23,7 +23,8 @@ struct BitView {
         uint32_t value = 0;
         for (; count > 0; --count, ++at) {
             f_short = f_short || at / 8 >= size;
-            value = value << 1 | (f_short ? 0U : bytes[at / 8] >> (7 - at % 8) & 1U);
+            const uint32_t bits = f_short ? 0 : bytes[at / 8];
+            value = value << 1 | (bits >> (7 - at % 8) & 1);
         }
         return value;
     }
