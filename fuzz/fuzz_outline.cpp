@@ -63,6 +63,8 @@ void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
     }
     source.allow(3 * 8192 + 4096);
     find_sync_point(source, outline, selection, time_ms, false);
+    source.allow(1u << 17);
+    list_key_pictures(source, outline, selection, [](int64_t) {});
     WalkOptions options;
     options.most_loads = 4096;
     source.allow(options.most_loads);

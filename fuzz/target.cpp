@@ -58,7 +58,7 @@ CallWatch::CallWatch()
 
 work_t CallWatch::work() const
 {
-    return {s_hosts.calls - m_before.calls, s_hosts.negatives - m_before.negatives,
+    return {s_hosts.calls - m_before.calls, s_hosts.refused - m_before.refused,
             s_hosts.delivered - m_before.delivered, g_heap.requests - m_before.requests,
             g_heap.most - m_held};
 }
@@ -148,7 +148,8 @@ int FaultySource::read(uint8_t *buffer, int size)
     begin_call();
     const int got = Source::read(buffer, size);
     if (got > 0 && got <= size) s_hosts.delivered += static_cast<unsigned>(got);
-    s_hosts.negatives += got < 0;
+    const bool f_nothing = got <= 0 || got > size;
+    s_hosts.refused += f_nothing && (got < 0 || position() < this->size());
     return got;
 }
 
@@ -243,7 +244,7 @@ constexpr bound_t BOUNDS[4][3] = {
     {{1, 16, 0, 0, 0, 0}, {1.0 / 96, 4, 0, 2, 0, 4 * KIB}, {0, 4, 0, 0, 0, 0}},
     {{0.25, 16, 0, 16, 0, 64 * KIB}, {0.25, 16, 0, 4, 0, 64 * KIB}, {0.25, 16, 0, 4, 0, 64 * KIB}},
     {{1, 16, 8, 64, 5, TABLES}, {2, 4, 0, 8, 3, FRAME}, {0, 0, 0, 0, 0, 0}},
-    {{2, 128, 6, 16, 2, 256 * KIB}, {2, 128, 6, 264, 2, FRAME}, {2, 128, 6, 16, 2, FRAME}},
+    {{2, 128, 6, 16, 2, 256 * KIB}, {2, 384, 6, 264, 2, FRAME}, {2, 384, 6, 16, 2, FRAME}},
 };
 constexpr bound_t NO_WORK = {};
 // Of the cache: 16 blocks of 64 KiB with their heads, and a read-ahead that waits for nothing.
@@ -265,7 +266,7 @@ void require_work(unsigned format, call_t call, const work_t &t_work, uint64_t h
     }
     const double calls =
         (t_bound.calls_per_byte + t_cache.calls_per_byte) * static_cast<double>(bytes);
-    require(static_cast<double>(t_work.calls - t_work.negatives) <=
+    require(static_cast<double>(t_work.calls - t_work.refused) <=
                 calls + static_cast<double>(t_bound.calls + t_cache.calls),
             "a call asks the host a few times for each byte");
     uint64_t requests = t_bound.requests + t_cache.requests;

@@ -115,7 +115,7 @@ constexpr size_t FRAMES_LOOKED_AT = 20000;
 /// What calls of the library cost.
 struct work_t {
     uint64_t calls = 0;      ///< of the host
-    uint64_t negatives = 0;  ///< of these, answered by "not yet"
+    uint64_t refused = 0;    ///< of these, reads that gave nothing, or "not yet", with bytes left
     uint64_t delivered = 0;  ///< bytes that the host gave
     uint64_t requests = 0;   ///< for memory
     uint64_t heap = 0;       ///< bytes by which the heap grew in between

@@ -40,6 +40,7 @@ struct Subject {
     const InputFile &file;
     Content content = {};
     Streams streams = {};
+    bool f_scanned = false;
 };
 
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input, Printer &printer);
@@ -49,10 +50,12 @@ Json scan_json(const Scan &scan);
 Streams choose_streams(const Input &input, const Content &content, const Totals &totals);
 std::string info_text(const Subject &subject);
 std::string summary_text(const Subject &subject);
+const char *none_text(const Subject &subject);
 std::string video_text(const Subject &subject);
 std::string audio_text(const Subject &subject);
 int64_t duration_ms(const Subject &subject);
 std::optional<uint64_t> frame_rate(const Subject &subject);
+uint64_t channels(const Subject &subject);
 Json info_json(const Subject &subject);
 Json number_or_null(uint64_t number);
 bool are_several(const InfoOptions &options);
@@ -90,7 +93,12 @@ ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options
     }
 
     const Subject subject = {input.file(), pump.content(),
-                             choose_streams(input, pump.content(), scan.scanner.totals)};
+                             choose_streams(input, pump.content(), scan.scanner.totals),
+                             options.f_scan};
+    const bool f_nothing =
+        subject.streams.video == Codec::UNKNOWN && subject.streams.audio == Codec::UNKNOWN;
+    if (f_nothing && input.format().f_times && input.outline().container == Container::UNKNOWN)
+        throw NotDone(input.source().path(), pump.why_nothing_came());
     if (options.f_json) {
         Json json = info_json(subject);
         if (options.f_scan) json["scan"] = scan_json(scan);
@@ -203,10 +211,17 @@ std::string summary_text(const Subject &subject)
     return text + "\n";
 }
 
+// Of packets that pass as they are nothing is known before they are read.
+const char *none_text(const Subject &subject)
+{
+    const bool f_known = subject.file.format().f_times || subject.f_scanned;
+    return f_known ? "none" : "not known without --scan";
+}
+
 std::string video_text(const Subject &subject)
 {
     const Content &content = subject.content;
-    if (subject.streams.video == Codec::UNKNOWN) return "none";
+    if (subject.streams.video == Codec::UNKNOWN) return none_text(subject);
     std::string text = codec_name(subject.streams.video);
     if (content.width != 0) text += fmt::format(", {} x {} pixels", content.width, content.height);
     if (content.pixelAspectDenominator != 0)
@@ -220,9 +235,9 @@ std::string video_text(const Subject &subject)
 std::string audio_text(const Subject &subject)
 {
     const Content &content = subject.content;
-    if (subject.streams.audio == Codec::UNKNOWN) return "none";
+    if (subject.streams.audio == Codec::UNKNOWN) return none_text(subject);
     std::string text = codec_name(subject.streams.audio);
-    if (content.numAudioChannels != 0) text += ", " + counted(content.numAudioChannels, "channel");
+    if (channels(subject) != 0) text += ", " + counted(channels(subject), "channel");
     if (content.audioSampleRate != 0) text += fmt::format(", {} Hz", content.audioSampleRate);
     return text + fmt::format(", PID {:#x}", subject.streams.audio_pid);
 }
@@ -245,6 +260,15 @@ std::optional<uint64_t> frame_rate(const Subject &subject)
     if (video) return mean_frame_rate(outline.tracks[*video]);
     if (subject.content.framesPerKiloSeconds == 0) return {};
     return subject.content.framesPerKiloSeconds;
+}
+
+// In MP4 the library goes by a field that muxers fill with 2 whatever there is.
+uint64_t channels(const Subject &subject)
+{
+    const Outline &outline = subject.file.outline();
+    const auto audio = subject.file.selection().taken(outline, TrackKind::AUDIO);
+    const uint32_t own = audio ? audio_figures(outline, outline.tracks[*audio]).channels : 0;
+    return own != 0 ? own : subject.content.numAudioChannels;
 }
 
 Json info_json(const Subject &subject)
@@ -272,7 +296,7 @@ Json info_json(const Subject &subject)
     if (streams.audio != Codec::UNKNOWN) {
         Json &audio =
             json["sound"] = {{"codec", codec_id(streams.audio)}, {"pid", streams.audio_pid}};
-        audio["channels"] = number_or_null(content.numAudioChannels);
+        audio["channels"] = number_or_null(channels(subject));
         audio["sample_rate"] = number_or_null(content.audioSampleRate);
     }
     const std::string &refusal = file.selection().refusal;

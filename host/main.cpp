@@ -94,9 +94,11 @@ Examples:
   golt check movie.mkv --json | jq '.findings[].code')";
 
 const char *const PLOT_FOOTER = R"(
-The plot shows the bit rates of both streams, how late each stream is compared
-with the other in the file's order, and the sync points that seeks to 120 places
-find (in files with video, but not in URLs). Exit status: as for remux.
+The plot shows the bit rates of the streams, how late each one is compared with
+the other in the file's order, and all sync points: the pictures that MP4 and
+Matroska mark as such, and in M2TS those that are independent. A bar is as long
+as one group of pictures or several, unless a group takes an eighth of the file.
+Exit status: as for remux.
 
 Example:
   golt plot movie.mp4 -o timeline.svg)";

@@ -96,15 +96,17 @@ void Job::show(Progress &progress) const
 {
     progress.show(m_sink.bytes(), std::clamp(m_pump.part_done(), 0.0, 1.0),
                   m_input.format().f_times ? time_text(m_pump.clock().reached_ms())
-                                           : counted(m_pump.frames(), "frame"));
+                                           : counted(m_pump.frames(), "packet"));
 }
 
 std::string Job::summary(double seconds) const
 {
-    std::string text = counted(m_pump.frames(), "frame") + ", " + counted(m_sink.bytes(), "byte");
-    if (m_input.format().f_times) {
+    const bool f_times = m_input.format().f_times;
+    std::string text = counted(m_pump.frames(), f_times ? "frame" : "packet") + ", " +
+                       counted(m_sink.bytes(), "byte");
+    if (f_times) {
         const Tally &tally = m_pump.tally();
-        const int64_t span_ms = (tally.reached() - tally.first_passed()) / TICKS_PER_MS;
+        const int64_t span_ms = (tally.end() - tally.first_passed()) / TICKS_PER_MS;
         text += ", " + time_text(span_ms);
         if (m_options.input.start_ms.value_or(0) != 0)
             text += " from " + time_text(tally.first_passed() / TICKS_PER_MS);

@@ -1,5 +1,7 @@
 #include "track_text.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "io/text.h"
@@ -67,6 +69,17 @@ std::optional<uint64_t> mean_frame_rate(const Track &track)
     return (static_cast<uint64_t>(rate * 2) + 1) / 2;
 }
 
+// The decoder's own setup is right where the container's fields differ.
+AudioFigures audio_figures(const Outline &outline, const Track &track)
+{
+    AudioConfig config = {0, track.sample_rate, 0};
+    if (codec_title(outline, track) == "AAC")
+        config = parse_audio_config(track.config).value_or(config);
+    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
+    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
+    return {own == 0 ? track.channels : own, config.sample_rate};
+}
+
 Seeking seeking_of(const Outline &outline, const Selection &selection)
 {
     const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO);
@@ -123,18 +136,12 @@ std::string details_of(const Outline &outline, const Track &track)
     return text;
 }
 
-// The decoder's own setup is right where the container's fields differ.
 std::string audio_details_of(const Outline &outline, const Track &track)
 {
-    AudioConfig config = {0, track.sample_rate, 0};
-    if (codec_title(outline, track) == "AAC")
-        config = parse_audio_config(track.config).value_or(config);
-    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
-    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
-    const uint32_t channels = own == 0 ? track.channels : own;
+    const AudioFigures figures = audio_figures(outline, track);
     std::string text;
-    if (channels != 0) text += ", " + counted(channels, "channel");
-    if (config.sample_rate != 0) text += fmt::format(", {} Hz", config.sample_rate);
+    if (figures.channels != 0) text += ", " + counted(figures.channels, "channel");
+    if (figures.sample_rate != 0) text += fmt::format(", {} Hz", figures.sample_rate);
     return text;
 }
 
@@ -170,7 +177,8 @@ std::string container_text(const Outline &outline)
     switch (outline.container) {
     case Container::MP4: return "MP4" + structure_text(outline);
     case Container::MATROSKA:
-        return outline.matroska.doc_type == "webm" ? "WebM" : "Matroska" + structure_text(outline);
+        return (outline.matroska.doc_type == "webm" ? "WebM" : "Matroska") +
+               structure_text(outline);
     case Container::MPEG_AUDIO: return "MPEG audio" + first_frame_text(outline.mpeg_audio);
     case Container::TRANSPORT_STREAM:
         return fmt::format("transport stream, packets of {} bytes", outline.transport.packet_size);
@@ -191,10 +199,10 @@ std::string structure_text(const Outline &outline)
     if (!matroska.muxing_app.empty()) text += ", by " + matroska.muxing_app;
     if (outline.container == Container::MATROSKA && matroska.timestamp_scale != NS_PER_MS)
         text += fmt::format(", ticks of {} ns", matroska.timestamp_scale);
-    if (matroska.segment_end && outline.size != 0 && *matroska.segment_end > outline.size)
-        text += fmt::format(", cut off: {} of {} are missing",
-                            counted(*matroska.segment_end - outline.size, "byte"),
-                            *matroska.segment_end);
+    const uint64_t end = std::max(matroska.segment_end.value_or(0), mp4.mdat_end.value_or(0));
+    if (outline.size != 0 && end > outline.size)
+        text += fmt::format(", cut off: {} of {} are missing", counted(end - outline.size, "byte"),
+                            end);
     return text;
 }
 
@@ -258,8 +266,9 @@ Json track_json(const Outline &outline, const Track &track, const Choice &choice
         json["frames_per_1000_s"] = rate ? Json(*rate) : Json();
     }
     if (track.kind == TrackKind::AUDIO) {
-        json["channels"] = number_or_null(track.channels);
-        json["sample_rate"] = number_or_null(track.sample_rate);
+        const AudioFigures figures = audio_figures(outline, track);
+        json["channels"] = number_or_null(figures.channels);
+        json["sample_rate"] = number_or_null(figures.sample_rate);
     }
     if (outline.container == Container::MP4) {
         json["samples"] = track.mp4.samples;

@@ -17,6 +17,11 @@ std::string file_text(const Outline &outline, const Selection &selection);
 /// For programs: fields of golt.info/1.
 void add_tracks(Json &json, const Outline &outline, const Selection &selection);
 
+struct AudioFigures {
+    uint32_t channels, sample_rate;  ///< hertz; 0: not stated
+};
+AudioFigures audio_figures(const Outline &outline, const Track &track);
+
 /// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
 std::optional<uint64_t> mean_frame_rate(const Track &track);
 

@@ -10,27 +10,49 @@ namespace {
 constexpr int SECTION_HEAD_SIZE = 3;  // table_id and section_length
 constexpr int CRC_SIZE = 4;
 
-// The last section that was sent, without its CRC, and the CRC. Tables hardly ever change, and on a
-// processor that waits for each lookup, the CRC takes as long as a dozen media packets.
-struct crc_memo_t {
-    int size;
-    uint8_t section[32];
-    uint32_t crc;
+// All that a table is made of, with the PID of its packets. Compared as numbers, because comparing bytes that were
+// just stored takes longer.
+struct psi_key_t {
+    uint64_t ids, streams;
 };
-crc_memo_t g_crc_memos[2];  // of the PAT and of the PMT
 
-uint32_t section_crc(const uint8_t *pbuf, int size)
+// The packet in which a table was sent last. Tables hardly ever change, and both go out with every 41 media packets. To
+// make them takes as long as 4 of these, and their CRCs as long as 20 where the processor waits for each lookup.
+struct psi_memo_t {
+    bool f_filled;
+    psi_key_t key;
+    uint8_t packet[PACKET_SIZE];
+};
+psi_memo_t g_pat_memo, g_pmt_memo;
+
+// Four numbers in one. In a table none has more than 16 bits, and neither has a codec.
+uint64_t pack(uint32_t a, uint32_t b, uint32_t c, uint32_t d)
 {
-    crc_memo_t &memo = g_crc_memos[pbuf[0] != 0 ? 1 : 0];
-    const auto bytes = static_cast<size_t>(size);
-    if (size == memo.size && memcmp(pbuf, memo.section, bytes) == 0) return memo.crc;
-    const uint32_t crc = golt_crc32(pbuf, static_cast<uint32_t>(size));
-    if (bytes <= sizeof memo.section) {
-        memo.size = size;
-        memcpy(memo.section, pbuf, bytes);
-        memo.crc = crc;
-    }
-    return crc;
+    return uint64_t{a << 16 | (b & 0xFFFF)} << 32 | (c << 16 | (d & 0xFFFF));
+}
+
+uint32_t pack(const MPEG2TSWriteStream_t &stream)
+{
+    return uint32_t{stream.is_present} << 8 | stream.stream_type;
+}
+
+// Sends a table as before. False, and nothing is sent, if what it is made of has changed.
+bool send_again(MPEG2TSSection_t *s, const psi_memo_t &memo, const psi_key_t &key)
+{
+    if (!memo.f_filled || memo.key.ids != key.ids || memo.key.streams != key.streams) return false;
+    s->continuity_counter = (s->continuity_counter + 1) & 0xF;
+    copy_part(remux_context.packet, memo.packet, PACKET_SIZE);
+    remux_context.packet[3] = static_cast<uint8_t>(PAYLOAD | s->continuity_counter);
+    send_packet();
+    return true;
+}
+
+// Keeps the packet that was just sent.
+void keep(psi_memo_t &memo, const psi_key_t &key)
+{
+    memo.f_filled = true;
+    memo.key = key;
+    copy_part(memo.packet, remux_context.packet, PACKET_SIZE);
 }
 
 // Head of a section of n bytes, its CRC included; version 0, valid now, the only section of its
@@ -75,7 +97,7 @@ uint8_t *put_stream_entry(uint8_t *pb, const MPEG2TSWriteStream_t &stream,
 
 bool mpeg2ts_write_section(MPEG2TSSection_t *s, uint8_t *pbuf, int n)
 {
-    put_be32(pbuf + n - CRC_SIZE, section_crc(pbuf, n - CRC_SIZE));
+    put_be32(pbuf + n - CRC_SIZE, golt_crc32(pbuf, static_cast<uint32_t>(n - CRC_SIZE)));
     uint8_t *const packet = remux_context.packet;
     for (uint32_t unit_start = UNIT_START; n > 0; unit_start = 0) {
         s->continuity_counter = (s->continuity_counter + 1) & 0xF;
@@ -96,28 +118,44 @@ bool mpeg2ts_write_section(MPEG2TSSection_t *s, uint8_t *pbuf, int n)
 
 bool mpeg2ts_send_pat()
 {
+    const MPEG2TSService_t &service = remux_context.service;
+    const psi_key_t key = {pack(remux_context.pat.PID, static_cast<uint32_t>(remux_context.tsid),
+                                static_cast<uint32_t>(service.sid), service.pmt.PID),
+                           0};
+    if (send_again(&remux_context.pat, g_pat_memo, key)) return true;
+
     constexpr int PAT_SIZE = 16;
     uint8_t section[32];
     uint8_t *pb = put_section_head(section, 0x00, PAT_SIZE, remux_context.tsid);
-    put_be16(pb, static_cast<uint16_t>(remux_context.service.sid));
-    put_be16(pb + 2, static_cast<uint16_t>(0xE000 | remux_context.service.pmt.PID));
-    return mpeg2ts_write_section(&remux_context.pat, section, PAT_SIZE);
+    put_be16(pb, static_cast<uint16_t>(service.sid));
+    put_be16(pb + 2, static_cast<uint16_t>(0xE000 | service.pmt.PID));
+    mpeg2ts_write_section(&remux_context.pat, section, PAT_SIZE);
+    keep(g_pat_memo, key);
+    return true;
 }
 
 bool mpeg2ts_send_pmt()
 {
+    const MPEG2TSWriteStream_t &video = remux_context.video, &audio = remux_context.audio;
+    const GOLT_codecs_t codec = remux_context.sinfo.audioCodec;
+    MPEG2TSService_t &service = remux_context.service;
+    const psi_key_t key = {
+        pack(static_cast<uint32_t>(service.sid), static_cast<uint32_t>(service.pcr_pid),
+             static_cast<uint32_t>(video.PID), static_cast<uint32_t>(audio.PID)),
+        pack(service.pmt.PID, pack(video), pack(audio), static_cast<uint32_t>(codec))};
+    if (send_again(&service.pmt, g_pmt_memo, key)) return true;
+
     constexpr int ENTRIES = 12;
     uint8_t section[64];  // all of what is sent gets written
     uint8_t *pb_end = section + ENTRIES;
-    if (remux_context.video.is_present)
-        pb_end = put_stream_entry(pb_end, remux_context.video, nullptr);
-    if (remux_context.audio.is_present)
-        pb_end = put_stream_entry(pb_end, remux_context.audio,
-                                  registration_descriptor(remux_context.sinfo.audioCodec));
+    if (video.is_present) pb_end = put_stream_entry(pb_end, video, nullptr);
+    if (audio.is_present) pb_end = put_stream_entry(pb_end, audio, registration_descriptor(codec));
 
     const int n = static_cast<int>(pb_end - section) + CRC_SIZE;
-    uint8_t *pb = put_section_head(section, 0x02, n, remux_context.service.sid);
-    put_be16(pb, static_cast<uint16_t>(0xE000 | remux_context.service.pcr_pid));
+    uint8_t *pb = put_section_head(section, 0x02, n, service.sid);
+    put_be16(pb, static_cast<uint16_t>(0xE000 | service.pcr_pid));
     put_be16(pb + 2, 0xF000);  // no program descriptors
-    return mpeg2ts_write_section(&remux_context.service.pmt, section, n);
+    mpeg2ts_write_section(&service.pmt, section, n);
+    keep(g_pmt_memo, key);
+    return true;
 }

@@ -98,8 +98,8 @@ judges() {
 }
 
 @test "says what it has written, or nothing" {
-    ends 0 'out: 1152 frames, 216576 bytes' 'in.m2ts out'
-    ends 0 'one: 1 frame, 188 bytes' 'in.m2ts one --frames 1'
+    ends 0 'out: 1152 packets, 216576 bytes' 'in.m2ts out'
+    ends 0 'one: 1 packet, 188 bytes' 'in.m2ts one --frames 1'
     ends 0 'two: 2 frames, ' 'video.mp4 two --frames 2'
     # The library's own words, when they are wanted.
     [[ $output != *GOLT* ]]
@@ -215,13 +215,13 @@ judges() {
 
     judges video.mp4           0 ': 100 frames'
     judges slides.mp4          0 ': 6 frames'
-    judges day.mp4             0 ', 27:30:00.000'
+    judges day.mp4             0 ', 27:46:40.000'
     judges untimed.mp4         0 ': 100 frames'
     judges short_sound.mp4     0 ''
     judges long_sound.mp4      0 ''
     judges cut.mp4             3 'ended at 00:00:02.480 of 00:00:04.000'
     judges longer_subtitle.mkv 0 ': 11 frames'
-    judges whole.m2ts          0 ': 10 frames'
+    judges whole.m2ts          0 ': 10 packets'
     judges cut.m2ts            3 '191 of its 1919 bytes are in none'
     judges sync_lost.m2ts      3 '2112 of its 4032 bytes'
     ends 0 '' 'untimed.mp4 out --to 1:00'  # an end that isn't there

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dmx_mkv_ebml.h"
 #include "dmx_mkv_frame.h"
 #include "heap.h"
 #include "host_double.h"
@@ -42,10 +43,11 @@ struct Demuxer {
     {
         EXPECT_TRUE(GOLT_DMX_MKVInit(Source::read_proc, Source::seek_proc, &source));
     }
-    ~Demuxer() { GOLT_DMX_MKVDestroy(); }
+    ~Demuxer() { EXPECT_TRUE(GOLT_DMX_MKVDestroy()); }
 
     // "@500 2": a seek and two frames; "@ v500|65 a512=01": that it was true, and what came.
-    // "i": codecs (GOLT_codecs_t), channels, hertz and milliseconds that the stream info has.
+    // "i": codecs (GOLT_codecs_t), channels, hertz and milliseconds that the stream info has, and the size of
+    // the video.
     std::string run(const std::string &steps)
     {
         std::ostringstream out;
@@ -53,11 +55,14 @@ struct Demuxer {
         for (std::string word; words >> word;) {
             GOLT_streamInfo_t info = {};
             info.vid_framesPerKiloSeconds = 9;
-            if (word == "i" && GOLT_DMX_MKVGetStreamInfo(&info))
+            if (word == "i" && GOLT_DMX_MKVGetStreamInfo(&info)) {
                 out << ' ' << info.audioCodec << ' ' << info.videoCodec << ' '
-                    << info.aud_numChannels << ' ' << info.aud_sampleRate << ' ' << info.duration
-                    << (info.vid_framesPerKiloSeconds != 0 ? "?" : "");
-            else if (word[0] == '@')
+                    << info.aud_numChannels << ' ' << info.aud_sampleRate << ' ' << info.duration;
+                if (info.vid_width != 0) out << ' ' << info.vid_width << 'x' << info.vid_height;
+                EXPECT_TRUE(info.vid_framesPerKiloSeconds == 0 &&
+                            info.vid_arInfo == GOLT_AR_ENCODED &&
+                            info.vid_dimensionality == GOLT_DIM_2D);
+            } else if (word[0] == '@')
                 out << (GOLT_DMX_MKVSeekToTime(std::stoull(word.substr(1))) ? " @" : " !");
             else
                 for (const Frame &frame : read_frames(GOLT_DMX_MKVReadFrame, std::stoul(word)))
@@ -94,6 +99,8 @@ TEST(Mkv, TakesTheFirstTracksOfAKnownKind)
         {"the second", "t2['A_EAC3']" + stereo + ac3 + blocks, "103 0 1 44100 0 a0=0B77|09", "i 9"},
         {"the first", AAC + " " + ac3 + blocks, "102 0 1 8000 0 a0=08", "i 9"},
         {"99", times(99, AAC + " ") + blocks, "102 0 1 8000 0 a0=08", "i 9"},
+        {"20", times(18, "t2['A_X'] ") + AAC + " " + AVC, "102 112 1 8000 0", "i"},
+        {"21", times(18, "t2['A_X'] ") + AAC + " " + AVC + " t2['A_X']", "102 0 1 8000 0", "i"},
         {"number 258", "t2['A_MPEG/L3']D7[0102]" + blocks, "101 0 1 8000 0", "i 9"},
         {"a number of 9 bytes", AVC + "D7[EC[00*7]] c0 v0(41)", "0 112 0 0 0", "i 9"},
         {"other video", "t1['V_VP8'] " + far + blocks, "0 0 0 0 0 v0=00*3024199", "i 9"},
@@ -154,7 +161,7 @@ TEST(Mkv, RewritesH264)
         {"lengths of 4 bytes", sets + "(41)(41*999) v9(41)", "v0|41|41*999 v9|41"},
         {"of 3", sets + "{41*999}{4199}{41} v9(41)", "v0|41*999|4199|41 v9|41"},
         {"IDR slices", sets + "(65*300)(45)(2507)(67)", "v0=AABB|65*300AABB|45AABB|2507|67"},
-        {"empty units", sets + "()(41*999)() v9{41*999}{}", "v0|41*999 v9|41*999"},
+        {"empty units", sets + "()(41*70000)() v9{41*999}{}", "v0|41*70000 v9|41*999"},
         {"beyond the payload", sets + "=000000C8.41 v9=000300.4199", "v0|41 v9|4199"},
         {"rest of a length", sets + "(4199)0000 v9(41)", "v0|4199 v9|41"},
         {"nothing", sets + "=", "v0="},
@@ -252,7 +259,7 @@ TEST(Mkv, ReadsEveryElementThatItKnows)
                     "d473B8000 " + info + AVC + track + video + AAC + track + audio +
                         " c0 =A7[09]AB[09]9B[09]FB[09]92[09]A2[09] v0(65) "
                         "=A0[FB[01]9B[02]A1[82.0000.00.05]]",
-                    "102 112 2 32000 48000 v0|65 a0=05", "i 9"}});
+                    "102 112 2 32000 48000 32x16 v0|65 a0=05", "i 9"}});
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
@@ -271,6 +278,18 @@ TEST(Mkv, KnowsTheSizesOfAc3Frames)
     }
     EXPECT_EQ(CheckFrameSize(code, 48000), -1);
     EXPECT_EQ(CheckFrameSize(37, 22050), 0);
+}
+
+TEST(Mkv, ReadsNumbersOfOneToFourBytes)
+{
+    const Demuxer demuxer(MkvFile(VIDEO).build());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(FileGetUint(0) + FileGetUint(5), 0u);
+    EXPECT_EQ(FileGetSint(0) + FileGetSint(5), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "error FileGetUint(DataBytes=0):0\nerror FileGetUint(DataBytes=5):0\n"
+              "error FileGetSint(DataBytes=0):0\nerror FileGetSint(DataBytes=5):0\n");
+    EXPECT_EQ(FileGetUint(4), 0x1F43B675u) << "the ID of the Cluster";
 }
 
 TEST(Mkv, EndsOnWhatIsNoMatroska)
@@ -424,12 +443,15 @@ TEST(Mkv, DeliversWhatIsBeforeACut)
 {
     const Bytes file = MkvFile(SCENES).build();
     const std::string all = Demuxer(file).run("99");
+    testing::internal::CaptureStdout();
     for (auto end = file.begin(); end != file.end(); ++end) {
         // Of the last frame what is after the cut is 0.
         const std::string got = Demuxer(Bytes(file.begin(), end)).run("99");
         const size_t whole = got.find_last_of(" ") + 1;
-        ASSERT_EQ(got.substr(0, whole), all.substr(0, whole)) << end - file.begin();
+        EXPECT_EQ(got.substr(0, whole), all.substr(0, whole)) << end - file.begin();
     }
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed.find("ID: 0x00000001"), std::string::npos) << "half an ID";
 }
 
 }  // namespace

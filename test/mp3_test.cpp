@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "dmx_mp3_tt.h"
+#include "heap.h"
 #include "host_double.h"
 #include "mp3_builder.h"
 
@@ -20,9 +21,17 @@ struct Player {
         : mp3(file)
         , source(file.file)
     {
+        GOLT_DMX_MP3Destroy();
+        g_heap.held = 0;
+        const LibraryCall watch;
         EXPECT_TRUE(GOLT_DMX_MP3Init(Source::read_proc, Source::seek_proc, &source));
     }
-    ~Player() { EXPECT_TRUE(GOLT_DMX_MP3Destroy()); }
+    ~Player()
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MP3Destroy());
+        EXPECT_EQ(g_heap.held, 0u);
+    }
 
     // "i": whether there is stream info, its codecs (GOLT_codecs_t), hertz and channels. "@500": a
     // seek, with the packet "@19" to which it led, or the offset ">417" where none starts, or "!"
@@ -119,8 +128,8 @@ TEST(Mp3, WalksFromHeaderToHeaderAndLooksForOne)
         EXPECT_EQ(Player(Mp3().frames(2).raw(hex(tail))).run("9 @0 9"), "2:0-26 @0 2:0-26") << tail;
 }
 
-// ISO/IEC 11172-3, 2.4.2.3: the bit rates in kbit/s. At 48 kHz a frame takes three bytes for each, in
-// Layer I one. The clock counts in 1/4096 ms: after 4096 frames it shows all of a frame's duration.
+// ISO/IEC 11172-3, 2.4.2.3: the bit rates in kbit/s, with the forbidden one; in Layer I a slot has four bytes. The
+// clock counts in 1/4096 ms: after 4096 frames it shows all of a frame's duration.
 TEST(Mp3, KnowsTheSizeAndTheDurationOfEveryFrame)
 {
     const struct {
@@ -128,20 +137,23 @@ TEST(Mp3, KnowsTheSizeAndTheDurationOfEveryFrame)
         uint64_t samples;
         std::vector<size_t> rates;
     } layers[] = {
-        {0xFFFF0000, 384, {32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448}},
-        {0xFFFD0000, 1152, {32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384}},
-        {0xFFFB0000, 1152, {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320}},
+        {0xFFFF0000, 384, {32, 64, 96, 128, 160, 192, 224, 256, 288, 320, 352, 384, 416, 448, 999}},
+        {0xFFFD0000, 1152, {32, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 999}},
+        {0xFFFB0000, 1152, {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 999}},
     };
     for (const auto &layer : layers) {
-        const auto slots = static_cast<size_t>(layer.samples / 384);
-        Mp3 sizes;
-        for (uint32_t i = 0; i < layer.rates.size(); ++i)
-            sizes.frames(1, layer.header | (i + 1) << 12 | 1 << 10, layer.rates[i] * slots);
-        EXPECT_EQ(Player(sizes).read(99).substr(0, 3), "14:");
+        const size_t slot = layer.samples == 384 ? 4 : 1;
         for (const auto &[index, hertz] : {std::pair{0u, 44100u}, {1, 48000}, {2, 32000}}) {
-            const size_t size = slots == 1 ? 12 * 32000 / hertz * 4 : 144 * 32000 / hertz;
-            const Mp3 mp3 = Mp3().frames(4097, layer.header | 1 << 12 | index << 10, size);
-            EXPECT_EQ(Player(mp3).read(9999),
+            const auto size_at = [&, samplerate = hertz](size_t rate) {
+                return layer.samples / 8 * rate * 1000 / slot / samplerate * slot;
+            };
+            Mp3 sizes;
+            for (uint32_t i = 0; i < layer.rates.size(); ++i)
+                sizes.frames(1, layer.header | (i + 1) << 12 | index << 10,
+                             size_at(layer.rates[i]));
+            const uint32_t lowest = layer.header | 1 << 12 | index << 10;
+            EXPECT_EQ(Player(sizes.frames(1, lowest, size_at(32))).read(99).substr(0, 3), "16:");
+            EXPECT_EQ(Player(Mp3().frames(4097, lowest, size_at(32))).read(9999),
                       "4097:0-" + std::to_string(layer.samples * 4096000 / hertz));
         }
     }
@@ -168,7 +180,10 @@ TEST(Mp3, LeavesASourceAloneThatIsGivenUp)
     EXPECT_FALSE(GOLT_DMX_MP3Init(nullptr, Source::seek_proc, &player.source) ||
                  GOLT_DMX_MP3Init(Source::read_proc, nullptr, &player.source));
     EXPECT_EQ(player.run("i 9 @26 1"), "1 101 1 44100 2 1:52-52 @1 1:26-26");
-    EXPECT_TRUE(GOLT_DMX_MP3Destroy());
+    {
+        const LibraryCall watch;
+        EXPECT_TRUE(GOLT_DMX_MP3Destroy());
+    }
     const int calls = player.source.reads + player.source.seeks;
     EXPECT_EQ(player.run("@0 9"), "! 0");
     EXPECT_EQ(player.source.reads + player.source.seeks, calls);
@@ -295,14 +310,40 @@ TEST(Mp3, EstimatesOffsetsFromTheTables)
     BRT_update(200);
     EXPECT_EQ(offset_of(50), 0u) << "before the file by the average";
 
+    // The frame that turns out to be the next known one has been counted by then.
+    for (uint32_t i = 0; i <= 60 * 2049; ++i)
+        POS_update(i, 1000 + 100 * i);
+    EXPECT_EQ(offset_of(150), 1000u + 150 * 100);
+    BRT_update(300);
+    uint32_t packet = 0;
+    EXPECT_TRUE(POS_syncPoint(160, 1000 + 180 * 100, &packet) && packet == 180);
+    EXPECT_TRUE(BRT_timeWithin(180) && !BRT_timeWithin(181));
+    EXPECT_EQ(BRT_aveBytesPerPkt(), int_to_fixpt(300));
+    EXPECT_EQ(BRT_aveBytesPerSec(), int_to_fixpt(300));
+
     start(250);  // an entry for every fourth packet; the offsets fall
     for (uint32_t i = 0; i < 4; ++i)
         POS_update(i, 1000 - 10 * i);
     EXPECT_EQ(offset_of(1), 990u);
+    EXPECT_EQ(offset_of(3), 970u) << "the last one";
+    EXPECT_TRUE(POS_syncPoint(3, 970, &packet) && packet == 3) << "is known when it comes";
+    start(250);  // the first one to be seen lies after the second entry
+    POS_update(6, 1000);
+    EXPECT_EQ(offset_of(5), 1000u);
     start(6000);  // the first packet is the only entry
-    for (uint32_t i = 0; i < 4; ++i)
+    for (uint32_t i = 0; i < 13; ++i)
         POS_update(i, 1000 + i * i * 100);
-    EXPECT_EQ(offset_of(1), 1000u + 300);
+    EXPECT_EQ(offset_of(1), 1000u + 12 * 100);
+
+    // The intervals of the lists, cut to whole packets: 1000 / 7, and 60000 / 29 with the fine list turned over.
+    start(7);
+    for (uint32_t i = 0; i <= 150; ++i)
+        POS_update(i, i);
+    EXPECT_TRUE(POS_seek(142, nullptr));
+    start(29);
+    for (uint32_t i = 0; i <= 34 * 2048 + 2100; ++i)
+        POS_update(i, i);
+    EXPECT_TRUE(POS_seek(2068, nullptr));
     GOLT_DMX_MP3Destroy();
 }
 

@@ -32,12 +32,18 @@ TEST(Mp4, DeliversWhatTheTablesAgreeUpon)
         {"a second mdia without its kind",
          "trak=tkhd,mdia,more more:000000186D646961000000106D696E66000000087374626C", "v0 v40 v80"},
         {"no time scale", "mdhd=0,0,0,0,0,0", ""},
+        {"seconds", "mdhd=0,0,1,3,0 stts=1,3,1", "v0 v1000 v2000"},
+        {"no time scale after the kind",
+         "mdia=mdhd,hdlr,more,minf more:000000206D64686400000000000000000000000000000000000000000000"
+         "0000",
+         ""},
         {"an ID of 0 is no track", "order=va tkhd=0,0,0,0", "a0 a21"},
 
         {"two runs of durations", "stts=2,2,1000,1,2", "v0 v1000 v2000"},
         {"reordered", "ctts=2,1,80,2,0", "v80 v40 v80"},
         {"negative offsets", "ctts=2,1,80,2,0xFFFFFFD8", "v80 v0 v40"},
         {"no durations", "stts:", "v0 v40 v80"},
+        {"samples beyond the runs", "stts=2,1,1000,1,2", "v0 v1000 v0"},
         {"runs beyond the samples", "stts=2,2,10,-1,20 ctts=1,-1,1", "v1 v11 v21"},
         {"32 bits of ticks", "stts=2,1,-5,2,5", "v0 v4294967291 v0"},
 
@@ -118,14 +124,37 @@ TEST(Mp4, CountsTheSamplesThatAreLeftOut)
     EXPECT_EQ(demuxer.info.vid_framesPerKiloSeconds, 25000u);
     EXPECT_EQ(demuxer.seek(80), "GOLT/mp4: seek: v(2), a(0)\n");
     EXPECT_EQ(demuxer.times(), "v80");
+
+    // As many as are laid out: 2 Mi, of which the last one is the first of the second chunk.
+    Demuxer full(Movie(movie).change("stsz=6,3 stsc=2,1,2097151,1,2,2,1 stts=1,-1,40").build());
+    full.seek(2097151 * 40);
+    EXPECT_EQ(full.times(), "v83886040");
+}
+
+// Each request of memory is refused in turn. A track that misses a table is the last one.
+TEST(Mp4, EndsWithTheTrackThatHasNoMemory)
+{
+    for (int granted = 0; granted < 14; ++granted) {
+        g_heap.granted = granted;
+        g_heap.refused = 1;
+        Movie movie;
+        movie.order = "va";
+        Demuxer demuxer(movie.change("stts=2,2,40,1,40 stss=1,1").build());
+        g_heap.granted = INT_MAX;
+        EXPECT_EQ(demuxer.times(), granted < 7    ? ""
+                                   : granted < 8  ? "v0 v0 v0"
+                                   : granted < 13 ? "v0 v40 v80"
+                                                  : "v0 a0 a21 v40 v80")
+            << granted;
+    }
 }
 
 TEST(Mp4, SaysWhatIsMissing)
 {
     const std::string stbl = "GOLT/mp4: _dmx_mp4_parse_stbl: ";
     const struct {
-        const char *name, *changes;
-        std::string expected;
+        const char *name;
+        std::string changes, expected;
     } cases[] = {
         {"nothing", "stss=1,1 ctts=1,3,0", ""},
         {"no box", "file=", "GOLT/mp4: Header read error\n"},
@@ -139,6 +168,13 @@ TEST(Mp4, SaysWhatIsMissing)
          "trak=tkhd,mdia,more more:000000186D646961000000106D696E66000000087374626C",
          stbl + "Sync Sample Box 'stss' not found\n" + stbl + "Sync Sample Box 'ctts' not found\n" +
              "GOLT/mp4: _dmx_mp4_parse_mdia: expected 0x7 boxes, got 0x0\n"},
+        {"a clock of another mdia",
+         "trak=tkhd,more,mdia mdia=hdlr,minf "
+         "more:000000286D646961000000206D646864000000000000000000000000000003E80000007800000000",
+         "GOLT/mp4: _dmx_mp4_parse_mdia: expected 0x7 boxes, got 0x1\n" + stbl +
+             "Sync Sample Box 'stss' not found\n" + stbl +
+             "Sync Sample Box 'ctts' not found\n"
+             "GOLT/mp4: _dmx_mp4_parse_mdia: expected 0x7 boxes, got 0x6\n"},
         {"64-bit chunk offsets", "stco:", stbl + "expected 0xf boxes, got 0xb\n"},
         {"compact sizes", "stsz:", stbl + "expected 0xf boxes, got 0xd\n"},
         {"no optional table", "stts:",
@@ -149,6 +185,8 @@ TEST(Mp4, SaysWhatIsMissing)
              "expected 0xf boxes, got 0x0\n"},
         {"other audio", "order=a audio:000000084F707573",
          "GOLT/mp4: _dmx_mp4_parse_stsd: Audio format: 'Opus' unsupported\n"},
+        {"no esds", "order=a audio:000000246D703461" + std::string(56, '0'),
+         stbl + "expected 0xf boxes, got 0x0\n"},
         {"no parameter sets", "avcC:", "GOLT/mp4: 'avcC' box not found\n"},
         {"parameter sets after their entry", "entry=none stbl=stsd,stts,avcC,stsc,stsz,stco",
          "GOLT/mp4: 'avcC' box not found\n"},
@@ -268,6 +306,7 @@ TEST(Mp4, ReportsTheVideoFormat)
     } rows[] = {
         {0x480000, 0x480000, 1, 1, 1000, 3000},
         {0x480000, 0x300000, 3, 2, 2900, 1500},
+        {1, 0x480000, 1, 0x480000, 120, 25000},
         {0, 0, 1, 1, 120, 25000},
         {0, 0x480000, 0, 1, 0, 0},
         {0x80000000, 0xFFFFFFFF, 0, 1, 1, 3000000},

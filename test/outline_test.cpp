@@ -484,6 +484,16 @@ TEST(SyncPoint, IsTheLastKeyPictureBefore)
         EXPECT_EQ(point->ask_ms ? static_cast<int64_t>(*point->ask_ms) : -1, row.ask);
         EXPECT_EQ(point->from_ms, row.from);
     }
+    const auto keys = [](Bytes file) {
+        Memory memory(file);
+        const Outline outline = read_outline(memory);
+        std::vector<int64_t> times;
+        EXPECT_TRUE(list_key_pictures(memory, outline, select_tracks(outline),
+                                      [&](int64_t time_ms) { times.push_back(time_ms); }));
+        return times;
+    };
+    EXPECT_EQ(keys(mp4), (std::vector<int64_t>{80, 160, 240, 320}));
+    EXPECT_EQ(keys(bare), (std::vector<int64_t>{0, 80, 160}));
 }
 
 TEST(AudioConfig, ReadsEveryForm)

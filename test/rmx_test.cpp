@@ -94,10 +94,11 @@ TEST(Psi, StandsInFrontOfTheFirstFrame)
 TEST(Psi, ComesAgainAfterFortyOneMediaPackets)
 {
     Output out(GOLT_VCODEC_H264, GOLT_ACODEC_MP3);
-    for (int frame = 0; frame < 41 * 17 + 1; ++frame)
-        out.write(frame % 3 == 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO, Bytes(1));
+    // Five frames of 1, 1, 2, 3 and 4 packets: 16 * 41 + 26 packets together.
+    for (size_t frame = 0; frame < 310; ++frame)
+        out.write(frame % 3 == 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO, Bytes(1 + frame % 5 * 150));
     std::vector<size_t> expected;
-    for (size_t i = 0; i < 18; ++i)
+    for (size_t i = 0; i < 17; ++i)
         expected.push_back(i * (2 + 41));
     EXPECT_EQ(out.report().pat_packets, expected);
 }
@@ -132,18 +133,63 @@ TEST(Psi, SplitsALongSection)
     }
 }
 
-// Each of two sections that differ, though they are the same table, has its own CRC.
-TEST(Psi, FollowsTheDescription)
+// A table is sent again as it was, with its counter alone advanced, until something that it is made of changes.
+TEST(Psi, FollowsAllThatItIsMadeOf)
 {
-    Output out(GOLT_VCODEC_H264, GOLT_ACODEC_AC3);
-    GOLT_streamInfo_t info = remux_context.sinfo;
-    out.write(GOLT_FT_VIDEO, Bytes(41 * 184 - 22));
-    info.audioCodec = GOLT_ACODEC_EAC3;
-    GOLT_RMX_setStreamInfo(&info);
-    out.sink.stream.clear();
-    out.write(GOLT_FT_VIDEO, Bytes(1));
-    EXPECT_EQ(out.packet(1, 37),
-              hex("474FFF1100 02B01D0001C10000E100F0001BE100F00087E101F006050445414333A3066423"));
+    constexpr auto PAT = "47400011 00 00B00D0001C100000001EFFF";
+    constexpr auto PMT = "474FFF11 00 02B01D0001C10000E100F000 1BE100F000 81E101F006050441432D33";
+    const struct {
+        void (*change)(GOLT_RMX_context_t &context);
+        const char *pat, *pmt;
+    } rows[] = {
+        {[](auto &) {}, PAT, PMT},
+        {[](auto &context) { context.pat.PID = 0x10; }, "47401011 00 00B00D0001C100000001EFFF",
+         PMT},
+        {[](auto &context) { context.tsid = 0x203; }, "47400011 00 00B00D0203C100000001EFFF", PMT},
+        {[](auto &context) { context.service.sid = 0x203; }, "47400011 00 00B00D0001C100000203EFFF",
+         "474FFF11 00 02B01D0203C10000E100F000 1BE100F000 81E101F006050441432D33"},
+        {[](auto &context) { context.service.pmt.PID = 0x20; },
+         "47400011 00 00B00D0001C100000001E020",
+         "47402011 00 02B01D0001C10000E100F000 1BE100F000 81E101F006050441432D33"},
+        {[](auto &context) { context.service.pcr_pid = 0x1FFF; }, PAT,
+         "474FFF11 00 02B01D0001C10000FFFFF000 1BE100F000 81E101F006050441432D33"},
+        {[](auto &context) { context.video.PID = 0x102; }, PAT,
+         "474FFF11 00 02B01D0001C10000E100F000 1BE102F000 81E101F006050441432D33"},
+        {[](auto &context) { context.audio.PID = 0x102; }, PAT,
+         "474FFF11 00 02B01D0001C10000E100F000 1BE100F000 81E102F006050441432D33"},
+        {[](auto &context) { context.video.stream_type = 0x24; }, PAT,
+         "474FFF11 00 02B01D0001C10000E100F000 24E100F000 81E101F006050441432D33"},
+        {[](auto &context) { context.audio.stream_type = 0x0F; }, PAT,
+         "474FFF11 00 02B01D0001C10000E100F000 1BE100F000 0FE101F006050441432D33"},
+        {[](auto &context) { context.video.is_present = false; }, PAT,
+         "474FFF11 00 02B0180001C10000E100F000 81E101F006050441432D33"},
+        {[](auto &context) { context.audio.is_present = false; }, PAT,
+         "474FFF11 00 02B0120001C10000E100F000 1BE100F000"},
+        {[](auto &context) { context.sinfo.audioCodec = GOLT_ACODEC_EAC3; }, PAT,
+         "474FFF11 00 02B01D0001C10000E100F000 1BE100F000 81E101F006050445414333"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        Sink sink;
+        GOLT_streamInfo_t info = {};
+        info.videoCodec = GOLT_VCODEC_H264;
+        info.audioCodec = GOLT_ACODEC_AC3;
+        GOLT_RMX_init(Sink::write_proc, &sink, false);
+        GOLT_RMX_setStreamInfo(&info);
+        mpeg2ts_send_pat();
+        mpeg2ts_send_pmt();
+        row.change(remux_context);
+        sink.stream.clear();
+        mpeg2ts_send_pat();
+        mpeg2ts_send_pmt();
+        Bytes expected;
+        for (const char *head : {row.pat, row.pmt}) {
+            Bytes packet = hex(head);
+            packet += be32(golt_crc32(packet.data() + 5, static_cast<uint32_t>(packet.size()) - 5));
+            expected += filled(packet);
+        }
+        EXPECT_EQ(sink.stream, expected);
+    }
 }
 
 // A fresh output keeps the description until it gets another.

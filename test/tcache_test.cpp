@@ -131,6 +131,8 @@ TEST_F(Cache, AsksTheHostForThisAndNothingElse)
     } rows[] = {
         {"reads ahead until no buffer is free", 0, ALL, times(16, "4 ") + "0 65472 4",
          times(16, "R >4 ") + ">0 R >65472 >4 "},
+        {"what is read without a call counts", 0, ALL, times(16, "4 ") + "40000 0 25344 0 100 28",
+         times(16, "R >4 ") + ">40000 >0 >25344 >0 >100 R >28 "},
         {"slow, and released half full", 0, ALL, "<-1 <100 <-1 <200 <-1 <7 250 50 4",
          "r65536=-1 z10 r65536=100 z10 r65436=-1 z10 r65436=200 >250 " + again +
              "r65536=-1 >50 r65536=7 z10 r65529=65529 >4 "},

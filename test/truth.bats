@@ -82,10 +82,18 @@ hole() {
     head -c 300000 first.mp4 >cut.mp4
     remuxed 3 cut.mp4 ' of 00:00:08.0'
     [[ $output == *': ended at 00:00:05.'*': the file was cut off, '*' bytes missing'* ]]
+    run -0 $GOLT info cut.mp4
+    [[ $output == *'headers before the media, cut off: '*' bytes of '*' are missing'* ]]
+    # As long as it takes to show it, the last picture too.
+    remuxed 0 video.mkv ' 00:00:08.000'
     head -c 200000 last.mp4 >cut.mp4
     remuxed 1 cut.mp4 'cut.mp4: no moov: the file was cut off'
     cat a.mp3 tags.mp3 >joined.mp3
     remuxed 3 joined.mp3 'ended at 00:00:08.071 of 00:00:16.'
+    for file in first.mp4 last.mp4 merged.mkv; do
+        cat $file $file >joined.${file##*.}
+        remuxed 3 joined.${file##*.} "only its first file is remuxed; another one begins at byte $(stat -c %s $file)"
+    done
     hole bare.mp3 80 500
     remuxed 3 hole.mp3 'ended at 00:00:06.4'
     [[ $output == *' bytes after that belong to no frame'* ]]
@@ -110,8 +118,12 @@ hole() {
     $ffmpeg $small $tone $h264 -movflags frag_keyframe+empty_moov fragments.mp4
     $ffmpeg $small $tone $vp9 -c:a aac vp9.mkv
     $ffmpeg $small $tone $vp9 -c:a libopus none.mkv
-    $ffmpeg $small $tone $tone -i words.srt -map 0 -map 1 -map 2 -map 3 $h264 -c:a:0 flac -c:a:1 aac \
-        -c:s srt second.mkv
+    $ffmpeg $small $tone $tone -i words.srt -map 0 -map 1 -map 2 -map 3 -map 1 $h264 -c:a aac \
+        -c:a:0 flac -c:s srt second.mkv
+    $ffmpeg $tone -c:a aac mono.m4a
+    $ffmpeg $small -c:v mpeg4 old.avi
+    $ffmpeg $tone bare.ac3
+    cp words.srt junk.mkv
     $ffmpeg $tone -ar 22050 -c:a libmp3lame low.mp3
     $ffmpeg $small $h264 plain.ts
     perl -0777 -pe 's/(.{4})mdat/pack("N", 1) . "mdat" . pack("NN", 0, 8 + unpack "N", $1)/se;
@@ -120,12 +132,15 @@ hole() {
     remuxed 3 vp9.mkv      'golt: vp9.mkv: no video: track 1: VP9 isn'
     # None of the pictures that nobody can play.
     [ -z "$($JUDGE times 0x100 out.ts)" ]
+    mkvmerge -q -o packed.mkv -A --compression 0:zlib opus.mp4 mono.m4a
+    remuxed 3 packed.mkv   'packed.mkv: no video: track 1: H.264 whose frames the container has compressed'
+    [[ $output != *damaged* ]]
     remuxed 0 second.mkv   'second.mkv: left out: audio: track 2: FLAC isn'
-    [[ $output == *'left out: 1 subtitle track'* ]]
+    [[ $output == *'left out: 1 further audio track'*'left out: 1 subtitle track'* ]]
     local command file
     for command in 'remux --force' info frames check 'plot --force -o out.svg'; do
         for file in 'hevc.mp4 HEVC' 'fragments.mp4 fragmented' 'none.mkv VP9' 'large.mp4 64' \
-            'low.mp3 22050' 'plain.ts 188'; do
+            'low.mp3 22050' 'plain.ts 188' 'old.avi AVI' 'bare.ac3 AC-3' 'junk.mkv read'; do
             # Without the library.
             case "$file $command" in *.ts*info | *.ts*frames | *.ts*check) continue ;; esac
             run -1 $GOLT $command ${file% *}
@@ -137,6 +152,8 @@ hole() {
     [[ $output == *'track 1     video: H.264, 64 x 48 pixels, 29.970 frames/s'*remuxed* ]]
     [[ $output == *"track 2     audio: FLAC"*"not remuxed: FLAC isn't remuxed"* ]]
     [[ $output == *'track 4     subtitles: SubRip'*'not remuxed: subtitles'* ]]
+    # Its sample entry says 2.
+    [ "$($GOLT info --json mono.m4a | jq -c '[.sound.channels, .tracks[0].channels]')" = '[1,1]' ]
     [ "$($GOLT info --json hevc.mp4 2>said | jq -c '[.refusal[:7], [.tracks[].remuxed]]')" = \
         '["nothing",[false,false]]' ]
     run -1 $GOLT info second.mkv hevc.mp4 opus.mp4

@@ -29,12 +29,50 @@ const struct {
     {{"mp3", 0, true, "MPEG audio", Container::MPEG_AUDIO}, is_mpeg_audio, " mp3 audio/mpeg "},
 };
 
+// Of formats that the library doesn't read: bytes at the begin, and others at a later place.
+struct Mark {
+    const char *bytes;
+    size_t size;
+};
+const struct {
+    const char *title;
+    Mark first;
+    size_t at;
+    Mark then;
+} other_rows[] = {
+    {"AVI", {"RIFF", 4}, 8, {"AVI ", 4}},
+    {"WAVE", {"RIFF", 4}, 8, {"WAVE", 4}},
+    {"Ogg", {"OggS", 4}, 0, {}},
+    {"FLAC", {"fLaC", 4}, 0, {}},
+    {"Flash Video", {"FLV\x01", 4}, 0, {}},
+    {"ASF (WMV, WMA)", {"\x30\x26\xB2\x75\x8E\x66\xCF\x11", 8}, 0, {}},
+    {"an MPEG program stream", {"\0\0\x01\xBA", 4}, 0, {}},
+    {"an AC-3 stream without a container", {"\x0B\x77", 2}, 0, {}},
+    {"an AAC stream without a container", {"\xFF\xF1", 2}, 0, {}},
+    {"an AAC stream without a container", {"\xFF\xF9", 2}, 0, {}},
+    {"a video stream without a container", {"\0\0\0\x01", 4}, 0, {}},
+    {"JPEG", {"\xFF\xD8\xFF", 3}, 0, {}},
+    {"PNG", {"\x89PNG", 4}, 0, {}},
+};
+
 }  // namespace
 
 const Format *format_of_bytes(const uint8_t *head, size_t size)
 {
     for (const auto &row : rows) {
         if (row.is_it(head, size)) return &row.format;
+    }
+    return nullptr;
+}
+
+const char *other_format_of_bytes(const uint8_t *head, size_t size)
+{
+    const auto has = [&](size_t at, const Mark &mark) {
+        return mark.size == 0 ||
+               (size >= at + mark.size && memcmp(head + at, mark.bytes, mark.size) == 0);
+    };
+    for (const auto &row : other_rows) {
+        if (has(0, row.first) && has(row.at, row.then)) return row.title;
     }
     return nullptr;
 }

@@ -172,8 +172,9 @@ void Walker::take_block(Stretch body, bool f_key, bool f_simple)
     span.first = std::min(span.first, time);
     span.last = std::max(span.last, time);
     const bool f_is_key = f_simple ? (flags & KEY) != 0 : f_key;
-    if (f_is_key && track == m_options.key_track && time <= m_options.key_until)
-        m_walk.key = std::max(m_walk.key.value_or(time), time);
+    if (!f_is_key || track != m_options.key_track || time > m_options.key_until) return;
+    m_walk.key = std::max(m_walk.key.value_or(time), time);
+    if (m_options.on_key) m_options.on_key(time);
 }
 
 bool Walker::end_damaged(uint64_t offset)

@@ -5,6 +5,7 @@
 #ifndef HOST_OUTLINE_CLUSTER_WALK_H
 #define HOST_OUTLINE_CLUSTER_WALK_H
 
+#include <functional>
 #include <map>
 
 #include "outline.h"
@@ -30,6 +31,7 @@ struct WalkOptions {
     uint64_t key_track = 0;          ///< TrackNumber of the track whose key pictures are wanted
     int64_t key_until =
         INT64_MIN;  ///< in ticks; the walk ends where a cluster begins after it, unless it is INT64_MIN
+    std::function<void(int64_t time)> on_key;  ///< takes each of these pictures; may be empty
 };
 
 ClusterWalk walk_clusters(ByteSource &source, const Outline &outline,

@@ -66,6 +66,11 @@ void read_matroska(Reader &reader, Outline &outline)
     read_front(segment->body, headers);
     read_places(reader, headers);
     set_durations(headers);
+    if (reader.knows_size() && matroska.segment_end.value_or(UINT64_MAX) < reader.size()) {
+        Stretch rest(reader, *matroska.segment_end, reader.size());
+        const std::optional<Element> element = next_element(rest);
+        if (element && element->id == id::EBML) outline.next_file = element->begin;
+    }
     const bool f_chapters_elsewhere = headers.places.count(id::CHAPTERS) != 0;
     if (!outline.chapters && !f_chapters_elsewhere) outline.chapters = 0;
 }

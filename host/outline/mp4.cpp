@@ -23,6 +23,7 @@ void read_media(Stretch body, Track &track);
 void read_media_header(Stretch body, Track &track);
 TrackKind kind_of_handler(const std::string &handler);
 void take_chapters(Outline &outline);
+std::optional<uint64_t> find_next_file(Stretch file);
 
 }  // namespace
 
@@ -65,6 +66,7 @@ void read_mp4(Reader &reader, Outline &outline)
         f_first = false;
     }
     take_chapters(outline);
+    if (reader.knows_size()) outline.next_file = find_next_file(file);
 }
 
 namespace {
@@ -249,6 +251,19 @@ void take_chapters(Outline &outline)
         if (track.f_chapters && !outline.chapters) outline.chapters = track.mp4.samples;
     }
     if (outline.mp4.f_moov && !outline.chapters) outline.chapters = 0;
+}
+
+// file: what comes after all that was needed.
+std::optional<uint64_t> find_next_file(Stretch file)
+{
+    constexpr int MOST_BOXES = 8;  // "free", "udta" and the like
+    for (int i = 0; i < MOST_BOXES; ++i) {
+        const uint64_t begin = file.at();
+        const std::optional<Box> box = next_box(file);
+        if (!box) return {};
+        if (box->type == box_type("ftyp")) return begin;
+    }
+    return {};
 }
 
 }  // namespace

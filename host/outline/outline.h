@@ -156,6 +156,7 @@ struct Outline {
     uint64_t more_tracks = 0;
     std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header states it
     std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not stated
+    std::optional<uint64_t> next_file;   ///< offset where another file of its kind was appended
     Mp4Outline mp4;
     MatroskaOutline matroska;
     MpegAudioOutline mpeg_audio;

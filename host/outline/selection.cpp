@@ -174,7 +174,7 @@ std::string why_unplayable(const Outline &outline, const Track &track)
     const MatroskaDetails &matroska = track.matroska;
     const std::string title = codec_title(outline, track);
     if (matroska.f_encryption) return title + ", encrypted";
-    if (matroska.f_compression) return title + ", compressed once more";
+    if (matroska.f_compression) return title + " whose frames the container has compressed";
     const std::vector<uint8_t> sync_word = {0x0B, 0x77};
     if (!matroska.stripped.empty() && !(title == "AC-3" && matroska.stripped == sync_word))
         return title + " whose frames lack their first bytes (header stripping)";
@@ -232,9 +232,15 @@ std::string text_of(const Outline &outline, size_t index, const Choice &choice)
 
 void note_losses(const Outline &outline, Selection &selection)
 {
-    std::string all;      // of what is lost
-    size_t more[2] = {};  // audio or video tracks besides the one taken; subtitles
+    std::string all;                // of what is lost
+    std::vector<std::string> more;  // tracks besides the one that is taken
+    const auto note = [&](size_t number, const std::string &what) {
+        if (number > 0)
+            more.push_back(std::to_string(number) + " " + what +
+                           (number == 1 ? " track" : " tracks"));
+    };
     for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
+        size_t further = 0;
         const std::optional<size_t> taken = selection.taken(outline, kind);
         for (size_t i = 0; i < outline.tracks.size(); ++i) {
             if (outline.tracks[i].kind != kind || selection.choices[i].fate == Fate::TAKEN)
@@ -245,17 +251,18 @@ void note_losses(const Outline &outline, Selection &selection)
             else if (i < *taken)
                 selection.notes.push_back(kind_name(outline.tracks[i]) + ": " + text);
             else
-                ++more[0];
+                ++further;
             if (!taken) all += (all.empty() ? "" : "; ") + text;
         }
+        note(further, kind == TrackKind::VIDEO ? "further video" : "further audio");
     }
-    for (const Track &track : outline.tracks)
-        if (track.kind == TrackKind::SUBTITLES && !track.f_chapters) ++more[1];
-    const auto count = [](size_t number, const char *what) {
-        return std::to_string(number) + " " + what + (number == 1 ? " track" : " tracks");
+    const auto is_subtitles = [](const Track &track) {
+        return track.kind == TrackKind::SUBTITLES && !track.f_chapters;
     };
-    if (more[0] > 0) selection.notes.push_back(count(more[0], "further audio or video"));
-    if (more[1] > 0) selection.notes.push_back(count(more[1], "subtitle"));
+    note(static_cast<size_t>(
+             std::count_if(outline.tracks.begin(), outline.tracks.end(), is_subtitles)),
+         "subtitle");
+    selection.notes.insert(selection.notes.end(), more.begin(), more.end());
     const bool f_nothing =
         !selection.taken(outline, TrackKind::VIDEO) && !selection.taken(outline, TrackKind::AUDIO);
     if (f_nothing && selection.refusal.empty()) selection.refusal = "nothing to remux: " + all;

@@ -7,6 +7,16 @@
 
 namespace {
 
+/// What a walk over the sync samples of MP4 has come to.
+struct SampleWalk {
+    bool f_read = false;        ///< all that was looked for could be read
+    bool f_table = false;       ///< the samples' times follow from a table, not from one length
+    uint32_t first_length = 0;  ///< of the first sample, in ticks
+};
+/// Takes the number of a sync sample, from 0, and when it is shown. False: the walk ends.
+using TakeSample = std::function<bool(uint64_t number, int64_t shown_ms)>;
+
+SampleWalk walk_sync_samples(ByteSource &source, const Mp4Details &mp4, const TakeSample &take);
 std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms);
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote);
@@ -33,6 +43,27 @@ std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outl
     case Container::UNKNOWN: break;
     }
     return {};
+}
+
+bool list_key_pictures(ByteSource &source, const Outline &outline, const Selection &selection,
+                       const std::function<void(int64_t time_ms)> &take)
+{
+    const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO);
+    if (!video) return false;
+    const Track &track = outline.tracks[*video];
+    if (outline.container == Container::MP4) {
+        const TakeSample take_sample = [&](uint64_t, int64_t shown_ms) {
+            take(shown_ms);
+            return true;
+        };
+        return walk_sync_samples(source, track.mp4, take_sample).f_read;
+    }
+    WalkOptions options;
+    options.key_track = track.number;
+    options.key_until = INT64_MAX;
+    options.on_key = take;
+    const ClusterWalk walk = walk_clusters(source, outline, options);
+    return walk.f_whole || walk.cut_in;
 }
 
 namespace {
@@ -82,6 +113,8 @@ public:
             m_next = m_body.left() < 4 ? UINT64_MAX : m_body.u32();
         return m_f_all || m_next == sample + 1;
     }
+    /// Whether no other one follows.
+    bool is_past_last() const { return m_next == UINT64_MAX; }
 
 private:
     Stretch m_body;
@@ -104,44 +137,53 @@ std::optional<uint32_t> time_to_ask(const Mp4Details &mp4, uint64_t sample, bool
     return whole < exact ? whole + 1 : whole;
 }
 
-std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
+SampleWalk walk_sync_samples(ByteSource &source, const Mp4Details &mp4, const TakeSample &take)
 {
     constexpr uint32_t MOST_LOADS = 8192;
     // Three days at 60 pictures a second. A few bytes may state more.
     constexpr uint64_t MOST_SAMPLES = 1 << 24;
-    const Mp4Details &mp4 = video.mp4;
+    SampleWalk walk;
+    if (mp4.timescale == 0) return walk;
     Reader reader(source, MOST_LOADS);
     // Three cursors: each has a window of its own.
     Reader lengths_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS);
     Runs lengths(lengths_reader, mp4.stts), offsets(offsets_reader, mp4.ctts);
     SyncSamples syncs(reader, mp4);
-    if (mp4.timescale == 0) return {};
-    uint64_t decoded = 0, best_sample = 0;
-    int64_t best_ms = 0;
-    uint32_t first_length = 0;
-    bool f_found = false;
+    walk.f_table = lengths.entries() > 1 || offsets.entries() > 0;
+    uint64_t decoded = 0;
     for (uint64_t sample = 0; sample < std::min(mp4.samples, MOST_SAMPLES); ++sample) {
+        if (syncs.is_past_last()) break;
         const uint32_t length = lengths.next();
         const auto offset = static_cast<int32_t>(offsets.next());
-        if (sample == 0) first_length = length;
-        if (syncs.is_sync(sample)) {
-            const int64_t shown_ms =
-                (static_cast<int64_t>(decoded) + offset) * 1000 / mp4.timescale;
-            if (f_found && shown_ms > time_ms) break;
-            best_sample = sample;
-            best_ms = shown_ms;
-            f_found = true;
-        }
+        if (sample == 0) walk.first_length = length;
+        if (syncs.is_sync(sample) &&
+            !take(sample, (static_cast<int64_t>(decoded) + offset) * 1000 / mp4.timescale))
+            break;
         decoded += length;
         if (decoded > INT64_MAX / 2000) break;
     }
-    if (reader.has_failed() || lengths_reader.has_failed() || !f_found) return {};
-    const bool f_table = lengths.entries() > 1 || offsets.entries() > 0;
+    walk.f_read = !reader.has_failed() && !lengths_reader.has_failed();
+    return walk;
+}
+
+std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
+{
+    uint64_t best_sample = 0;
+    std::optional<int64_t> best_ms;
+    const TakeSample take = [&](uint64_t number, int64_t shown_ms) {
+        if (best_ms && shown_ms > time_ms) return false;
+        best_sample = number;
+        best_ms = shown_ms;
+        return true;
+    };
+    const SampleWalk walk = walk_sync_samples(source, video.mp4, take);
+    if (!walk.f_read || !best_ms) return {};
     SyncPoint point;
-    if (best_sample != 0) point.ask_ms = time_to_ask(mp4, best_sample, f_table, first_length);
+    if (best_sample != 0)
+        point.ask_ms = time_to_ask(video.mp4, best_sample, walk.f_table, walk.first_length);
     if (best_sample != 0 && !point.ask_ms) return {};
     // The library cuts its times to milliseconds.
-    point.from_ms = best_ms - 1;
+    point.from_ms = *best_ms - 1;
     return point;
 }
 

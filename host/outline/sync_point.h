@@ -1,7 +1,10 @@
-// Where the stream of a time begins: at the last key picture that isn't after it.
+// Key pictures: where all of them are, and where the stream of a time begins, which is at the last one that
+// isn't after it.
 
 #ifndef HOST_OUTLINE_SYNC_POINT_H
 #define HOST_OUTLINE_SYNC_POINT_H
+
+#include <functional>
 
 #include "outline.h"
 #include "selection.h"
@@ -20,5 +23,10 @@ struct SyncPoint {
 std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outline,
                                          const Selection &selection, uint32_t time_ms,
                                          bool f_remote);
+
+/// Shows the times of all key pictures of the video that is taken, in the library's milliseconds and in
+/// the order of the file. Reads a little of each block of Matroska. False: there may be others, too.
+bool list_key_pictures(ByteSource &source, const Outline &outline, const Selection &selection,
+                       const std::function<void(int64_t time_ms)> &take);
 
 #endif

@@ -28,6 +28,7 @@ struct Reach {
     }
 };
 
+void append(std::string &text, const std::string &more);
 std::string find_damage(const Tally &tally);
 Reach worst_reach(const Delivery &delivery);
 std::string find_loss_in_mp4(const Delivery &delivery);
@@ -55,13 +56,23 @@ std::string find_loss(const Delivery &delivery, ByteSource &source)
         case Container::TRANSPORT_STREAM:
         case Container::UNKNOWN: break;
         }
+        const std::optional<uint64_t> next = delivery.outline.next_file;
+        if (next)
+            append(loss,
+                   fmt::format("only its first file is remuxed; another one begins at byte {}",
+                               *next));
     }
-    const std::string damage = find_damage(delivery.tally);
-    if (loss.empty() || damage.empty()) return loss + damage;
-    return loss + "; " + damage;
+    append(loss, find_damage(delivery.tally));
+    return loss;
 }
 
 namespace {
+
+void append(std::string &text, const std::string &more)
+{
+    if (!text.empty() && !more.empty()) text += "; ";
+    text += more;
+}
 
 std::string find_damage(const Tally &tally)
 {

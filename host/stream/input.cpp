@@ -23,6 +23,7 @@ constexpr size_t SMALLER_THINGS = 256 * 1024;
 std::unique_ptr<Source> open_source(const InputOptions &options);
 Outline outline_of(Source &source);
 Format choose_format(const InputOptions &options, Source &source, const Outline &outline);
+std::string why_no_format(const uint8_t *head, size_t size);
 size_t read_head(Source &source, uint8_t *head, size_t size);
 std::string extension_of(const std::string &path);
 Demuxer open_demuxer(Library &library, const Format &format, Source &source);
@@ -235,21 +236,26 @@ Format choose_format(const InputOptions &options, Source &source, const Outline 
         uint8_t head[RECOGNISE_SIZE] = {};
         const size_t size = read_head(source, head, RECOGNISE_SIZE);
         format = format_of_bytes(head, size);
+        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
+            format = format_of_name("ts");
         const std::string extension = extension_of(source.path());
         if (format == nullptr && !extension.empty()) format = format_of_name(extension);
         if (format == nullptr && !source.fault().empty())
             throw NotDone(source.path(), source.fault());
-        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
-            format = format_of_name("ts");
-        if (format == nullptr)
-            throw NotDone(source.path(), "format not recognised; --format names it");
+        if (format == nullptr) throw NotDone(source.path(), why_no_format(head, size));
     }
     if (!format->f_times && (options.start_ms || options.to_ms))
-        throw BadUsage(
-            fmt::format("{}: the frames of {} have no times for the library; --start and --to "
-                        "don't work with it",
-                        source.path(), format->name));
+        throw BadUsage(fmt::format("{}: the frames of {} have no times; --start and --to don't "
+                                   "work with it",
+                                   source.path(), format->name));
     return *format;
+}
+
+std::string why_no_format(const uint8_t *head, size_t size)
+{
+    const char *const other = other_format_of_bytes(head, size);
+    if (other == nullptr) return "format not recognised; --format names it";
+    return fmt::format("{} isn't remuxed, only MP4, Matroska, MP3 and M2TS are", other);
 }
 
 // Reads until the head is whole, or nothing more comes; leaves the source at its start.

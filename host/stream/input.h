@@ -90,9 +90,6 @@ public:
     /// when there is no further frame, or none is wanted.
     bool copy_frame();
 
-    /// Moves anywhere; false where the input can't be sought in so.
-    bool seek(uint32_t time_ms) { return m_input.demuxer()->seekToTime(time_ms); }
-
     uint64_t frames() const { return m_frames; }  ///< written
     const Tally &tally() const { return m_tally; }
     const FrameClock &clock() const { return m_clock; }

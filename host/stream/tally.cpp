@@ -60,6 +60,14 @@ int64_t Tally::reached() const
     return audio().frames == 0 ? video().reached : std::max(video().reached, in_audio);
 }
 
+int64_t Tally::end() const
+{
+    int64_t end = first_passed();
+    for (const StreamTally *tally : {&video(), &audio()})
+        if (tally->frames > 0) end = std::max({end, tally->reached, tally->end()});
+    return end;
+}
+
 void Tally::begin(const PELA::MediaBuffer::ContentInfo &content)
 {
     m_f_counting = true;
@@ -196,7 +204,7 @@ void Tally::count_audio(Stream &stream, const uint8_t *frame, size_t size, size_
 
 void Tally::note_damage(Stream &stream)
 {
-    if (stream.f_damaged) return;
+    if (stream.f_damaged || stream.f_dropped) return;
     stream.f_damaged = true;
     if (stream.tally.damaged++ == 0) stream.tally.first_damaged = stream.time;
 }

@@ -72,6 +72,7 @@ public:
     /// The earliest time of a frame that passed, and the latest of all, 90 kHz.
     int64_t first_passed() const { return m_first_passed.value_or(0); }
     int64_t reached() const;
+    int64_t end() const;  ///< of the last frame, 90 kHz
 
 private:
     static constexpr uint8_t UNIT_START = 0x40;

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <malloc.h>
 
+#include <cstring>
 #include <new>
+
+#include "golt_poison.h"
 
 HeapWatch g_heap;
 
@@ -33,8 +36,17 @@ bool is_refused()
     return g_heap.refused-- > 0;
 }
 
-void *count(void *block)
+// After each block of the library lie bytes that a reader past its end takes for something. The address sanitizer
+// sees such readers itself.
+#ifdef GOLT_POISONING
+constexpr size_t BEYOND = 0;
+#else
+constexpr size_t BEYOND = 16;
+#endif
+
+void *count(void *block, size_t size)
 {
+    if (block != nullptr) memset(static_cast<char *>(block) + size, 0x02, BEYOND);
     if (!g_heap.f_watched || block == nullptr) return block;
     g_heap.held += malloc_usable_size(block);
     if (g_heap.held > g_heap.most) g_heap.most = g_heap.held;
@@ -63,12 +75,12 @@ void __real__ZdaPv(void *block);
 
 void *__wrap_malloc(size_t size)
 {
-    return is_refused() ? nullptr : count(__real_malloc(size));
+    return is_refused() ? nullptr : count(__real_malloc(size + BEYOND), size);
 }
 
 void *__wrap_calloc(size_t number, size_t size)
 {
-    return is_refused() ? nullptr : count(__real_calloc(number, size));
+    return is_refused() ? nullptr : count(__real_calloc(number + BEYOND, size), number * size);
 }
 
 void __wrap_free(void *block)
@@ -79,12 +91,12 @@ void __wrap_free(void *block)
 
 void *WRAP_NEW(size_t size, const std::nothrow_t &tag)
 {
-    return is_refused() ? nullptr : count(REAL_NEW(size, tag));
+    return is_refused() ? nullptr : count(REAL_NEW(size + BEYOND, tag), size);
 }
 
 void *WRAP_NEW_ARRAY(size_t size, const std::nothrow_t &tag)
 {
-    return is_refused() ? nullptr : count(REAL_NEW_ARRAY(size, tag));
+    return is_refused() ? nullptr : count(REAL_NEW_ARRAY(size + BEYOND, tag), size);
 }
 
 void __wrap__ZdlPv(void *block)

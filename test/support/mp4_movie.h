@@ -108,6 +108,7 @@ struct Demuxer {
             const LibraryCall watch;
             valid = GOLT_DMX_MP4Init(Source::read_proc, Source::seek_proc, &source);
         });
+        info.videoCodec = info.audioCodec = GOLT_CODEC_M2TS;
         EXPECT_TRUE(GOLT_DMX_MP4GetStreamInfo(&info));
     }
     ~Demuxer()
