@@ -63,6 +63,16 @@ void write_seeds(size_t format, const std::string &name, const Bytes &file, bool
     }
 }
 
+// Pieces of 257 bytes, once and four times.
+void write_ts(const std::string &name, const Bytes &file)
+{
+    write_seed("ts", name, hex("2000") + file);
+    Bytes checked = hex("2003");
+    for (size_t at = 0; at + 188 <= file.size(); at += 188)
+        checked += Bytes(file.data() + at, file.data() + at + 188) + Bytes(16);
+    write_seed("ts", name + "-204", checked);
+}
+
 void write_m2ts()
 {
     Bytes file;
@@ -281,6 +291,7 @@ int main(int argc, char **argv)
     write_outlines();
     for (int i = 2; i < argc; ++i) {
         const std::filesystem::path path = argv[i];
+        if (path.extension() == ".ts") write_ts(path.stem().string(), read_file(path.string()));
         for (size_t format = 0; format < std::size(FORMATS); ++format) {
             if (path.extension() == "." + FORMATS[format])
                 write_seeds(format, path.stem().string(), read_file(path.string()), false);

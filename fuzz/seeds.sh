@@ -22,6 +22,8 @@ make faststart.mp4 -c:v libx264 -crf 40 -c:a ac3 -b:a 32k -movflags +faststart
 make avc_aac.mkv -c:v libx264 -crf 40 -c:a aac -b:a 24k -cluster_time_limit 100
 make avc_ac3.mkv -c:v libx264 -crf 40 -c:a ac3 -b:a 32k
 make avc_aac.m2ts -c:v libx264 -crf 40 -c:a aac -b:a 24k -f mpegts -mpegts_m2ts_mode 1
+make avc_aac.ts -c:v libx264 -crf 40 -c:a aac -b:a 24k
+make constant_rate.ts -c:v mpeg2video -q:v 30 -c:a mp2 -b:a 32k -muxrate 200k
 make audio.mp3 -vn -c:a libmp3lame -b:a 32k
 make audio.mp4 -vn -c:a libmp3lame -b:a 32k
 mkvmerge -q --deterministic 1 --cluster-length 120ms -o "$real/merged.mkv" "$real/avc_aac.mp4"

@@ -21,7 +21,9 @@ Examples:
 
 constexpr const char *INFO_FOOTER = R"(
 Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
-the headers of IN are read. For several files one line each is printed.
+the headers of IN are read. A transport stream has none: all of it is read, and
+its program, PIDs, clock and key pictures are printed. For several files one
+line each is printed.
 Exit status: as for remux; for several files that of the worst.
 
 Examples:
@@ -32,8 +34,10 @@ Examples:
 constexpr const char *FRAMES_FOOTER = R"(
 Prints a line for each frame: number, stream, time, bytes, and the NAL units of
 a picture or the values in an audio frame's header. With --json each line is a
-JSON object; the first one names the schema. For M2TS files the lines are PES
-packets, in the order in which they end. TIME and exit status: as for remux.
+JSON object; the first one names the schema. For M2TS files and transport streams
+the lines are PES packets, in the order in which they end; those of a transport
+stream also show decoding time, key pictures and the offset in the file.
+TIME and exit status: as for remux.
 
 Examples:
   golt frames movie.mp4 --start 1:00 --count 50
@@ -41,30 +45,50 @@ Examples:
   golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
 
 constexpr const char *CHECK_FOOTER = R"(
-Remuxes without writing an output, and reads the resulting stream. Findings are:
-  Times that run backward: for audio any; for video, a picture that comes after
-    16 others that are all shown later. Times that are repeated.
-  Jumps: audio that continues 100 ms after the end of the previous frame;
-    pictures 10 s apart, if that is 10 times as long as usual in this stream.
-  A frame that comes after frames of the other stream that are 1 s later.
-  A PCR that runs backward, or is more than 100 ms after the previous one.
-  Pictures before the first parameter sets; audio frames shorter than their
-    header states; PES packets above 65535 bytes with a length field.
-  Packets that break ISO/IEC 13818-1. An input that ended early.
+Judges the packets of a transport stream (188, 192 or 204 bytes each; the first
+program), or the stream that remux would write of any other file. Findings are:
+  Packets: sync bytes, lost bytes, continuity, errors marked in them.
+  PAT and PMT: missing, wrong CRC, more than 500 ms apart, no new version.
+  PCR: missing, backward, more than 100 ms apart, jitter at a constant rate.
+  Times: frames that arrive after their decoding time, or 2 s after those of the
+    other stream; DTS that don't rise, or are after the PTS; times that run
+    backward or are repeated; audio with gaps or overlaps above 15 ms; pictures
+    10 s apart, if that is 10 times as long as usual in this stream.
+  Frames: PES lengths, cut audio frames and bytes between them, ADTS headers
+    that contradict the frame; key pictures without parameter sets or
+    random_access_indicator, pictures without access unit delimiter.
+  Whatever else breaks ISO/IEC 13818-1. An input that ended early.
+Lines that begin with "by golt" report what golt does itself; they don't count.
 Exit status: 0 nothing was found, 3 something was; 1 and 2 as for remux; for
 several files that of the worst.
 
 Examples:
-  golt check movie.mp4
+  golt check movie.mp4 recording.ts
   golt check movie.mkv --json | jq '.findings[].code')";
 
 constexpr const char *PLOT_FOOTER = R"(
-The plot shows the bit rates of both streams, how late each stream is compared
-with the other in the file's order, and the sync points that seeks to 120 places
-find (in files with video, but not in URLs). Exit status: as for remux.
+The plot shows the bit rates of the streams, how late each one is compared with
+the other in the file's order, and all sync points: the pictures that MP4 and
+Matroska mark as such, and in M2TS those that are independent. A bar is as long
+as one group of pictures or several, unless a group takes an eighth of the file.
+Exit status: as for remux.
 
 Example:
   golt plot movie.mp4 -o timeline.svg)";
+
+constexpr const char *SERVE_FOOTER = R"(
+Serves films to browsers and to players of HTTP Live Streaming (RFC 8216), also
+to several at a time. Segments are made when they are asked for; nothing is
+decoded, and nothing is written to disk. Only files below PATH are served, and
+no names that begin with a dot. A page for browsers is at /, the playlist of a
+film at its name followed by /index.m3u8, figures at /status and /metrics.
+SIZE: bytes, or a number with K, M or G. Exit status: 1 if it can't start, 2 bad
+usage, 128 + its number after the signal that ended it.
+
+Examples:
+  golt serve ~/Videos
+  golt serve ~/Videos ~/Music --bind 0.0.0.0 --cache 256M
+  golt serve https://example.org/movie.mp4)";
 
 constexpr const char *HLS_FOOTER = R"(
 Writes segments of about 6 s, each from a key picture on, and two playlists of

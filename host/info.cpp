@@ -6,6 +6,7 @@
 #include "several.h"
 #include "stream/scan.h"
 #include "stream/time_text.h"
+#include "stream_info.h"
 #include "track_text.h"
 
 namespace {
@@ -75,6 +76,8 @@ namespace {
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options, Printer &printer)
 {
     InputFile file(input_options);
+    if (file.format().is_plain_stream())
+        return stream_info(file, options.f_json, are_several(options), printer);
     if (!file.selection().refusal.empty() && file.source().fault().empty())
         return refuse(options, file, printer);
     Input input(input_options, std::move(file));

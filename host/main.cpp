@@ -14,7 +14,6 @@
 #include <fmt/format.h>
 
 #include "check.h"
-#include "footers.h"
 #include "frames.h"
 #include "help.h"
 #include "hls.h"
@@ -330,8 +329,9 @@ void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string>
 
 void add_input_options(CLI::App &command, InputOptions &input)
 {
-    command.add_option("--format", input.format,
-                       "Format of IN, such as mp4, mkv, mp3, m2ts; default: by IN's bytes or name");
+    command.add_option(
+        "--format", input.format,
+        "Format of IN, such as mp4, mkv, mp3, m2ts, ts; default: by IN's bytes or name");
     add_http_options(command, input.http);
 }
 

@@ -89,9 +89,9 @@ int64_t Plotter::follow_audio(const StreamFrame &frame)
     clock.time = f_stands ? clock.time + clock.duration : *frame.time;
     clock.told = *frame.time;
     clock.duration = 0;
-    const std::optional<SoundHeader> &sound = frame.content.sound;
-    if (sound && sound->sample_rate != 0)
-        clock.duration = int64_t{sound->samples} * TICKS_PER_SECOND / sound->sample_rate;
+    const std::optional<AudioHeader> &audio = frame.content.audio.first;
+    if (audio && audio->sample_rate != 0)
+        clock.duration = int64_t{audio->samples} * TICKS_PER_SECOND / audio->sample_rate;
     return clock.time;
 }
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bats
-# golt info, frames, check and plot, run as a user runs them, on files of real encoders.
+# golt info, frames and plot, run as a user runs them, on files of real encoders.
 
 bats_require_minimum_version 1.5.0
 
@@ -83,57 +83,6 @@ is() {
     is '["mp3",44100,2,160000,1152]' "$($GOLT frames audio.mp3 --json | sed -n 9p | jq -c "$figures")"
     is '["aac",22050,2,null,1024]' "$($GOLT frames audio.m4a --json | sed -n 9p | jq -c "$figures")"
     is '["eac3",48000,6,null,1536]' "$($GOLT frames audio.mp4 --json | sed -n 9p | jq -c "$figures")"
-}
-
-# finds FILE CODE...: golt check finds just these.
-finds() {
-    local file=$1
-    shift
-    json '.' check "$file" --json >report
-    is "$*" "$(jq -r '[.findings[].code] | sort | unique | join(" ")' report)"
-    is "$([ $# -eq 0 ] && echo true || echo false)" "$(jq .clean report)"
-}
-
-@test "finds what a receiver would trip over, and nothing else" {
-    # With B pictures the clock alone runs backward.
-    picture b.mp4 2 -bf 3
-    picture slow.mp4 4 -r 5
-    ffmpeg -v error -nostdin -f lavfi -i nullsrc=s=640x480:r=25:d=1,geq='random(1)*255:128' \
-        -c:v libx264 -threads 1 -qp 10 -bf 0 large.mp4
-    ffmpeg -v error -nostdin -i movie.mp4 -c copy still.mkv
-    picture bare.m2ts 2 -bsf:v filter_units=remove_types=7-8 -mpegts_m2ts_mode 1
-    picture gap.m2ts 4 -bsf:a "setts=ts=TS+gte(N\\,50)*180000" -mpegts_m2ts_mode 1
-    picture late.m2ts 2 -output_ts_offset 100 -mpegts_m2ts_mode 1
-    cat late.m2ts movie.m2ts >back.m2ts
-    # First all that isn't audio, which has the PID 0x1100, then the audio.
-    perl -0777 -ne 'for my $f (0, 1) { for (unpack "(a192)*") {
-        print if $f == ((unpack("x5n", $_) & 0x1FFF) == 0x1100) } }' movie.m2ts >apart.m2ts
-    # The file ends after the first packet of a PES packet of audio.
-    perl -0777 -ne 'for (unpack "(a192)*") {
-        print; last if (unpack("x5n", $_) & 0x5FFF) == 0x5100 && ++$starts == 9 }' movie.m2ts >cut.m2ts
-    finds movie.mp4
-    finds movie.m2ts
-    finds b.mp4 clock-backward clock-late
-    finds slow.mp4 clock-late
-    finds large.mp4 pes-length
-    finds still.mkv apart time-repeated  # its audio has no clock
-    finds bare.m2ts no-parameter-sets
-    finds gap.m2ts apart time-jump  # the muxer holds audio back until a packet is full
-    finds apart.m2ts apart
-    finds cut.m2ts cut-frame structure
-    json '.' check back.m2ts --json >report
-    is '["time-backward","time-backward"]' \
-        "$(jq -c '[.findings[].code | select(. == "time-backward")]' report)"
-
-    # Status and words.
-    run -0 $GOLT check movie.mp4
-    [[ $output == *'movie.mp4: nothing found'$'\n''  PID 0x100, H.264: 100 frames'* ]]
-    run -3 $GOLT check slow.mp4
-    [[ $output == *'slow.mp4: 1 finding'* ]]
-    [[ $output == *'  clock: '*' times the PCR comes later than 100 ms, at most after 0.200 s'* ]]
-    picture front.mp4 4 -movflags +faststart
-    head -c $(($(stat -c %s front.mp4) / 2)) front.mp4 >half.mp4
-    is '[false,"ended at 00"]' "$(json '[.clean, .fault[:11]]' check half.mp4 --json)"
 }
 
 @test "draws a picture" {

@@ -189,7 +189,8 @@ struct Problems final : TsEvents {
     std::vector<std::string> all;
     void on_problem(const TsProblem &problem) override
     {
-        if (!problem.f_unusual) all.push_back(std::to_string(problem.packet) + ": " + problem.what);
+        if (!problem.f_unusual)
+            all.push_back(std::to_string(problem.packet) + ": " + problem.what());
     }
 };
 

@@ -141,6 +141,8 @@ hole() {
     for command in 'remux --force' info frames check 'plot --force -o out.svg'; do
         for file in 'hevc.mp4 HEVC' 'fragments.mp4 fragmented' 'none.mkv VP9' 'large.mp4 64' \
             'low.mp3 22050' 'plain.ts 188' 'old.avi AVI' 'bare.ac3 AC-3' 'junk.mkv read'; do
+            # Without the library.
+            case "$file $command" in *.ts*info | *.ts*frames | *.ts*check) continue ;; esac
             run -1 $GOLT $command ${file% *}
             [[ $output == *"golt: ${file% *}: "*"${file#* }"* ]]
         done

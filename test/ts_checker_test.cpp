@@ -59,7 +59,7 @@ TEST(TsChecker, FindsAFault)
         const char *fault, *problem;
     };
     const Row changes[] = {
-        {"040048", "no sync byte"},   {"0601C0", "or scrambled"},    {"060390", "or scrambled"},
+        {"040048", "no sync byte"},   {"0601C0", "as damaged"},      {"060390", "is scrambled"},
         {"040300", "has no content"}, {"060311", "counter jumps"},   {"040321", "counter jumps"},
         {"0404B6", "fit the packet"}, {"0504B7", "fit the packet"},  {"020B2C", "300 or more"},
         {"040502", "unexpected"},     {"040600", "wrong stuffing"},  {"020406", "for its flags"},
@@ -72,7 +72,7 @@ TEST(TsChecker, FindsAFault)
     for (const Row &row : changes)
         EXPECT_THAT(check("0123456", hex(row.fault)).problems, Contains(HasSubstr(row.problem)));
     const Row orders[] = {
-        {"01233356", "counter jumps"},   {"07", "section's header"},
+        {"01233356", "more than twice"}, {"07", "section's header"},
         {"10", "comes before the PAT"},  {"0", "or PMT is missing"},
         {"021", "no PMT has announced"}, {"013", "payload before"},
         {"018", "shorter than its"},     {"01234569", "packet is cut short"},

@@ -15,7 +15,7 @@ public:
     {
         char line[120];
         snprintf(line, sizeof line, "packet %zu, PID 0x%X: %s", static_cast<size_t>(problem.packet),
-                 unsigned{problem.pid}, problem.what);
+                 unsigned{problem.pid}, problem.what());
         report.problems.push_back(line);
     }
     void on_pat(uint64_t packet) override

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "ts_audio.h"
+
 enum class Codec { UNKNOWN, MPEG2, H264, MPEG_AUDIO, AAC, AC3, EAC3 };
 
 /// stream_type of a PMT.
@@ -17,41 +19,32 @@ Codec codec_of_stream_type(uint8_t stream_type);
 bool is_video(Codec codec);
 const char *codec_name(Codec codec);  ///< for people: "H.264"
 const char *codec_id(Codec codec);    ///< for programs: "h264"
-
-struct AudioHeader {
-    uint32_t sample_rate = 0;  ///< hertz
-    uint32_t channels = 0;     ///< 0 where the header leaves it to the data
-    uint32_t bit_rate = 0;     ///< bits in a second; 0 where the header doesn't state it
-    uint32_t samples = 0;      ///< of the frame, in each channel
-    uint32_t size = 0;         ///< bytes of the frame, with its header
-};
+/// For people, of any stream_type.
+std::string stream_type_name(uint8_t stream_type);
 
 struct FrameContent {
     static constexpr size_t MOST_UNITS = 64;
 
     /// nal_unit_type of H.264, the start codes of MPEG-2 video but those of slices; in their order.
     std::array<uint8_t, MOST_UNITS> units = {};
-    size_t unit_count = 0;             ///< in the array
-    uint64_t more_units = 0;           ///< for which it has no room
-    std::optional<AudioHeader> audio;  ///< of the frame's first header
+    size_t unit_count = 0;    ///< in the array
+    uint64_t more_units = 0;  ///< for which it has no room
+    AudioContent audio;
 
     bool has(uint8_t unit) const;
 };
 
 namespace nal {
-constexpr uint8_t SLICE = 1, PARTITION_C = 4, IDR = 5, SPS = 7, PPS = 8;
+constexpr uint8_t SLICE = 1, PARTITION_C = 4, IDR = 5, SPS = 7, PPS = 8, DELIMITER = 9;
 }
 namespace mpeg2 {
 constexpr uint8_t PICTURE = 0x00, SEQUENCE = 0xB3;
 }
 
-/// Reads a frame that comes in pieces. Keeps only what it states.
+/// Reads the frames of a stream, which come in pieces. Keeps only what they state.
 class ContentReader {
 public:
-    explicit ContentReader(Codec codec = Codec::UNKNOWN)
-        : m_codec(codec)
-    {
-    }
+    explicit ContentReader(Codec codec = Codec::UNKNOWN);
 
     Codec codec() const { return m_codec; }
     void begin();
@@ -63,13 +56,10 @@ private:
     void find_units(const uint8_t *bytes, size_t size);
     void add_unit(uint8_t code);
 
-    static constexpr size_t HEAD_SIZE = 8;
-
     Codec m_codec;
     FrameContent m_content;
     uint32_t m_last_bytes = 0xFFFFFFFF;
-    std::array<uint8_t, HEAD_SIZE> m_head = {};
-    size_t m_head_size = 0;
+    AudioFrames m_audio;
 };
 
 /// "SPS PPS IDR x4" or the like; empty when the frame has no units.

@@ -21,6 +21,15 @@ constexpr uint64_t time_of_field(uint64_t field)
     return (field >> 33 & 7) << 30 | (field >> 17 & 0x7FFF) << 15 | (field >> 1 & 0x7FFF);
 }
 
+/// How much later the first of two times of 33 bits is, the nearer way round.
+constexpr int64_t difference_of_times(uint64_t first, uint64_t second)
+{
+    constexpr uint64_t RANGE = uint64_t{1} << PTS_BITS;
+    const uint64_t ahead = (first - second) & (RANGE - 1);
+    return ahead < RANGE / 2 ? static_cast<int64_t>(ahead)
+                             : static_cast<int64_t>(ahead) - static_cast<int64_t>(RANGE);
+}
+
 /// Follows times of 90 kHz that come cut to their low bits and so start again every few hours.
 class CutClock {
 public:

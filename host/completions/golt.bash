@@ -7,7 +7,7 @@ _golt() {
     COMPREPLY=()
     case $before in
     --format)
-        mapfile -t COMPREPLY < <(compgen -W "mp4 mkv mp3 m2ts" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "mp4 mkv mp3 m2ts ts" -- "$word")
         return
         ;;
     --start | --to | --frames | --count | --timeout | --header) return ;;

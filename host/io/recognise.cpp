@@ -10,6 +10,7 @@ bool is_mp4(const uint8_t *head, size_t size);
 bool is_matroska(const uint8_t *head, size_t size);
 bool is_m2ts(const uint8_t *head, size_t size);
 bool is_mpeg_audio(const uint8_t *head, size_t size);
+bool is_none(const uint8_t *head, size_t size);
 
 // The stamps of M2TS may look like a frame of MPEG audio, so M2TS is tried first.
 const struct {
@@ -22,6 +23,9 @@ const struct {
      is_matroska,
      " mkv mka mk3d webm audio/x-matroska video/x-matroska video/x-matroska-3d "},
     {{"m2ts", 192, false, "M2TS", Container::TRANSPORT_STREAM}, is_m2ts, " m2ts mts video/ts "},
+    {{"ts", 188, false, "transport stream", Container::TRANSPORT_STREAM},
+     is_none,
+     " ts mpegts video/mp2t "},
     {{"mp3", 0, true, "MPEG audio", Container::MPEG_AUDIO}, is_mpeg_audio, " mp3 audio/mpeg "},
 };
 
@@ -114,6 +118,12 @@ bool is_mpeg_audio(const uint8_t *head, size_t size)
     if (size >= 3 && memcmp(head, "ID3", 3) == 0) return true;
     return size >= 4 && head[0] == 0xFF && (head[1] & 0xE0) == 0xE0 && (head[1] & 0x06) != 0 &&
            (head[2] & 0xF0) != 0xF0 && (head[2] & 0x0C) != 0x0C;
+}
+
+// Its outline recognises it: packets may begin anywhere.
+bool is_none(const uint8_t * /*head*/, size_t /*size*/)
+{
+    return false;
 }
 
 }  // namespace

@@ -15,6 +15,12 @@ struct Format {
     bool f_times;          ///< frames have times, and the file can be sought in by time
     const char *title;     ///< for people
     Container container;
+
+    /// A file of packets that the library doesn't read.
+    bool is_plain_stream() const
+    {
+        return container == Container::TRANSPORT_STREAM && record_size != 192;
+    }
 };
 
 /// Bytes of a file that have to be seen at most.

@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 
 #include "io/text.h"
-#include "stream_frames.h"
 #include "time_text.h"
+#include "ts_time.h"
 
 namespace {
 
@@ -19,31 +19,38 @@ std::string Finding::text() const
     std::string line = fmt::format("{}: ", subject);
     if (!detail.empty()) line += detail + ", ";
     line += count == 1 ? "once" : fmt::format("{} times", count);
-    line += fmt::format(" {}", kind->text);
-    if (kind->amount == Amount::TICKS)
-        line += fmt::format(", {} {:.3f} s", kind->worst_text,
+    if (detail.empty() || rule == &rules::STRUCTURE) line += fmt::format(" {}", rule->text);
+    switch (rule->amount) {
+    case TsAmount::NONE: break;
+    case TsAmount::TICKS:
+        line += fmt::format(", {} {:.3f} s", rule->worst_text,
                             static_cast<double>(worst) / TICKS_PER_SECOND);
-    if (kind->amount == Amount::BYTES)
+        break;
+    case TsAmount::BYTES:
         line +=
-            fmt::format(", {} {}", kind->worst_text, counted(static_cast<uint64_t>(worst), "byte"));
+            fmt::format(", {} {}", rule->worst_text, counted(static_cast<uint64_t>(worst), "byte"));
+        break;
+    case TsAmount::NANOSECONDS: line += fmt::format(", {} {} ns", rule->worst_text, worst); break;
+    }
     line += "; first ";
     if (first_time) line += fmt::format("at {}, ", time_text(*first_time / TICKS_PER_MS));
     return line + fmt::format("in packet {}", first_packet);
 }
 
-void Findings::add(const FindingKind &kind, const std::string &subject, uint64_t packet,
-                   std::optional<int64_t> time, int64_t amount, const std::string &detail)
+void Findings::add(const TsProblem &problem, const std::string &subject)
 {
+    const std::string detail = problem.detail == nullptr ? "" : problem.detail;
     const auto same = std::find_if(m_all.begin(), m_all.end(), [&](const Finding &finding) {
-        return finding.kind == &kind && finding.subject == subject && finding.detail == detail;
+        return finding.rule == problem.rule && finding.subject == subject &&
+               finding.detail == detail;
     });
     if (same != m_all.end()) {
-        ++same->count;
-        same->worst = std::max(same->worst, amount);
-        return;
-    }
-    if (m_all.size() < MOST_FINDINGS)
-        m_all.push_back({&kind, subject, detail, 1, packet, time, amount});
-    else
+        same->count += problem.count;
+        same->worst = std::max(same->worst, problem.amount);
+    } else if (m_all.size() < MOST_FINDINGS) {
+        m_all.push_back({problem.rule, subject, detail, problem.count, problem.packet, problem.time,
+                         problem.amount});
+    } else {
         ++m_left_out;
+    }
 }

@@ -1,4 +1,4 @@
-// What is found in a stream, gathered by kind: how often, where first, and how bad at worst.
+// What is found in a stream, gathered by rule: how often, where first, and how bad at worst.
 
 #ifndef HOST_STREAM_FINDINGS_H
 #define HOST_STREAM_FINDINGS_H
@@ -8,18 +8,10 @@
 #include <string>
 #include <vector>
 
-enum class Amount { NONE, TICKS, BYTES };  ///< what the size of a finding is measured in
-
-/// A kind of finding. Records of it are compared by their address.
-struct FindingKind {
-    const char *code;  ///< for programs
-    const char *text;  ///< for people; what is counted comes before
-    Amount amount;
-    const char *worst_text;  ///< before the worst amount
-};
+#include "ts_rule.h"
 
 struct Finding {
-    const FindingKind *kind;
+    const TsRule *rule;
     std::string subject;  ///< the stream
     std::string detail;   ///< more of what was found; empty mostly
     uint64_t count = 0;
@@ -32,12 +24,11 @@ struct Finding {
 
 class Findings {
 public:
-    /// amount: how bad it is, in the unit of the kind.
-    void add(const FindingKind &kind, const std::string &subject, uint64_t packet,
-             std::optional<int64_t> time, int64_t amount = 0, const std::string &detail = "");
+    /// subject: the stream.
+    void add(const TsProblem &problem, const std::string &subject);
 
     const std::vector<Finding> &all() const { return m_all; }
-    /// Findings of kinds for which there was no more room.
+    /// Findings of rules for which there was no more room.
     uint64_t left_out() const { return m_left_out; }
 
 private:

@@ -235,12 +235,12 @@ Format choose_format(const InputOptions &options, Source &source, const Outline 
         uint8_t head[RECOGNISE_SIZE] = {};
         const size_t size = read_head(source, head, RECOGNISE_SIZE);
         format = format_of_bytes(head, size);
+        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
+            format = format_of_name("ts");
         const std::string extension = extension_of(source.path());
         if (format == nullptr && !extension.empty()) format = format_of_name(extension);
         if (format == nullptr && !source.fault().empty())
             throw NotDone(source.path(), source.fault());
-        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
-            throw NotDone(source.path(), select_tracks(outline).refusal);
         if (format == nullptr) throw NotDone(source.path(), why_no_format(head, size));
     }
     if (!format->f_times && (options.start_ms || options.to_ms))

@@ -24,6 +24,13 @@ std::string json_text(const Json &json, int indent)
     return out + '\n';
 }
 
+Json distances_json(const Distances &distances)
+{
+    return {{"min", json_ms(distances.least / PCR_PER_TICK)},
+            {"mean", json_ms(distances.mean() / PCR_PER_TICK)},
+            {"max", json_ms(distances.most / PCR_PER_TICK)}};
+}
+
 std::string json_error(int status, const std::string &message)
 {
     Json json = json_document("golt.error/1");

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ts_time.h"
+#include "ts_clock.h"
 
 using Json = nlohmann::ordered_json;
 
@@ -28,6 +28,9 @@ inline Json json_ms(int64_t ticks)
     const int64_t us = ticks * 1000 / TICKS_PER_MS;
     return static_cast<double>(us) / 1000;
 }
+
+/// The least, the mean and the most of distances of 27 MHz, in milliseconds; there has to be one.
+Json distances_json(const Distances &distances);
 
 /// What went wrong, for a program that has asked for JSON.
 std::string json_error(int status, const std::string &message);

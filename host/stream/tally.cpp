@@ -188,7 +188,7 @@ void Tally::count_audio(Stream &stream, const uint8_t *frame, size_t size, size_
     ContentReader reader(tally.codec);
     reader.begin();
     reader.feed(frame, size);
-    const std::optional<AudioHeader> header = reader.finish().audio;
+    const std::optional<AudioHeader> header = reader.finish().audio.first;
     const bool f_own_header = tally.codec == Codec::AC3 || tally.codec == Codec::MPEG_AUDIO;
     if (!header) {
         if (f_own_header) note_damage(stream);
