@@ -224,7 +224,10 @@ TEST(Mkv, Seeks)
         {"destroyed after a seek", SCENES, "@", "@2000"},
     });
     EXPECT_EQ(Demuxer(Bytes()).run("@0 1"), "!");
-    EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(0) || GOLT_DMX_MKVReadFrame(nullptr)) << "no source";
+    GOLT_streamInfo_t info = {};
+    EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(0) || GOLT_DMX_MKVReadFrame(nullptr) ||
+                 GOLT_DMX_MKVGetStreamInfo(&info))
+        << "no source";
 }
 
 TEST(Mkv, PassesOverUnknownElementsEverywhere)

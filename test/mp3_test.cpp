@@ -145,7 +145,8 @@ TEST(Mp3, KnowsTheSizeAndTheDurationOfEveryFrame)
         const size_t slot = layer.samples == 384 ? 4 : 1;
         for (const auto &[index, hertz] : {std::pair{0u, 44100u}, {1, 48000}, {2, 32000}}) {
             const auto size_at = [&, samplerate = hertz](size_t rate) {
-                return layer.samples / 8 * rate * 1000 / slot / samplerate * slot;
+                return static_cast<size_t>(layer.samples / 8) * rate * 1000 / slot / samplerate *
+                       slot;
             };
             Mp3 sizes;
             for (uint32_t i = 0; i < layer.rates.size(); ++i)
