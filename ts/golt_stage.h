@@ -89,6 +89,8 @@ public:
     /// Takes size bytes, which are packets of 188 bytes as the library writes them. False after a write to the sink
     /// has failed: from then on everything is dropped.
     bool write(const uint8_t *packets, size_t size);
+    /// The same, for a Listener: returns size, or -1.
+    int take(const uint8_t *packets, int size);
     /// Writes what is ready to the sink. A host that sends live may call it as often as it likes. Parts of the last
     /// PES packet, and of the first pictures, which are needed for the times, may still be held back.
     bool flush();
@@ -121,10 +123,7 @@ public:
     {
     }
 
-    int write(uint8_t *buffer, int size) override
-    {
-        return size >= 0 && m_stage.write(buffer, static_cast<size_t>(size)) ? size : -1;
-    }
+    int write(uint8_t *buffer, int size) override { return m_stage.take(buffer, size); }
     bool is_valid() const { return m_stage.is_valid(); }
     bool flush() { return m_stage.flush(); }
     bool finish() { return m_stage.finish(); }

@@ -34,12 +34,19 @@ Stage::~Stage()
     delete m_state;
 }
 
+// The way that nearly all packets go has no call in it, which would make it keep registers.
 bool Stage::write(const uint8_t *packets, size_t size)
 {
     if (m_state == nullptr) return false;
-    // This way, which nearly all packets go, has no call in it, which would make it keep registers.
     if (size == TS_SIZE && m_state->m_writer.copy_in_run(packets)) return true;
     return m_state->write(packets, size);
+}
+
+int Stage::take(const uint8_t *packets, int size)
+{
+    if (m_state == nullptr || size < 0) return -1;
+    if (size == static_cast<int>(TS_SIZE) && m_state->m_writer.copy_in_run(packets)) return size;
+    return m_state->take_all(packets, size);
 }
 
 bool Stage::flush()
@@ -80,6 +87,11 @@ Stage::State::State(Write sink, void *handle, const StageHints &hints)
     , m_hinted_grid(hints.audio_grid)
 {
     m_sets.take_config(hints.video.config, hints.video.config_size);
+}
+
+int Stage::State::take_all(const uint8_t *packets, int size)
+{
+    return write(packets, static_cast<size_t>(size)) ? size : -1;
 }
 
 bool Stage::State::write(const uint8_t *bytes, size_t size)

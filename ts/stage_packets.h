@@ -111,6 +111,10 @@ public:
         if ((head_of(packet) & ~COUNTER) != m_run.head || m_run.to == m_run.end) return false;
         const size_t rest = TS_SIZE - m_fill;
         uint8_t *const to = next_of_run();
+        if (rest == 0) {
+            copy_payload(to, packet);
+            return true;
+        }
         memcpy(to - rest, packet + TS_HEAD, rest);
         memcpy(to + TS_HEAD, packet + TS_HEAD + rest, TS_ROOM - rest);
         return true;
@@ -145,6 +149,12 @@ private:
         uint8_t *begin = nullptr;
     };
 
+    // As the library has stored it: the processor hands on a store that is still on its way only to a load that lies
+    // within it.
+    static void copy_payload(uint8_t *to, const uint8_t *packet)
+    {
+        memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
+    }
     uint8_t *next_of_run()
     {
         uint8_t *const to = m_run.to;

@@ -41,6 +41,7 @@ struct Stage::State {
     State(Write sink, void *handle, const StageHints &hints);
 
     bool write(const uint8_t *bytes, size_t size);
+    [[gnu::noinline]] int take_all(const uint8_t *packets, int size);
     bool finish();
     bool flush();
 
