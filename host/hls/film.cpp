@@ -74,7 +74,7 @@ std::string make_segment(Source &source, const Film &film, size_t number,
         for (size_t step = 0;; step = step == 0 ? 1 : step * 2) {
             bool f_sure = false;
             const size_t from = number - std::min(number, step);
-            const std::string fault = run_from(source, film, number, from, segment, f_sure);
+            std::string fault = run_from(source, film, number, from, segment, f_sure);
             if (!fault.empty()) return fault;
             if (f_sure || from == 0 || step == MOST_STEPS) break;
         }

@@ -22,7 +22,9 @@ int64_t time_of(const Outline &outline, int64_t file_ticks)
 {
     constexpr double NS_PER_TICK = 1e9 / TICKS_PER_SECOND;
     const double scale = static_cast<double>(outline.matroska.timestamp_scale);
-    return static_cast<int64_t>(static_cast<double>(file_ticks) * scale / NS_PER_TICK + 0.5);
+    constexpr double MOST = 1e15;
+    const double ticks = std::min(static_cast<double>(file_ticks) * scale / NS_PER_TICK, MOST);
+    return (static_cast<int64_t>(ticks * 2) + 1) / 2;
 }
 
 /// The clusters from which those that come can be reached.
