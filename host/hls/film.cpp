@@ -126,6 +126,8 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     }
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, begin.place);
+    constexpr uint64_t USUAL_MOST = 16 * 1024 * 1024, MORE = 64 * 1024;
+    segment.reserve(static_cast<size_t>(std::min(wanted.bytes + MORE, USUAL_MOST)));
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();
