@@ -3,7 +3,7 @@
 #ifndef HOST_HELP_H
 #define HOST_HELP_H
 
-constexpr const char * REMUX_FOOTER = R"(
+constexpr const char *REMUX_FOOTER = R"(
 TIME: seconds (90, 5.5), a number with a unit (1500ms, 90s, 2m, 1h) or
 hh:mm:ss.mmm, where hours and fraction may be omitted. N is 1 or more.
 OUT is written as OUT.part and renamed when it is complete; if it can't be
@@ -19,7 +19,7 @@ Examples:
   golt remux movie.mkv - --start 10:00 | player -
   golt remux https://example.org/movie.mp4 movie.ts)";
 
-constexpr const char * INFO_FOOTER = R"(
+constexpr const char *INFO_FOOTER = R"(
 Lists all tracks, whether they are remuxed, and if not, why. Without --scan only
 the headers of IN are read. For several files one line each is printed.
 Exit status: as for remux; for several files that of the worst.
@@ -29,7 +29,7 @@ Examples:
   golt info *.mkv
   golt info movie.mkv --scan --json | jq .scan.streams)";
 
-constexpr const char * FRAMES_FOOTER = R"(
+constexpr const char *FRAMES_FOOTER = R"(
 Prints a line for each frame: number, stream, time, bytes, and the NAL units of
 a picture or the values in an audio frame's header. With --json each line is a
 JSON object; the first one names the schema. For M2TS files the lines are PES
@@ -40,7 +40,7 @@ Examples:
   golt frames movie.mkv --csv >frames.csv
   golt frames movie.mp4 --json | jq 'select(.stream == "video") | .size')";
 
-constexpr const char * CHECK_FOOTER = R"(
+constexpr const char *CHECK_FOOTER = R"(
 Remuxes without writing an output, and reads the resulting stream. Findings are:
   Times that run backward: for audio any; for video, a picture that comes after
     16 others that are all shown later. Times that are repeated.
@@ -58,7 +58,7 @@ Examples:
   golt check movie.mp4
   golt check movie.mkv --json | jq '.findings[].code')";
 
-constexpr const char * PLOT_FOOTER = R"(
+constexpr const char *PLOT_FOOTER = R"(
 The plot shows the bit rates of both streams, how late each stream is compared
 with the other in the file's order, and the sync points that seeks to 120 places
 find (in files with video, but not in URLs). Exit status: as for remux.
@@ -66,7 +66,7 @@ find (in files with video, but not in URLs). Exit status: as for remux.
 Example:
   golt plot movie.mp4 -o timeline.svg)";
 
-constexpr const char * HLS_FOOTER = R"(
+constexpr const char *HLS_FOOTER = R"(
 Writes segments of about 6 s, each from a key picture on, and two playlists of
 HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
 rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
@@ -74,5 +74,19 @@ it doesn't exist. The playlists are written last. Exit status: as for remux.
 
 Example:
   golt hls movie.mkv /var/www/movie)";
+
+constexpr const char *const SERVE_FOOTER = R"(
+Serves films to browsers and to players of HTTP Live Streaming (RFC 8216), also
+to several at a time. Segments are made when they are asked for; nothing is
+decoded, and nothing is written to disk. Only files below PATH are served, and
+no names that begin with a dot. A page for browsers is at /, the playlist of a
+film at its name followed by /index.m3u8, figures at /status and /metrics.
+SIZE: bytes, or a number with K, M or G. Exit status: 1 if it can't start, 2 bad
+usage, 128 + its number after the signal that ended it.
+
+Examples:
+  golt serve ~/Videos
+  golt serve ~/Videos ~/Music --bind 0.0.0.0 --cache 256M
+  golt serve https://example.org/movie.mp4)";
 
 #endif

@@ -14,7 +14,6 @@
 #include <fmt/format.h>
 
 #include "check.h"
-#include "footers.h"
 #include "frames.h"
 #include "help.h"
 #include "hls.h"
