@@ -75,7 +75,7 @@ it doesn't exist. The playlists are written last. Exit status: as for remux.
 Example:
   golt hls movie.mkv /var/www/movie)";
 
-constexpr const char *const SERVE_FOOTER = R"(
+constexpr const char *SERVE_FOOTER = R"(
 Serves films to browsers and to players of HTTP Live Streaming (RFC 8216), also
 to several at a time. Segments are made when they are asked for; nothing is
 decoded, and nothing is written to disk. Only files below PATH are served, and
