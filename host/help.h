@@ -76,6 +76,15 @@ Exit status: as for remux.
 Example:
   golt plot movie.mp4 -o timeline.svg)";
 
+constexpr const char *HLS_FOOTER = R"(
+Writes segments of about 6 s, each from a key picture on, and two playlists of
+HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
+rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
+it doesn't exist. The playlists are written last. Exit status: as for remux.
+
+Example:
+  golt hls movie.mkv /var/www/movie)";
+
 constexpr const char *SERVE_FOOTER = R"(
 Serves films to browsers and to players of HTTP Live Streaming (RFC 8216), also
 to several at a time. Segments are made when they are asked for; nothing is
@@ -89,14 +98,5 @@ Examples:
   golt serve ~/Videos
   golt serve ~/Videos ~/Music --bind 0.0.0.0 --cache 256M
   golt serve https://example.org/movie.mp4)";
-
-constexpr const char *HLS_FOOTER = R"(
-Writes segments of about 6 s, each from a key picture on, and two playlists of
-HTTP Live Streaming (RFC 8216): FOLDER/master.m3u8, which states codecs and bit
-rates, and FOLDER/index.m3u8. Any web server can serve FOLDER. FOLDER is made if
-it doesn't exist. The playlists are written last. Exit status: as for remux.
-
-Example:
-  golt hls movie.mkv /var/www/movie)";
 
 #endif

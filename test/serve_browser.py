@@ -139,8 +139,8 @@ def take_pictures(browser, base, folder):
         player = Player(browser)
         player.until("video.readyState >= 3", "the picture of a film")
         player.ask("void (video.currentTime = 20)")
-        player.until("!video.seeking && video.readyState >= 2", "the picture of a film")
-        time.sleep(0.5)
+        player.until("!video.seeking && video.readyState >= 3", "the picture of a film")
+        time.sleep(1.5)
         browser.save_screenshot(str(folder / ("film_%s.png" % name)))
     # The two narrow ones side by side, for the README.
     subprocess.run(["ffmpeg", "-v", "error", "-nostdin", "-y", "-i", "folder_narrow.png", "-i", "film_narrow.png",

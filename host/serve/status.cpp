@@ -94,7 +94,8 @@ std::string status_metrics(const Shared &shared, int64_t start)
     add("connections", "gauge", "Open connections.", processes.connections);
     add("connections_dropped_total", "counter", "Connections that were idle or slow.",
         counters.dropped);
-    add("memory_bytes", "gauge", "Memory of all processes beside the cache.", processes.memory);
+    add("memory_bytes", "gauge", "Memory of servers and makers beside the cache.",
+        processes.memory);
     add("deaths_total", "counter", "Processes that had to be replaced.", counters.deaths);
     add("start_time_seconds", "gauge", "Start, in seconds since 1970.", start);
     text += "# HELP golt_segment_seconds Time that a segment took to be made.\n"
