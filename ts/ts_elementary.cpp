@@ -98,6 +98,13 @@ const char *codec_id(Codec codec)
     return row_of(codec).id;
 }
 
+std::optional<AudioHeader> read_audio_header(Codec codec, const uint8_t *frame, size_t size)
+{
+    const ReadAudioHeader read = row_of(codec).read;
+    if (read == nullptr || size < SOUND_HEAD_SIZE) return {};
+    return read(frame);
+}
+
 bool FrameContent::has(uint8_t unit) const
 {
     return std::find(units.begin(), units.begin() + unit_count, unit) != units.begin() + unit_count;

@@ -22,6 +22,9 @@ const char *codec_id(Codec codec);    ///< for programs: "h264"
 /// For people, of any stream_type.
 std::string stream_type_name(uint8_t stream_type);
 
+/// The header that a frame of audio begins with; none where these bytes don't begin one.
+std::optional<AudioHeader> read_audio_header(Codec codec, const uint8_t *frame, size_t size);
+
 struct FrameContent {
     static constexpr size_t MOST_UNITS = 64;
 

@@ -235,8 +235,10 @@ Format choose_format(const InputOptions &options, Source &source, const Outline 
         uint8_t head[RECOGNISE_SIZE] = {};
         const size_t size = read_head(source, head, RECOGNISE_SIZE);
         format = format_of_bytes(head, size);
-        if (format == nullptr && outline.container == Container::TRANSPORT_STREAM)
-            format = format_of_name("ts");
+        // Packets need not begin with the file.
+        const bool f_packets = outline.container == Container::TRANSPORT_STREAM;
+        const bool f_stamped = f_packets && outline.transport.packet_size == 192;
+        if (format == nullptr && f_packets) format = format_of_name(f_stamped ? "m2ts" : "ts");
         const std::string extension = extension_of(source.path());
         if (format == nullptr && !extension.empty()) format = format_of_name(extension);
         if (format == nullptr && !source.fault().empty())

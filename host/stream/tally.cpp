@@ -185,10 +185,7 @@ void Tally::count(Stream &stream, int64_t time, const uint8_t *pes, size_t size)
 void Tally::count_audio(Stream &stream, const uint8_t *frame, size_t size, size_t length)
 {
     StreamTally &tally = stream.tally;
-    ContentReader reader(tally.codec);
-    reader.begin();
-    reader.feed(frame, size);
-    const std::optional<AudioHeader> header = reader.finish().audio.first;
+    const std::optional<AudioHeader> header = read_audio_header(tally.codec, frame, size);
     const bool f_own_header = tally.codec == Codec::AC3 || tally.codec == Codec::MPEG_AUDIO;
     if (!header) {
         if (f_own_header) note_damage(stream);
