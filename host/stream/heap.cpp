@@ -15,6 +15,12 @@ namespace {
 // 64-bit ones.
 constexpr size_t LARGEST = sizeof(void *) == 4 ? 448 * 1024 : 16 * 1024 * 1024;
 
+// The loader's addresses are numbers.
+void *place(uintptr_t address)
+{
+    return reinterpret_cast<void *>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 // Of a program or shared object, what is only read, and is as in its file.
 int release_object(dl_phdr_info *object, size_t, void *)
 {
@@ -22,7 +28,7 @@ int release_object(dl_phdr_info *object, size_t, void *)
     for (const ElfW(Phdr) *header = object->dlpi_phdr; header != end; ++header) {
         if (header->p_type != PT_DYNAMIC) continue;
         const auto *entry =
-            reinterpret_cast<const ElfW(Dyn) *>(object->dlpi_addr + header->p_vaddr);
+            static_cast<const ElfW(Dyn) *>(place(object->dlpi_addr + header->p_vaddr));
         for (; entry->d_tag != DT_NULL; ++entry)
             if (entry->d_tag == DT_TEXTREL) return 0;
     }
@@ -32,7 +38,7 @@ int release_object(dl_phdr_info *object, size_t, void *)
         const uintptr_t begin = (object->dlpi_addr + header->p_vaddr + page - 1) / page * page;
         const uintptr_t after =
             (object->dlpi_addr + header->p_vaddr + header->p_memsz) / page * page;
-        if (begin < after) madvise(reinterpret_cast<void *>(begin), after - begin, MADV_DONTNEED);
+        if (begin < after) madvise(place(begin), after - begin, MADV_DONTNEED);
     }
     return 0;
 }
