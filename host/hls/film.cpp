@@ -126,8 +126,9 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     }
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, begin.place);
-    constexpr uint64_t USUAL_MOST = 16 * 1024 * 1024, MORE = 64 * 1024;
-    segment.reserve(static_cast<size_t>(std::min(wanted.bytes + MORE, USUAL_MOST)));
+    // Memory that isn't used costs nothing; memory that grows is there twice for a while.
+    constexpr uint64_t MORE = 64 * 1024;
+    segment.reserve(static_cast<size_t>(std::min<uint64_t>(wanted.bytes + MORE, LARGEST_SEGMENT)));
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();
