@@ -69,7 +69,9 @@ ExitStatus hls(const HlsOptions &options)
     report(options, film, folder, progress.seconds());
     for (const std::string &loss : film.file.selection.losses)
         say(fmt::format("golt: {}: no {}", source->path(), loss));
-    return film.file.selection.losses.empty() ? EXIT_DONE : EXIT_DONE_WITH_FAULTS;
+    if (film.f_cut) say(fmt::format("golt: {}: the file was cut off", source->path()));
+    const bool f_whole = film.file.selection.losses.empty() && !film.f_cut;
+    return f_whole ? EXIT_DONE : EXIT_DONE_WITH_FAULTS;
 }
 
 namespace {

@@ -170,4 +170,19 @@ cut_film() {
     run -3 $GOLT hls flac.mkv flac
     [[ $output == *"no audio: track 2: FLAC isn't remuxed"* ]]
     [ -s flac/master.m3u8 ]
+
+    # As far as it goes.
+    $ffmpeg -i movie.mp4 -c copy -movflags +faststart first.mp4
+    $ffmpeg -i movie.mp4 -c copy movie.mkv
+    local file
+    for file in first.mp4 movie.mkv; do
+        head -c $(($(stat -c %s "$file") / 2)) "$file" >"cut.$file"
+        run -3 $GOLT hls "cut.$file" "cut.$file.hls"
+        [[ $output == *": the file was cut off"* ]]
+        [ -s "cut.$file.hls/1.ts" ]
+        run -3 $GOLT remux -q "cut.$file" "cut.$file.ts"
+        packets "cut.$file.ts" >expected
+        cat "cut.$file.hls"/{0,1}.ts >joined.ts
+        packets joined.ts | cmp expected -
+    done
 }

@@ -6,8 +6,9 @@ namespace golt {
 
 namespace {
 
-// By how much the times of a file, which are whole milliseconds, may be beside the exact ones.
-constexpr int64_t ROUNDING = TICKS_PER_MS;
+// By how much the times of audio may be beside the exact ones: those of the first frame and of the present one are
+// rounded in the file, and the library cuts them to milliseconds.
+constexpr int64_t ROUNDING = 2 * TICKS_PER_MS;
 constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
 constexpr int64_t USUAL_STEP = 40 * TICKS_PER_MS;
 
@@ -61,7 +62,7 @@ int64_t AudioTimes::next(int64_t told, Durations durations)
     const bool f_still = stands_still(told, durations);
     if (!m_f_begun && is_on_grid(told)) {
         m_last = predicted();
-    } else if (f_still || (f_follows && std::abs(follows - told) <= tolerance())) {
+    } else if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
         m_last = follows;
     } else {
         m_base = m_last = told;
@@ -98,19 +99,13 @@ bool AudioTimes::stands_still(int64_t told, Durations durations) const
 // Whether it is the rounded time of a frame of the grid; that one has been found then.
 bool AudioTimes::is_on_grid(int64_t told)
 {
-    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - tolerance()) return false;
+    if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - ROUNDING) return false;
     const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
     const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
     m_base = m_grid.time;
     m_rate = m_grid.rate;
     m_samples = (passed * m_rate + frame / 2) / frame * m_grid.samples;
-    return std::abs(predicted() - told) <= tolerance();
-}
-
-// On the grid of a whole, times may count from a frame in the middle whose own time was rounded already.
-int64_t AudioTimes::tolerance() const
-{
-    return m_grid.samples != 0 ? 2 * ROUNDING : ROUNDING;
+    return std::abs(predicted() - told) <= ROUNDING;
 }
 
 int64_t AudioTimes::predicted() const

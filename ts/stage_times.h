@@ -58,7 +58,6 @@ public:
 private:
     int64_t predicted() const;
     bool is_on_grid(int64_t told);
-    int64_t tolerance() const;
 
     bool m_f_begun = false;
     AudioGrid m_grid;

@@ -47,7 +47,8 @@ struct Film {
     uint32_t height = 0;
     double frame_rate = 0;      ///< pictures in a second; 0: not known
     bool f_independent = true;  ///< each segment can be decoded without those before it
-    int64_t duration = 0;       ///< ticks of 90 kHz
+    bool f_cut = false;         ///< the file ends before the film does
+    int64_t duration = 0;       ///< of what is there, ticks of 90 kHz
     /// Bits in a second of the segments as they are served (RFC 8216 4.3.4.2). Where only an index was
     /// read they are upper estimates.
     uint64_t peak_bits = 0;

@@ -35,8 +35,8 @@ public:
     bool is_full() const { return m_segments.size() >= MOST_SEGMENTS; }
 
 private:
-    // Twenty days. A few bytes may state more.
-    static constexpr size_t MOST_SEGMENTS = 300000;
+    // Three days. A few bytes may state more.
+    static constexpr size_t MOST_SEGMENTS = 50000;
 
     bool is_before_nearer(int64_t time) const;
 

@@ -232,8 +232,8 @@ bool has_open_groups(ByteSource &bytes, const Film &film)
     return false;
 }
 
-// Where the tracks end, since the film's begin: by the file's header. None: it states nothing.
-std::optional<int64_t> stated_end(const Film &film)
+// Where the tracks end, since the film's begin: by the file's header. 0: it states nothing.
+int64_t stated_end(const Film &film)
 {
     constexpr int64_t NS_PER_SECOND = 1000000000;
     std::optional<int64_t> end_ns;
@@ -244,7 +244,7 @@ std::optional<int64_t> stated_end(const Film &film)
         if (!track->duration_ns) break;
         end_ns = std::max(end_ns.value_or(0), *track->duration_ns);
     }
-    if (!end_ns) return {};
+    if (!end_ns) return 0;
     const int64_t ticks = *end_ns / NS_PER_SECOND * TICKS_PER_SECOND +
                           *end_ns % NS_PER_SECOND * TICKS_PER_SECOND / NS_PER_SECOND;
     return film_time(film, ticks, TrackKind::VIDEO);
@@ -296,11 +296,13 @@ void survey_matroska(Source &source, Film &film)
     file.head_end = first_cluster;
     hide_seek_heads(bytes, file);
     const int64_t first = look_at_begin(source, film, first_cluster);
-    const std::optional<int64_t> end = stated_end(film);
-    if (end && file.outline.matroska.f_cues) {
+    film.f_cut = file.outline.matroska.segment_end.value_or(0) > source.size();
+    // 0: the blocks tell.
+    const int64_t end = film.f_cut ? 0 : stated_end(film);
+    if (end > 0 && file.outline.matroska.f_cues) {
         Planner planner(film, first);
         const bool f_cues = plan_by_cues(bytes, film, planner);
-        planner.end(*end, source.size());
+        planner.end(end, source.size());
         if (f_cues && !is_sparse(film)) {
             if (taken_track(film, TrackKind::VIDEO) != nullptr)
                 film.f_independent = !has_open_groups(bytes, film);
@@ -309,5 +311,5 @@ void survey_matroska(Source &source, Film &film)
     }
     Planner planner(film, first);
     const ClusterWalk walk = plan_by_walk(bytes, film, planner);
-    planner.end(std::max(end.value_or(0), walked_end(film, walk)), source.size());
+    planner.end(std::max(end, walked_end(film, walk)), source.size());
 }

@@ -32,10 +32,17 @@ private:
     std::deque<uint64_t> m_keys;
 };
 
-int64_t end_of(const Film &film, const Track &track)
+// Where a track ends, or where the file is cut; chunks are short.
+int64_t end_of(ByteSource &bytes, Film &film, const Track &track)
 {
-    const double seconds = static_cast<double>(track.mp4.ticks.value_or(0)) / track.mp4.timescale;
     constexpr double MOST = 1e9;
+    const Mp4Details &mp4 = track.mp4;
+    double seconds = static_cast<double>(mp4.ticks.value_or(0)) / mp4.timescale;
+    const bool f_cut = mp4.end.value_or(0) > bytes.size();
+    if (f_cut && mp4.samples != 0)
+        seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
+                   static_cast<double>(mp4.samples);
+    film.f_cut = film.f_cut || f_cut;
     const auto ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND + 0.5);
     return film_time(film, ticks, track.kind);
 }
@@ -60,7 +67,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
     const bool f_read = samples.walk([&](const KeySample &key) {
         const int64_t time = film_time(film, key.shown_ms * TICKS_PER_MS, TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
-        if (time > first) {
+        if (time > first && time < end) {
             const uint64_t from = approach.to(key.sample);
             const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
             plan.add({time, place,
@@ -68,7 +75,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
         }
         ++keys;
         approach.add(key.sample);
-        return !plan.is_full();
+        return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
     plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
@@ -83,8 +90,11 @@ void survey_mp4(Source &source, Film &film)
     const Track *const video = taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
     int64_t end = 0;
-    for (const Track *track : {video, audio})
-        if (track != nullptr) end = std::max(end, end_of(film, *track));
+    {
+        SourceBytes bytes(source);
+        for (const Track *track : {video, audio})
+            if (track != nullptr) end = std::max(end, end_of(bytes, film, *track));
+    }
     if (video != nullptr) {
         plan_by_keys(source, film, first, end);
         return;

@@ -57,7 +57,10 @@ void read_sample_tables(Stretch body, Track &track)
             track.mp4.stts = place_of(box->body);
             break;
         case box_type("ctts"): track.mp4.ctts = place_of(box->body); break;
-        case box_type("stsc"): tables.chunks = box->body; break;
+        case box_type("stsc"):
+            tables.chunks = box->body;
+            track.mp4.stsc = place_of(box->body);
+            break;
         case box_type("stsz"):
             tables.sizes = box->body;
             track.mp4.stsz = place_of(box->body);
@@ -70,6 +73,7 @@ void read_sample_tables(Stretch body, Track &track)
         case box_type("co64"):
             tables.offsets = box->body;
             tables.f_64_bit_offsets = box->type == box_type("co64");
+            if (box->type == box_type("stco")) track.mp4.stco = place_of(box->body);
             track.mp4.f_offsets = true;
             track.mp4.f_64_bit_offsets = tables.f_64_bit_offsets;
             break;

@@ -49,6 +49,7 @@ struct Mp4Details {
     std::optional<uint32_t> sync_samples;  ///< entries of "stss"; none: every sample is one
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
     TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
+    TablePlace stsc, stco;              ///< samples of chunks; offsets of chunks, of 32 bits
 };
 
 /// What Matroska has of a track beside what all containers have.

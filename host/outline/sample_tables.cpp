@@ -6,6 +6,7 @@ namespace {
 
 // Three days at 60 pictures a second. A few bytes may state more.
 constexpr uint64_t MOST_SAMPLES = 1 << 24;
+constexpr uint32_t MOST_LOADS = 8192;
 
 /// A table of runs: a count and a value each ("stts", "ctts").
 class Runs {
@@ -77,11 +78,59 @@ private:
     uint32_t m_constant = 0;
 };
 
+/// Samples of each chunk ("stsc"): an entry holds for the chunks from its own up to that of the next one.
+class ChunkSamples {
+public:
+    ChunkSamples(Reader &reader, const TablePlace &place)
+        : m_body(reader, place.begin, place.end)
+    {
+        m_body.skip(8);
+        read_next();
+    }
+    uint32_t next()
+    {
+        for (++m_chunk; m_f_next && m_chunk >= m_next_begin;) {
+            m_samples = m_next_samples;
+            read_next();
+        }
+        return m_samples;
+    }
+
+private:
+    void read_next()
+    {
+        constexpr uint64_t ENTRY_SIZE = 12;
+        m_f_next = m_body.left() >= ENTRY_SIZE;
+        if (!m_f_next) return;
+        m_next_begin = m_body.u32();
+        m_next_samples = m_body.u32();
+        m_body.skip(4);  // sample_description_index
+    }
+
+    Stretch m_body;
+    uint64_t m_chunk = 0;  // counts from 1
+    uint32_t m_samples = 0, m_next_begin = 0, m_next_samples = 0;
+    bool m_f_next = false;
+};
+
 }  // namespace
+
+uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size)
+{
+    Reader chunks_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS);
+    ChunkSamples chunks(chunks_reader, mp4.stsc);
+    Stretch offsets(offsets_reader, mp4.stco.begin, mp4.stco.end);
+    offsets.skip(8);
+    uint64_t samples = 0;
+    while (offsets.left() >= 4 && samples < mp4.samples) {
+        if (offsets.u32() >= size) return samples;
+        samples += chunks.next();
+    }
+    return mp4.samples;
+}
 
 bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
 {
-    constexpr uint32_t MOST_LOADS = 8192;
     if (m_mp4.timescale == 0) return false;
     // Each cursor has a window of its own.
     Reader lengths_reader(m_source, MOST_LOADS), offsets_reader(m_source, MOST_LOADS),

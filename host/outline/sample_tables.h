@@ -41,4 +41,7 @@ private:
     double m_interval = 0;  // ms, by which the library counts
 };
 
+/// How many samples of a track come before the first chunk that begins after the end of a file of this size; bytes.
+uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size);
+
 #endif
