@@ -31,11 +31,12 @@ teardown() {
 
 # serve ARGUMENTS...: starts a server; sets base, its address, and pid.
 serve() {
+    rm -f said
     $GOLT serve --port 0 "$@" 2>said 3>&- &
     pid=$!
     pids+=("$pid")
-    until grep -q ' http:' said; do
-        if grep -q 'libmicrohttpd' said; then skip "$(cat said)"; fi
+    until grep -qs ' http:' said; do
+        if grep -qs 'libmicrohttpd' said; then skip "$(cat said)"; fi
         kill -0 "$pid"
         sleep 0.05
     done
