@@ -241,7 +241,7 @@ fails() {
     grep -q 'golt: out.ts: stopped by SIGTERM' said
     local size
     size=$(stat -c %s out.ts)
-    [ "$size" -gt 100000 ]
+    [ "$size" -gt 60000 ]
     [ "$size" -lt "$(stat -c %s -L movie.expected)" ]
     head -c "$size" movie.expected | cmp - out.ts
     [ ! -e out.ts.part ]
