@@ -71,7 +71,8 @@ std::optional<Place> Tree::find(const std::vector<std::string> &names) const
     }
     for (; used < names.size(); ++used) {
         if (names[used][0] == '.') return {};
-        place.path += (place.path.empty() ? "" : "/") + names[used];
+        if (!place.path.empty()) place.path += '/';
+        place.path += names[used];
     }
     if (!root.file.empty()) place.path = root.file;
     if (place.path.empty()) place.path = ".";
