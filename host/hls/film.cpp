@@ -74,7 +74,7 @@ std::string make_segment(Source &source, const Film &film, size_t number,
         for (size_t step = 0;; step = step == 0 ? 1 : step * 2) {
             bool f_sure = false;
             const size_t from = number - std::min(number, step);
-            const std::string fault = run_from(source, film, number, from, segment, f_sure);
+            std::string fault = run_from(source, film, number, from, segment, f_sure);
             if (!fault.empty()) return fault;
             if (f_sure || from == 0 || step == MOST_STEPS) break;
         }
@@ -126,6 +126,9 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     }
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, begin.place);
+    // Memory that isn't used costs nothing; memory that grows is there twice for a while.
+    constexpr uint64_t MORE = 64 * 1024;
+    segment.reserve(static_cast<size_t>(std::min<uint64_t>(wanted.bytes + MORE, LARGEST_SEGMENT)));
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();

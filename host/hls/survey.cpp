@@ -32,6 +32,9 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place)
         throw NotDone(source.path(),
                       source.fault().empty() ? "no frame in it can be read" : source.fault());
     FilmFile &file = film.file;
+    const golt::StageHints hints = stage_setup(file.outline, file.selection, false).hints;
+    file.video_offset = hints.video.offset;
+    file.audio_offset = hints.audio.offset;
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
     file.audio_grid = run.stage().audio_grid();
     file.first_time = std::min(video.value_or(INT64_MAX), audio.value_or(INT64_MAX));
@@ -40,9 +43,8 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place)
 
 int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)
 {
-    const StageSetup setup = stage_setup(film.file.outline, film.file.selection, false);
     const int64_t offset =
-        kind == TrackKind::VIDEO ? setup.hints.video.offset : setup.hints.audio.offset;
+        kind == TrackKind::VIDEO ? film.file.video_offset : film.file.audio_offset;
     return file_time + offset + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
 }
 

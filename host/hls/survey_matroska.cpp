@@ -22,7 +22,9 @@ int64_t time_of(const Outline &outline, int64_t file_ticks)
 {
     constexpr double NS_PER_TICK = 1e9 / TICKS_PER_SECOND;
     const double scale = static_cast<double>(outline.matroska.timestamp_scale);
-    return static_cast<int64_t>(static_cast<double>(file_ticks) * scale / NS_PER_TICK + 0.5);
+    constexpr double MOST = 1e15;
+    const double ticks = std::min(static_cast<double>(file_ticks) * scale / NS_PER_TICK, MOST);
+    return (static_cast<int64_t>(ticks * 2) + 1) / 2;
 }
 
 /// The clusters from which those that come can be reached.
@@ -31,7 +33,8 @@ public:
     explicit Approach(uint64_t first_cluster) { m_places.push_back({INT64_MIN, first_cluster}); }
     void add(int64_t time, uint64_t cluster)
     {
-        if (m_places.back().time < time) m_places.push_back({time, cluster});
+        const Place &last = m_places.back();
+        if (last.time < time && last.cluster != cluster) m_places.push_back({time, cluster});
     }
     /// The last one that is early enough.
     uint64_t to(int64_t time)
@@ -209,7 +212,8 @@ ClusterWalk plan_by_walk(ByteSource &bytes, Film &film, Planner &planner)
 // groups are all of a kind.
 bool has_open_groups(ByteSource &bytes, const Film &film)
 {
-    constexpr size_t TRIALS = 3, MOST_BLOCKS = 400;
+    // Of the few pictures that come first after the key picture one would be such.
+    constexpr size_t TRIALS = 3, MOST_BLOCKS = 400, LEADING = 3;
     const uint32_t number = leading_track(film).number;
     const size_t step = std::max<size_t>(film.segments.size() / TRIALS, 1);
     for (size_t i = 1; i < film.segments.size(); i += step) {
@@ -220,8 +224,6 @@ bool has_open_groups(ByteSource &bytes, const Film &film)
         options.from = film.segments[i].place;
         options.on_block = [&](const BlockSeen &block) {
             if (block.track != number) return ++blocks < MOST_BLOCKS;
-            constexpr size_t LEADING =
-                3;  // there would be such a picture among those after the key picture
             if (key != INT64_MIN) f_open = f_open || block.time < key;
             if (block.f_key && key == INT64_MIN) key = block.time;
             return ++blocks < MOST_BLOCKS && !f_open && (key == INT64_MIN || ++after <= LEADING);

@@ -43,8 +43,8 @@ int64_t end_of(ByteSource &bytes, Film &film, const Track &track)
         seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
                    static_cast<double>(mp4.samples);
     film.f_cut = film.f_cut || f_cut;
-    const auto ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND + 0.5);
-    return film_time(film, ticks, track.kind);
+    const auto half_ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND * 2);
+    return film_time(film, (half_ticks + 1) / 2, track.kind);
 }
 
 void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
