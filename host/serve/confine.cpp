@@ -42,7 +42,7 @@ template <typename Function> bool find(void *library, const char *name, Function
 }
 
 // A name that a processor's kernel doesn't know is left out. What glibc asks for with 64-bit times on 32
-// bits has names of its own.
+// bits has names of its own. The sanitizers need pipes and a stack for signals.
 const char *const CALLS[] = {"read",
                              "write",
                              "readv",
@@ -74,6 +74,9 @@ const char *const CALLS[] = {"read",
                              "rt_sigreturn",
                              "sigreturn",
                              "restart_syscall",
+                             "sigaltstack",
+                             "pipe",
+                             "pipe2",
                              "poll",
                              "ppoll",
                              "ppoll_time64",
@@ -103,9 +106,9 @@ const char *const CALLS[] = {"read",
                              "recvmsg",
                              "shutdown"};
 const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1", "epoll_ctl",
-                                    "epoll_wait", "epoll_pwait", "eventfd2",      "pipe2",
-                                    "setsockopt", "getsockopt",  "getsockname",   "getpeername",
-                                    "sendfile",   "sendfile64"};
+                                    "epoll_wait", "epoll_pwait", "eventfd2",      "setsockopt",
+                                    "getsockopt", "getsockname", "getpeername",   "sendfile",
+                                    "sendfile64"};
 // For libcurl, its thread that resolves names, and TLS.
 const char *const NETWORK_CALLS[] = {"socket",
                                      "socketpair",
@@ -122,10 +125,10 @@ const char *const NETWORK_CALLS[] = {"socket",
                                      "clone3",
                                      "set_robust_list",
                                      "rseq",
-                                     "sigaltstack",
+
                                      "sched_getaffinity",
                                      "prctl",
-                                     "pipe2",
+
                                      "eventfd2",
                                      "epoll_create1",
                                      "epoll_ctl",
@@ -231,7 +234,7 @@ void limit_files(const Tree &tree, bool f_network)
 void limit_calls(Role role, bool f_network)
 {
     if (!g_seccomp.f_found) return;
-    const scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
+    scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
     if (filter == nullptr) return;
     const auto allow = [&](const char *const *names, size_t count) {
         for (size_t i = 0; i < count; ++i) {

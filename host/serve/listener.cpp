@@ -83,8 +83,9 @@ Descriptor passed_listener()
 {
     const char *const process = getenv("LISTEN_PID");
     const char *const count = getenv("LISTEN_FDS");
-    if (process == nullptr || count == nullptr || atol(process) != getpid()) return {};
-    if (atol(count) != 1) throw NotDone("LISTEN_FDS", "one socket is needed");
+    if (process == nullptr || count == nullptr || strtol(process, nullptr, 10) != getpid())
+        return {};
+    if (strtol(count, nullptr, 10) != 1) throw NotDone("LISTEN_FDS", "one socket is needed");
     int is_listening = 0;
     socklen_t size = sizeof is_listening;
     if (getsockopt(FIRST_PASSED, SOL_SOCKET, SO_ACCEPTCONN, &is_listening, &size) != 0 ||

@@ -71,7 +71,8 @@ std::optional<Place> Tree::find(const std::vector<std::string> &names) const
     }
     for (; used < names.size(); ++used) {
         if (names[used][0] == '.') return {};
-        place.path += (place.path.empty() ? "" : "/") + names[used];
+        if (!place.path.empty()) place.path += '/';
+        place.path += names[used];
     }
     if (!root.file.empty()) place.path = root.file;
     if (place.path.empty()) place.path = ".";
@@ -103,6 +104,7 @@ std::optional<std::vector<FolderEntry>> Tree::list(size_t root, const std::strin
     if (stream == nullptr) return {};
     std::vector<FolderEntry> entries;
     *f_more = false;
+    const std::string below = path + "/";
     while (const dirent *found = readdir(stream.get())) {
         const std::string name = found->d_name;
         struct stat status = {};
@@ -110,7 +112,7 @@ std::optional<std::vector<FolderEntry>> Tree::list(size_t root, const std::strin
             fstatat(folder.get(), found->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         if (S_ISLNK(status.st_mode)) {
-            const Descriptor target = open(root, path + "/" + name, O_PATH);
+            const Descriptor target = open(root, below + name, O_PATH);
             if (!target.is_open() || fstat(target.get(), &status) != 0) continue;
         }
         auto entry = entry_of(name, status);
