@@ -170,7 +170,7 @@ END
 
 @test "help fits a screen, and the manual and the completions know all of it" {
     local host=$BATS_TEST_DIRNAME/../host subcommand option
-    for subcommand in remux info frames check plot hls; do
+    for subcommand in remux info frames check plot hls serve; do
         $GOLT $subcommand --help >help
         [ "$(wc -l <help)" -le 40 ]
         grep -q '^  golt '$subcommand help
