@@ -11,7 +11,7 @@
 
 // The reader takes its memory by the throwing new, which isn't led to the watch. Sanitizers have one of their own;
 // there the limits of libFuzzer hold.
-#if !defined(GOLT_FUZZING) && !defined(__SANITIZE_ADDRESS__)
+#if !defined(GOLT_FUZZING) && !defined(GOLT_SANITIZED)
 extern "C" void __real_free(void *block);
 void *operator new(size_t size)
 {

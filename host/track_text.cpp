@@ -53,17 +53,6 @@ std::string file_text(const Outline &outline, const Selection &selection)
     return text;
 }
 
-// The decoder's own setup is right where the container's fields differ.
-AudioFigures audio_figures(const Outline &outline, const Track &track)
-{
-    AudioConfig config = {0, track.sample_rate, 0};
-    if (codec_title(outline, track) == "AAC")
-        config = parse_audio_config(track.config).value_or(config);
-    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
-    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
-    return {own == 0 ? track.channels : own, config.sample_rate};
-}
-
 Seeking seeking_of(const Outline &outline, const Selection &selection)
 {
     const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO);

@@ -17,11 +17,6 @@ std::string file_text(const Outline &outline, const Selection &selection);
 /// For programs: fields of golt.info/1.
 void add_tracks(Json &json, const Outline &outline, const Selection &selection);
 
-struct AudioFigures {
-    uint32_t channels, sample_rate;  ///< hertz; 0: not stated
-};
-AudioFigures audio_figures(const Outline &outline, const Track &track);
-
 /// Whether the file can be sought in, and by what.
 struct Seeking {
     bool f_indexed;

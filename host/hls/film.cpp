@@ -189,7 +189,8 @@ void describe(Film &film)
     if (const Track *const audio = taken_track(film, TrackKind::AUDIO)) {
         const std::string title = codec_title(outline, *audio);
         film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(title, *audio);
-        film.kinds += (film.kinds.empty() ? "" : ", ") + title + channels_text(audio->channels);
+        film.kinds += (film.kinds.empty() ? "" : ", ") + title +
+                      channels_text(audio_figures(outline, *audio).channels);
     }
 }
 

@@ -143,6 +143,17 @@ std::string codec_title(const Outline &outline, const Track &track)
     return track.codec.empty() ? "an unknown codec" : track.codec;
 }
 
+// The decoder's own setup is right where the container's fields differ.
+AudioFigures audio_figures(const Outline &outline, const Track &track)
+{
+    AudioConfig config = {0, track.sample_rate, 0};
+    if (codec_title(outline, track) == "AAC")
+        config = parse_audio_config(track.config).value_or(config);
+    constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
+    const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
+    return {own == 0 ? track.channels : own, config.sample_rate};
+}
+
 std::string kind_name(const Track &track)
 {
     if (track.f_chapters) return "chapters";

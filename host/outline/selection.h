@@ -38,6 +38,10 @@ Selection select_tracks(const Outline &outline);
 
 /// A codec's usual name: "HEVC" of "hvc1" or "V_MPEGH/ISO/HEVC"; the track's own where there is none.
 std::string codec_title(const Outline &outline, const Track &track);
+struct AudioFigures {
+    uint32_t channels, sample_rate;  ///< hertz; 0: not stated
+};
+AudioFigures audio_figures(const Outline &outline, const Track &track);
 /// "video", "audio", "subtitles", "chapters", or "data".
 std::string kind_name(const Track &track);
 

@@ -18,9 +18,6 @@
 
 namespace {
 
-// What a process allocates beside the cache. The parsers stay far below; it ends what doesn't.
-constexpr rlim_t MOST_MEMORY = 512 * 1024 * 1024;
-
 void limit_resources(Role role);
 void limit_files(const Tree &tree, bool f_network);
 void limit_calls(Role role, bool f_network);
@@ -191,7 +188,10 @@ void limit_resources(Role role)
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_FSIZE, &none);
     setrlimit(RLIMIT_CORE, &none);
-#ifndef __SANITIZE_ADDRESS__
+    // Sanitizers take far more.
+#ifndef GOLT_SANITIZED
+    // What a process allocates beside the cache. The parsers stay far below; it ends what doesn't.
+    constexpr rlim_t MOST_MEMORY = 512 * 1024 * 1024;
     const rlimit memory = {MOST_MEMORY, MOST_MEMORY};
     if (role == Role::MAKER) setrlimit(RLIMIT_DATA, &memory);
 #else
