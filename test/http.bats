@@ -5,15 +5,22 @@
 
 bats_require_minimum_version 1.5.0
 
-# start_on_free_port COMMAND: runs it with a port until it stays alive; sets port and pid.
+# start_on_free_port COMMAND: runs it with a port until it listens there; sets port and pid. This port, and the one
+# 10000 above it, are below those from which the system takes a client's.
 start_on_free_port() {
-    local try
+    local try waits
     for try in {1..20}; do
-        port=$((20000 + RANDOM % 20000))
+        port=$((12000 + RANDOM % 10000))
         "$1" &>>"$port.log" 3>&- &
         pid=$!
-        sleep 0.3
-        ! kill -0 $pid 2>>"$port.log" || return 0
+        # For a port in use nginx waits 2.5 s, then it ends.
+        for waits in {1..40}; do
+            sleep 0.1
+            kill -0 $pid 2>>"$port.log" || break
+            # It writes this when it has both ports.
+            [ ! -s "$port/pid" ] || return 0
+        done
+        kill $pid 2>>"$port.log" || true
     done
     return 1
 }
@@ -37,7 +44,7 @@ http {
     map \$http_range \$first { bytes=0- 200k; default 1; }
     server {
         listen 127.0.0.1:$port;
-        listen 127.0.0.1:$((port + 20000)) ssl;
+        listen 127.0.0.1:$((port + 10000)) ssl;
         ssl_certificate $PWD/certificate.pem;
         ssl_certificate_key $PWD/key.pem;
         location /plain/  { alias $PWD/; }
@@ -87,7 +94,7 @@ setup() {
     local files=$BATS_FILE_TMPDIR
     ln -s "$files"/*.expected .
     nginx=http://127.0.0.1:$(cat "$files/nginx")
-    secure=https://127.0.0.1:$(($(cat "$files/nginx") + 20000))
+    secure=https://127.0.0.1:$(($(cat "$files/nginx") + 10000))
     server=http://127.0.0.1:$(cat "$files/server")
     export no_proxy=127.0.0.1
     run $GOLT info "$nginx/plain/movie.mp4"
