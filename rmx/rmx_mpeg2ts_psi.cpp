@@ -10,18 +10,17 @@ namespace {
 constexpr int SECTION_HEAD_SIZE = 3;  // table_id and section_length
 constexpr int CRC_SIZE = 4;
 
-// All that a table is made of, with the PID of its packets. Compared as numbers, because comparing bytes that were
-// just stored takes longer.
+// All that a section is made of. Compared as numbers, because comparing bytes that were just stored takes longer.
 struct psi_key_t {
     uint64_t ids, streams;
 };
 
-// The packet in which a table was sent last. Tables hardly ever change, and both go out with every 41 media packets. To
-// make them takes as long as 4 of these, and their CRCs as long as 20 where the processor waits for each lookup.
+// A table's section, its CRC included. Tables hardly ever change, and both go out with every 41 media packets. Their CRCs
+// take as long as 20 of these where the processor waits for each lookup.
 struct psi_memo_t {
-    bool f_filled;
     psi_key_t key;
-    uint8_t packet[PACKET_SIZE];
+    int size;  // 0: none was made yet
+    uint8_t section[64];
 };
 psi_memo_t g_pat_memo, g_pmt_memo;
 
@@ -36,23 +35,41 @@ uint32_t pack(const MPEG2TSWriteStream_t &stream)
     return uint32_t{stream.is_present} << 8 | stream.stream_type;
 }
 
-// Sends a table as before. False, and nothing is sent, if what it is made of has changed.
-bool send_again(MPEG2TSSection_t *s, const psi_memo_t &memo, const psi_key_t &key)
+bool is_kept(const psi_memo_t &memo, const psi_key_t &key)
 {
-    if (!memo.f_filled || memo.key.ids != key.ids || memo.key.streams != key.streams) return false;
-    s->continuity_counter = (s->continuity_counter + 1) & 0xF;
-    copy_part(remux_context.packet, memo.packet, PACKET_SIZE);
-    remux_context.packet[3] = static_cast<uint8_t>(PAYLOAD | s->continuity_counter);
-    send_packet();
-    return true;
+    return memo.size != 0 && memo.key.ids == key.ids && memo.key.streams == key.streams;
 }
 
-// Keeps the packet that was just sent.
-void keep(psi_memo_t &memo, const psi_key_t &key)
+void put_crc(uint8_t *section, int n)
 {
-    memo.f_filled = true;
+    put_be32(section + n - CRC_SIZE, golt_crc32(section, static_cast<uint32_t>(n - CRC_SIZE)));
+}
+
+void keep(psi_memo_t &memo, const psi_key_t &key, int n)
+{
+    put_crc(memo.section, n);
     memo.key = key;
-    copy_part(memo.packet, remux_context.packet, PACKET_SIZE);
+    memo.size = n;
+}
+
+// Sends a section that is complete. What the sink does to the packets doesn't reach it.
+void send_section(MPEG2TSSection_t *s, const uint8_t *pb_section, int n)
+{
+    uint8_t *const packet = remux_context.packet;
+    for (uint32_t unit_start = UNIT_START; n > 0; unit_start = 0) {
+        s->continuity_counter = (s->continuity_counter + 1) & 0xF;
+        put_be32(packet, uint32_t{SYNC_BYTE} << 24 | (unit_start | s->PID) << 8 | PAYLOAD |
+                             s->continuity_counter);
+        uint8_t *pb = packet + HEADER_SIZE;
+        if (unit_start != 0) *pb++ = 0;  // pointer_field
+        const int part = std::min(n, static_cast<int>(packet + PACKET_SIZE - pb));
+        copy_part(pb, pb_section, part);
+        pb += part;
+        stuff(pb, static_cast<int>(packet + PACKET_SIZE - pb));
+        send_packet();
+        pb_section += part;
+        n -= part;
+    }
 }
 
 // Head of a section of n bytes, its CRC included; version 0, valid now, the only section of its
@@ -97,40 +114,26 @@ uint8_t *put_stream_entry(uint8_t *pb, const MPEG2TSWriteStream_t &stream,
 
 bool mpeg2ts_write_section(MPEG2TSSection_t *s, uint8_t *pbuf, int n)
 {
-    put_be32(pbuf + n - CRC_SIZE, golt_crc32(pbuf, static_cast<uint32_t>(n - CRC_SIZE)));
-    uint8_t *const packet = remux_context.packet;
-    for (uint32_t unit_start = UNIT_START; n > 0; unit_start = 0) {
-        s->continuity_counter = (s->continuity_counter + 1) & 0xF;
-        put_be32(packet, uint32_t{SYNC_BYTE} << 24 | (unit_start | s->PID) << 8 | PAYLOAD |
-                             s->continuity_counter);
-        uint8_t *pb = packet + HEADER_SIZE;
-        if (unit_start != 0) *pb++ = 0;  // pointer_field
-        const int part = std::min(n, static_cast<int>(packet + PACKET_SIZE - pb));
-        copy_part(pb, pbuf, part);
-        pb += part;
-        stuff(pb, static_cast<int>(packet + PACKET_SIZE - pb));
-        send_packet();
-        pbuf += part;
-        n -= part;
-    }
+    put_crc(pbuf, n);
+    send_section(s, pbuf, n);
     return true;
 }
 
 bool mpeg2ts_send_pat()
 {
     const MPEG2TSService_t &service = remux_context.service;
-    const psi_key_t key = {pack(remux_context.pat.PID, static_cast<uint32_t>(remux_context.tsid),
-                                static_cast<uint32_t>(service.sid), service.pmt.PID),
+    psi_memo_t &memo = g_pat_memo;
+    const psi_key_t key = {pack(static_cast<uint32_t>(remux_context.tsid),
+                                static_cast<uint32_t>(service.sid), service.pmt.PID, 0),
                            0};
-    if (send_again(&remux_context.pat, g_pat_memo, key)) return true;
-
-    constexpr int PAT_SIZE = 16;
-    uint8_t section[32];
-    uint8_t *pb = put_section_head(section, 0x00, PAT_SIZE, remux_context.tsid);
-    put_be16(pb, static_cast<uint16_t>(service.sid));
-    put_be16(pb + 2, static_cast<uint16_t>(0xE000 | service.pmt.PID));
-    mpeg2ts_write_section(&remux_context.pat, section, PAT_SIZE);
-    keep(g_pat_memo, key);
+    if (!is_kept(memo, key)) {
+        constexpr int PAT_SIZE = 16;
+        uint8_t *pb = put_section_head(memo.section, 0x00, PAT_SIZE, remux_context.tsid);
+        put_be16(pb, static_cast<uint16_t>(service.sid));
+        put_be16(pb + 2, static_cast<uint16_t>(0xE000 | service.pmt.PID));
+        keep(memo, key, PAT_SIZE);
+    }
+    send_section(&remux_context.pat, memo.section, memo.size);
     return true;
 }
 
@@ -139,23 +142,24 @@ bool mpeg2ts_send_pmt()
     const MPEG2TSWriteStream_t &video = remux_context.video, &audio = remux_context.audio;
     const GOLT_codecs_t codec = remux_context.sinfo.audioCodec;
     MPEG2TSService_t &service = remux_context.service;
-    const psi_key_t key = {
-        pack(static_cast<uint32_t>(service.sid), static_cast<uint32_t>(service.pcr_pid),
-             static_cast<uint32_t>(video.PID), static_cast<uint32_t>(audio.PID)),
-        pack(service.pmt.PID, pack(video), pack(audio), static_cast<uint32_t>(codec))};
-    if (send_again(&service.pmt, g_pmt_memo, key)) return true;
+    psi_memo_t &memo = g_pmt_memo;
+    const psi_key_t key = {pack(static_cast<uint32_t>(service.sid),
+                                static_cast<uint32_t>(service.pcr_pid),
+                                static_cast<uint32_t>(video.PID), static_cast<uint32_t>(audio.PID)),
+                           pack(pack(video), pack(audio), static_cast<uint32_t>(codec), 0)};
+    if (!is_kept(memo, key)) {
+        constexpr int ENTRIES = 12;
+        uint8_t *pb_end = memo.section + ENTRIES;
+        if (video.is_present) pb_end = put_stream_entry(pb_end, video, nullptr);
+        if (audio.is_present)
+            pb_end = put_stream_entry(pb_end, audio, registration_descriptor(codec));
 
-    constexpr int ENTRIES = 12;
-    uint8_t section[64];  // all of what is sent gets written
-    uint8_t *pb_end = section + ENTRIES;
-    if (video.is_present) pb_end = put_stream_entry(pb_end, video, nullptr);
-    if (audio.is_present) pb_end = put_stream_entry(pb_end, audio, registration_descriptor(codec));
-
-    const int n = static_cast<int>(pb_end - section) + CRC_SIZE;
-    uint8_t *pb = put_section_head(section, 0x02, n, service.sid);
-    put_be16(pb, static_cast<uint16_t>(0xE000 | service.pcr_pid));
-    put_be16(pb + 2, 0xF000);  // no program descriptors
-    mpeg2ts_write_section(&service.pmt, section, n);
-    keep(g_pmt_memo, key);
+        const int n = static_cast<int>(pb_end - memo.section) + CRC_SIZE;
+        uint8_t *pb = put_section_head(memo.section, 0x02, n, service.sid);
+        put_be16(pb, static_cast<uint16_t>(0xE000 | service.pcr_pid));
+        put_be16(pb + 2, 0xF000);  // no program descriptors
+        keep(memo, key, n);
+    }
+    send_section(&service.pmt, memo.section, memo.size);
     return true;
 }

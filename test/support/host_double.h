@@ -17,6 +17,8 @@ public:
     {
         stream.insert(stream.end(), buffer, buffer + size);
         sizes.push_back(size);
+        // As a sink may that encrypts in place: nothing later may be made of it.
+        std::fill(buffer, buffer + size, uint8_t{0x55});
         return size;
     }
 
