@@ -60,8 +60,7 @@ std::string read_all(Source &source, TsFileFrames &frames, const std::function<b
     Progress progress(isatty(STDERR_FILENO) != 0);
     while (!is_enough() && stop_signal() == 0) {
         const int size = source.read(piece.data(), static_cast<int>(piece.size()));
-        if (size == 0) break;
-        if (size < 0) continue;  // nothing has come yet
+        if (size <= 0) break;
         frames.feed(piece.data(), static_cast<size_t>(size));
         const double part = source.size() == 0 ? 0
                                                : static_cast<double>(source.position()) /
