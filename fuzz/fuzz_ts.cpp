@@ -13,17 +13,18 @@
 // there the limits of libFuzzer hold.
 #if !defined(GOLT_FUZZING) && !defined(GOLT_SANITIZED)
 extern "C" void __real_free(void *block);
-void *operator new(size_t size)
+// Not inlined: memcheck compares who allocates with who frees.
+__attribute__((noinline)) void *operator new(size_t size)
 {
     void *const block = malloc(size);
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
-void operator delete(void *block) noexcept
+__attribute__((noinline)) void operator delete(void *block) noexcept
 {
     __real_free(block);
 }
-void operator delete(void *block, size_t /*size*/) noexcept
+__attribute__((noinline)) void operator delete(void *block, size_t /*size*/) noexcept
 {
     __real_free(block);
 }
