@@ -49,7 +49,7 @@ make() {
         found=($(sed -n "$((i + 1))p" results))
         row="| ${names[i]} | ${found[1]} | all | ${found[3]} | ${found[4]} |"
         echo "$row"
-        [ "${found[1]}" -ge "${pictures[i]}" ] # a browser short of time decodes some twice
+        [ "${found[1]}" -eq "${pictures[i]}" ]
         [ "${found[2]}" -ge $((audio[i] * 98 / 100)) ]
         [ "${found[3]}" -le 100 ]
         [ "${found[4]} ${found[5]}" = "0 -" ]
