@@ -35,9 +35,15 @@ serve() {
     $GOLT serve --port 0 "$@" 2>said 3>&- &
     pid=$!
     pids+=("$pid")
+    local running=yes
     until grep -qs ' http:' said; do
-        if grep -qs 'libmicrohttpd' said; then skip "$(cat said)"; fi
-        kill -0 "$pid"
+        # What it said before it ended is complete only after the end.
+        if [ -z "$running" ]; then
+            if grep -q 'libmicrohttpd' said; then skip "$(cat said)"; fi
+            cat said
+            return 1
+        fi
+        kill -0 "$pid" 2>/dev/null || running=
         sleep 0.05
     done
     base=$(sed -n 's/^golt: \(http:.*\)\/$/\1/p' said | tail -n 1)
