@@ -4,6 +4,7 @@
 #ifndef HOST_SERVE_JOB_H
 #define HOST_SERVE_JOB_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -32,6 +33,15 @@ struct Reply {
     uint64_t size = 0;    ///< of the result
     std::string text;     ///< why not
 };
+
+/// No message is larger, bytes: above the longest path and the longest reason.
+constexpr size_t LARGEST_MESSAGE = 8192;
+/// As one message; empty where it is too large for one.
+std::string bytes_of(const Job &job);
+std::string bytes_of(const Reply &reply);
+/// False for what is no such message. root and server may still be none that there are.
+bool read_job(const std::string &bytes, Job &job);
+bool read_reply(const std::string &bytes, Reply &reply);
 
 /// A pair of sockets, written to at one and read from at the other, by any number of processes.
 struct Channel {

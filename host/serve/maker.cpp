@@ -164,6 +164,8 @@ Reply Maker::reply_to(const Job &job)
 // Returns the size of what it has made.
 uint64_t Maker::make(const Job &job)
 {
+    if (job.root >= m_setting.tree.roots().size())
+        throw Refusal(STATUS_GONE, "there is no such file");
     switch (job.kind) {
     case JobKind::LISTING: return make_listing(job);
     case JobKind::SEGMENT: return make_segment_of(job);
