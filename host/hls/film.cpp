@@ -126,9 +126,11 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     }
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, begin.place);
-    // Memory that isn't used costs nothing; memory that grows is there twice for a while.
+    // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
+    // there is.
     constexpr uint64_t MORE = 64 * 1024;
-    segment.reserve(static_cast<size_t>(std::min<uint64_t>(wanted.bytes + MORE, LARGEST_SEGMENT)));
+    segment.reserve(static_cast<size_t>(
+        std::min({wanted.bytes, 2 * source.size(), uint64_t{LARGEST_SEGMENT} - MORE}) + MORE));
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();
