@@ -1,90 +1,10 @@
 #include "target.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
-#include <ctime>
 
-#include "dmx_mkv_i.h"
 #include "golt_mem.h"
-#include "tcache.h"
-
-extern "C" int usleep(useconds_t)
-{
-    return 0;
-}
-
-namespace {
-
-// Inputs are far smaller than the files for which the limits are stated, but sanitizers are slow.
-#ifdef GOLT_FUZZING
-constexpr double LONGEST_CALL = 2.0;  // seconds
-#endif
-constexpr size_t LARGEST_HEAP = 64 * 1024 * 1024;  // bytes
-
-double seconds(clockid_t clock)
-{
-    timespec t_now = {};
-    clock_gettime(clock, &t_now);
-    return static_cast<double>(t_now.tv_sec) + static_cast<double>(t_now.tv_nsec) * 1e-9;
-}
-
-double s_input_start = 0;  // processor time
-work_t s_hosts;            // what all hosts of this input did
-
-}  // namespace
-
-double CallWatch::s_longest = 0;
-
-void require(bool f_ok, const char *reason)
-{
-    if (f_ok) return;
-    fprintf(stderr, "violated: %s\n", reason);
-    abort();
-}
-
-CallWatch::CallWatch()
-    : m_start(seconds(CLOCK_MONOTONIC))
-    , m_before(s_hosts)
-    , m_held(g_heap.held)
-    , m_most(g_heap.most)
-{
-    m_before.requests = g_heap.requests;
-    g_heap.most = g_heap.held;
-}
-
-work_t CallWatch::work() const
-{
-    return {s_hosts.calls - m_before.calls, s_hosts.refused - m_before.refused,
-            s_hosts.delivered - m_before.delivered, g_heap.requests - m_before.requests,
-            g_heap.most - m_held};
-}
-
-CallWatch::~CallWatch()
-{
-    const double taken = seconds(CLOCK_MONOTONIC) - m_start;
-    s_longest = std::max(s_longest, taken);
-#ifdef GOLT_FUZZING
-    // On a busy machine time passes by itself. The processor's clock is asked seldom, as it is slow.
-    if (taken > LONGEST_CALL)
-        require(seconds(CLOCK_PROCESS_CPUTIME_ID) - s_input_start < LONGEST_CALL,
-                "a call is short");
-#endif
-    g_heap.most = std::max(g_heap.most, m_most);
-    require(g_heap.most < LARGEST_HEAP, "the heap stays small");
-}
-
-void begin_input()
-{
-    g_heap = {};
-    s_hosts = {};
-    g_TCacheEnabled = true;
-    mkvctx = {};
-    s_input_start = seconds(CLOCK_PROCESS_CPUTIME_ID);
-}
 
 // Recipe
 
@@ -147,9 +67,9 @@ int FaultySource::read(uint8_t *buffer, int size)
     const LibraryCall host(false);
     begin_call();
     const int got = Source::read(buffer, size);
-    if (got > 0 && got <= size) s_hosts.delivered += static_cast<unsigned>(got);
+    if (got > 0 && got <= size) g_hosts.delivered += static_cast<unsigned>(got);
     const bool f_nothing = got <= 0 || got > size;
-    s_hosts.refused += f_nothing && (got < 0 || position() < this->size());
+    g_hosts.refused += f_nothing && (got < 0 || position() < this->size());
     return got;
 }
 
@@ -186,7 +106,7 @@ bool FaultySource::refuses()
 
 void FaultySource::begin_call()
 {
-    ++s_hosts.calls;
+    ++g_hosts.calls;
     ++calls;
     m_f_fault = calls >= m_input.first_fault && calls % m_input.fault_period == 0;
 }
