@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "io/message.h"
@@ -79,6 +80,12 @@ bool send_job(const Channel &channel, const Job &job)
         job.id,  job.number, job.server, job.root, static_cast<uint32_t>(job.version.size()),
         job.kind};
     return send_message(channel.to, head, job.version + job.path);
+}
+
+bool has_no_job(const Channel &channel)
+{
+    pollfd ready = {channel.from.get(), POLLIN, 0};
+    return poll(&ready, 1, 0) == 0;
 }
 
 bool receive_job(const Channel &channel, Job &job)
