@@ -8,6 +8,7 @@
 #include "rmx_mpeg2ts.h"
 #include "target.h"
 #include "ts_collector.h"
+#include "written.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ struct Output {
     {
         auto &self = *static_cast<Output *>(output);
         require(ui4_size == self.expected, "whole packets, or a frame as it is");
+        require_written(pb_data, ui4_size);
         if (ui4_size == PACKET_SIZE)
             self.stream.insert(self.stream.end(), pb_data, pb_data + ui4_size);
         return static_cast<uint32_t>(self.stream.size());

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "golt_mem.h"
+#include "written.h"
 
 // Recipe
 
@@ -117,6 +118,9 @@ seen_t look_at(const GOLT_frame_t &t_frame)
 {
     require(t_frame.ui4_frametype < GOLT_FT_MAX, "a frame has a type");
     require(t_frame.pb_data != nullptr, "a frame has a block");
+    require_written(t_frame.ui8_timestamp);
+    require_written(t_frame.ui4_size);
+    require_written(t_frame.pb_data, t_frame.ui4_size);
     // Four sums side by side: each has to wait for its last product.
     constexpr uint64_t FACTOR = 0x9E3779B97F4A7C15u;
     uint64_t sums[4] = {t_frame.ui4_size, 1, 2, 3}, words[4];
@@ -230,6 +234,7 @@ public:
             return m_module.init(FaultySource::read_proc, FaultySource::seek_proc, &m_source);
         });
         if (m_is_open) m_module.getStreamInfo(&t_info);
+        require_written(t_info);
     }
 
     ~ModuleRun()
@@ -272,6 +277,7 @@ public:
             break;
         case op_t::OTHER: call(CALL_OTHER, [&] { return m_module.getStreamInfo(&t_info); }); break;
         }
+        require_written(t_info);
     }
 
 private:
