@@ -381,7 +381,11 @@ std::unique_ptr<HttpTransfer> make_http_transfer(const std::string &url,
                                                  const HttpOptions & /*options*/,
                                                  HttpReceiver & /*receiver*/)
 {
+#if GOLT_STATIC
+    throw NotDone(url, "golt-static reads no URLs: download the file, or use the program golt");
+#else
     throw NotDone(url, "this program was built without libcurl and reads no URLs");
+#endif
 }
 
 #endif

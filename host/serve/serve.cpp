@@ -15,7 +15,6 @@
 
 #include "confine.h"
 #include "http_library.h"
-#include "io/curl_library.h"
 #include "io/interrupt.h"
 #include "io/text.h"
 #include "listener.h"
@@ -23,6 +22,10 @@
 #include "page.h"
 #include "server.h"
 #include "work_list.h"
+
+#if GOLT_HAS_CURL
+#include "io/curl_library.h"
+#endif
 
 namespace {
 
