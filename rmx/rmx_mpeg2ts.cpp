@@ -8,7 +8,6 @@
 
 namespace {
 
-constexpr int FULL_PAYLOAD_SIZE = PACKET_SIZE - HEADER_SIZE;
 constexpr uint32_t ADAPTATION_FIELD = 0x20;  // adaptation_field_control
 constexpr int FRESH_COUNTER = 15;            // the first packet bears 0
 constexpr int PSI_INTERVAL = 40;             // packets
@@ -230,7 +229,7 @@ int write_start_packet(MPEG2TSWriteStream_t *stream, GOLT_frametypes_t frametype
 void write_full_packet(MPEG2TSWriteStream_t *stream, const uint8_t *pbuf)
 {
     write_header(stream, 0, PAYLOAD);
-    memcpy(remux_context.packet + HEADER_SIZE, pbuf, FULL_PAYLOAD_SIZE);
+    copy_payload(remux_context.packet + HEADER_SIZE, pbuf);
     send_packet();
 }
 

@@ -11,10 +11,12 @@
 
 constexpr int PACKET_SIZE = 188;
 constexpr int HEADER_SIZE = 4;
+constexpr int FULL_PAYLOAD_SIZE = PACKET_SIZE - HEADER_SIZE;
 constexpr uint8_t SYNC_BYTE = 0x47;
 constexpr uint32_t UNIT_START = 0x4000;  // payload_unit_start_indicator, beside the PID
 constexpr uint32_t PAYLOAD = 0x10;       // adaptation_field_control
 constexpr uint8_t STUFFING_BYTE = 0xFF;
+constexpr size_t CACHE_LINE = 64;  // bytes
 
 /// A table of program-specific information.
 struct MPEG2TSSection_t {
@@ -44,8 +46,11 @@ struct GOLT_RMX_context_t {
     MPEG2TSWriteStream_t audio;
     int pat_packet_count;  ///< media packets since the last PAT
     int pat_packet_interval;
-    int tsid;                           ///< transport_stream_id
-    GOLT_streamInfo_t sinfo;            ///< the description given last, also by a former output
+    int tsid;                 ///< transport_stream_id
+    GOLT_streamInfo_t sinfo;  ///< the description given last, also by a former output
+    /// Not used: with it the payload of the packet starts at a cache line, so that no store of a
+    /// copy is spread over two.
+    alignas(CACHE_LINE) unsigned char lead[CACHE_LINE - HEADER_SIZE];
     unsigned char packet[PACKET_SIZE];  ///< the one under assembly
 };
 
@@ -64,6 +69,19 @@ inline size_t opaque(int size)
 inline void copy_part(uint8_t *pb, const uint8_t *pbuf, int size)
 {
     memcpy(pb, pbuf, opaque(size));
+}
+
+/// Copies the payload of a packet that is filled with it. clang calls memcpy for more than 128
+/// bytes, which takes longer than to copy two parts in place.
+inline void copy_payload(uint8_t *pb, const uint8_t *pbuf)
+{
+#ifdef __clang__
+    constexpr int PART_SIZE = 96;
+    memcpy(pb, pbuf, PART_SIZE);
+    memcpy(pb + PART_SIZE, pbuf + PART_SIZE, FULL_PAYLOAD_SIZE - PART_SIZE);
+#else
+    memcpy(pb, pbuf, FULL_PAYLOAD_SIZE);
+#endif
 }
 
 /// Stuffs size bytes.
