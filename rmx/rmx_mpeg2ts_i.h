@@ -16,7 +16,6 @@ constexpr uint8_t SYNC_BYTE = 0x47;
 constexpr uint32_t UNIT_START = 0x4000;  // payload_unit_start_indicator, beside the PID
 constexpr uint32_t PAYLOAD = 0x10;       // adaptation_field_control
 constexpr uint8_t STUFFING_BYTE = 0xFF;
-constexpr size_t CACHE_LINE = 64;  // bytes
 
 /// A table of program-specific information.
 struct MPEG2TSSection_t {
@@ -46,11 +45,8 @@ struct GOLT_RMX_context_t {
     MPEG2TSWriteStream_t audio;
     int pat_packet_count;  ///< media packets since the last PAT
     int pat_packet_interval;
-    int tsid;                 ///< transport_stream_id
-    GOLT_streamInfo_t sinfo;  ///< the description given last, also by a former output
-    /// Not used: with it the payload of the packet starts at a cache line, so that no store of a
-    /// copy is spread over two.
-    alignas(CACHE_LINE) unsigned char lead[CACHE_LINE - HEADER_SIZE];
+    int tsid;                           ///< transport_stream_id
+    GOLT_streamInfo_t sinfo;            ///< the description given last, also by a former output
     unsigned char packet[PACKET_SIZE];  ///< the one under assembly
 };
 
