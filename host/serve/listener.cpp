@@ -63,7 +63,12 @@ std::vector<std::string> addresses_of(const Descriptor &listener)
         return {"http://" + address_text(reinterpret_cast<const sockaddr *>(&own)) + tail};
     std::vector<std::string> addresses;
     ifaddrs *first = nullptr;
-    if (getifaddrs(&first) != 0) return {};
+    if (getifaddrs(&first) != 0) {
+        // As where a service may not ask. The name is cut when it is too long.
+        char name[256] = "";
+        gethostname(name, sizeof name - 1);
+        return {std::string("http://") + name + tail};
+    }
     for (const ifaddrs *at = first; at != nullptr; at = at->ifa_next) {
         if (at->ifa_addr == nullptr || (at->ifa_flags & IFF_UP) == 0) continue;
         // Those of IPv6 that are valid on one link alone need more than the address.

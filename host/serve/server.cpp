@@ -17,8 +17,9 @@
 
 namespace {
 
-// For all that a request says before its body. Larger ones are refused.
-constexpr size_t HEAD_SIZE = 16 * 1024;
+// For all that a request says before its body. Larger ones are refused. MHD has it in use from the first answer of
+// a connection to its end.
+constexpr size_t HEAD_SIZE = 8 * 1024;
 // When most of the connections are taken, the idle ones have to go sooner.
 constexpr int64_t IDLE_SECONDS_WHEN_FULL = 5;
 // Answers under way at the end get so long.
