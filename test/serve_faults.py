@@ -11,7 +11,6 @@ import http.client
 import json
 import os
 import random
-import re
 import resource
 import signal
 import socket
@@ -24,9 +23,8 @@ from pathlib import Path
 
 from serve_load import MEMORY_BOUND, Server, make_films, row
 
-HERE = Path(__file__).parent
-# Of processor time, for a job; host/serve/maker.h.
-CPU_BOUND = 30
+# Seconds by the clock, for a job; host/serve/maker.h. Of a processor's time it has fewer.
+TIME_BOUND = 120
 # In which clients of other films have their answer while a hostile file is read. Usually milliseconds.
 ANSWER_BOUND = 10
 WORKERS = 2
@@ -141,7 +139,7 @@ def status(server):
 
 def kills(given, films):
     """Whoever is killed: makers unnoticed, servers but for the connections that they had."""
-    seconds = 2 if given.short else 30
+    seconds = 1.5 if given.short else 30
     # So small that segments have to be made.
     with Server(given.golt, films, "--workers", str(WORKERS), "--cache", "4M") as server:
         sums = sums_of(server, given.names)
@@ -149,11 +147,11 @@ def kills(given, films):
             with Readers(server, sums, 8) as readers:
                 killed, memory = kill_some(server, roles, seconds, 0.25)
             made = status(server)["segments"]["made"]
-            row("%d processes killed within %d s (%s), 8 clients that read whole playlists" % (killed, seconds, ", ".join(roles)),
+            row("%d processes killed within %.1f s (%s), 8 clients that read whole playlists" % (killed, seconds, ", ".join(roles)),
                 "no error, %d connections reset, longest answer %.2f s, %d segments made in all, %.1f MB" % (
                     readers.resets(), readers.longest(), made, memory / 2**20))
             check("server" in roles or readers.resets() == 0, "clients notice that makers die")
-            check(memory < MEMORY_BOUND, "too much memory")
+            check(memory < given.memory_bound, "too much memory")
             wait_for(lambda: len(status(server)["processes"]) == 2 * WORKERS + 1, 15, "processes are missing")
 
 
@@ -185,8 +183,6 @@ def hostile(given, films):
     """A file that takes all the time that it gets disturbs nobody, and it doesn't get it often."""
     hostile_film(films / "hostile.mkv", 50 if given.short else 150)
     for options in ([], ["--workers", "1"]):
-        # Several times the bound, as the machine may have other work.
-        seconds = 3 if given.short else 3 * CPU_BOUND
         with Server(given.golt, films, "--cache", "4M", *options) as server:
             sums = sums_of(server, given.names)
             stop, answers = threading.Event(), []
@@ -194,22 +190,30 @@ def hostile(given, films):
                        for _ in range(4)]
             for thread in threads:
                 thread.start()
+            begin = time.monotonic()
             with Readers(server, sums, 4) as readers:
-                time.sleep(seconds)
-            check(given.short <= any(process.get("working") for process in status(server)["processes"]),
+                time.sleep(2)
+                if not given.short:
+                    # The machine may have other work: then the bound by the clock comes first.
+                    wait_for(lambda: 500 in [answer[0] for answer in answers], TIME_BOUND + 10, "the bound isn't kept")
+                    time.sleep(30)
+            seconds = time.monotonic() - begin
+            check(not given.short or any(process.get("working") for process in status(server)["processes"]),
                   "the hostile file has been read")
             stop.set()
             deaths = status(server)["deaths"]
             codes = sorted({code for code, _, _ in answers if code != 404})
-            row("A hostile file for %d s%s: longest answer to 4 others" % (seconds, "".join(" " + option for option in options)),
+            row("A hostile file for %.0f s%s: longest answer to 4 others" % (seconds, "".join(" " + option for option in options)),
                 "%.2f s; %d makers ended by it, clients that ask for it get %s" % (readers.longest(), deaths, codes))
             check(readers.resets() == 0, "clients of other films are cut off")
             check(readers.longest() < ANSWER_BOUND, "clients of other films wait too long")
-            check(deaths <= 3 * (1 + seconds // 60), "the file is tried too often")
+            # Of each server there may be one maker at it.
+            check(deaths <= (1 if options else os.cpu_count()), "the file is tried too often")
             if not given.short:
-                check(deaths >= 1, "the bound of time isn't kept")
                 check(500 in codes and 503 in codes, "nobody hears that it takes too long")
                 check(all(after for code, after, _ in answers if code == 503), "503 without Retry-After")
+            # It would wait for those who ask for the file.
+            os.killpg(server.process.pid, signal.SIGKILL)
     (films / "hostile.mkv").unlink()
 
 
@@ -227,7 +231,7 @@ async def is_open(connection):
     if connection is None:
         return False
     try:
-        while await asyncio.wait_for(connection[0].read(4096), 1):
+        while await asyncio.wait_for(connection[0].read(4096), 0.5):
             pass
         return False
     except asyncio.TimeoutError:
@@ -268,16 +272,14 @@ def crowd_part(given, films, options, each, text, what):
             stay = await crowd_of(server, addresses, each, text)
             code, _, _ = await asyncio.to_thread(Client(server).get, playlist)
             check(code == 200, "an ordinary client isn't served")
-            await asyncio.sleep(1.2)
             seen = status(server)
             memory = server.memory()
             counts = [len(connections) for connections in stay.values()]
             row(what % (attempts, len(addresses)), "%d stay, %d from each, %d refused; %.1f MB" % (
                 sum(counts), max(counts), seen["connections_refused"], memory / 2**20))
             check(set(counts) == {min(limit, each)}, "the limit of an address isn't kept: %s" % counts)
-            check(memory < MEMORY_BOUND, "too much memory")
+            check(memory < given.memory_bound, "too much memory")
             close_all(stay)
-            await asyncio.sleep(1.5)
         asyncio.run(run())
         wait_for(lambda: status(server)["connections"] <= 2, 15, "connections are left")
         check(Client(server, addresses[0]).get(playlist)[0] == 200, "an address isn't let in again")
@@ -288,10 +290,11 @@ def crowd(given, films):
     scale = 10 if given.short else 1
     some = ["127.0.1.%d" % i for i in range(1, 11)]
     whole = b"GET /.golt/page.css HTTP/1.1\r\nHost: x\r\n\r\n"
-    crowd_part(given, films, (4096 // scale, 400 // scale, some, 10000 // scale), 1000 // scale, whole,
+    # When most are taken, idle ones go soon.
+    crowd_part(given, films, (8192 // scale, 400 // scale, some, 10000 // scale), 1000 // scale, whole,
                "%d attempts from %d addresses, that then stay idle")
-    half = b"GET / HTTP/1.1\r\nX: " + b"a" * 15000
-    crowd_part(given, films, (1024 // scale, 100 // scale, some, 2000 // scale), 200 // scale, half,
+    half = b"GET / HTTP/1.1\r\nX: " + b"a" * 7000
+    crowd_part(given, films, (2048 // scale, 100 // scale, some, 2000 // scale), 200 // scale, half,
                "%d attempts from %d addresses, with heads as long as they may be and no end")
     # What a server that dies leaves behind isn't counted any more.
     with Server(given.golt, films, "--workers", "2", "--per-address", "20", "--idle", "120") as server:
@@ -327,20 +330,16 @@ def closed_after(server, text, drip):
 
 
 def slow_body(server, path):
-    """The same for one that reads a byte a second."""
+    """The same for one that reads a byte a second. It would see the end only after all that is on its way."""
+    before = status(server)["connections_dropped"]
     begin = time.monotonic()
     with socket.socket() as client:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         client.connect(("127.0.0.1", server.port))
         client.sendall(("GET %s HTTP/1.1\r\nHost: x\r\n\r\n" % path).encode())
-        # It shows only in the next packet that is sent: so what has come is left in the socket.
-        poll = socket.socket.fileno(client)
-        while time.monotonic() - begin < 300:
-            time.sleep(1)
-            state = client.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 1)[0]
+        while status(server)["connections_dropped"] == before and time.monotonic() - begin < 300:
             client.recv(1)
-            if state != 1 and poll >= 0:  # no more established
-                return time.monotonic() - begin
+            time.sleep(1)
     return time.monotonic() - begin
 
 
@@ -356,14 +355,16 @@ def limits(given, films):
             rows = [("idle", closed_after, b"", b"", idle),
                     ("after an answer", closed_after, b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n", b"", idle),
                     ("a head that drips", closed_after, b"GET / HTTP/1.1\r\nX: ", b"a", 2 * idle)]
-            if not given.short:
-                path = server.segments(given.names[0])[0]
-                rows.append(("a body that drips", slow_body, path, 2 * idle + len(server.get(path)) // 16384))
             threads = [threading.Thread(target=measure, args=line[:-1]) for line in rows]
             for thread in threads:
                 thread.start()
             for thread in threads:
                 thread.join()
+            if option and not given.short:
+                # 16 KiB a second are the least.
+                path = server.segments(given.names[0])[0]
+                rows.append(("a body that drips", slow_body, path, 2 * idle + len(server.get(path)) // 16384))
+                measure(*rows[-1][:-1])
             row("Closed, with --idle %d" % idle, "; ".join("%s: %.1f s" % item for item in found.items()))
             for line in rows:
                 # The server looks once a second.
@@ -373,7 +374,7 @@ def limits(given, films):
 def makers(given, films):
     """Where no maker can be started, clients hear it soon; where none takes a job, a little later."""
     # The call that a maker resets a signal by: it dies before its first job.
-    deny = (sys.executable, str(HERE / "deny.py"), "rt_sigaction:0=14")
+    deny = (sys.executable, str(Path(__file__).with_name("deny.py")), "rt_sigaction:0=14")
     with Server(given.golt, films, before=deny) as server:
         client = Client(server)
         for path in (given.names[0] + "/index.m3u8", given.names[1] + "/details.json"):
@@ -410,6 +411,8 @@ def main():
     arguments.add_argument("--films", type=Path, help="a folder with two films; else they are made")
     arguments.add_argument("parts", nargs="*", default=list(PARTS))
     given = arguments.parse_args()
+    # Sanitizers take far more.
+    given.memory_bound = sys.maxsize if b"__asan_init" in Path(given.golt).read_bytes() else MEMORY_BOUND
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(16384, hard), hard))
     random.seed(time.time_ns())

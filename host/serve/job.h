@@ -32,8 +32,8 @@ struct Reply {
 
     uint64_t id = 0;
     unsigned status = LOST;  ///< of HTTP; 200: the result is kept, or was
-    uint64_t size = 0;    ///< of the result
-    std::string text;     ///< why not
+    uint64_t size = 0;       ///< of the result
+    std::string text;        ///< why not
 };
 
 /// A pair of sockets, written to at one and read from at the other, by any number of processes.

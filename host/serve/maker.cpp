@@ -299,7 +299,8 @@ uint64_t cpu_us()
 {
     timespec used = {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<uint64_t>(used.tv_sec) * 1000000 + static_cast<uint64_t>(used.tv_nsec) / 1000;
+    return static_cast<uint64_t>(used.tv_sec) * 1000000 +
+           static_cast<uint64_t>(used.tv_nsec) / 1000;
 }
 
 uint64_t us_since(const timespec &start)
