@@ -11,6 +11,7 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,7 +23,10 @@ constexpr int BACKLOG = 1024;
 // The first descriptor that is passed, as sd_listen_fds(3) has it.
 constexpr int FIRST_PASSED = 3;
 
+constexpr int MOST_UNSENT = 256 * 1024;
+
 Descriptor passed_listener();
+Descriptor bound_listener(const std::string &address, uint16_t port);
 std::string address_text(const sockaddr *address);
 bool is_any(const sockaddr_storage &address);
 
@@ -30,23 +34,10 @@ bool is_any(const sockaddr_storage &address);
 
 Descriptor open_listener(const std::string &address, uint16_t port)
 {
-    Descriptor passed = passed_listener();
-    if (passed.is_open()) return passed;
-    const std::string name = address + ":" + std::to_string(port);
-    addrinfo hints = {};
-    hints.ai_flags = AI_PASSIVE;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo *found = nullptr;
-    const int result = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (result != 0) throw NotDone(address, gai_strerror(result));
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> release(found, freeaddrinfo);
-    Descriptor listener(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const int one = 1;
-    if (!listener.is_open() ||
-        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        bind(listener.get(), found->ai_addr, found->ai_addrlen) != 0 ||
-        listen(listener.get(), BACKLOG) != 0)
-        throw NotDone(name, error_text(errno));
+    Descriptor listener = passed_listener();
+    if (!listener.is_open()) listener = bound_listener(address, port);
+    // Connections inherit it. Without it the kernel takes megabytes for a client that takes nothing.
+    setsockopt(listener.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &MOST_UNSENT, sizeof MOST_UNSENT);
     return listener;
 }
 
@@ -99,6 +90,26 @@ Descriptor passed_listener()
     fcntl(FIRST_PASSED, F_SETFD, FD_CLOEXEC);
     fcntl(FIRST_PASSED, F_SETFL, fcntl(FIRST_PASSED, F_GETFL) | O_NONBLOCK);
     return Descriptor(FIRST_PASSED);
+}
+
+Descriptor bound_listener(const std::string &address, uint16_t port)
+{
+    const std::string name = address + ":" + std::to_string(port);
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int result = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (result != 0) throw NotDone(address, gai_strerror(result));
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> release(found, freeaddrinfo);
+    Descriptor listener(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const int one = 1;
+    if (!listener.is_open() ||
+        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+        bind(listener.get(), found->ai_addr, found->ai_addrlen) != 0 ||
+        listen(listener.get(), BACKLOG) != 0)
+        throw NotDone(name, error_text(errno));
+    return listener;
 }
 
 std::string address_text(const sockaddr *address)
