@@ -17,8 +17,9 @@
 
 namespace {
 
-// For all that a request says before its body. Larger ones are refused.
-constexpr size_t HEAD_SIZE = 16 * 1024;
+// For all that a request says before its body. Larger ones are refused. MHD has it in use from the first answer of
+// a connection to its end.
+constexpr size_t HEAD_SIZE = 8 * 1024;
 // When most of the connections are taken, the idle ones have to go sooner.
 constexpr int64_t IDLE_SECONDS_WHEN_FULL = 5;
 // Answers under way at the end get so long.
@@ -81,9 +82,10 @@ Server::Server(const ServerSetting &setting)
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, on_client, this, on_request, this,
         MHD_OPTION_LISTEN_SOCKET, setting.listener, MHD_OPTION_CONNECTION_LIMIT,
         setting.connections, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE,
-        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
-        this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded, this, MHD_OPTION_NOTIFY_COMPLETED,
-        on_end, this, MHD_OPTION_NOTIFY_CONNECTION, on_connection, this, MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1,
+        MHD_OPTION_URI_LOG_CALLBACK, on_address, this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded,
+        this, MHD_OPTION_NOTIFY_COMPLETED, on_end, this, MHD_OPTION_NOTIFY_CONNECTION,
+        on_connection, this, MHD_OPTION_END);
     if (m_daemon == nullptr) throw NotDone("the server", error_text(errno));
 }
 
@@ -215,8 +217,7 @@ void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
     delete static_cast<Exchange *>(*exchange);
     *exchange = nullptr;
     auto &self = *static_cast<Server *>(server);
-    self.peer_of(connection).deadline =
-        steady_seconds() + self.m_context.setting.request_seconds();
+    self.peer_of(connection).deadline = steady_seconds() + self.m_context.setting.request_seconds();
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.
