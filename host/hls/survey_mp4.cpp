@@ -86,7 +86,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
 
 void survey_mp4(Source &source, Film &film)
 {
-    const int64_t first = look_at_begin(source, film, 0);
+    const int64_t first = look_at_begin(source, film, 0, 0);
     const Track *const video = taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
     int64_t end = 0;
