@@ -152,16 +152,18 @@ std::string video_codec(const Track &track)
                        track.config[3]);
 }
 
-std::string audio_codec(const std::string &title, const Track &track)
+std::string audio_codec(const Outline &outline, const std::string &title, const Track &track)
 {
-    constexpr uint32_t LC = 2;
+    constexpr uint32_t LC = 2, LAYER_1 = 32, LAYER_3 = 34;
     if (title == "AAC") {
         const std::optional<AudioConfig> config = parse_audio_config(track.config);
         return fmt::format("mp4a.40.{}", config ? config->object_type : LC);
     }
     if (title == "AC-3") return "ac-3";
     if (title == "E-AC-3") return "ec-3";
-    return "mp4a.40.34";
+    const uint32_t layer =
+        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : 0;
+    return fmt::format("mp4a.40.{}", layer == 0 ? LAYER_3 : LAYER_1 + layer - 1);
 }
 
 std::string channels_text(uint32_t channels)
@@ -192,7 +194,7 @@ void describe(Film &film)
     }
     if (const Track *const audio = taken_track(film, TrackKind::AUDIO)) {
         const std::string title = codec_title(outline, *audio);
-        film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(title, *audio);
+        film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(outline, title, *audio);
         film.kinds += (film.kinds.empty() ? "" : ", ") + title +
                       channels_text(audio_figures(outline, *audio).channels);
     }

@@ -252,13 +252,15 @@ int64_t stated_end(const Film &film)
     return film_time(film, ticks, TrackKind::VIDEO);
 }
 
-int64_t walked_end(const Film &film, const ClusterWalk &walk)
+// By the blocks that were there. Laced ones may be longer than the last of them.
+int64_t walked_end(const Film &film, const ClusterWalk &walk, TrackKind kind)
 {
-    const auto span = walk.tracks.find(leading_track(film).number);
+    const Track *const track = taken_track(film, kind);
+    const auto span = track == nullptr ? walk.tracks.end() : walk.tracks.find(track->number);
     if (span == walk.tracks.end() || span->second.blocks == 0) return 0;
     const BlockSpan &blocks = span->second;
     const int64_t step = (blocks.last - blocks.first) / static_cast<int64_t>(blocks.blocks);
-    return film_time(film, time_of(film.file.outline, blocks.last + step), TrackKind::VIDEO);
+    return film_time(film, time_of(film.file.outline, blocks.last + step), kind);
 }
 
 bool is_sparse(const Film &film)
@@ -323,5 +325,7 @@ void survey_matroska(Source &source, Film &film)
     }
     Planner planner(film, first);
     const ClusterWalk walk = plan_by_walk(bytes, film, planner);
-    planner.end(std::max(end, walked_end(film, walk)), source.size());
+    const int64_t walked = walked_end(film, walk, leading_track(film).kind);
+    const int64_t told = end > 0 ? end : walked_end(film, walk, TrackKind::AUDIO);
+    planner.end(std::max(told, walked), source.size());
 }
