@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "golt_mem.h"
+#include "written.h"
 
 // Recipe
 
@@ -117,15 +118,23 @@ seen_t look_at(const GOLT_frame_t &t_frame)
 {
     require(t_frame.ui4_frametype < GOLT_FT_MAX, "a frame has a type");
     require(t_frame.pb_data != nullptr, "a frame has a block");
-    uint64_t ui8_sum = t_frame.ui4_size;
+    require_written(t_frame.ui8_timestamp);
+    require_written(t_frame.ui4_size);
+    require_written(t_frame.pb_data, t_frame.ui4_size);
+    // Four sums side by side: each has to wait for its last product.
+    constexpr uint64_t FACTOR = 0x9E3779B97F4A7C15u;
+    uint64_t sums[4] = {t_frame.ui4_size, 1, 2, 3}, words[4];
     uint32_t at = 0;
-    for (; t_frame.ui4_size - at >= 8; at += 8) {
-        uint64_t ui8_word = 0;
-        memcpy(&ui8_word, t_frame.pb_data + at, sizeof ui8_word);
-        ui8_sum = (ui8_sum ^ ui8_word) * 0x9E3779B97F4A7C15u;
+    for (; t_frame.ui4_size - at >= sizeof words; at += sizeof words) {
+        memcpy(words, t_frame.pb_data + at, sizeof words);
+        for (size_t i = 0; i < 4; ++i)
+            sums[i] = (sums[i] ^ words[i]) * FACTOR;
     }
+    uint64_t ui8_sum = sums[0];
+    for (size_t i = 1; i < 4; ++i)
+        ui8_sum = (ui8_sum ^ sums[i]) * FACTOR;
     for (; at < t_frame.ui4_size; ++at)
-        ui8_sum = (ui8_sum ^ t_frame.pb_data[at]) * 0x9E3779B97F4A7C15u;
+        ui8_sum = (ui8_sum ^ t_frame.pb_data[at]) * FACTOR;
     return {t_frame.ui8_timestamp, t_frame.ui4_frametype, t_frame.ui4_size, ui8_sum};
 }
 
@@ -225,6 +234,7 @@ public:
             return m_module.init(FaultySource::read_proc, FaultySource::seek_proc, &m_source);
         });
         if (m_is_open) m_module.getStreamInfo(&t_info);
+        require_written(t_info);
     }
 
     ~ModuleRun()
@@ -267,6 +277,7 @@ public:
             break;
         case op_t::OTHER: call(CALL_OTHER, [&] { return m_module.getStreamInfo(&t_info); }); break;
         }
+        require_written(t_info);
     }
 
 private:

@@ -46,7 +46,8 @@ public:
     /// What the call has cost up to now.
     work_t work() const;
 
-    /// Longest call since the program began.
+    /// Longest call since the program began, seconds; in steps of the system's tick, as finer clocks would take
+    /// more time than the calls of small inputs.
     static double s_longest;
 
 private:

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "io/message.h"
@@ -45,6 +46,12 @@ Channel::Channel()
 bool send_job(const Channel &channel, const Job &job)
 {
     return send_bytes(channel.to, bytes_of(job));
+}
+
+bool has_no_job(const Channel &channel)
+{
+    pollfd ready = {channel.from.get(), POLLIN, 0};
+    return poll(&ready, 1, 0) == 0;
 }
 
 bool receive_job(const Channel &channel, Job &job)

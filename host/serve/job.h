@@ -28,8 +28,11 @@ struct Job {
 };
 
 struct Reply {
+    /// The maker has died: another one may do the job.
+    static constexpr unsigned LOST = 0;
+
     uint64_t id = 0;
-    unsigned status = 0;  ///< of HTTP; 200: the result is kept, or was
+    unsigned status = LOST;  ///< of HTTP; 200: the result is kept, or was
     uint64_t size = 0;    ///< of the result
     std::string text;     ///< why not
 };
@@ -52,6 +55,8 @@ struct Channel {
 
 /// False when there is no room at present.
 bool send_job(const Channel &channel, const Job &job);
+/// Whether makers have taken all jobs.
+bool has_no_job(const Channel &channel);
 bool send_reply(const Channel &channel, const Reply &reply);
 /// False when nothing has come.
 bool receive_job(const Channel &channel, Job &job);

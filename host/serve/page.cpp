@@ -104,6 +104,7 @@ std::string details_json(const Film &film, uint64_t size)
     json["width"] = or_null(film.width);
     json["height"] = or_null(film.height);
     json["segments"] = film.segments.size();
+    json["independent"] = film.f_independent;
     json["peak_bits_per_second"] = or_null(film.peak_bits);
     json["average_bits_per_second"] = or_null(film.average_bits);
     return json_text(json) + "\n";
