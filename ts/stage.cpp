@@ -87,6 +87,9 @@ Stage::State::State(Write sink, void *handle, const StageHints &hints)
     , m_hinted_grid(hints.audio_grid)
 {
     m_sets.take_config(hints.video.config, hints.video.config_size);
+    if (hints.begin == StageHints::ANYWHERE) return;
+    m_in_times.begin(hints.begin);
+    m_out_times = m_in_times;
 }
 
 int Stage::State::take_all(const uint8_t *packets, int size)
@@ -167,7 +170,7 @@ LaneIndex Stage::State::lane_of(uint32_t head) const
 
 int64_t Stage::State::take_start(LaneIndex lane, const UnitStart &start)
 {
-    const int64_t time = m_in_times[lane].extend(start.pts) + m_offsets[lane];
+    const int64_t time = m_in_times.extend(lane, start.pts) + m_offsets[lane];
     if (lane == AUDIO) m_program.note_audio();
     if (is_jump(lane, time)) {
         if (m_f_holding) end_hold();
@@ -194,8 +197,7 @@ void Stage::State::begin_hold()
     m_f_holding = true;
     m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
     m_pictures_held = 0;
-    m_out_times[VIDEO] = m_in_times[VIDEO];
-    m_out_times[AUDIO] = m_in_times[AUDIO];
+    m_out_times = m_in_times;
 }
 
 void Stage::State::note_held(LaneIndex lane, int64_t time)

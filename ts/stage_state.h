@@ -100,7 +100,7 @@ struct Stage::State {
     OutPid m_pids[2] = {{VIDEO_PID}, {AUDIO_PID}};
 
     // Packets as they come
-    TimeExtension m_in_times[2];
+    TimeExtension m_in_times;
     LaneIndex m_in_lane = NO_LANE;  // of the unit that has begun last
     bool m_f_begun[2] = {};         // a unit has, since times last jumped
     int64_t m_told[2] = {};         // time of the last one
@@ -116,7 +116,7 @@ struct Stage::State {
     Phase m_phase = Phase::NONE;
     LaneIndex m_lane = NO_LANE;
     unsigned m_packets_moved = 0;
-    TimeExtension m_out_times[2];  // of packets that were held
+    TimeExtension m_out_times;  // of packets that were held
     int64_t m_time = 0;
     uint8_t m_stream_id = 0;
     DecodeTimes m_decode;

@@ -32,7 +32,7 @@ void Stage::State::process(const uint8_t *packet, LaneIndex lane, const Payload 
 {
     if (start != nullptr)
         begin_unit(packet, lane, payload, *start,
-                   m_out_times[lane].extend(start->pts) + m_offsets[lane]);
+                   m_out_times.extend(lane, start->pts) + m_offsets[lane]);
     else if (lane == m_lane)
         go_on(packet, payload);
 }
