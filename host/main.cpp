@@ -23,6 +23,7 @@
 #include "io/message.h"
 #include "io/output.h"
 #include "io/printer.h"
+#include "io/secrets.h"
 #include "io/values.h"
 #include "libgolt.h"
 #include "plot.h"
@@ -116,6 +117,7 @@ int run(int argc, char **argv)
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
+        hide_secrets(argc, argv);
         complete_options(commands);
     } catch (const CLI::Success &request) {
         return print_help(app, request);
@@ -347,6 +349,8 @@ void add_http_options(CLI::App &command, HttpOptions &http)
     command.add_option("--ca", http.ca_file, "Trust the certificates in this PEM file")
         ->type_name("FILE")
         ->check(is_not_empty);
+    command.add_flag("--netrc", http.f_netrc,
+                     "Take name and password for the server from ~/.netrc");
     command.add_flag("--insecure", http.f_insecure, "Accept any certificate of a server");
 }
 

@@ -2,7 +2,7 @@
 
 _golt() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local http="--help --timeout --header --ca --insecure --verbose"
+    local http="--help --timeout --header --netrc --ca --insecure --verbose"
     local shared="$http --format" options=
     COMPREPLY=()
     case $before in

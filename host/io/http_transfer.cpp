@@ -120,6 +120,7 @@ CurlTransfer::CurlTransfer(const std::string &url, const HttpOptions &options,
     set(CURLOPT_HEADERDATA, static_cast<void *>(this));
     set(CURLOPT_WRITEFUNCTION, &CurlTransfer::take_bytes);
     set(CURLOPT_WRITEDATA, static_cast<void *>(this));
+    if (options.f_netrc) set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
     set_certificates();
 }
 

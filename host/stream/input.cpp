@@ -214,6 +214,12 @@ std::string Pump::fault_of_records() const
                        counted(source.size(), "byte"));
 }
 
+void InputFile::read_details()
+{
+    SourceBytes bytes(*m_source);
+    ::read_details(bytes, m_outline);
+}
+
 namespace {
 
 Outline outline_of(Source &source)
