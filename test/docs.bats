@@ -103,3 +103,25 @@ blocks() {
     run -0 groff -mdoc -Tutf8 -ww -z "$TOP/host/golt.1"
     [ -z "$output" ]
 }
+
+@test "The page about JSON names every field" {
+    local key
+    files
+    cp "$TOP/samples/short.m2ts" .
+    golt info --scan --json movie.mp4 movie.mkv short.m2ts recording.ts >documents
+    golt check --json movie.mkv recording.ts short.m2ts >>documents || true
+    golt frames --json recording.ts >>documents
+    golt frames --json movie.mp4 >>documents
+    golt info --json none >>documents || true
+    "$PREFIX/bin/golt" serve Videos --port 0 2>said 3>&- &
+    until grep -q http: said; do sleep 0.1; done
+    for page in status movie.mp4/details.json; do
+        curl -fsS --noproxy '*' "$(sed -n 's/.*\(http:.*\)/\1/p' said)$page" >>documents
+    done
+    kill $!
+    jq -r '.. | objects | keys[]' documents | sort -u | grep -v '^[1-5]xx$' >keys
+    [ "$(wc -l <keys)" -gt 100 ]
+    while read -r key; do
+        grep -q "\`.*\b$key\b.*\`" "$TOP/docs/json.md" || { echo "$key" && return 1; }
+    done <keys
+}
