@@ -7,7 +7,7 @@
 #include "outline.h"
 #include "selection.h"
 #include "sync_point.h"
-#include "target.h"
+#include "watch.h"
 
 namespace {
 

@@ -301,7 +301,9 @@ void add_serve(CLI::App &app, Commands &commands)
     add_value(*command, "--connections", "N", parse_count, options.connections,
               "Connections at a time (default: 1024)");
     add_value(*command, "--per-address", "N", parse_count, options.from_one_address,
-              "Of these, from one address and for each process (default: 128)");
+              "Of these, from one address (default: 128)");
+    add_value(*command, "--idle", "SECONDS", parse_idle, options.idle_seconds,
+              "Close connections on which nothing moves for this long (2 to 3600; default: 30)");
     command
         ->add_option("--hls-js", options.hls_js, "hls.js, for browsers that play no HLS themselves")
         ->type_name("FILE")

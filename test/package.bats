@@ -58,6 +58,24 @@ CMAKE
     LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
 }
 
+@test "Serves a program that links all of the library in" {
+    consumer
+    cat >CMakeLists.txt <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(consumer CXX)
+find_package(golt 0.8 REQUIRED)
+add_executable(consumer consumer.cpp)
+target_link_libraries(consumer golt::golt_archive)
+CMAKE
+    cmake -G Ninja -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" .
+    cmake --build .
+    LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
+    # Its other names are its own: the host may have the same.
+    nm --extern-only --defined-only "$LD_LIBRARY_PATH/libgolt.a" | awk 'NF == 3 { print $3 }' | sort >archive
+    nm --dynamic --defined-only "$LD_LIBRARY_PATH/libgolt.so" | awk '{ print $3 }' | sort | diff archive -
+    [ -s archive ]
+}
+
 @test "Installs headers that compile by themselves" {
     local header count=0
     cd "$PREFIX/include/golt"
@@ -79,9 +97,8 @@ CMAKE
     [ -z "$(grep -v '^libc\.\|^ld-linux' needed)" ]
 }
 
-# The program in the guide is what a reader copies: it is taken from there.
 @test "Has a guide for hosts whose program makes the stream that golt makes" {
-    sed -n '/^```cpp/,/^```$/p' "$TOP/docs/host.md" | grep -v '^```' >host.cpp
+    "$TOP/test/guide_host.sh" plain >host.cpp
     "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -o host
     ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
     "$PREFIX/bin/golt" remux -q --as-is "$TOP/samples/h264_aac.mp4" golt.ts
@@ -90,15 +107,8 @@ CMAKE
     run -1 ./host mkv "$TOP/samples/short.m2ts" none.ts
 }
 
-# The lines that the guide adds, put where it says.
 @test "Has a guide for hosts whose stage makes the stream fit for receivers" {
-    local line
-    sed -n '/^```cpp/,/^```$/p' "$TOP/docs/host.md" | grep -v '^```' >host.cpp
-    sed -n '/^```diff/,/^```$/p' "$TOP/docs/host.md" | sed -n 's/^+//p' >added
-    [ "$(wc -l <added)" -eq 4 ]
-    line=$(grep 'StageListener' added)
-    sed -i -e "s|^#include <libgolt.h>|&\n$(grep '#include' added)|" -e "s|^ *Output output(out);|&\n$line|" \
-        -e 's|&output, false|\&stage, false|' -e "s|^ *driver->destroyMuxer|$(grep finish added)\n&|" host.cpp
+    "$TOP/test/guide_host.sh" stage >host.cpp
     "$CXX" -Wall -Wextra -Werror host.cpp $(pkg-config --cflags --libs golt) -lgolt_stage -o host
     ./host mp4 "$TOP/samples/h264_aac.mp4" mine.ts
     # Of pictures and audio it is what golt makes, which knows the edit list and moves the audio by it.

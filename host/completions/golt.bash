@@ -24,7 +24,7 @@ _golt() {
     check) options="$shared --json" ;;
     plot) options="$shared --output --force" ;;
     hls) options="$shared --force --quiet" ;;
-    serve) options="$http --bind --port --cache --workers --connections --per-address --hls-js" ;;
+    serve) options="$http --bind --port --cache --workers --connections --per-address --idle --hls-js" ;;
     esac
     if [[ $word = -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

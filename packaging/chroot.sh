@@ -1,0 +1,42 @@
+# Debian in folders of their own, for scripts that source this. It takes root's rights.
+
+suite=bookworm
+# Without updates: of two architectures, all has to be of the same version.
+mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
+
+say() { printf '%s\n' "$*" >&2; }
+
+# In most containers mounts aren't allowed. Chroots then do without /proc and /dev.
+may_mount() { unshare --mount mount -t tmpfs none /mnt 2>/dev/null; }
+
+# make_chroot FOLDER ARCHITECTURES [ARGUMENTS OF MMDEBSTRAP]. What is thrown away soon needn't be safe on the disk.
+make_chroot() {
+    local folder=$1 architectures=$2 options=()
+    shift 2
+    may_mount || options=(--skip=check/canmount,chroot/mount)
+    mmdebstrap --quiet --mode=root --variant=minbase --architectures="$architectures" "${options[@]}" \
+        --dpkgopt=force-unsafe-io --aptopt='Acquire::Retries "3"' "$@" "$suite" "$folder" "$mirror"
+}
+
+# with_mounts FOLDER COMMAND...: what is mounted there is gone when the command ends, however it ends.
+with_mounts() {
+    local folder=$1
+    shift
+    if ! may_mount; then
+        "$@"
+        return
+    fi
+    # shellcheck disable=SC2016
+    unshare --mount --fork --kill-child sh -ec '
+        mount -t proc proc "$0/proc"
+        mount --rbind /dev "$0/dev"
+        exec "$@"' "$folder" "$@"
+}
+
+# inside FOLDER COMMAND...
+inside() {
+    local folder=$1
+    shift
+    with_mounts "$folder" chroot "$folder" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+        DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} "$@"
+}
