@@ -9,6 +9,7 @@
 #include "libgolt.h"
 #include "target.h"
 #include "ts_collector.h"
+#include "written.h"
 
 using namespace PELA;
 
@@ -44,6 +45,7 @@ public:
     {
         const LibraryCall host(false);
         require(size == expected, "whole packets");
+        require_written(buffer, static_cast<size_t>(size));
         if (stream.size() <= STREAM_CHECKED) stream.insert(stream.end(), buffer, buffer + size);
         return size - 1;  // nobody looks at it
     }
@@ -154,6 +156,7 @@ private:
         m_mux = m_driver->createMuxer(CONTAINER_TS, m_demux, &m_sink, false);
         MediaBuffer::ContentInfo info;
         if (m_mux == nullptr || !m_mux->getContentInfo(&info)) return;
+        require_written(info);
         m_has_video = info.videoCodec != VIDEO_CODEC_UNKNOWN;
     }
 

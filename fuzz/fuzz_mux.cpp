@@ -1,12 +1,14 @@
 // The muxer, given any frames: what goes in has to come out of the transport stream again.
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "numbers.h"
 #include "rmx_mpeg2ts.h"
 #include "target.h"
 #include "ts_collector.h"
+#include "written.h"
 
 namespace {
 
@@ -24,6 +26,7 @@ struct Output {
     {
         auto &self = *static_cast<Output *>(output);
         require(ui4_size == self.expected, "whole packets, or a frame as it is");
+        require_written(pb_data, ui4_size);
         if (ui4_size == PACKET_SIZE)
             self.stream.insert(self.stream.end(), pb_data, pb_data + ui4_size);
         return static_cast<uint32_t>(self.stream.size());
@@ -52,6 +55,28 @@ GOLT_streamInfo_t info_from(Numbers &numbers)
     return t_info;
 }
 
+// Large frames are seldom, as they take the time of many.
+uint32_t size_from(Numbers &numbers, uint32_t kind)
+{
+    constexpr uint32_t MEDIUM = 2048, LARGE = 0x1FF00;
+    const bool f_large = kind >> 6 == 3;
+    switch (kind >> 3 & 3) {
+    case 2: return static_cast<uint32_t>(numbers.take(2)) % (f_large ? UINT16_MAX + 1u : MEDIUM);
+    case 3: return static_cast<uint32_t>(numbers.take(1)) + (f_large ? LARGE : 0);
+    default: return static_cast<uint32_t>(numbers.take(1));
+    }
+}
+
+// Bytes that differ from place to place and from frame to frame, and come again after 256.
+void fill(uint8_t *block, uint32_t size, uint32_t kind)
+{
+    constexpr uint32_t PERIOD = 256;
+    for (uint32_t i = 0; i < std::min(size, PERIOD); ++i)
+        block[i] = static_cast<uint8_t>(kind + i * (size | 1));
+    for (uint32_t done = PERIOD; done < size; done *= 2)
+        memcpy(block + done, block, std::min(done, size - done));
+}
+
 // The frame that the next numbers describe, in a block of its exact size.
 GOLT_frame_t frame_from(Numbers &numbers, std::unique_ptr<uint8_t[]> &block)
 {
@@ -59,11 +84,9 @@ GOLT_frame_t frame_from(Numbers &numbers, std::unique_ptr<uint8_t[]> &block)
     GOLT_frame_t t_frame = {};
     t_frame.ui4_frametype = (kind & 3) < GOLT_FT_MAX ? kind & 3 : numbers.take32();
     t_frame.ui8_timestamp = numbers.take((kind >> 2 & 1) != 0 ? 8 : 3);
-    auto ui4_size = static_cast<uint32_t>(numbers.take((kind >> 3 & 3) != 0 ? 1 : 2));
-    if ((kind >> 3 & 3) == 3) ui4_size += 0x1FF00;
-    block = std::make_unique<uint8_t[]>(ui4_size);
-    for (uint32_t i = 0; i < ui4_size; ++i)
-        block[i] = static_cast<uint8_t>(kind + i * (ui4_size | 1));
+    const uint32_t ui4_size = size_from(numbers, kind);
+    block.reset(new uint8_t[ui4_size]);
+    fill(block.get(), ui4_size, kind);
     t_frame.pb_data = block.get();
     // The muxer takes the size as a signed number.
     const bool f_negative = (kind & 0x20) != 0 && t_frame.ui4_frametype != GOLT_FT_MPEG2TS;

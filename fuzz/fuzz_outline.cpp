@@ -7,7 +7,7 @@
 #include "outline.h"
 #include "selection.h"
 #include "sync_point.h"
-#include "target.h"
+#include "watch.h"
 
 namespace {
 
@@ -86,7 +86,13 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
         const CallWatch watch;
         outline = read_outline(source);
     }
+    source.allow(Reader::MOST_LOADS);
+    {
+        const CallWatch watch;
+        read_details(source, outline);
+    }
     require(outline.tracks.size() <= Outline::MOST_TRACKS, "tracks are limited");
+    require(outline.attachments.size() <= Outline::MOST_ATTACHMENTS, "attachments are limited");
     require(outline.matroska.cues.size() <= Outline::MOST_CUES, "cues are limited");
     require(outline.duration_ns.value_or(0) >= 0, "a duration isn't negative");
     for (const Track &track : outline.tracks) {

@@ -8,6 +8,7 @@
 #include "numbers.h"
 #include "rmx_mpeg2ts.h"
 #include "target.h"
+#include "written.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ struct Output {
         const LibraryCall host(false);
         auto &self = *static_cast<Output *>(output);
         require(size > 0, "no empty writes");
+        require_written(packets, size);
         self.stream.insert(self.stream.end(), packets, packets + size);
         self.bytes += size;
         return !self.f_fails;

@@ -59,6 +59,7 @@ void write_seeds(size_t format, const std::string &name, const Bytes &file, bool
         const std::string seed_name = name + "-" + row.name;
         write_seed(FORMATS[format], seed_name, seed);
         write_seed("file", FORMATS[format] + "-" + seed_name, seed);
+        if (row.recipe[0] == '\0') write_seed("hls", FORMATS[format] + "-" + seed_name, seed);
         if (!f_all && std::string(row.name) == "time_seeks") break;
     }
 }
@@ -247,6 +248,82 @@ void write_outlines()
     }
 }
 
+// Films of a few segments, whole and from a source that delivers little or fails.
+void write_film(size_t format, const std::string &name, const Bytes &file)
+{
+    write_seed("hls", name, with_recipe(format, "", file));
+    write_seed("hls", name + "-small_reads", with_recipe(format, "00 05", file));
+    write_seed("hls", name + "-fails", with_recipe(format, "00 00 01 00 20", file));
+}
+
+void write_films()
+{
+    const std::string tracks =
+        "d473B8000 t1['V_MPEG4/ISO/AVC']63A2[01640028FF.E1.0002.6711.01.0002.6801] "
+        "t2['A_AC3']23E383[#32000000]E1[B5[473B8000]] ";
+    const std::string frames =
+        " v0(6701)(65*9) a0=0B7700000840*128 v40(41*5) v80(41*5) a32=0B7700000840*128";
+    std::string clusters;
+    for (int i = 0; i < 6; ++i)
+        clusters += " C" + std::to_string(i * 4000) + frames;
+    write_film(3, "clusters", MkvFile("h0 " + tracks + clusters + " k").build());
+    write_film(3, "without_cues", MkvFile(tracks + clusters).build());
+    write_film(3, "audio",
+               MkvFile("h0 " + tracks.substr(tracks.find("t2")) + clusters + " k").build());
+    Mp4Track video = Mp4Track::video(), audio = Mp4Track::audio();
+    video.delta = 2000;
+    audio.delta = 48000;
+    for (uint8_t i = 0; i < 12; ++i) {
+        video.sample(nal({0x65, i, 1, 2, 3}));
+        audio.sample(Bytes(20, i));
+        audio.sample(Bytes(20, i));
+    }
+    video.chunks = audio.chunks = {2, 2, 2, 2, 2};
+    write_film(2, "pictures", Mp4File().add(video).add(audio).build());
+    write_film(2, "audio", Mp4File().add(audio).build());
+    video.stss = {1, 5, 9};
+    video.put["ctts"] = table_box("ctts", 3, {1, 2000, 10, 4000, 1, 0});
+    write_film(2, "groups", Mp4File().add(video).build());
+    write_film(1, "frames", Mp3().frames(560, 0xFFFB1400, 96).file);
+}
+
+void write_requests()
+{
+    const char *const addresses[] = {"",
+                                     "a/b/",
+                                     "a%2Fb",
+                                     "%2e%2e/x",
+                                     ".golt/page.css",
+                                     "status",
+                                     "f/index.m3u8",
+                                     "f/details.json",
+                                     "f/0123456789abcdef/media.m3u8",
+                                     "%E2%80%AE/0123456789abcdef/12.ts"};
+    int number = 0;
+    const auto write = [&](const Bytes &bytes) {
+        write_seed("request", std::to_string(number++), bytes);
+    };
+    for (const char *address : addresses)
+        write(Bytes{0} + text(address));
+    const char *const conditions[] = {"*\n\n\n\n\n",
+                                      "\n\"0123456789abcdef-7\"\n\n\n\n",
+                                      "\n\nWed, 25 Nov 2026 16:00:00 GMT\n\n\n",
+                                      "\n\n\nWed, 25 Nov 2026 16:00:00 GMT\n\n",
+                                      "\n\n\n\n\"0123456789abcdef-7\"\nbytes=0-9\n",
+                                      "\n\n\n\n\nbytes=-9\n",
+                                      "\n\n\n\n\nbytes=7000-\n"};
+    for (const char *lines : conditions)
+        write(hex("01 0A 6A25BF00 1B00") + text(lines));
+    for (const char *kind : {"00", "03", "04"})
+        write(hex("02 0100000000000000 0700000000000000 02000000 00000000 10000000") + hex(kind) +
+              Bytes(3) + text("0123456789abcdefa/b.mkv"));
+    for (const char *status : {"C8000000", "F4010000"})
+        write(hex("03 0100000000000000 0002000000000000") + hex(status) + Bytes(4) + text("why"));
+    for (const char *kind : {"00", "01", "06"})
+        write(hex("04") + hex(kind) +
+              text("films\n<b>.mkv\n\"'&amp;\n{{title}}\n\xE2\x80\xAE.mp4\n"));
+}
+
 // Files of hundreds of KiB: blocks of every size, 255 empty frames to a block, tables of many entries.
 void write_large()
 {
@@ -289,6 +366,8 @@ int main(int argc, char **argv)
     write_mux();
     write_tcache();
     write_outlines();
+    write_films();
+    write_requests();
     for (int i = 2; i < argc; ++i) {
         const std::filesystem::path path = argv[i];
         if (path.extension() == ".ts") write_ts(path.stem().string(), read_file(path.string()));

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "target.h"
+#include "watch.h"
 
 namespace {
 

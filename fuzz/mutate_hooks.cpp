@@ -1,8 +1,8 @@
-// libFuzzer's hooks for inputs with a file of one format: GOLT_FUZZ_FORMAT, or, in the target of the
-// whole path, the one that the recipe names.
+// libFuzzer's hooks for inputs with a file of one format: GOLT_FUZZ_FORMAT, or, in targets of all formats,
+// the one that the recipe names.
 
 #include "mutate.h"
-#include "target.h"
+#include "watch.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ const Format *format_of(const uint8_t *pb_data, size_t size)
     (void)size;
     return &GOLT_FUZZ_FORMAT;
 #else
-    switch (Input(pb_data, size).format) {
+    switch (size > 0 ? pb_data[0] & 3 : 0) {
     case 2: return &MP4_FORMAT;
     case 3: return &MKV_FORMAT;
     default: return nullptr;

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "mutate.h"
-#include "target.h"
+#include "watch.h"
 
 namespace {
 

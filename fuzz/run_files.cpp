@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "files.h"
-#include "target.h"
+#include "watch.h"
 
 namespace {
 

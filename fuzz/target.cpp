@@ -1,90 +1,11 @@
 #include "target.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
-#include <ctime>
 
-#include "dmx_mkv_i.h"
 #include "golt_mem.h"
-#include "tcache.h"
-
-extern "C" int usleep(useconds_t)
-{
-    return 0;
-}
-
-namespace {
-
-// Inputs are far smaller than the files for which the limits are stated, but sanitizers are slow.
-#ifdef GOLT_FUZZING
-constexpr double LONGEST_CALL = 2.0;  // seconds
-#endif
-constexpr size_t LARGEST_HEAP = 64 * 1024 * 1024;  // bytes
-
-double seconds(clockid_t clock)
-{
-    timespec t_now = {};
-    clock_gettime(clock, &t_now);
-    return static_cast<double>(t_now.tv_sec) + static_cast<double>(t_now.tv_nsec) * 1e-9;
-}
-
-double s_input_start = 0;  // processor time
-work_t s_hosts;            // what all hosts of this input did
-
-}  // namespace
-
-double CallWatch::s_longest = 0;
-
-void require(bool f_ok, const char *reason)
-{
-    if (f_ok) return;
-    fprintf(stderr, "violated: %s\n", reason);
-    abort();
-}
-
-CallWatch::CallWatch()
-    : m_start(seconds(CLOCK_MONOTONIC))
-    , m_before(s_hosts)
-    , m_held(g_heap.held)
-    , m_most(g_heap.most)
-{
-    m_before.requests = g_heap.requests;
-    g_heap.most = g_heap.held;
-}
-
-work_t CallWatch::work() const
-{
-    return {s_hosts.calls - m_before.calls, s_hosts.refused - m_before.refused,
-            s_hosts.delivered - m_before.delivered, g_heap.requests - m_before.requests,
-            g_heap.most - m_held};
-}
-
-CallWatch::~CallWatch()
-{
-    const double taken = seconds(CLOCK_MONOTONIC) - m_start;
-    s_longest = std::max(s_longest, taken);
-#ifdef GOLT_FUZZING
-    // On a busy machine time passes by itself. The processor's clock is asked seldom, as it is slow.
-    if (taken > LONGEST_CALL)
-        require(seconds(CLOCK_PROCESS_CPUTIME_ID) - s_input_start < LONGEST_CALL,
-                "a call is short");
-#endif
-    g_heap.most = std::max(g_heap.most, m_most);
-    require(g_heap.most < LARGEST_HEAP, "the heap stays small");
-}
-
-void begin_input()
-{
-    g_heap = {};
-    s_hosts = {};
-    g_TCacheEnabled = true;
-    mkvctx = {};
-    s_input_start = seconds(CLOCK_PROCESS_CPUTIME_ID);
-}
+#include "written.h"
 
 // Recipe
 
@@ -147,9 +68,9 @@ int FaultySource::read(uint8_t *buffer, int size)
     const LibraryCall host(false);
     begin_call();
     const int got = Source::read(buffer, size);
-    if (got > 0 && got <= size) s_hosts.delivered += static_cast<unsigned>(got);
+    if (got > 0 && got <= size) g_hosts.delivered += static_cast<unsigned>(got);
     const bool f_nothing = got <= 0 || got > size;
-    s_hosts.refused += f_nothing && (got < 0 || position() < this->size());
+    g_hosts.refused += f_nothing && (got < 0 || position() < this->size());
     return got;
 }
 
@@ -186,7 +107,7 @@ bool FaultySource::refuses()
 
 void FaultySource::begin_call()
 {
-    ++s_hosts.calls;
+    ++g_hosts.calls;
     ++calls;
     m_f_fault = calls >= m_input.first_fault && calls % m_input.fault_period == 0;
 }
@@ -197,15 +118,23 @@ seen_t look_at(const GOLT_frame_t &t_frame)
 {
     require(t_frame.ui4_frametype < GOLT_FT_MAX, "a frame has a type");
     require(t_frame.pb_data != nullptr, "a frame has a block");
-    uint64_t ui8_sum = t_frame.ui4_size;
+    require_written(t_frame.ui8_timestamp);
+    require_written(t_frame.ui4_size);
+    require_written(t_frame.pb_data, t_frame.ui4_size);
+    // Four sums side by side: each has to wait for its last product.
+    constexpr uint64_t FACTOR = 0x9E3779B97F4A7C15u;
+    uint64_t sums[4] = {t_frame.ui4_size, 1, 2, 3}, words[4];
     uint32_t at = 0;
-    for (; t_frame.ui4_size - at >= 8; at += 8) {
-        uint64_t ui8_word = 0;
-        memcpy(&ui8_word, t_frame.pb_data + at, sizeof ui8_word);
-        ui8_sum = (ui8_sum ^ ui8_word) * 0x9E3779B97F4A7C15u;
+    for (; t_frame.ui4_size - at >= sizeof words; at += sizeof words) {
+        memcpy(words, t_frame.pb_data + at, sizeof words);
+        for (size_t i = 0; i < 4; ++i)
+            sums[i] = (sums[i] ^ words[i]) * FACTOR;
     }
+    uint64_t ui8_sum = sums[0];
+    for (size_t i = 1; i < 4; ++i)
+        ui8_sum = (ui8_sum ^ sums[i]) * FACTOR;
     for (; at < t_frame.ui4_size; ++at)
-        ui8_sum = (ui8_sum ^ t_frame.pb_data[at]) * 0x9E3779B97F4A7C15u;
+        ui8_sum = (ui8_sum ^ t_frame.pb_data[at]) * FACTOR;
     return {t_frame.ui8_timestamp, t_frame.ui4_frametype, t_frame.ui4_size, ui8_sum};
 }
 
@@ -305,6 +234,7 @@ public:
             return m_module.init(FaultySource::read_proc, FaultySource::seek_proc, &m_source);
         });
         if (m_is_open) m_module.getStreamInfo(&t_info);
+        require_written(t_info);
     }
 
     ~ModuleRun()
@@ -347,6 +277,7 @@ public:
             break;
         case op_t::OTHER: call(CALL_OTHER, [&] { return m_module.getStreamInfo(&t_info); }); break;
         }
+        require_written(t_info);
     }
 
 private:

@@ -1,4 +1,4 @@
-// What the fuzz targets share: the shape of an input that is a file, and the rules of a run.
+// What the fuzz targets of the demuxers share: the shape of an input that is a file, and the rules of a run.
 //
 // Such an input begins with a recipe, which says what is done with the file after it and which
 // faults the host has; a recipe of zeros is a host without faults. A host that says "not yet" costs
@@ -7,25 +7,9 @@
 #ifndef GOLT_FUZZ_TARGET_H
 #define GOLT_FUZZ_TARGET_H
 
-#include <cstddef>
-#include <cstdint>
-#include <vector>
-
 #include "GOLT.h"
-#include "heap.h"
 #include "source.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size);
-/// Of libFuzzer: changes the size bytes at pb_data in place, to max_size at most; the new size.
-extern "C" size_t LLVMFuzzerMutate(uint8_t *pb_data, size_t size, size_t max_size);
-
-/// Ends the program, with the reason on the standard error, unless f_ok.
-void require(bool f_ok, const char *reason);
-
-/// Makes the library new, as far as anything outlives a driver, and the watches too.
-void begin_input();
-
-constexpr size_t RECIPE_SIZE = 16;
+#include "watch.h"
 
 enum fault_t : uint8_t {
     FAULT_ZERO = 0x01,      ///< reads that deliver nothing
@@ -112,15 +96,6 @@ uint64_t frames_limit(unsigned format, uint64_t ui8_size);
 /// Frames that one run looks at. Some formats describe very many in few bytes.
 constexpr size_t FRAMES_LOOKED_AT = 20000;
 
-/// What calls of the library cost.
-struct work_t {
-    uint64_t calls = 0;      ///< of the host
-    uint64_t refused = 0;    ///< of these, reads that gave nothing, or "not yet", with bytes left
-    uint64_t delivered = 0;  ///< bytes that the host gave
-    uint64_t requests = 0;   ///< for memory
-    uint64_t heap = 0;       ///< bytes by which the heap grew in between
-};
-
 enum call_t : uint8_t { CALL_CREATE, CALL_READ, CALL_SEEK, CALL_OTHER };
 
 /// Ends the program where one call of a format's demuxer cost more than docs/robustness.md tells.
@@ -128,28 +103,5 @@ enum call_t : uint8_t { CALL_CREATE, CALL_READ, CALL_SEEK, CALL_OTHER };
 /// counted among the calls of the host: 5000 times for each fill it is asked again.
 constexpr uint64_t NO_CACHE = UINT64_MAX;
 void require_work(unsigned format, call_t call, const work_t &t_work, uint64_t held);
-
-/// Measures one call of the library, in the programs that fuzz: it mustn't take long, nor the heap
-/// grow large.
-class CallWatch {
-public:
-    CallWatch();
-    ~CallWatch();
-    CallWatch(const CallWatch &) = delete;
-    CallWatch &operator=(const CallWatch &) = delete;
-
-    /// What the call has cost up to now.
-    work_t work() const;
-
-    /// Longest call since the program began.
-    static double s_longest;
-
-private:
-    LibraryCall m_call;
-    double m_start;
-    work_t m_before;
-    size_t m_held;  // by the heap, when the call began
-    size_t m_most;  // in front of it
-};
 
 #endif

@@ -17,8 +17,10 @@ using Content = PELA::MediaBuffer::ContentInfo;
 class Scanner final : public FrameUser {
 public:
     Totals totals;
+    std::map<uint16_t, uint8_t> types;  // stream_type by PID
 
     void on_frame(const StreamFrame &frame) override { totals[frame.pes.pid].add(frame); }
+    void on_stream(uint16_t pid, uint8_t stream_type) override { types[pid] = stream_type; }
 };
 
 /// What reading all of an input has come to.
@@ -45,8 +47,8 @@ struct Subject {
 
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input, Printer &printer);
 ExitStatus refuse(const InfoOptions &options, const InputFile &file, Printer &printer);
-std::string scan_text(const Scan &scan);
-Json scan_json(const Scan &scan);
+std::string scan_text(Scan &scan);
+Json scan_json(Scan &scan);
 Streams choose_streams(const Input &input, const Content &content, const Totals &totals);
 std::string info_text(const Subject &subject);
 std::string summary_text(const Subject &subject);
@@ -76,6 +78,7 @@ namespace {
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options, Printer &printer)
 {
     InputFile file(input_options);
+    file.read_details();
     if (file.format().is_plain_stream())
         return stream_info(file, options.f_json, are_several(options), printer);
     if (!file.selection().refusal.empty() && file.source().fault().empty())
@@ -131,21 +134,25 @@ bool are_several(const InfoOptions &options)
     return options.paths.size() > 1;
 }
 
-std::string scan_text(const Scan &scan)
+std::string scan_text(Scan &scan)
 {
     std::string text;
     for (const auto &[pid, totals] : scan.scanner.totals)
-        text += fmt::format("PID {:#05x}   {}, {}\n", pid, codec_name(totals.codec),
-                            totals_text(totals));
+        text += fmt::format("PID {:#05x}   {}, {}\n", pid,
+                            stream_type_name(scan.scanner.types[pid]), totals_text(totals));
     return text + fmt::format("output      {}\n", counted(scan.bytes, "byte"));
 }
 
-Json scan_json(const Scan &scan)
+Json scan_json(Scan &scan)
 {
     Json json = {{"frames", scan.frames}, {"stream_bytes", scan.bytes}};
     json["streams"] = Json::array();
-    for (const auto &[pid, totals] : scan.scanner.totals)
-        json["streams"].push_back(totals_json(totals));
+    for (const auto &[pid, totals] : scan.scanner.totals) {
+        Json stream = totals_json(totals);
+        stream["stream_type"] = scan.scanner.types[pid];
+        stream["name"] = stream_type_name(scan.scanner.types[pid]);
+        json["streams"].push_back(stream);
+    }
     json["fault"] = scan.fault.empty() ? Json() : Json(scan.fault);
     return json;
 }

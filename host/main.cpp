@@ -23,6 +23,7 @@
 #include "io/message.h"
 #include "io/output.h"
 #include "io/printer.h"
+#include "io/secrets.h"
 #include "io/values.h"
 #include "libgolt.h"
 #include "plot.h"
@@ -116,6 +117,7 @@ int run(int argc, char **argv)
     const bool f_json = asks_for_json(argc, argv);
     try {
         app.parse(argc, argv);
+        hide_secrets(argc, argv);
         complete_options(commands);
     } catch (const CLI::Success &request) {
         return print_help(app, request);
@@ -298,7 +300,9 @@ void add_serve(CLI::App &app, Commands &commands)
     add_value(*command, "--connections", "N", parse_count, options.connections,
               "Connections at a time (default: 1024)");
     add_value(*command, "--per-address", "N", parse_count, options.from_one_address,
-              "Of these, from one address and for each process (default: 128)");
+              "Of these, from one address (default: 128)");
+    add_value(*command, "--idle", "SECONDS", parse_idle, options.idle_seconds,
+              "Close connections on which nothing moves for this long (2 to 3600; default: 30)");
     command
         ->add_option("--hls-js", options.hls_js, "hls.js, for browsers that play no HLS themselves")
         ->type_name("FILE")
@@ -345,6 +349,8 @@ void add_http_options(CLI::App &command, HttpOptions &http)
     command.add_option("--ca", http.ca_file, "Trust the certificates in this PEM file")
         ->type_name("FILE")
         ->check(is_not_empty);
+    command.add_flag("--netrc", http.f_netrc,
+                     "Take name and password for the server from ~/.netrc");
     command.add_flag("--insecure", http.f_insecure, "Accept any certificate of a server");
 }
 

@@ -17,6 +17,8 @@ std::string edits_text(const Outline &outline, const Mp4Details &mp4);
 std::string container_text(const Outline &outline);
 std::string first_frame_text(const MpegAudioOutline &audio);
 std::string structure_text(const Outline &outline);
+std::string attachment_text(const Attachment &attachment);
+Json attachments_json(const Outline &outline);
 Json track_json(const Outline &outline, const Track &track, const Choice &choice);
 
 std::string ns_text(int64_t ns)
@@ -50,6 +52,11 @@ std::string file_text(const Outline &outline, const Selection &selection)
     if (outline.chapters.value_or(0) > 0)
         text += fmt::format("chapters    {}\n", *outline.chapters);
     if (!seeking.reason.empty()) text += fmt::format("seeking     {}\n", seeking.reason);
+    for (const Attachment &attachment : outline.attachments)
+        text += fmt::format("attached    {}\n", attachment_text(attachment));
+    if (outline.more_attachments > 0)
+        text +=
+            fmt::format("            and {}\n", counted(outline.more_attachments, "further file"));
     return text;
 }
 
@@ -85,6 +92,7 @@ void add_tracks(Json &json, const Outline &outline, const Selection &selection)
     json["seeking"] = seeking.reason.empty() ? Json() : Json(seeking.reason);
     json["fragmented"] = outline.mp4.f_fragmented;
     json["duration_is_estimate"] = outline.mpeg_audio.f_estimate;
+    json["attachments"] = attachments_json(outline);
     json["tracks"] = Json::array();
     for (size_t i = 0; i < outline.tracks.size(); ++i)
         json["tracks"].push_back(track_json(outline, outline.tracks[i], selection.choices[i]));
@@ -95,6 +103,8 @@ namespace {
 std::string details_of(const Outline &outline, const Track &track)
 {
     std::string text = codec_title(outline, track);
+    const std::string profile = h264_profile(outline, track);
+    if (!profile.empty()) text += fmt::format(" {}, level {}", profile, h264_level(outline, track));
     if (track.width != 0) text += fmt::format(", {} x {} pixels", track.width, track.height);
     if (track.mp4.rotation != 0) text += fmt::format(", turned by {} degrees", track.mp4.rotation);
     if (track.kind == TrackKind::VIDEO) {
@@ -194,9 +204,27 @@ std::string first_frame_text(const MpegAudioOutline &audio)
     return text;
 }
 
+std::string attachment_text(const Attachment &attachment)
+{
+    std::string text;
+    for (const std::string &part : {attachment.name, attachment.media_type})
+        if (!part.empty()) text += printable(part) + ", ";
+    return text + counted(attachment.size, "byte");
+}
+
 Json text_or_null(const std::string &text)
 {
     return text.empty() ? Json() : Json(text);
+}
+
+Json attachments_json(const Outline &outline)
+{
+    Json attachments = Json::array();
+    for (const Attachment &attachment : outline.attachments)
+        attachments.push_back({{"name", text_or_null(attachment.name)},
+                               {"media_type", text_or_null(attachment.media_type)},
+                               {"size", attachment.size}});
+    return attachments;
 }
 
 template <typename Number> Json number_or_null(Number number)
@@ -233,6 +261,8 @@ Json track_json(const Outline &outline, const Track &track, const Choice &choice
         {"duration_ms", track.duration_ns ? Json(*track.duration_ns / NS_PER_MS) : Json()}};
     if (track.kind == TrackKind::VIDEO) {
         const std::optional<uint64_t> rate = mean_frame_rate(track);
+        json["profile"] = text_or_null(h264_profile(outline, track));
+        json["level"] = text_or_null(h264_level(outline, track));
         json["width"] = number_or_null(track.width);
         json["height"] = number_or_null(track.height);
         json["rotation"] = track.mp4.rotation;

@@ -1,10 +1,13 @@
-"""Chromium plays transport streams, cut into segments, through Media Source Extensions with hls.js: to the end, and
-again from the middle and from the start.
+"""Chromium plays films: to the end, and again from the middle and from the start.
 
-Usage: browser.py HLS_JS FILE.ts...
+Usage: browser.py HLS_JS FILM...
 
-Prints a line for each file: its name, pictures that were decoded, bytes of audio that were decoded, the largest gap in
-what is buffered in milliseconds, how often it waited for more, and errors. Up to the end, all of it at double speed.
+A FILM is a transport stream, which is cut into segments, a folder with segments and index.m3u8, or a file that Chromium
+plays by itself. Segments go through Media Source Extensions with hls.js.
+
+Prints a line for each film: its name, pictures that were decoded, bytes of audio that were decoded, the largest gap in
+what is buffered in milliseconds, how often it waited for more, and errors; up to the end, all of it at double speed.
+Then, what it does after seeking: "plays", or "stops" if the decoder has refused what is there.
 """
 
 import functools
@@ -15,54 +18,79 @@ import sys
 import tempfile
 import threading
 
-from selenium import webdriver
-from selenium.webdriver.chrome.service import Service
+from support.browser import open_browser
 
-TRIES = 3  # a busy machine may make it wait
+TRIES = 10
 PACKET = 188
 PAT, VIDEO = 0, 0x100
 SEGMENT = 2 * 90000
 
+# On a busy machine playing may stall although all is there. hls.js would then seek a little, and pictures would be
+# decoded twice; so its watchdog is off. All waits end after a minute.
 PAGE = """<!DOCTYPE html><script src="hls.js"></script><body><script>
-const event = (of, name) => new Promise(done => of.addEventListener(name, done, {once: true}));
 const until = async (what, test) => {
-    for (let i = 0; i < 400 && !test(); ++i) await new Promise(done => setTimeout(done, 20));
+    for (let i = 0; i < 3000 && !test(); ++i) await new Promise(done => setTimeout(done, 20));
     if (!test()) throw what;
 };
-async function measure(url) {
-    const video = document.createElement('video'), errors = [];
-    let waits = 0, loads = true;
-    document.body.append(video);
-    const hls = new Hls({enableWorker: false});
+async function loadByScript(url, video, errors) {
+    let loads = true;
+    const hls = new Hls({enableWorker: false, highBufferWatchdogPeriod: 1e6});
     hls.on(Hls.Events.ERROR, (name, data) => errors.push(data.details));
     hls.on(Hls.Events.BUFFER_EOS, () => { loads = false; });
     hls.loadSource(url);
     hls.attachMedia(video);
+    await until('not loaded', () => !loads || errors.length > 0);
+    return hls;
+}
+async function load(url, video) {
+    video.src = URL.createObjectURL(await (await fetch(url)).blob());
+    await until('not loaded', () => video.readyState >= 4);
+}
+function largestGap(ranges) {
+    let gap = 0;
+    for (let i = 0; i < ranges.length; ++i)
+        gap = Math.max(gap, ranges.start(i) - (i === 0 ? 0 : ranges.end(i - 1)));
+    return gap;
+}
+// Once it is refused, the decoder stays so.
+async function seeks(video) {
+    for (const at of [0.5, 0]) {
+        const time = at * video.duration;
+        video.currentTime = time;
+        await until('not found ' + at, () => video.error || !video.seeking);
+        video.play().catch(() => {});
+        await until('not played from ' + at, () => video.error || (!video.seeking && video.currentTime > time + 0.5));
+        if (video.error && video.error.code !== MediaError.MEDIA_ERR_DECODE) throw video.error.message;
+        if (video.error) return 'stops';
+    }
+    return 'plays';
+}
+async function measure(url) {
+    const video = document.createElement('video'), errors = [];
+    const found = {pictures: 0, audio: 0, gap: 0, waits: 0, errors: errors, seeking: '-'};
+    let hls = null, plays = true;
+    document.body.append(video);
+    video.addEventListener('waiting', () => { if (plays) ++found.waits; });
+    video.addEventListener('seeking', () => { if (plays) errors.push('seeks by itself'); });
     try {
-        await until('not loaded', () => !loads);
-        video.addEventListener('waiting', () => { if (!video.seeking) ++waits; });
+        if (url.endsWith('.m3u8')) hls = await loadByScript(url, video, errors);
+        else await load(url, video);
         video.playbackRate = 2;
         await video.play();
         await until('not played to the end', () => video.ended);
-        const pictures = video.getVideoPlaybackQuality().totalVideoFrames;
-        const audio = video.webkitAudioDecodedByteCount;
-        let gap = 0, end = 0;
-        for (let i = 0; i < video.buffered.length; end = video.buffered.end(i), ++i)
-            gap = Math.max(gap, video.buffered.start(i) - end);
-        for (const at of [0.5, 0]) {
-            video.currentTime = at * video.duration;
-            await until('not found ' + at, () => !video.seeking);
-            await video.play();
-            await until('not played from ' + at, () => !video.seeking && video.currentTime > at * video.duration + 0.5);
-        }
-        return {pictures, audio, gap, waits, errors};
+        plays = false;
+        found.pictures = video.getVideoPlaybackQuality().totalVideoFrames;
+        found.audio = video.webkitAudioDecodedByteCount;
+        found.gap = largestGap(video.buffered);
+        found.errors = errors.slice();
+        found.seeking = await seeks(video);
     } catch (error) {
-        errors.push(String(error));
-        return {pictures: 0, audio: 0, gap: 0, waits, errors};
+        found.errors = errors.concat(String(error));
     } finally {
-        hls.destroy();
+        if (hls) hls.destroy();
         video.remove();
     }
+    return found;
 }
 </script>"""
 
@@ -93,7 +121,7 @@ def cut(stream, folder):
         with open(os.path.join(folder, f"{number}.ts"), "wb") as segment:
             segment.write(stream[0 if number == 0 else begin:end])
         lines += [f"#EXTINF:{(next_pts - pts) / 90000:.3f},", f"{number}.ts"]
-    with open(os.path.join(folder, "list.m3u8"), "w", encoding="ascii") as playlist:
+    with open(os.path.join(folder, "index.m3u8"), "w", encoding="ascii") as playlist:
         playlist.write("\n".join(lines + ["#EXT-X-ENDLIST", ""]))
 
 
@@ -102,47 +130,48 @@ class Quiet(http.server.SimpleHTTPRequestHandler):
         pass
 
 
-def open_browser():
-    options = webdriver.ChromeOptions()
-    options.binary_location = shutil.which("chromium")
-    for argument in ("--headless=new", "--no-sandbox", "--autoplay-policy=no-user-gesture-required", "--mute-audio",
-                     "--disable-gpu", "--disable-dev-shm-usage"):
-        options.add_argument(argument)
-    browser = webdriver.Chrome(service=Service(shutil.which("chromedriver")), options=options)
-    browser.set_script_timeout(60)
-    return browser
+def publish(film, folder):
+    """Puts a film where the browser finds it, and returns its address."""
+    name = os.path.basename(film)
+    place = os.path.join(folder, name)
+    if os.path.isdir(film):
+        shutil.copytree(film, place)
+        return name + "/index.m3u8"
+    if not film.endswith(".ts"):
+        shutil.copy(film, place)
+        return name
+    with open(film, "rb") as stream:
+        cut(stream.read(), place)
+    return name + "/index.m3u8"
 
 
-def play(browser, file):
+def play(browser, address):
+    """As it is when nothing disturbs it: a busy machine may make it wait, but not always at the same film."""
     for _ in range(TRIES):
-        result = browser.execute_async_script("measure(arguments[0]).then(arguments[1])",
-                                              f"{os.path.basename(file)}/list.m3u8")
+        result = browser.execute_async_script("measure(arguments[0]).then(arguments[1])", address)
         if not result["waits"] and not result["errors"]:
             break
     return result
 
 
-def main(hls_js, *files):
+def main(hls_js, *films):
     with tempfile.TemporaryDirectory() as folder:
         shutil.copy(hls_js, os.path.join(folder, "hls.js"))
         with open(os.path.join(folder, "index.html"), "w", encoding="ascii") as page:
             page.write(PAGE)
-        for file in files:
-            with open(file, "rb") as stream:
-                cut(stream.read(), os.path.join(folder, os.path.basename(file)))
+        addresses = [publish(film, folder) for film in films]
         handler = functools.partial(Quiet, directory=folder)
-        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server, open_browser() as browser:
             threading.Thread(target=server.serve_forever, daemon=True).start()
-            browser = open_browser()
             try:
                 browser.get(f"http://127.0.0.1:{server.server_address[1]}/index.html")
-                play(browser, files[0])  # with which it starts its decoders
-                for file in files:
-                    result = play(browser, file)
-                    print(os.path.basename(file), result["pictures"], result["audio"], round(result["gap"] * 1000),
-                          result["waits"], ",".join(result["errors"]) or "-", flush=True)
+                play(browser, addresses[0])  # with which it starts its decoders
+                for film, address in zip(films, addresses):
+                    result = play(browser, address)
+                    print(os.path.basename(film), result["pictures"], result["audio"], round(result["gap"] * 1000),
+                          result["waits"], ",".join(result["errors"]).replace(" ", "_") or "-", result["seeking"],
+                          flush=True)
             finally:
-                browser.quit()
                 server.shutdown()
 
 

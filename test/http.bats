@@ -192,6 +192,9 @@ fails() {
     [[ $output != *secret* ]]
 
     same "$login/secret/movie.mp4" movie
+    printf 'machine 127.0.0.1 login user password hush\n' >.netrc
+    HOME=$PWD same "$nginx/secret/movie.mp4" movie --netrc
+    HOME=$PWD fails 1 'answers 401' "$nginx/secret/movie.mp4" out
     $GOLT info "$login/secret/movie.mp4" >said 2>&1
     $GOLT check "$login/secret/movie.mp4" --json >>said 2>&1
     $GOLT plot "$login/secret/movie.mp4" -o - >>said 2>&1
@@ -199,6 +202,13 @@ fails() {
     run -2 $GOLT frames "$login/plain/none.mp4" "$login/other"
     printf '%s\n' "$output" >>said
     grep -q 'user:\*\*\*@127' said
+    [ "$(grep -c hush said)" -eq 0 ]
+    # Nor does the list of processes show them.
+    $GOLT remux -q "$login/slow/end.mp4" slow.ts --header 'X-Token: hush' 2>/dev/null 3>&- &
+    until [ -e slow.ts.part ]; do sleep 0.1; done
+    tr '\0' ' ' <"/proc/$!/cmdline" >said
+    kill $!
+    grep -q 'user:\*\*\*@127.*slow.ts --header X-Token:\*\*\*' said
     [ "$(grep -c hush said)" -eq 0 ]
 }
 

@@ -48,6 +48,16 @@ is() {
     [[ $($GOLT info movie.m2ts) == *'audio       not known without --scan'* ]]
     is '["h264","ac3",100]' "$(json '[.video.codec, .sound.codec, .scan.streams[0].frames]' \
         info movie.m2ts --json --scan)"
+    # Blu-ray has no AAC, so that ffmpeg announces private data.
+    ffmpeg -v error -nostdin -i movie.mp4 -c:v copy -c:a aac -f mpegts -mpegts_m2ts_mode 1 aac.m2ts
+    is '[[27,"H.264"],[6,"private data"]]' "$(json '[.scan.streams[] | [.stream_type, .name]]' \
+        info aac.m2ts --json --scan)"
+    # What lies beside the tracks, and how the pictures are coded.
+    echo words >wörds.txt
+    ffmpeg -v error -nostdin -i movie.mp4 -c copy -attach wörds.txt -metadata:s:t mimetype=text/plain attached.mkv
+    is '[["wörds.txt","text/plain",6],"Constrained Baseline","1"]' "$(json '[(.attachments[0] |
+        [.name, .media_type, .size]), .tracks[0].profile, .tracks[0].level]' info attached.mkv --json)"
+    [[ $($GOLT info attached.mkv) == *'attached    wörds.txt, text/plain, 6 bytes'* ]]
 }
 
 @test "lists frames" {

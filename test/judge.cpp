@@ -1,8 +1,10 @@
 // What the end-to-end tests need of C++: the checker's verdict on a transport stream, the times in
-// it, and a remux without the read cache.
+// it, a remux without the read cache, and all that a host sees of files, for comparing builds.
 
 #include <cstdio>
 #include <cstdlib>
+
+#include <unistd.h>
 
 #include "files.h"
 #include "host_double.h"
@@ -38,11 +40,73 @@ void seek_around(const char *format, const Bytes &file)
     driver->destroyDemuxer(demux);
 }
 
+uint32_t sum_of(const uint8_t *bytes, size_t size)
+{
+    uint32_t sum = 2166136261u;
+    for (size_t i = 0; i < size; ++i)
+        sum = (sum ^ bytes[i]) * 16777619u;
+    return sum;
+}
+
+// Reads and remuxes at most so many frames, and prints what each is and what came of it.
+void tell_frames(Driver &driver, PELA::IAVDemuxer demux, PELA::IAVMuxer mux, Sink &sink, int most)
+{
+    for (bool more = true; more && most > 0; --most) {
+        PELA::IAVFrame frame = driver->createNewFrame();
+        more = demux->readFrame(frame);
+        const auto &t_frame = *reinterpret_cast<const GOLT_frame_t *>(frame);
+        sink.stream.clear();
+        if (more) {
+            printf("frame %llu %u %u %08x", static_cast<unsigned long long>(t_frame.ui8_timestamp),
+                   t_frame.ui4_frametype, t_frame.ui4_size,
+                   sum_of(t_frame.pb_data, t_frame.ui4_size));
+            if (mux != nullptr && !mux->writeFrame(frame)) printf(" not written");
+            printf(" stream %zu %08x\n", sink.stream.size(),
+                   sum_of(sink.stream.data(), sink.stream.size()));
+        }
+        driver->destroyFrame(frame);
+    }
+}
+
+// Everything that a host sees of a file, among the library's own messages: frames, packets, seeks.
+void tell(const std::string &path)
+{
+    constexpr int FRAMES_MOST = 3000, FRAMES_AFTER_SEEK = 20;
+    const std::string format = path.substr(path.rfind('.') + 1);
+    const Bytes file = read_file(path);
+    Driver driver;
+    Source source(file);
+    Sink sink;
+    printf("%s\n", path.c_str());
+    PELA::IAVDemuxer demux = driver->createDemuxer(format.c_str(), &source, source.size());
+    PELA::IAVMuxer mux = driver->createMuxer(PELA::CONTAINER_TS, demux, &sink, false);
+    if (demux != nullptr) {
+        tell_frames(driver, demux, mux, sink, FRAMES_MOST);
+        for (const uint32_t time_ms : {0u, 200u, 5000u, 100u}) {
+            const bool ok = demux->seekToTime(time_ms);
+            printf("seek %s\n", ok ? "done" : "refused");
+            tell_frames(driver, demux, mux, sink, FRAMES_AFTER_SEEK);
+        }
+    }
+    driver->destroyMuxer(mux);
+    driver->destroyDemuxer(demux);
+}
+
 }  // namespace
+
+// At the end of a file the cache sleeps for more of it: here no more will come.
+extern "C" int usleep(useconds_t)
+{
+    return 0;
+}
 
 int main(int argc, char **argv)
 {
-    const std::string verb = argc > 3 ? argv[1] : "";
+    const std::string verb = argc > 2 ? argv[1] : "";
+    for (int i = 2; verb == "tell" && i < argc; ++i)  // FILE...
+        tell(argv[i]);
+    if (verb == "tell") return 0;
+    if (argc < 4) return 2;
     if (verb == "uncached" || verb == "cached") {  // FORMAT IN: what comes of it, to VERB.ts
         g_TCacheEnabled = verb == "cached";
         write_file(verb + ".ts", remux_file(argv[2], read_file(argv[3])));

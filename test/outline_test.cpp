@@ -2,48 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "cluster_walk.h"
+#include "memory_source.h"
 #include "mkv_builder.h"
 #include "mp3_builder.h"
 #include "mp4_builder.h"
-#include "outline.h"
 #include "selection.h"
 #include "sync_point.h"
 
 namespace {
-
-/// Bytes in memory; counts the reads.
-class Memory final : public ByteSource {
-public:
-    explicit Memory(Bytes file, bool f_knows_size = true)
-        : m_file(std::move(file))
-        , m_f_knows_size(f_knows_size)
-    {
-    }
-    size_t read_at(uint64_t offset, uint8_t *buffer, size_t /*least*/, size_t size) override
-    {
-        ++reads;
-        const size_t at = static_cast<size_t>(std::min<uint64_t>(offset, m_file.size()));
-        const size_t count = std::min(size, m_file.size() - at);
-        if (count > 0) memcpy(buffer, m_file.data() + at, count);
-        return count;
-    }
-    uint64_t size() const override { return m_f_knows_size ? m_file.size() : 0; }
-
-    int reads = 0;
-
-private:
-    Bytes m_file;
-    bool m_f_knows_size;
-};
-
-Outline outline_of(const Bytes &file)
-{
-    Memory memory(file);
-    return read_outline(memory);
-}
 
 Mp4Track video_of(size_t samples)
 {

@@ -12,10 +12,10 @@ import tempfile
 import time
 from pathlib import Path
 
-from selenium import webdriver
-from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
+
+from support.browser import open_browser
 
 WAIT = 60  # seconds, for anything
 GAP = 0.1  # seconds between two stretches that should be one
@@ -36,6 +36,8 @@ def make_films(folder):
     ffmpeg(*tone, "-t", "40", "-c:a", "libmp3lame", "Evening tune.mp3")
     ffmpeg(*tone, *picture, "-t", "2", "-c:v", "mpeg4", "-c:a", "libmp3lame", "Old tape.avi")
     ffmpeg("-i", "A walk.mp4", "-c", "copy", "-t", "20", "Holidays/Lake.mp4")
+    ffmpeg(*picture, *tone, "-t", "31", *h264, "-x264-params", "open-gop=1:b-pyramid=none", "-c:a", "aac",
+           "Holidays/Open groups.mp4")
 
 
 def start_golt(golt, folder, hls_js):
@@ -46,15 +48,6 @@ def start_golt(golt, folder, hls_js):
         if found:
             return server, found.group()
     sys.exit("golt serve doesn't start")
-
-
-def start_browser():
-    options = webdriver.ChromeOptions()
-    for option in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
-                   "--autoplay-policy=no-user-gesture-required", "--hide-scrollbars"):
-        options.add_argument(option)
-    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
 
 
 class Player:
@@ -95,15 +88,16 @@ class Player:
         return ranges
 
 
-def play(browser, base, film, way, f_audio_alone=False):
-    what = "%s, %s" % (film, way or "native")
+def play(browser, base, film, way="", f_script=False, f_audio_alone=False):
+    """way: the player that is asked for. f_script: hls.js has to play it."""
+    what = "%s, %s" % (film, "hls.js" if f_script else "native")
     browser.get(base)
     browser.find_element(By.LINK_TEXT, film).click()
     if way:
         browser.get(browser.current_url + "?player=" + way)
     player = Player(browser)
     player.until("video.readyState >= 3", what + ": loads")
-    if bool(player.ask("Boolean(video.golt)")) != bool(way):
+    if bool(player.ask("Boolean(video.golt)")) != f_script:
         raise SystemExit(what + ": the other player plays")
     player.ask("void video.play()")
     player.plays_on(8, what + ": plays from one segment to the next")
@@ -159,17 +153,17 @@ def main():
         films.mkdir()
         make_films(films)
         server, base = start_golt(given.golt, str(films), given.hls_js)
-        browser = start_browser()
         try:
-            for way in ("", "hls.js"):
-                play(browser, base, "A walk.mp4", way)
+            with open_browser() as browser:
+                play(browser, base + "Holidays/", "Open groups.mp4", f_script=True)
+                for way in ("", "hls.js"):
+                    play(browser, base, "A walk.mp4", way, bool(way))
+                    if not given.short:
+                        play(browser, base, "The same walk.mkv", way, bool(way))
+                        play(browser, base, "Evening tune.mp3", way, bool(way), True)
                 if not given.short:
-                    play(browser, base, "The same walk.mkv", way)
-                    play(browser, base, "Evening tune.mp3", way, True)
-            if not given.short:
-                take_pictures(browser, base, Path(given.folder))
+                    take_pictures(browser, base, Path(given.folder))
         finally:
-            browser.quit()
             server.terminate()
             server.wait()
 

@@ -2,7 +2,7 @@
 
 _golt() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-    local http="--help --timeout --header --ca --insecure --verbose"
+    local http="--help --timeout --header --netrc --ca --insecure --verbose"
     local shared="$http --format" options=
     COMPREPLY=()
     case $before in
@@ -24,7 +24,7 @@ _golt() {
     check) options="$shared --json" ;;
     plot) options="$shared --output --force" ;;
     hls) options="$shared --force --quiet" ;;
-    serve) options="$http --bind --port --cache --workers --connections --per-address --hls-js" ;;
+    serve) options="$http --bind --port --cache --workers --connections --per-address --idle --hls-js" ;;
     esac
     if [[ $word = -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

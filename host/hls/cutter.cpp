@@ -89,14 +89,13 @@ void Cutter::take_start(const uint8_t *packet, bool f_video)
     std::optional<int64_t> &first = m_first[f_video ? 0 : 1];
     if (!first) first = pts;
     if (f_video != m_range.f_video) return;
-    if (!m_f_begun) {
-        if (is_reached(*pts, *m_range.from))
-            begin(packet);
-        else
-            ++m_units_before;
-    } else if (m_range.to && is_reached(*pts, *m_range.to)) {
-        m_f_done = true;
-    }
+    // Where nothing is shown for longer than a segment it has tables alone.
+    m_f_done = m_range.to && is_reached(*pts, *m_range.to);
+    if (m_f_begun) return;
+    if (m_f_done || is_reached(*pts, *m_range.from))
+        begin(packet);
+    else
+        ++m_units_before;
 }
 
 // With tables and a clock.
@@ -106,6 +105,7 @@ void Cutter::begin(const uint8_t *packet)
     m_waiting.clear();
     for (size_t table = 0; table < m_tables.size(); ++table)
         if (m_f_table[table]) keep(m_tables[table].data());
+    if (m_f_done) return;
     if (m_f_clock && !has_pcr(packet)) keep(m_clock.data());
 }
 

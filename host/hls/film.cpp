@@ -6,6 +6,7 @@
 
 #include "cutter.h"
 #include "io/message.h"
+#include "io/recognise.h"
 #include "m2ts.h"
 #include "segment_run.h"
 #include "stream/source_bytes.h"
@@ -13,7 +14,8 @@
 
 namespace {
 
-std::string refusal_of(const Film &film, const Source &source);
+std::string refusal_of(const Film &film, Source &source);
+std::string why_unknown(Source &source);
 void describe(Film &film);
 void set_rates(Film &film);
 std::string run_from(Source &source, const Film &film, size_t number, size_t from,
@@ -88,11 +90,11 @@ std::string make_segment(Source &source, const Film &film, size_t number,
 
 namespace {
 
-std::string refusal_of(const Film &film, const Source &source)
+std::string refusal_of(const Film &film, Source &source)
 {
     const Outline &outline = film.file.outline;
     if (!source.fault().empty()) return source.fault();
-    if (outline.container == Container::UNKNOWN) return "its format isn't known";
+    if (outline.container == Container::UNKNOWN) return why_unknown(source);
     if (!film.file.selection.refusal.empty()) return film.file.selection.refusal;
     if (!source.is_seekable() || source.size() == 0) return "its server doesn't send parts of it";
     if (outline.container == Container::TRANSPORT_STREAM) return "";
@@ -103,6 +105,16 @@ std::string refusal_of(const Film &film, const Source &source)
         return "its times aren't in milliseconds";
     const bool f_any = f_video || taken_track(film, TrackKind::AUDIO) != nullptr;
     return f_any ? "" : "it has neither video nor audio";
+}
+
+// As the other commands name what they don't read.
+std::string why_unknown(Source &source)
+{
+    uint8_t head[RECOGNISE_SIZE];
+    SourceBytes bytes(source);
+    const size_t size = bytes.read_at(0, head, 1, sizeof head);
+    const std::string other = why_other_format(head, size);
+    return other.empty() ? "its format isn't known" : other;
 }
 
 // A run that begins where segment from does. f_sure: enough came before the segment for it to be as in a run from
@@ -126,9 +138,11 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     }
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, begin.place);
-    // Memory that isn't used costs nothing; memory that grows is there twice for a while.
+    // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
+    // there is.
     constexpr uint64_t MORE = 64 * 1024;
-    segment.reserve(static_cast<size_t>(std::min<uint64_t>(wanted.bytes + MORE, LARGEST_SEGMENT)));
+    segment.reserve(static_cast<size_t>(
+        std::min({wanted.bytes, 2 * source.size(), uint64_t{LARGEST_SEGMENT} - MORE}) + MORE));
     Cutter cutter(range, segment, LARGEST_SEGMENT);
     SegmentRun run(source, film, begin, cutter);
     run.run();

@@ -1,5 +1,8 @@
 #include "segment_run.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include <fmt/format.h>
 
 #include "io/message.h"
@@ -25,14 +28,60 @@ StageSetup setup_of(const Film &film, int64_t later)
     return setup;
 }
 
+/// A Matroska file with a cluster at 0 that has no frames.
+class EmptyFile final : public Source {
+public:
+    EmptyFile()
+        : Source("")
+    {
+    }
+    int read(uint8_t *buffer, int size) override
+    {
+        if (size <= 0 || position() >= sizeof BYTES) return 0;
+        const auto count = static_cast<int>(
+            std::min<uint64_t>(sizeof BYTES - position(), static_cast<uint64_t>(size)));
+        memcpy(buffer, BYTES + position(), static_cast<size_t>(count));
+        m_position += count;
+        return count;
+    }
+    int64_t seek(int64_t offset, int whence) override
+    {
+        if (whence != SEEK_SET || offset < 0) return -1;
+        m_position = offset;
+        return 0;
+    }
+    uint64_t size() const override { return sizeof BYTES; }
+
+private:
+    static constexpr uint8_t BYTES[] = {0x1A, 0x45, 0xDF, 0xA3, 0x80,  // EBML
+                                        0x18, 0x53, 0x80, 0x67, 0x88,  // Segment
+                                        0x1F, 0x43, 0xB6, 0x75, 0x83,  // Cluster
+                                        0xE7, 0x81, 0x00};             // Timestamp
+};
+
+// A cluster that lacks its time gets the one that the library has read last, be it of another file. Such a file isn't
+// right, but all who make a segment of it are to make the same.
+void make_new(Library &library)
+{
+    EmptyFile file;
+    const Demuxer demuxer = library.make_demuxer("mkv", file, static_cast<int64_t>(file.size()));
+    if (demuxer != nullptr && demuxer->isValid()) demuxer->readFrame(library.make_frame().get());
+}
+
+Demuxer make_demuxer(Library &library, Container container, SplicedSource &source)
+{
+    if (container == Container::MATROSKA) make_new(library);
+    return library.make_demuxer(format_name(container), source,
+                                static_cast<int64_t>(source.size()));
+}
+
 }  // namespace
 
 SegmentRun::SegmentRun(Source &source, const Film &film, const Begin &begin, Cutter &cutter)
     : m_film(film)
     , m_cutter(cutter)
     , m_source(source, stretches_of(film, begin), film.file.patches, READ_BUDGET)
-    , m_demuxer(m_library.make_demuxer(format_name(film.file.outline.container), m_source,
-                                       static_cast<int64_t>(m_source.size())))
+    , m_demuxer(make_demuxer(m_library, film.file.outline.container, m_source))
     , m_setup(setup_of(film, begin.later))
     , m_stage(cutter, m_setup.hints)
     , m_tally(m_stage)

@@ -11,6 +11,7 @@ struct HttpOptions {
     uint32_t timeout_s = 20;  ///< without data, after which a server is given up; up to 120
     std::vector<std::string> headers;  ///< "name: value", sent with each request
     std::string ca_file;      ///< PEM file of the certificates trusted; empty: the system's
+    bool f_netrc = false;     ///< names and passwords come from ~/.netrc
     bool f_insecure = false;  ///< any certificate will do
 };
 

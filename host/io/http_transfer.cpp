@@ -120,6 +120,7 @@ CurlTransfer::CurlTransfer(const std::string &url, const HttpOptions &options,
     set(CURLOPT_HEADERDATA, static_cast<void *>(this));
     set(CURLOPT_WRITEFUNCTION, &CurlTransfer::take_bytes);
     set(CURLOPT_WRITEDATA, static_cast<void *>(this));
+    if (options.f_netrc) set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
     set_certificates();
 }
 
@@ -381,7 +382,11 @@ std::unique_ptr<HttpTransfer> make_http_transfer(const std::string &url,
                                                  const HttpOptions & /*options*/,
                                                  HttpReceiver & /*receiver*/)
 {
+#if GOLT_STATIC
+    throw NotDone(url, "golt-static reads no URLs: download the file, or use the program golt");
+#else
     throw NotDone(url, "this program was built without libcurl and reads no URLs");
+#endif
 }
 
 #endif

@@ -65,16 +65,18 @@ const Format *format_of_bytes(const uint8_t *head, size_t size)
     return nullptr;
 }
 
-const char *other_format_of_bytes(const uint8_t *head, size_t size)
+std::string why_other_format(const uint8_t *head, size_t size)
 {
     const auto has = [&](size_t at, const Mark &mark) {
         return mark.size == 0 ||
                (size >= at + mark.size && memcmp(head + at, mark.bytes, mark.size) == 0);
     };
     for (const auto &row : other_rows) {
-        if (has(0, row.first) && has(row.at, row.then)) return row.title;
+        if (has(0, row.first) && has(row.at, row.then))
+            return std::string(row.title) +
+                   " isn't remuxed, only MP4, Matroska, MP3 and M2TS are";
     }
-    return nullptr;
+    return "";
 }
 
 const Format *format_of_name(const std::string &name)

@@ -29,8 +29,9 @@ constexpr size_t RECOGNISE_SIZE = 389;
 /// head: the first size bytes of a file. Null when they are of no format known here.
 const Format *format_of_bytes(const uint8_t *head, size_t size);
 
-/// What else they are, for people: "AVI". Null when that isn't known either.
-const char *other_format_of_bytes(const uint8_t *head, size_t size);
+/// Why a file isn't read whose bytes are of another format, which it names, such as AVI. Empty when that
+/// isn't known either.
+std::string why_other_format(const uint8_t *head, size_t size);
 
 /// name: one of the library's names for a format, or a file name's extension without its dot. Null
 /// when it isn't known here; the library may still know it.

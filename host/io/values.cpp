@@ -10,6 +10,16 @@ bool parse_count(const std::string &text, uint64_t *count)
     return result.ec == std::errc() && result.ptr == end && *count != 0;
 }
 
+bool parse_idle(const std::string &text, uint32_t *seconds)
+{
+    // The server looks once a second.
+    constexpr uint64_t SHORTEST = 2, LONGEST = 3600;
+    uint64_t count = 0;
+    if (!parse_count(text, &count) || count < SHORTEST || count > LONGEST) return false;
+    *seconds = static_cast<uint32_t>(count);
+    return true;
+}
+
 bool parse_timeout(const std::string &text, uint32_t *seconds)
 {
     // A source relies on the limit.

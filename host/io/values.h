@@ -10,6 +10,8 @@
 bool parse_count(const std::string &text, uint64_t *count);
 /// 1 to 120
 bool parse_timeout(const std::string &text, uint32_t *seconds);
+/// 2 to 3600
+bool parse_idle(const std::string &text, uint32_t *seconds);
 /// 0 to 65535
 bool parse_port(const std::string &text, uint16_t *port);
 /// Bytes, or a number with K, M or G: 1 MiB to 1 TiB.

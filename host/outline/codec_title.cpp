@@ -112,6 +112,28 @@ const Name MATROSKA_NAMES[] = {
     {"S_DVBSUB", "DVB subtitles"},
 };
 
+// profile_idc of ISO/IEC 14496-10.
+constexpr uint8_t BASELINE = 66, MAIN = 77, EXTENDED = 88;
+const struct {
+    uint8_t profile_idc;
+    const char *title;
+} PROFILES[] = {
+    {BASELINE, "Baseline"},
+    {MAIN, "Main"},
+    {EXTENDED, "Extended"},
+    {100, "High"},
+    {110, "High 10"},
+    {122, "High 4:2:2"},
+    {244, "High 4:4:4 Predictive"},
+    {44, "CAVLC 4:4:4 Intra"},
+};
+
+bool has_h264_config(const Outline &outline, const Track &track)
+{
+    constexpr size_t LEAST = 4;
+    return track.config.size() >= LEAST && codec_title(outline, track) == "H.264";
+}
+
 bool is_code(const Name &name, const std::string &code)
 {
     const std::string wanted = name.code;
@@ -129,6 +151,8 @@ std::string codec_title(const Outline &outline, const Track &track)
         const std::string version = audio.version == 25 ? "2.5" : audio.version == 20 ? "2" : "1";
         return "MPEG-" + version + " Layer " + LAYERS[(audio.layer - 1) % 3];
     }
+    if (track.mp4.layer == 1) return "MPEG audio Layer I";
+    if (track.mp4.layer == 2) return "MPEG audio Layer II";
     if (track.codec == "mp4a") {
         for (const auto &row : OBJECT_TYPES)
             if (row.type == track.mp4.object_type) return row.title;
@@ -152,6 +176,33 @@ AudioFigures audio_figures(const Outline &outline, const Track &track)
     constexpr uint32_t SEVEN_ONE = 7;  // channelConfiguration 7 has 8 channels
     const uint32_t own = config.channel_config == SEVEN_ONE ? 8 : config.channel_config;
     return {own == 0 ? track.channels : own, config.sample_rate};
+}
+
+std::string h264_profile(const Outline &outline, const Track &track)
+{
+    constexpr size_t PROFILE_AT = 1, CONSTRAINTS_AT = 2;  // AVCDecoderConfigurationRecord
+    constexpr uint8_t SET_1 = 0x40;
+    if (!has_h264_config(outline, track)) return "";
+    const uint8_t profile = track.config[PROFILE_AT];
+    const bool f_constrained = (track.config[CONSTRAINTS_AT] & SET_1) != 0;
+    if (profile == BASELINE && f_constrained) return "Constrained Baseline";
+    for (const auto &row : PROFILES)
+        if (row.profile_idc == profile) return row.title;
+    return "profile " + std::to_string(profile);
+}
+
+std::string h264_level(const Outline &outline, const Track &track)
+{
+    constexpr size_t PROFILE_AT = 1, CONSTRAINTS_AT = 2, LEVEL_AT = 3;
+    constexpr uint8_t SET_3 = 0x10, LEVEL_1_1 = 11, LEVEL_1B = 9;
+    if (!has_h264_config(outline, track)) return "";
+    const uint8_t profile = track.config[PROFILE_AT], level = track.config[LEVEL_AT];
+    // Level 1b, which has no number of its own in the profiles that came first.
+    const bool f_first = profile == BASELINE || profile == MAIN || profile == EXTENDED;
+    const bool f_set_3 = (track.config[CONSTRAINTS_AT] & SET_3) != 0;
+    if (level == LEVEL_1B || (f_first && f_set_3 && level == LEVEL_1_1)) return "1b";
+    const std::string tenths = level % 10 == 0 ? "" : "." + std::to_string(level % 10);
+    return std::to_string(level / 10) + tenths;
 }
 
 std::string kind_name(const Track &track)

@@ -66,6 +66,9 @@ void read_matroska(Reader &reader, Outline &outline)
     read_front(segment->body, headers);
     read_places(reader, headers);
     set_durations(headers);
+    const auto attachments = headers.places.find(id::ATTACHMENTS);
+    if (outline.attachments_at == 0 && attachments != headers.places.end())
+        outline.attachments_at = attachments->second;
     outline.looked_at_to = matroska.segment_end.value_or(0);
     const bool f_chapters_elsewhere = headers.places.count(id::CHAPTERS) != 0;
     if (!outline.chapters && !f_chapters_elsewhere) outline.chapters = 0;
@@ -122,6 +125,7 @@ void read_header(const Element &element, Headers &headers)
         read_chapters(element.body, outline);
         break;
     case id::TAGS: read_tags(element.body, headers); break;
+    case id::ATTACHMENTS: outline.attachments_at = element.begin; break;
     }
     headers.done[element.id] = true;
 }

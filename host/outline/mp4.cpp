@@ -112,7 +112,8 @@ void read_movie_header(Stretch body, Outline &outline)
 // "chpl", a list of chapters beside the tracks, which many programs write.
 void read_user_data(Stretch body, Outline &outline)
 {
-    while (std::optional<Box> box = next_box(body)) {
+    for (uint64_t at = body.at(); std::optional<Box> box = next_box(body); at = body.at()) {
+        if (box->type == box_type("meta")) outline.attachments_at = at;
         if (box->type != box_type("chpl")) continue;
         const bool f_later_version = box->body.u32() >> 24 != 0;
         if (f_later_version) box->body.skip(4);

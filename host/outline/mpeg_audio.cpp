@@ -10,7 +10,7 @@ namespace outline {
 
 namespace {
 
-constexpr uint64_t ID3V2_HEADER = 10, ID3V1_SIZE = 128, APE_FOOTER = 32;
+constexpr uint64_t ID3V1_SIZE = 128, APE_FOOTER = 32;
 // Beyond a tag some files have a little padding before the first frame.
 constexpr uint64_t SEARCHED = 8192;
 
@@ -53,6 +53,30 @@ std::optional<MpegAudioHeader> parse_mpeg_audio_header(uint32_t bits)
     return out;
 }
 
+uint32_t take_synchsafe(Stretch &in)
+{
+    uint32_t value = 0;
+    for (int i = 0; i < 4; ++i)
+        value = value << 7 | (in.u8() & 0x7Fu);
+    return value;
+}
+
+Id3Header take_id3_header(Stretch &in)
+{
+    constexpr uint32_t ID3 = 0x494433;
+    constexpr uint8_t FOOTER_PRESENT = 0x10;
+    constexpr uint64_t HEADER_SIZE = 10;
+    Id3Header header = {};
+    if (in.u24() != ID3) return header;
+    header.version = in.u8();
+    in.skip(1);  // revision
+    header.flags = in.u8();
+    header.size = take_synchsafe(in);
+    const uint64_t footer = (header.flags & FOOTER_PRESENT) != 0 ? HEADER_SIZE : 0;
+    if (!in.is_short()) header.whole_size = HEADER_SIZE + header.size + footer;
+    return header;
+}
+
 void read_mpeg_audio(Reader &reader, Outline &outline)
 {
     MpegAudioOutline &audio = outline.mpeg_audio;
@@ -84,30 +108,16 @@ void read_mpeg_audio(Reader &reader, Outline &outline)
 
 namespace {
 
-// Seven bits of each byte.
-uint32_t take_synchsafe(Stretch &in)
-{
-    uint32_t value = 0;
-    for (int i = 0; i < 4; ++i)
-        value = value << 7 | (in.u8() & 0x7Fu);
-    return value;
-}
-
 // The offset after them.
 uint64_t read_front_tags(Reader &reader, MpegAudioOutline &audio)
 {
-    constexpr uint32_t ID3 = 0x494433;
-    constexpr uint8_t FOOTER_PRESENT = 0x10;
     constexpr uint64_t MOST_TAGS = 16;
     uint64_t offset = 0;
     while (audio.id3v2_tags < MOST_TAGS) {
         Stretch tag(reader, offset, reader.size());
-        if (tag.u24() != ID3) break;
-        tag.skip(2);  // version
-        const uint8_t flags = tag.u8();
-        const uint64_t size = take_synchsafe(tag);
-        if (tag.is_short()) break;
-        offset += ID3V2_HEADER + size + ((flags & FOOTER_PRESENT) != 0 ? ID3V2_HEADER : 0);
+        const Id3Header header = take_id3_header(tag);
+        if (header.whole_size == 0) break;
+        offset += header.whole_size;
         ++audio.id3v2_tags;
     }
     return audio.id3v2_size = offset;

@@ -37,7 +37,8 @@ struct Mp4Details {
     std::vector<Edit> edits;        ///< of "elst", MOST_EDITS at most
     uint64_t more_edits = 0;        ///< that it has beyond those
     uint16_t rotation = 0;          ///< clockwise, for presentation: 0, 90, 180 or 270 degrees
-    uint8_t object_type = 0;        ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MP3
+    uint8_t object_type = 0;        ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MPEG-1 audio
+    uint32_t layer = 0;             ///< of MPEG audio, 1 to 3, by read_details; 0: not known
     uint16_t entry_version = 0;     ///< of the audio sample entry; above 0 in QuickTime files
     uint64_t samples = 0;           ///< by "stsz" or "stz2"
     std::optional<uint64_t> ticks;  ///< sum of the samples' durations, by "stts"
@@ -50,6 +51,13 @@ struct Mp4Details {
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
     TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
     TablePlace stsc, stco;              ///< samples of chunks; offsets of chunks, of 32 bits
+};
+
+/// A file that lies in the media file beside the tracks: an attachment, a cover.
+struct Attachment {
+    std::string name;        ///< as it is in the file; empty: none is stated
+    std::string media_type;  ///< likewise
+    uint64_t size = 0;       ///< bytes
 };
 
 /// What Matroska has of a track beside what all containers have.
@@ -150,6 +158,7 @@ struct Outline {
     static constexpr size_t MOST_EDITS = 64;
     static constexpr size_t MOST_CONFIG = 4096;
     static constexpr size_t MOST_CUES = 16384;
+    static constexpr size_t MOST_ATTACHMENTS = 64;
 
     Container container = Container::UNKNOWN;
     uint64_t size = 0;          ///< of the file, in bytes; 0: not known
@@ -158,6 +167,10 @@ struct Outline {
     uint64_t more_tracks = 0;
     std::optional<int64_t> duration_ns;  ///< of the longest track, as the file's header states it
     std::optional<uint64_t> chapters;    ///< their number; none: not looked at or not stated
+    uint64_t attachments_at =
+        0;  ///< offset of Matroska's Attachments or MP4's "meta"; 0: there is none
+    std::vector<Attachment> attachments;  ///< by read_details, MOST_ATTACHMENTS at most
+    uint64_t more_attachments = 0;
     uint64_t looked_at_to = 0;  ///< offset after the media that the headers lead to; 0: not known
     Mp4Outline mp4;
     MatroskaOutline matroska;
@@ -169,6 +182,9 @@ struct Outline {
 
 /// Reads the outline of a file. What can't be read, or goes beyond the reader's limits, is left out.
 Outline read_outline(ByteSource &source);
+
+/// Adds what only people ask about: attachments, and layers of MPEG audio in MP4.
+void read_details(ByteSource &source, Outline &outline);
 
 /// Where another file of its kind was appended, of MP4 and Matroska: an offset; none was found.
 std::optional<uint64_t> find_next_file(ByteSource &source, const Outline &outline);

@@ -52,6 +52,17 @@ struct MpegAudioHeader {
 /// None where the 32 bits are no header, or one of a free format.
 std::optional<MpegAudioHeader> parse_mpeg_audio_header(uint32_t bits);
 
+/// A tag of ID3v2.
+struct Id3Header {
+    uint8_t version;  ///< 3 of ID3v2.3
+    uint8_t flags;
+    uint32_t size;        ///< bytes after the header
+    uint64_t whole_size;  ///< with header and footer; 0: there is no tag
+};
+Id3Header take_id3_header(Stretch &in);
+/// A number of 28 bits, seven of each byte.
+uint32_t take_synchsafe(Stretch &in);
+
 }  // namespace outline
 
 #endif

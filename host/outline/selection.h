@@ -42,6 +42,9 @@ struct AudioFigures {
     uint32_t channels, sample_rate;  ///< hertz; 0: not stated
 };
 AudioFigures audio_figures(const Outline &outline, const Track &track);
+/// Of H.264, by its decoder configuration: "High", "4.1"; empty where that isn't stated.
+std::string h264_profile(const Outline &outline, const Track &track);
+std::string h264_level(const Outline &outline, const Track &track);
 /// "video", "audio", "subtitles", "chapters", or "data".
 std::string kind_name(const Track &track);
 

@@ -43,6 +43,16 @@ std::optional<Address> parse_address(const std::string &path)
     return address;
 }
 
+std::optional<std::string> path_below(const std::vector<std::string> &names, size_t first)
+{
+    std::string path;
+    for (size_t i = first; i < names.size(); ++i) {
+        if (names[i][0] == '.') return {};
+        path += (path.empty() ? "" : "/") + names[i];
+    }
+    return path.empty() ? "." : path;
+}
+
 std::string encoded(const std::string &name)
 {
     static const char DIGITS[] = "0123456789ABCDEF";
@@ -110,12 +120,14 @@ void take_file_name(Address &address)
     }
     if (names.size() < 2 || !is_version(names[names.size() - 2])) return;
     const char *const end = last.data() + last.size();
-    const auto number = std::from_chars(last.data(), end, address.number);
+    uint64_t value = 0;
+    const auto number = std::from_chars(last.data(), end, value);
     // Each segment has one address: 1, not 01.
     const bool f_segment = number.ec == std::errc() && std::string(number.ptr) == ".ts" &&
                            (last[0] != '0' || last == "0.ts");
     if (!f_segment && last != "media.m3u8") return;
     address.kind = f_segment ? Address::SEGMENT : Address::MEDIA;
+    if (f_segment) address.number = value;
     address.version = names[names.size() - 2];
     names.resize(names.size() - 2);
 }

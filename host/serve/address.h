@@ -3,6 +3,7 @@
 #ifndef HOST_SERVE_ADDRESS_H
 #define HOST_SERVE_ADDRESS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,6 +32,10 @@ struct Address {
 /// path: as it came, without the query. Nothing for an address that leads nowhere in any case, such as
 /// one with a part that is empty.
 std::optional<Address> parse_address(const std::string &path);
+
+/// The path below a root that names lead to, from the first of them on; "." for none. Nothing where one begins with a
+/// dot: such files aren't served, and there is no way up.
+std::optional<std::string> path_below(const std::vector<std::string> &names, size_t first);
 
 /// A part of an address: what isn't a letter, a digit or one of -._~ is encoded.
 std::string encoded(const std::string &name);

@@ -93,7 +93,8 @@ void Body::on_reply(const Reply &reply)
     m_f_failed = reply.status != MHD_HTTP_OK;
     m_peer.f_waiting = false;
     // The wait was none of the client's doing.
-    m_peer.deadline = std::max(m_peer.deadline, steady_seconds() + IDLE_SECONDS);
+    m_peer.deadline =
+        std::max(m_peer.deadline, steady_seconds() + m_context.setting.request_seconds());
     m_context.http.resume_connection(m_peer.connection);
 }
 

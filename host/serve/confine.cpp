@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <iterator>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/landlock.h>
 #include <sys/prctl.h>
@@ -14,6 +13,9 @@
 
 #if GOLT_HAS_SECCOMP
 #include <seccomp.h>
+
+#include "io/loaded_library.h"
+#include "io/message.h"
 #endif
 
 namespace {
@@ -31,12 +33,6 @@ struct SeccompLibrary {
     bool f_found;
 };
 SeccompLibrary g_seccomp = {};
-
-template <typename Function> bool find(void *library, const char *name, Function &place)
-{
-    place = reinterpret_cast<Function>(dlsym(library, name));
-    return place != nullptr;
-}
 
 // A name that a processor's kernel doesn't know is left out. What glibc asks for with 64-bit times on 32
 // bits has names of its own. The sanitizers need pipes and a stack for signals.
@@ -161,12 +157,16 @@ const char *const NETWORK_CALLS[] = {"socket",
 std::string prepare_confinement()
 {
 #if GOLT_HAS_SECCOMP
-    void *const library = dlopen("libseccomp.so.2", RTLD_NOW | RTLD_LOCAL);
-    g_seccomp.f_found = library != nullptr && find(library, "seccomp_init", g_seccomp.init) &&
-                        find(library, "seccomp_rule_add_array", g_seccomp.rule_add_array) &&
-                        find(library, "seccomp_syscall_resolve_name", g_seccomp.resolve_name) &&
-                        find(library, "seccomp_load", g_seccomp.load);
-    if (!g_seccomp.f_found) return "libseccomp can't be loaded: system calls aren't limited";
+    try {
+        const LoadedLibrary library("libseccomp.so.2", "system calls aren't limited");
+        g_seccomp.init = GOLT_FUNCTION(library, seccomp_init);
+        g_seccomp.rule_add_array = GOLT_FUNCTION(library, seccomp_rule_add_array);
+        g_seccomp.resolve_name = GOLT_FUNCTION(library, seccomp_syscall_resolve_name);
+        g_seccomp.load = GOLT_FUNCTION(library, seccomp_load);
+        g_seccomp.f_found = true;
+    } catch (const NotDone &error) {
+        return error.what();
+    }
     return "";
 #else
     return "built without libseccomp: system calls aren't limited";

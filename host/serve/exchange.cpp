@@ -64,7 +64,7 @@ MHD_Result Exchange::step(const char *method, size_t *upload_size)
     if (!m_f_begun) {
         m_f_begun = true;
         m_method = method;
-        m_peer.deadline = steady_seconds() + IDLE_SECONDS;
+        m_peer.deadline = steady_seconds() + m_context.setting.request_seconds();
         // Those with a body are refused before it comes.
         const bool f_known = m_method == "GET" || m_method == "HEAD" || m_method == "OPTIONS";
         return f_known ? MHD_YES : refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD");
@@ -306,7 +306,8 @@ MHD_Result Exchange::send(Answer &answer)
         add("Access-Control-Allow-Headers", "Range, If-Range, If-None-Match, If-Modified-Since");
         add("Access-Control-Max-Age", "86400");
     }
-    m_peer.deadline = steady_seconds() + IDLE_SECONDS + static_cast<int64_t>(size / LEAST_RATE);
+    m_peer.deadline = steady_seconds() + m_context.setting.request_seconds() +
+                      static_cast<int64_t>(size / LEAST_RATE);
     m_context.setting.shared.count([&](Counters &counters) {
         ++counters.answers[verdict.status / 100 % counters.answers.size()];
         if (!answer.kept && m_method != "HEAD") counters.bytes += size;

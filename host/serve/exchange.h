@@ -17,6 +17,7 @@
 struct Peer {
     MHD_Connection *connection;
     int64_t deadline;        ///< of steady_seconds(), by which it has to have got on
+    size_t place;            ///< among the connections of all servers
     bool f_waiting = false;  ///< for a maker
 };
 
@@ -28,9 +29,6 @@ struct ServerContext {
     uint64_t exchanges = 0;  ///< under way
     uint64_t bodies = 0;     ///< of them, that are sent from the cache
 };
-
-/// From the end of an answer, or the start of a connection, to the end of the next request.
-constexpr int64_t IDLE_SECONDS = 60;
 
 /// What there is to say.
 struct Answer {

@@ -1,21 +1,10 @@
 #include "http_library.h"
 
-#include <dlfcn.h>
-
-#include "io/message.h"
+#include "io/loaded_library.h"
 
 namespace {
 
-const char *const NAME = "libmicrohttpd.so.12";
-
 HttpLibrary load();
-
-template <typename Function> void find(void *library, const char *name, Function &place)
-{
-    void *const address = dlsym(library, name);
-    if (address == nullptr) throw NotDone(NAME, std::string("is too old, it lacks ") + name);
-    place = reinterpret_cast<Function>(address);
-}
 
 }  // namespace
 
@@ -29,29 +18,23 @@ namespace {
 
 HttpLibrary load()
 {
-    // It stays loaded until the program ends.
-    void *const library = dlopen(NAME, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char *const reason = dlerror();
-        throw NotDone("the server needs libmicrohttpd",
-                      reason != nullptr ? reason : "it can't be loaded");
-    }
+    const LoadedLibrary library("libmicrohttpd.so.12", "the server needs libmicrohttpd");
     HttpLibrary http = {};
-    find(library, "MHD_start_daemon", http.start_daemon);
-    find(library, "MHD_stop_daemon", http.stop_daemon);
-    find(library, "MHD_quiesce_daemon", http.quiesce_daemon);
-    find(library, "MHD_run", http.run);
-    find(library, "MHD_get_timeout", http.get_timeout);
-    find(library, "MHD_get_daemon_info", http.get_daemon_info);
-    find(library, "MHD_get_connection_info", http.get_connection_info);
-    find(library, "MHD_suspend_connection", http.suspend_connection);
-    find(library, "MHD_resume_connection", http.resume_connection);
-    find(library, "MHD_lookup_connection_value", http.lookup_connection_value);
-    find(library, "MHD_create_response_from_buffer", http.create_response_from_buffer);
-    find(library, "MHD_create_response_from_callback", http.create_response_from_callback);
-    find(library, "MHD_add_response_header", http.add_response_header);
-    find(library, "MHD_queue_response", http.queue_response);
-    find(library, "MHD_destroy_response", http.destroy_response);
+    http.start_daemon = GOLT_FUNCTION(library, MHD_start_daemon);
+    http.stop_daemon = GOLT_FUNCTION(library, MHD_stop_daemon);
+    http.quiesce_daemon = GOLT_FUNCTION(library, MHD_quiesce_daemon);
+    http.run = GOLT_FUNCTION(library, MHD_run);
+    http.get_timeout = GOLT_FUNCTION(library, MHD_get_timeout);
+    http.get_daemon_info = GOLT_FUNCTION(library, MHD_get_daemon_info);
+    http.get_connection_info = GOLT_FUNCTION(library, MHD_get_connection_info);
+    http.suspend_connection = GOLT_FUNCTION(library, MHD_suspend_connection);
+    http.resume_connection = GOLT_FUNCTION(library, MHD_resume_connection);
+    http.lookup_connection_value = GOLT_FUNCTION(library, MHD_lookup_connection_value);
+    http.create_response_from_buffer = GOLT_FUNCTION(library, MHD_create_response_from_buffer);
+    http.create_response_from_callback = GOLT_FUNCTION(library, MHD_create_response_from_callback);
+    http.add_response_header = GOLT_FUNCTION(library, MHD_add_response_header);
+    http.queue_response = GOLT_FUNCTION(library, MHD_queue_response);
+    http.destroy_response = GOLT_FUNCTION(library, MHD_destroy_response);
     return http;
 }
 

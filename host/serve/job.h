@@ -4,6 +4,7 @@
 #ifndef HOST_SERVE_JOB_H
 #define HOST_SERVE_JOB_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -27,11 +28,23 @@ struct Job {
 };
 
 struct Reply {
+    /// The maker has died: another one may do the job.
+    static constexpr unsigned LOST = 0;
+
     uint64_t id = 0;
-    unsigned status = 0;  ///< of HTTP; 200: the result is kept, or was
+    unsigned status = LOST;  ///< of HTTP; 200: the result is kept, or was
     uint64_t size = 0;    ///< of the result
     std::string text;     ///< why not
 };
+
+/// No message is larger, bytes: above the longest path and the longest reason.
+constexpr size_t LARGEST_MESSAGE = 8192;
+/// As one message; empty where it is too large for one.
+std::string bytes_of(const Job &job);
+std::string bytes_of(const Reply &reply);
+/// False for what is no such message. root and server may still be none that there are.
+bool read_job(const std::string &bytes, Job &job);
+bool read_reply(const std::string &bytes, Reply &reply);
 
 /// A pair of sockets, written to at one and read from at the other, by any number of processes.
 struct Channel {
@@ -42,6 +55,8 @@ struct Channel {
 
 /// False when there is no room at present.
 bool send_job(const Channel &channel, const Job &job);
+/// Whether makers have taken all jobs.
+bool has_no_job(const Channel &channel);
 bool send_reply(const Channel &channel, const Reply &reply);
 /// False when nothing has come.
 bool receive_job(const Channel &channel, Job &job);

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -22,8 +21,15 @@ constexpr int BACKLOG = 1024;
 // The first descriptor that is passed, as sd_listen_fds(3) has it.
 constexpr int FIRST_PASSED = 3;
 
+struct Place {
+    sockaddr_storage address;
+    socklen_t size;
+};
+
 Descriptor passed_listener();
+Place find_place(const std::string &address, uint16_t port);
 std::string address_text(const sockaddr *address);
+template <typename Address> Address copy_of(const sockaddr *address);
 bool is_any(const sockaddr_storage &address);
 
 }  // namespace
@@ -33,18 +39,13 @@ Descriptor open_listener(const std::string &address, uint16_t port)
     Descriptor passed = passed_listener();
     if (passed.is_open()) return passed;
     const std::string name = address + ":" + std::to_string(port);
-    addrinfo hints = {};
-    hints.ai_flags = AI_PASSIVE;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo *found = nullptr;
-    const int result = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (result != 0) throw NotDone(address, gai_strerror(result));
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> release(found, freeaddrinfo);
-    Descriptor listener(socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const Place place = find_place(address, port);
+    Descriptor listener(
+        socket(place.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int one = 1;
     if (!listener.is_open() ||
         setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        bind(listener.get(), found->ai_addr, found->ai_addrlen) != 0 ||
+        bind(listener.get(), reinterpret_cast<const sockaddr *>(&place.address), place.size) != 0 ||
         listen(listener.get(), BACKLOG) != 0)
         throw NotDone(name, error_text(errno));
     return listener;
@@ -67,10 +68,13 @@ std::vector<std::string> addresses_of(const Descriptor &listener)
     for (const ifaddrs *at = first; at != nullptr; at = at->ifa_next) {
         if (at->ifa_addr == nullptr || (at->ifa_flags & IFF_UP) == 0) continue;
         // Those of IPv6 that are valid on one link alone need more than the address.
-        const auto *const six = reinterpret_cast<const sockaddr_in6 *>(at->ifa_addr);
+        const auto is_valid_everywhere = [at] {
+            const auto six = copy_of<sockaddr_in6>(at->ifa_addr);
+            return !IN6_IS_ADDR_LINKLOCAL(&six.sin6_addr);
+        };
         const bool f_shown = at->ifa_addr->sa_family == AF_INET ||
                              (at->ifa_addr->sa_family == AF_INET6 && own.ss_family == AF_INET6 &&
-                              !IN6_IS_ADDR_LINKLOCAL(&six->sin6_addr));
+                              is_valid_everywhere());
         if (f_shown) addresses.push_back("http://" + address_text(at->ifa_addr) + tail);
     }
     freeifaddrs(first);
@@ -96,17 +100,64 @@ Descriptor passed_listener()
     return Descriptor(FIRST_PASSED);
 }
 
+#if GOLT_STATIC
+
+// To look up a name the C library would load others, which a device needn't have.
+Place find_place(const std::string &address, uint16_t port)
+{
+    Place place = {};
+    auto &four = reinterpret_cast<sockaddr_in &>(place.address);
+    auto &six = reinterpret_cast<sockaddr_in6 &>(place.address);
+    if (inet_pton(AF_INET, address.c_str(), &four.sin_addr) == 1) {
+        four.sin_family = AF_INET;
+        four.sin_port = htons(port);
+        place.size = sizeof four;
+    } else if (inet_pton(AF_INET6, address.c_str(), &six.sin6_addr) == 1) {
+        six.sin6_family = AF_INET6;
+        six.sin6_port = htons(port);
+        place.size = sizeof six;
+    } else {
+        throw NotDone(address, "golt-static looks up no names; give an address in numbers");
+    }
+    return place;
+}
+
+#else
+
+Place find_place(const std::string &address, uint16_t port)
+{
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const int result = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (result != 0) throw NotDone(address, gai_strerror(result));
+    Place place = {};
+    std::memcpy(&place.address, found->ai_addr, found->ai_addrlen);
+    place.size = found->ai_addrlen;
+    freeaddrinfo(found);
+    return place;
+}
+
+#endif
+
 std::string address_text(const sockaddr *address)
 {
     char text[INET6_ADDRSTRLEN] = "";
     if (address->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr, text,
-                  sizeof text);
-        return std::string("[") + text + "]";
+        const auto six = copy_of<sockaddr_in6>(address);
+        return std::string("[") + inet_ntop(AF_INET6, &six.sin6_addr, text, sizeof text) + "]";
     }
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(address)->sin_addr, text,
-              sizeof text);
-    return text;
+    const auto four = copy_of<sockaddr_in>(address);
+    return inet_ntop(AF_INET, &four.sin_addr, text, sizeof text);
+}
+
+// What a sockaddr points to is longer, and its type needn't be aligned for it.
+template <typename Address> Address copy_of(const sockaddr *address)
+{
+    Address copy;
+    std::memcpy(&copy, address, sizeof copy);
+    return copy;
 }
 
 bool is_any(const sockaddr_storage &address)

@@ -7,10 +7,10 @@
 #include <stdexcept>
 
 #include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <fmt/format.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include "hls/film.h"
 #include "io/http_source.h"
@@ -80,6 +80,8 @@ private:
     std::vector<uint8_t> m_segment;
 };
 
+void limit_time(unsigned cpu_seconds, unsigned seconds);
+uint64_t cpu_us();
 uint64_t us_since(const timespec &start);
 
 }  // namespace
@@ -87,6 +89,7 @@ uint64_t us_since(const timespec &start);
 void run_maker(const MakerSetting &setting)
 {
     Maker maker(setting);
+    setting.shared.note_ready(setting.slot);
     for (;;)
         maker.step();
 }
@@ -128,19 +131,22 @@ void Maker::step()
         slot.server = job.server;
         slot.job = job.id;
         slot.subject = job.subject();
+        slot.since = steady_seconds();
+        slot.cpu_us = cpu_us();
     });
-    // Ends the process: what is at work there may not get to look at a clock.
-    alarm(LONGEST_WORK_SECONDS);
+    limit_time(LONGEST_CPU_SECONDS, LONGEST_WORK_SECONDS);
     const Reply reply = reply_to(job);
-    alarm(0);
+    limit_time(0, 0);
+    // A server that takes no replies has ended, or finds out that this one is lost.
+    for (int tries = 0; job.server < m_setting.replies.size() &&
+                        !send_reply(m_setting.replies[job.server], reply) && tries < 10;
+         ++tries)
+        usleep(1000);
+    // Not before: of a maker that dies with the reply in its hands the job is done again.
     shared.update(m_setting.slot, [&](Slot &slot) {
         slot.f_working = false;
         slot.memory = own_memory();
     });
-    if (job.server >= m_setting.replies.size()) return;
-    // A server that takes no replies has ended, or will give up waiting.
-    for (int tries = 0; !send_reply(m_setting.replies[job.server], reply) && tries < 10; ++tries)
-        usleep(1000);
 }
 
 Reply Maker::reply_to(const Job &job)
@@ -148,7 +154,7 @@ Reply Maker::reply_to(const Job &job)
     try {
         if (m_setting.shared.is_suspect(job.subject()))
             throw Refusal(STATUS_UNAVAILABLE,
-                          "this file has brought the server down; it is left alone for a minute");
+                          "reading this file has failed too often; it is left alone for a minute");
         // Another maker may have done it meanwhile.
         const auto kept = job.version.empty() ? std::nullopt : m_setting.shared.find(job.key());
         return {job.id, STATUS_DONE, kept ? *kept : make(job), ""};
@@ -164,6 +170,8 @@ Reply Maker::reply_to(const Job &job)
 // Returns the size of what it has made.
 uint64_t Maker::make(const Job &job)
 {
+    if (job.root >= m_setting.tree.roots().size())
+        throw Refusal(STATUS_GONE, "there is no such file");
     switch (job.kind) {
     case JobKind::LISTING: return make_listing(job);
     case JobKind::SEGMENT: return make_segment_of(job);
@@ -274,6 +282,23 @@ uint64_t Maker::keep(const Job &job, const void *bytes, size_t size)
     if (m_setting.shared.put(job.key(), static_cast<const uint8_t *>(bytes), size)) return size;
     throw Refusal(STATUS_FAILED,
                   fmt::format("it has {} bytes, more than the cache; see --cache", size));
+}
+
+// Ends the process: what is at work there may not get to look at a clock. 0: no limit.
+void limit_time(unsigned cpu_seconds, unsigned seconds)
+{
+    itimerval limit = {};
+    limit.it_value.tv_sec = static_cast<time_t>(cpu_seconds);
+    setitimer(ITIMER_PROF, &limit, nullptr);
+    alarm(seconds);
+}
+
+// That this process has used so far.
+uint64_t cpu_us()
+{
+    timespec used = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<uint64_t>(used.tv_sec) * 1000000 + static_cast<uint64_t>(used.tv_nsec) / 1000;
 }
 
 uint64_t us_since(const timespec &start)

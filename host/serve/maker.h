@@ -10,7 +10,9 @@
 #include "shared.h"
 #include "tree.h"
 
-/// A job that takes longer ends the process.
+/// A job that takes longer ends the process: so much of a processor's time, or so long in all, as on a
+/// slow disk or network.
+constexpr unsigned LONGEST_CPU_SECONDS = 30;
 constexpr unsigned LONGEST_WORK_SECONDS = 120;
 
 /// What a maker needs of the process that starts it. All of it outlives the maker.

@@ -60,7 +60,7 @@ std::string top_page(const Tree &tree)
     std::vector<FolderEntry> entries;
     for (const Root &root : tree.roots())
         entries.push_back({root.name, root.is_folder(), 0, 0});
-    return page("Films", {}, "", rows_of(entries, ""));
+    return listing_page("Films", {}, entries, "");
 }
 
 std::string folder_page(const Tree &tree, size_t root, const std::string &path,
@@ -70,7 +70,13 @@ std::string folder_page(const Tree &tree, size_t root, const std::string &path,
     std::string note;
     if (entries.empty()) note = "There are no films in this folder.";
     if (f_more) note = fmt::format("There are more; these are the first {}.", entries.size());
-    return page(names.empty() ? title_of(tree) : names.back(), names, "", rows_of(entries, note));
+    return listing_page(names.empty() ? title_of(tree) : names.back(), names, entries, note);
+}
+
+std::string listing_page(const std::string &title, const Names &names,
+                         const std::vector<FolderEntry> &entries, const std::string &note)
+{
+    return page(title, names, "", rows_of(entries, note));
 }
 
 std::string film_page(const PageParts &parts, const Names &names)
@@ -98,6 +104,7 @@ std::string details_json(const Film &film, uint64_t size)
     json["width"] = or_null(film.width);
     json["height"] = or_null(film.height);
     json["segments"] = film.segments.size();
+    json["independent"] = film.f_independent;
     json["peak_bits_per_second"] = or_null(film.peak_bits);
     json["average_bits_per_second"] = or_null(film.average_bits);
     return json_text(json) + "\n";

@@ -24,6 +24,9 @@ PageParts load_page_parts(const std::string &file);
 std::string top_page(const Tree &tree);
 std::string folder_page(const Tree &tree, size_t root, const std::string &path,
                         const std::vector<FolderEntry> &entries, bool f_more);
+/// Of what is below an address. title: of the page. note: after the entries; may be empty.
+std::string listing_page(const std::string &title, const std::vector<std::string> &names,
+                         const std::vector<FolderEntry> &entries, const std::string &note);
 /// names: the film's address.
 std::string film_page(const PageParts &parts, const std::vector<std::string> &names);
 /// What the script shows of a film.

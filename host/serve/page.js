@@ -96,9 +96,10 @@ function showFilm(video) {
         player.attachMedia(video);
     }
 
-    function play() {
+    // Chromium's own player finds no picture after a seek into a segment without an IDR picture.
+    function play(isIndependent) {
         const hasScript = typeof Hls !== 'undefined' && Hls.isSupported();
-        const wantsScript = new URLSearchParams(location.search).get('player') === 'hls.js';
+        const wantsScript = !isIndependent || new URLSearchParams(location.search).get('player') === 'hls.js';
         if (video.canPlayType(KIND) && !(wantsScript && hasScript)) {
             video.addEventListener('error', () => {
                 if (hasScript && !video.golt) playByScript();
@@ -121,7 +122,7 @@ function showFilm(video) {
             return;
         }
         video.classList.toggle('audio', film.width === null);
-        play();
+        play(film.independent);
     }).catch((error) => say(error.message));
 }
 

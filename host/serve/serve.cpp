@@ -5,6 +5,7 @@
 #include <csignal>
 #include <ctime>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -14,7 +15,6 @@
 
 #include "confine.h"
 #include "http_library.h"
-#include "io/curl_library.h"
 #include "io/interrupt.h"
 #include "io/text.h"
 #include "listener.h"
@@ -22,6 +22,10 @@
 #include "page.h"
 #include "server.h"
 #include "work_list.h"
+
+#if GOLT_HAS_CURL
+#include "io/curl_library.h"
+#endif
 
 namespace {
 
@@ -32,10 +36,16 @@ constexpr uint64_t OTHER_DESCRIPTORS = 64;
 // Before a process is started again that has died at once; doubles each time.
 constexpr int64_t FIRST_PAUSE_MS = 100;
 constexpr int64_t LONGEST_PAUSE_MS = 10000;
-// A process that has lived so long starts anew with the first pause.
-constexpr int64_t SOUND_MS = 30000;
+// A process that has lived so long, or has died at work, starts anew with the first pause.
+constexpr int64_t SOUND_MS = 1000;
 // At the end, before the rest is killed.
 constexpr int64_t PATIENCE_MS = 5000;
+
+// Of a processor's time, for a job. Most take milliseconds; who kills a maker from outside hits one by chance.
+// Without memory for it the system kills one that has taken much, which takes time.
+constexpr uint64_t LONG_JOB_US = 500000;
+// The table of them is searched at each new one.
+constexpr uint64_t MOST_CONNECTIONS = 1000000;
 
 constexpr unsigned STATUS_FAILED = 500;
 
@@ -57,9 +67,11 @@ private:
     void announce() const;
     void start(size_t slot);
     [[noreturn]] void become(size_t slot);
+    void wait();
+    void relay();
     void bury();
-    void note_death(size_t slot, int status);
-    void report_lost_job(const Slot &slot);
+    void note_death(size_t slot, int status, const rusage &used);
+    void report_lost_job(const Slot &slot, unsigned failures);
     int64_t ms_to_wait() const;
     void end();
     bool is_any_left(Role role) const;
@@ -73,12 +85,14 @@ private:
     Shared m_shared;
     Channel m_jobs;
     std::vector<Channel> m_replies;
+    Descriptor m_said, m_to_say;  // what the others write to the standard error
     std::vector<Post> m_posts;  // servers first
     sigset_t m_waiting = {};
     const int64_t m_start = time(nullptr);
 };
 
 unsigned count_workers(uint64_t wanted);
+unsigned failures_of(const Slot &slot, int status, const rusage &used);
 int64_t now_ms();
 void raise_descriptor_limit(uint64_t connections);
 extern "C" void wake_up(int) {}
@@ -87,6 +101,8 @@ extern "C" void wake_up(int) {}
 
 ExitStatus serve(const ServeOptions &options)
 {
+    if (options.connections > MOST_CONNECTIONS)
+        throw BadUsage(fmt::format("--connections: at most {}", MOST_CONNECTIONS));
     Parent(options).run();
     return EXIT_DONE;
 }
@@ -99,7 +115,7 @@ Parent::Parent(const ServeOptions &options)
     , m_parts(load_page_parts(options.hls_js))
     , m_listener(open_listener(options.address, options.port))
     , m_servers(count_workers(options.workers))
-    , m_shared(options.cache_size)
+    , m_shared(options.cache_size, options.connections)
     , m_replies(m_servers)
 {
     // Loaded here, the libraries are in the memory of all processes once.
@@ -111,6 +127,10 @@ Parent::Parent(const ServeOptions &options)
 #endif
     const std::string lacking = prepare_confinement();
     if (!lacking.empty()) say("golt: " + lacking);
+    int ends[2];
+    if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) throw NotDone("a pipe", error_text(errno));
+    m_said = Descriptor(ends[0]);
+    m_to_say = Descriptor(ends[1]);
     raise_descriptor_limit(options.connections);
     m_posts.resize(m_servers, Post{Role::SERVER});
     m_posts.resize(2 * m_servers + 1, Post{Role::MAKER});
@@ -132,10 +152,8 @@ void Parent::run()
         start(slot);
     announce();
     while (stop_signal() == 0) {
-        const int64_t ms = ms_to_wait();
-        const timespec limit = {static_cast<time_t>(ms / 1000),
-                                static_cast<long>(ms % 1000) * 1000000};
-        ppoll(nullptr, 0, ms < 0 ? nullptr : &limit, &m_waiting);
+        wait();
+        relay();
         bury();
         for (size_t slot = 0; slot < m_posts.size() && stop_signal() == 0; ++slot) {
             if (m_posts[slot].pid == 0 && now_ms() >= m_posts[slot].not_before_ms) start(slot);
@@ -178,6 +196,8 @@ void Parent::become(size_t slot)
     const pid_t parent = getppid();
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(EXIT_NOT_DONE);
+    // They may write to no file, not even to the one that the messages go to.
+    dup2(m_to_say.get(), STDERR_FILENO);
     // A terminal sends them to all; the parent says when it is time.
     std::signal(SIGINT, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
@@ -198,12 +218,15 @@ void Parent::become(size_t slot)
                                            m_posts.size() - m_servers,
                                            m_listener.get(),
                                            static_cast<unsigned>(share),
-                                           static_cast<unsigned>(m_options.from_one_address),
+                                           m_options.from_one_address,
+                                           m_options.idle_seconds,
                                            m_start};
             confine(role, m_tree, f_network);
             run_server(setting, m_waiting);
         } else {
             std::signal(SIGTERM, SIG_DFL);
+            std::signal(SIGALRM, SIG_DFL);
+            std::signal(SIGPROF, SIG_DFL);
             sigprocmask(SIG_SETMASK, &m_waiting, nullptr);
             const MakerSetting setting = {slot,   m_tree,    m_shared,
                                           m_jobs, m_replies, m_options.http};
@@ -217,29 +240,52 @@ void Parent::become(size_t slot)
     _exit(EXIT_DONE);
 }
 
+// Until a process has to be started, has died, or says something.
+void Parent::wait()
+{
+    const int64_t ms = ms_to_wait();
+    const timespec limit = {static_cast<time_t>(ms / 1000),
+                            static_cast<long>(ms % 1000) * 1000000};
+    pollfd said = {m_said.get(), POLLIN, 0};
+    ppoll(&said, 1, ms < 0 ? nullptr : &limit, &m_waiting);
+}
+
+// As much as there is, but no more than a pipe holds: others wait.
+void Parent::relay()
+{
+    constexpr int MOST_PIECES = 16;
+    char piece[4096];
+    for (int i = 0; i < MOST_PIECES; ++i) {
+        const ssize_t size = read(m_said.get(), piece, sizeof piece);
+        if (size <= 0 || write_all(STDERR_FILENO, piece, static_cast<size_t>(size)) != 0) return;
+    }
+}
+
 // Notes all that have died.
 void Parent::bury()
 {
     int status = 0;
-    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+    rusage used = {};
+    for (pid_t pid; (pid = wait4(-1, &status, WNOHANG, &used)) > 0;) {
         const auto post = std::find_if(m_posts.begin(), m_posts.end(),
                                        [&](const Post &candidate) { return candidate.pid == pid; });
-        if (post != m_posts.end()) note_death(static_cast<size_t>(post - m_posts.begin()), status);
+        if (post != m_posts.end())
+            note_death(static_cast<size_t>(post - m_posts.begin()), status, used);
     }
 }
 
-void Parent::note_death(size_t slot, int status)
+void Parent::note_death(size_t slot, int status, const rusage &used)
 {
     Post &post = m_posts[slot];
+    const Slot last = m_shared.slot(slot);
     const int64_t now = now_ms();
-    post.pause_ms = now - post.started_ms >= SOUND_MS
+    post.pause_ms = last.f_working || now - post.started_ms >= SOUND_MS
                         ? FIRST_PAUSE_MS
                         : std::min(2 * post.pause_ms, LONGEST_PAUSE_MS);
     post.not_before_ms = now + post.pause_ms;
     post.pid = 0;
-    const Slot last = m_shared.slot(slot);
-    m_shared.update(slot, [](Slot &state) { state = Slot(); });
-    if (last.f_working) report_lost_job(last);
+    m_shared.clear(slot);
+    if (last.f_working) report_lost_job(last, failures_of(last, status, used));
     if (stop_signal() != 0) return;
     m_shared.count([](Counters &counters) { ++counters.deaths; });
     say(fmt::format("golt: a {} ended by {} {}; it is replaced",
@@ -248,13 +294,14 @@ void Parent::note_death(size_t slot, int status)
                     WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status)));
 }
 
-// Whoever waits for what the maker was doing hears of it, and the file is noted.
-void Parent::report_lost_job(const Slot &slot)
+// The server hears of what the maker was doing, and the file is noted.
+void Parent::report_lost_job(const Slot &slot, unsigned failures)
 {
-    m_shared.suspect(slot.subject);
-    if (slot.server < m_replies.size())
-        send_reply(m_replies[slot.server],
-                   {slot.job, STATUS_FAILED, 0, "the process that read the file has ended"});
+    if (failures > 0) m_shared.suspect(slot.subject, failures);
+    if (slot.server >= m_replies.size()) return;
+    const bool f_again = failures < Shared::MOST_FAILURES;
+    send_reply(m_replies[slot.server],
+               {slot.job, f_again ? Reply::LOST : STATUS_FAILED, 0, "reading the file takes too long"});
 }
 
 // Until the next process is due; negative: there is none.
@@ -280,6 +327,7 @@ void Parent::end()
         while (is_any_left(role) && now_ms() < last_ms) {
             const timespec limit = {0, 50 * 1000000};
             ppoll(nullptr, 0, &limit, &m_waiting);
+            relay();
             bury();
         }
     }
@@ -305,6 +353,26 @@ unsigned count_workers(uint64_t wanted)
     const uint64_t count =
         wanted != 0 ? wanted : static_cast<uint64_t>(std::max<long>(processors, 1));
     return static_cast<unsigned>(std::min<uint64_t>(count, MOST_WORKERS));
+}
+
+// What the death of a maker counts for against the file that it had in hand.
+unsigned failures_of(const Slot &slot, int status, const rusage &used)
+{
+    if (!WIFSIGNALED(status)) return 1;
+    const auto us_of = [](const timeval &time) {
+        return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
+    };
+    switch (WTERMSIG(status)) {
+    // Its time was over.
+    case SIGPROF:
+    case SIGALRM: return Shared::MOST_FAILURES;
+    case SIGHUP:
+    case SIGINT:
+    case SIGKILL:
+    case SIGTERM:
+        return us_of(used.ru_utime) + us_of(used.ru_stime) >= slot.cpu_us + LONG_JOB_US ? 1 : 0;
+    default: return 1;
+    }
 }
 
 int64_t now_ms()

@@ -23,6 +23,7 @@ struct ServeOptions {
     uint64_t workers = 0;         ///< 0: as many as processors
     uint64_t connections = 1024;  ///< in all
     uint64_t from_one_address = 128;
+    uint32_t idle_seconds = 30;  ///< see ServerSetting
     std::string hls_js;  ///< a file; empty: an installed one, if there is any
     HttpOptions http;    ///< for URLs
 };

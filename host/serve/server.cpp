@@ -1,9 +1,12 @@
 #include "server.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <list>
+#include <optional>
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -16,8 +19,6 @@ namespace {
 
 // For all that a request says before its body. Larger ones are refused.
 constexpr size_t HEAD_SIZE = 16 * 1024;
-// A client that takes nothing at all for so long is dropped.
-constexpr unsigned SILENT_SECONDS = 30;
 // When most of the connections are taken, the idle ones have to go sooner.
 constexpr int64_t IDLE_SECONDS_WHEN_FULL = 5;
 // Answers under way at the end get so long.
@@ -37,6 +38,7 @@ private:
     static MHD_Result on_request(void *server, MHD_Connection *connection, const char *address,
                                  const char *method, const char *version, const char *upload,
                                  size_t *upload_size, void **exchange);
+    static MHD_Result on_client(void *server, const sockaddr *address, socklen_t size);
     static void *on_address(void *server, const char *address, MHD_Connection *connection);
     static void on_end(void *server, MHD_Connection *connection, void **exchange,
                        MHD_RequestTerminationCode how);
@@ -55,7 +57,11 @@ private:
     MHD_Daemon *m_daemon;
     int64_t m_looked = 0;
     bool m_f_closed = false;  // a connection
+    // Of the client that has been let in last, until its connection begins.
+    std::optional<size_t> m_place;
 };
+
+ClientAddress client_address(const sockaddr *address);
 
 }  // namespace
 
@@ -68,14 +74,14 @@ void run_server(const ServerSetting &setting, const sigset_t &waiting)
 namespace {
 
 Server::Server(const ServerSetting &setting)
-    : m_context{setting, HttpLibrary::get(), WorkList(setting.jobs, setting.slot, setting.makers)}
+    : m_context{setting, HttpLibrary::get(),
+                WorkList(setting.jobs, setting.shared, setting.slot, setting.makers)}
 {
     m_daemon = m_context.http.start_daemon(
-        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, on_request, this,
+        MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, on_client, this, on_request, this,
         MHD_OPTION_LISTEN_SOCKET, setting.listener, MHD_OPTION_CONNECTION_LIMIT,
-        setting.connections, MHD_OPTION_PER_IP_CONNECTION_LIMIT, setting.from_one_address,
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE, MHD_OPTION_CONNECTION_TIMEOUT,
-        SILENT_SECONDS, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
+        setting.connections, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE,
+        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
         this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded, this, MHD_OPTION_NOTIFY_COMPLETED,
         on_end, this, MHD_OPTION_NOTIFY_CONNECTION, on_connection, this, MHD_OPTION_END);
     if (m_daemon == nullptr) throw NotDone("the server", error_text(errno));
@@ -135,7 +141,8 @@ void Server::look_after(int64_t now)
 {
     m_looked = now;
     const bool f_full = m_peers.size() > m_context.setting.connections / 4 * 3;
-    const int64_t early = f_full ? IDLE_SECONDS - IDLE_SECONDS_WHEN_FULL : 0;
+    const int64_t usual = m_context.setting.request_seconds();
+    const int64_t early = f_full ? usual - std::min(usual, IDLE_SECONDS_WHEN_FULL) : 0;
     for (const Peer &peer : m_peers) {
         if (!peer.f_waiting && now > peer.deadline - early) drop(peer);
     }
@@ -166,12 +173,26 @@ void Server::on_connection(void *server, MHD_Connection *connection, void **peer
 {
     auto &self = *static_cast<Server *>(server);
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
-        self.m_peers.push_front({connection, steady_seconds() + IDLE_SECONDS});
+        const int64_t deadline = steady_seconds() + self.m_context.setting.request_seconds();
+        self.m_peers.push_front({connection, deadline, self.m_place.value()});
+        self.m_place.reset();
         *peer = &self.m_peers.front();
         return;
     }
     self.m_f_closed = true;
+    self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
     self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
+}
+
+// Whether the client is let in. Of one that is, the connection begins next, unless memory is short.
+MHD_Result Server::on_client(void *server, const sockaddr *address, socklen_t /*size*/)
+{
+    auto &self = *static_cast<Server *>(server);
+    const ServerSetting &setting = self.m_context.setting;
+    if (self.m_place) setting.shared.leave(*self.m_place);
+    self.m_place =
+        setting.shared.enter(setting.slot, client_address(address), setting.from_one_address);
+    return self.m_place ? MHD_YES : MHD_NO;
 }
 
 void *Server::on_address(void *server, const char *address, MHD_Connection *connection)
@@ -193,13 +214,27 @@ void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
 {
     delete static_cast<Exchange *>(*exchange);
     *exchange = nullptr;
-    static_cast<Server *>(server)->peer_of(connection).deadline = steady_seconds() + IDLE_SECONDS;
+    auto &self = *static_cast<Server *>(server);
+    self.peer_of(connection).deadline =
+        steady_seconds() + self.m_context.setting.request_seconds();
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.
 size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/, char *text)
 {
     return strlen(text);
+}
+
+ClientAddress client_address(const sockaddr *address)
+{
+    ClientAddress bytes = {};
+    if (address->sa_family == AF_INET6)
+        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr,
+               sizeof(in6_addr));
+    else if (address->sa_family == AF_INET)
+        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in *>(address)->sin_addr,
+               sizeof(in_addr));
+    return bytes;
 }
 
 }  // namespace

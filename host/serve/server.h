@@ -22,8 +22,12 @@ struct ServerSetting {
     const Channel &replies;
     size_t makers;  ///< their number
     int listener;
-    unsigned connections;  ///< of this server
-    unsigned from_one_address;
+    unsigned connections;       ///< of this server
+    uint64_t from_one_address;  ///< of all servers
+    /// A connection on which nothing moves for so long is closed. A request has to be whole within twice that, from
+    /// the end of the answer before it on.
+    unsigned idle_seconds;
+    int64_t request_seconds() const { return int64_t{2} * idle_seconds; }
     int64_t start;  ///< of all, seconds since 1970
 };
 

@@ -12,9 +12,10 @@
 
 namespace {
 
-// A file is tried so often within the time, and then not until the time is over.
-constexpr unsigned MOST_FAILURES = 3;
+// After its last failure; those before count as long.
 constexpr int64_t FAILURE_SECONDS = 60;
+// Most jobs take milliseconds.
+constexpr int64_t SLOW_SECONDS = 1;
 
 constexpr size_t MOST_ENTRIES = 4096;
 constexpr size_t MOST_SUSPECTS = 256;
@@ -24,10 +25,8 @@ constexpr size_t PIECE_SIZE = 256 * 1024;
 struct Suspect {
     uint64_t subject;
     unsigned failures;
-    int64_t since;  // seconds
+    int64_t last;  // of steady_seconds()
 };
-
-int64_t seconds_now();
 
 }  // namespace
 
@@ -40,9 +39,17 @@ struct Shared::Entry {
     uint64_t size;
 };
 
+// One that a server has accepted. What a server leaves that dies is cleared with its slot.
+struct Shared::Connection {
+    uint32_t owner;  // its slot and 1; 0: the place is free
+    ClientAddress address;
+};
+
 struct Shared::Region {
     pthread_mutex_t mutex;
     uint64_t budget;
+    uint64_t connections;  // places for them
+    int64_t without_makers;  // since; 0: there are some
     uint64_t end;  // of the line
     uint64_t entry_count;
     Entry entries[MOST_ENTRIES];  // the newest at entry_count - 1, modulo their number
@@ -51,16 +58,21 @@ struct Shared::Region {
     Suspect suspects[MOST_SUSPECTS];
 };
 
-Shared::Shared(uint64_t budget)
+Shared::Shared(uint64_t budget, uint64_t connections)
 {
-    const size_t size = sizeof(Region) + static_cast<size_t>(budget);
-    void *const memory = size < budget ? MAP_FAILED
-                                       : mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    constexpr uint64_t MOST = SIZE_MAX / 4;
+    const uint64_t size = sizeof(Region) + connections * sizeof(Connection) + budget;
+    void *const memory = budget > MOST || connections > MOST / sizeof(Connection)
+                             ? MAP_FAILED
+                             : mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE,
+                                    MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) throw NotDone("the cache", error_text(ENOMEM));
     m_region = new (memory) Region();
-    m_bytes = static_cast<uint8_t *>(memory) + sizeof(Region);
+    m_connections = reinterpret_cast<Connection *>(m_region + 1);
+    m_bytes = reinterpret_cast<uint8_t *>(m_connections + connections);
     m_region->budget = budget;
+    m_region->connections = connections;
+    m_region->without_makers = steady_seconds();
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
@@ -133,28 +145,102 @@ Slot Shared::slot(size_t slot) const
     return m_region->slots[slot];
 }
 
-void Shared::suspect(uint64_t subject)
+void Shared::clear(size_t slot)
+{
+    const Lock lock(*this);
+    m_region->slots[slot] = {};
+    for (size_t i = 0; i < m_region->connections; ++i) {
+        if (m_connections[i].owner == slot + 1) m_connections[i].owner = 0;
+    }
+    const bool f_maker = std::any_of(std::begin(m_region->slots), std::end(m_region->slots),
+                                     [](const Slot &other) { return other.f_ready; });
+    if (!f_maker && m_region->without_makers == 0) m_region->without_makers = steady_seconds();
+}
+
+void Shared::note_ready(size_t slot)
+{
+    const Lock lock(*this);
+    m_region->slots[slot].f_ready = true;
+    m_region->without_makers = 0;
+}
+
+std::optional<int64_t> Shared::without_makers_since() const
+{
+    const Lock lock(*this);
+    if (m_region->without_makers == 0) return {};
+    return m_region->without_makers;
+}
+
+bool Shared::is_slow(uint64_t subject) const
+{
+    const Lock lock(*this);
+    const int64_t now = steady_seconds();
+    return std::any_of(std::begin(m_region->slots), std::end(m_region->slots),
+                       [&](const Slot &slot) {
+                           return slot.f_working && slot.subject == subject &&
+                                  now - slot.since > SLOW_SECONDS;
+                       });
+}
+
+std::set<uint64_t> Shared::jobs_in_hand(size_t server) const
+{
+    std::set<uint64_t> jobs;
+    const Lock lock(*this);
+    for (const Slot &slot : m_region->slots) {
+        if (slot.f_working && slot.server == server) jobs.insert(slot.job);
+    }
+    return jobs;
+}
+
+std::optional<size_t> Shared::enter(size_t slot, const ClientAddress &address, uint64_t most)
+{
+    const Lock lock(*this);
+    uint64_t count = 0;
+    std::optional<size_t> place;
+    for (size_t i = 0; i < m_region->connections; ++i) {
+        const Connection &connection = m_connections[i];
+        if (connection.owner == 0)
+            place = i;
+        else if (connection.address == address)
+            ++count;
+    }
+    if (!place || count >= most) {
+        ++m_region->counters.refused;
+        return {};
+    }
+    m_connections[*place] = {static_cast<uint32_t>(slot + 1), address};
+    return place;
+}
+
+void Shared::leave(size_t place)
+{
+    const Lock lock(*this);
+    m_connections[place].owner = 0;
+}
+
+void Shared::suspect(uint64_t subject, unsigned failures)
 {
     const Lock lock(*this);
     Suspect *place = &m_region->suspects[0];
     for (Suspect &suspect : m_region->suspects) {
         if (suspect.subject == subject) place = &suspect;
-        if (place->subject != subject && suspect.since < place->since) place = &suspect;
+        if (place->subject != subject && suspect.last < place->last) place = &suspect;
     }
-    const int64_t now = seconds_now();
-    if (place->subject != subject || now - place->since >= FAILURE_SECONDS)
+    const int64_t now = steady_seconds();
+    if (place->subject != subject || now - place->last >= FAILURE_SECONDS)
         *place = {subject, 0, now};
-    ++place->failures;
+    place->failures += failures;
+    place->last = now;
 }
 
 bool Shared::is_suspect(uint64_t subject) const
 {
     const Lock lock(*this);
-    const int64_t now = seconds_now();
+    const int64_t now = steady_seconds();
     return std::any_of(std::begin(m_region->suspects), std::end(m_region->suspects),
                        [&](const Suspect &suspect) {
                            return suspect.subject == subject && suspect.failures >= MOST_FAILURES &&
-                                  now - suspect.since < FAILURE_SECONDS;
+                                  now - suspect.last < FAILURE_SECONDS;
                        });
 }
 
@@ -225,13 +311,9 @@ void Shared::copy_in(uint64_t at, const uint8_t *from, size_t size)
     memcpy(m_bytes, from + first, size - first);
 }
 
-namespace {
-
-int64_t seconds_now()
+int64_t steady_seconds()
 {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec;
 }
-
-}  // namespace

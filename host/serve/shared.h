@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 
 #include <sys/types.h>
@@ -28,6 +29,7 @@ struct Counters {
     std::array<uint64_t, LIMITS_MS.size() + 1> segment_times;
     uint64_t surveys;
     uint64_t dropped;  ///< connections that were idle or slow
+    uint64_t refused;  ///< connections, since their address had too many
     uint64_t deaths;   ///< processes that had to be replaced
 };
 
@@ -39,18 +41,27 @@ struct Slot {
     Role role;
     uint64_t memory;       ///< bytes that are its own
     uint64_t connections;  ///< open
+    bool f_ready;          ///< a maker, for jobs
     bool f_working;        ///< a maker, on the job below
     uint32_t server;       ///< the slot that wants it
     uint64_t job;
     uint64_t subject;  ///< a hash of the file
+    int64_t since;     ///< of steady_seconds()
+    uint64_t cpu_us;   ///< that the process had used before
 };
+
+/// The address of a client: of IPv6, or of IPv4 in its first bytes.
+using ClientAddress = std::array<uint8_t, 16>;
 
 class Shared {
 public:
     static constexpr size_t MOST_SLOTS = 130;
 
-    /// budget: bytes of the cache. Throws NotDone.
-    explicit Shared(uint64_t budget);
+    /// A file that has failed so often of late is left alone for a while.
+    static constexpr unsigned MOST_FAILURES = 3;
+
+    /// budget: bytes of the cache; connections: at most, of all servers. Throws NotDone.
+    Shared(uint64_t budget, uint64_t connections);
 
     uint64_t budget() const;
 
@@ -77,15 +88,32 @@ public:
         change(slot_within(slot));
     }
     Slot slot(size_t slot) const;
+    /// Of the process in the slot nothing is left but this.
+    void clear(size_t slot);
 
-    /// A process died of the file, or couldn't end its work in time.
-    void suspect(uint64_t subject);
+    /// A maker is ready for jobs.
+    void note_ready(size_t slot);
+    /// Since when there has been none, of steady_seconds().
+    std::optional<int64_t> without_makers_since() const;
+    /// Whether a maker has had the file in hand for more than a moment.
+    bool is_slow(uint64_t subject) const;
+    /// The server's jobs that makers have in hand.
+    std::set<uint64_t> jobs_in_hand(size_t server) const;
+
+    /// A connection of the server in the slot; its place among all. Nothing when there are most from the
+    /// address already.
+    std::optional<size_t> enter(size_t slot, const ClientAddress &address, uint64_t most);
+    void leave(size_t place);
+
+    /// A process died of the file, or couldn't end its work in time. failures: what that counts for.
+    void suspect(uint64_t subject, unsigned failures);
     /// Whether that has happened too often of late.
     bool is_suspect(uint64_t subject) const;
 
 private:
     struct Region;
     struct Entry;
+    struct Connection;
     class Lock {
     public:
         explicit Lock(const Shared &shared);
@@ -105,10 +133,14 @@ private:
     void copy_in(uint64_t at, const uint8_t *from, size_t size);
 
     Region *m_region;
+    Connection *m_connections;
     uint8_t *m_bytes;
 };
 
 /// FNV-1a
 uint64_t hash_of(const std::string &text);
+
+/// Of a clock that is never set, in seconds.
+int64_t steady_seconds();
 
 #endif

@@ -42,6 +42,7 @@ std::string status_json(const Shared &shared, int64_t start)
     json["uptime_s"] = time(nullptr) - start;
     json["connections"] = processes.connections;
     json["connections_dropped"] = counters.dropped;
+    json["connections_refused"] = counters.refused;
     json["sent_bytes"] = counters.bytes;
     for (size_t i = 1; i < counters.answers.size(); ++i)
         json["answers"][fmt::format("{}xx", i)] = counters.answers[i];
@@ -94,6 +95,8 @@ std::string status_metrics(const Shared &shared, int64_t start)
     add("connections", "gauge", "Open connections.", processes.connections);
     add("connections_dropped_total", "counter", "Connections that were idle or slow.",
         counters.dropped);
+    add("connections_refused_total", "counter",
+        "Connections from addresses that had too many.", counters.refused);
     add("memory_bytes", "gauge", "Memory of servers and makers beside the cache.",
         processes.memory);
     add("deaths_total", "counter", "Processes that had to be replaced.", counters.deaths);

@@ -15,6 +15,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "address.h"
 #include "io/message.h"
 #include "io/text.h"
 
@@ -69,13 +70,9 @@ std::optional<Place> Tree::find(const std::vector<std::string> &names) const
         place.kind = Place::URL;
         return place;
     }
-    for (; used < names.size(); ++used) {
-        if (names[used][0] == '.') return {};
-        if (!place.path.empty()) place.path += '/';
-        place.path += names[used];
-    }
-    if (!root.file.empty()) place.path = root.file;
-    if (place.path.empty()) place.path = ".";
+    const auto path = path_below(names, used);
+    if (!path) return {};
+    place.path = root.file.empty() ? *path : root.file;
 
     const Descriptor file = open(place.root, place.path, O_PATH);
     if (!file.is_open() || fstat(file.get(), &place.status) != 0) return {};

@@ -1,7 +1,5 @@
 #include "work_list.h"
 
-#include <ctime>
-
 #include <unistd.h>
 
 #include "maker.h"
@@ -10,15 +8,23 @@ namespace {
 
 // More requests are sent away.
 constexpr size_t MOST_PENDING = 512;
-// A maker ends before; then its reply has been lost.
-constexpr int64_t PATIENCE_SECONDS = 2 * LONGEST_WORK_SECONDS;
+// A job that no maker has taken by then is given up; sooner, where there are no makers.
+constexpr int64_t BEGIN_SECONDS = 20;
+constexpr int64_t BEGIN_SECONDS_WITHOUT_MAKERS = 3;
+// A maker ends before.
+constexpr int64_t PATIENCE_SECONDS = BEGIN_SECONDS + LONGEST_WORK_SECONDS + 10;
+// One that has lost so many makers isn't given to more.
+constexpr unsigned MOST_TIMES_SENT = 8;
+// At two looks in a row: no maker just between taking it and saying so.
+constexpr unsigned TIMES_MISSED_WHEN_LOST = 2;
 
 constexpr unsigned STATUS_UNAVAILABLE = 503;
 
 }  // namespace
 
-WorkList::WorkList(const Channel &jobs, size_t slot, size_t makers)
+WorkList::WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers)
     : m_jobs(jobs)
+    , m_shared(shared)
     , m_most_busy(makers)
     , m_slot(static_cast<uint32_t>(slot))
     // Replies to the process that was here before mean nothing.
@@ -38,7 +44,7 @@ bool WorkList::add(Job &job, Waiter &waiter)
     }
     if (m_pending.size() >= MOST_PENDING) return false;
     m_by_key[job.key()] = job.id;
-    send(m_pending[job.id] = {job, steady_seconds(), false, {&waiter}});
+    send(m_pending[job.id] = {job, steady_seconds(), {&waiter}});
     return true;
 }
 
@@ -46,23 +52,67 @@ void WorkList::take(const Reply &reply)
 {
     const auto found = m_pending.find(reply.id);
     if (found == m_pending.end()) return;
+    take_back(found->second);
+    if (reply.status == Reply::LOST && found->second.times_sent < MOST_TIMES_SENT) {
+        send(found->second);
+        return;
+    }
     const Pending pending = std::move(found->second);
     m_by_key.erase(pending.job.key());
-    if (pending.f_sent) m_busy.erase(pending.job.subject());
     m_pending.erase(found);
+    if (reply.status == Reply::LOST) {
+        const Reply last = {reply.id, STATUS_UNAVAILABLE, 0,
+                            "the processes that worked on it have ended"};
+        for (Waiter *waiter : pending.waiters)
+            waiter->on_reply(last);
+        return;
+    }
     for (Waiter *waiter : pending.waiters)
         waiter->on_reply(reply);
 }
 
 void WorkList::look_after(int64_t now)
 {
-    std::vector<uint64_t> late;
-    for (auto &[id, pending] : m_pending) {
+    const bool f_look = now != m_looked;
+    m_looked = now;
+    if (f_look && !m_pending.empty()) {
+        const std::set<uint64_t> in_hand = m_shared.jobs_in_hand(m_slot);
+        // Before the sockets are looked at nothing can be said to be missing.
+        if (has_no_job(m_jobs)) find_lost(in_hand);
+        reply_to_late(in_hand, now);
+    }
+    if (!f_look && !m_f_room) return;
+    m_f_room = false;
+    for (auto &[id, pending] : m_pending)
         send(pending);
-        if (now - pending.since > PATIENCE_SECONDS) late.push_back(id);
+}
+
+// Makers have taken all jobs, but these are in no maker's hands: it died before it could say so, or its
+// reply got lost.
+void WorkList::find_lost(const std::set<uint64_t> &in_hand)
+{
+    for (auto &[id, pending] : m_pending) {
+        if (!pending.f_sent || in_hand.count(id) != 0)
+            pending.times_missed = 0;
+        else if (++pending.times_missed >= TIMES_MISSED_WHEN_LOST)
+            take_back(pending);
+    }
+}
+
+void WorkList::reply_to_late(const std::set<uint64_t> &in_hand, int64_t now)
+{
+    const std::optional<int64_t> without = m_shared.without_makers_since();
+    const bool f_makers = !without || now - *without < BEGIN_SECONDS_WITHOUT_MAKERS;
+    std::vector<uint64_t> late;
+    for (const auto &[id, pending] : m_pending) {
+        const int64_t waited = now - pending.since;
+        const bool f_begun = in_hand.count(id) != 0;
+        if (waited > PATIENCE_SECONDS || (!f_begun && (!f_makers || waited > BEGIN_SECONDS)))
+            late.push_back(id);
     }
     for (const uint64_t id : late)
-        take({id, STATUS_UNAVAILABLE, 0, "it took too long"});
+        take({id, STATUS_UNAVAILABLE, 0,
+              f_makers ? "there is too much to do" : "no process that reads files can be started"});
 }
 
 void WorkList::give_up_all()
@@ -75,13 +125,19 @@ void WorkList::send(Pending &pending)
 {
     const uint64_t subject = pending.job.subject();
     if (pending.f_sent || m_busy.size() >= m_most_busy || m_busy.count(subject) != 0) return;
+    // Another server has a maker for it, and waits long already.
+    if (m_shared.is_slow(subject)) return;
     pending.f_sent = send_job(m_jobs, pending.job);
-    if (pending.f_sent) m_busy.insert(subject);
+    if (!pending.f_sent) return;
+    m_busy.insert(subject);
+    ++pending.times_sent;
+    pending.times_missed = 0;
 }
 
-int64_t steady_seconds()
+void WorkList::take_back(Pending &pending)
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
+    if (!pending.f_sent) return;
+    pending.f_sent = false;
+    m_busy.erase(pending.job.subject());
+    m_f_room = true;
 }

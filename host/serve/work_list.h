@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "job.h"
+#include "shared.h"
 
 /// Something that waits for a reply.
 class Waiter {
@@ -22,15 +23,15 @@ protected:
 
 class WorkList {
 public:
-    /// jobs: has to outlive the object. slot: of this server.
-    WorkList(const Channel &jobs, size_t slot, size_t makers);
+    /// jobs, shared: have to outlive the object. slot: of this server.
+    WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers);
 
     /// Has the job done. job: its id and server are filled in here. The waiter stays where it is until
     /// its reply comes, exactly once and never within this call. False when there is too much to do.
     bool add(Job &job, Waiter &waiter);
-    /// Passes the reply on.
+    /// Passes the reply on; what is lost is done again.
     void take(const Reply &reply);
-    /// Sends what found no room, and gives up what takes too long.
+    /// Sends what found no room. Each second also what has been lost; gives up what can't be begun.
     void look_after(int64_t now);
     /// Replies to all.
     void give_up_all();
@@ -40,13 +41,19 @@ private:
     struct Pending {
         Job job;
         int64_t since;
-        bool f_sent;
         std::vector<Waiter *> waiters;
+        bool f_sent = false;
+        unsigned times_sent = 0;
+        unsigned times_missed = 0;  // by those who look for it in the makers' hands
     };
 
     void send(Pending &pending);
+    void take_back(Pending &pending);
+    void find_lost(const std::set<uint64_t> &in_hand);
+    void reply_to_late(const std::set<uint64_t> &in_hand, int64_t now);
 
     const Channel &m_jobs;
+    const Shared &m_shared;
     // What is made too far ahead has left the cache before it could be sent.
     const size_t m_most_busy;
     const uint32_t m_slot;
@@ -55,9 +62,8 @@ private:
     std::map<std::string, uint64_t> m_by_key;
     // Files that a maker has in hand. One that is slow takes no more makers than there are servers.
     std::set<uint64_t> m_busy;
+    bool m_f_room = false;  // there may be some for what hasn't been sent
+    int64_t m_looked = 0;
 };
-
-/// Of a clock that is never set, in seconds.
-int64_t steady_seconds();
 
 #endif

@@ -214,6 +214,12 @@ std::string Pump::fault_of_records() const
                        counted(source.size(), "byte"));
 }
 
+void InputFile::read_details()
+{
+    SourceBytes bytes(*m_source);
+    ::read_details(bytes, m_outline);
+}
+
 namespace {
 
 Outline outline_of(Source &source)
@@ -254,9 +260,8 @@ Format choose_format(const InputOptions &options, Source &source, const Outline 
 
 std::string why_no_format(const uint8_t *head, size_t size)
 {
-    const char *const other = other_format_of_bytes(head, size);
-    if (other == nullptr) return "format not recognised; --format names it";
-    return fmt::format("{} isn't remuxed, only MP4, Matroska, MP3 and M2TS are", other);
+    const std::string other = why_other_format(head, size);
+    return other.empty() ? "format not recognised; --format names it" : other;
 }
 
 // Reads until the head is whole, or nothing more comes; leaves the source at its start.

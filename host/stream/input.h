@@ -43,6 +43,8 @@ public:
     /// Of the container UNKNOWN where the user says that the input is in another format.
     const Outline &outline() const { return m_outline; }
     const Selection &selection() const { return m_selection; }
+    /// Adds to the outline what only people ask about.
+    void read_details();
 
 private:
     std::unique_ptr<Source> m_source;

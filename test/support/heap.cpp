@@ -26,9 +26,9 @@ HeapWatch g_heap;
 
 namespace {
 
-// After each block of the library lie numbers that a reader past its end takes for something. The address sanitizer
-// sees such readers itself.
-#ifdef GOLT_POISONING
+// After each block of the library lie numbers that a reader past its end takes for something. Sanitizers see such
+// readers themselves.
+#if defined(GOLT_POISONING) || defined(GOLT_UNWRITTEN)
 constexpr size_t BEYOND = 0;
 #else
 constexpr size_t BEYOND = 16;

@@ -6,6 +6,7 @@
 #include "golt_mem.h"
 #include "libgolt.h"
 #include "source.h"
+#include "written.h"
 
 /// A sink that keeps what is written.
 class Sink : public PELA::AVMuxer::Listener {
@@ -15,6 +16,7 @@ public:
 
     int write(uint8_t *buffer, int size) override
     {
+        require_written(buffer, static_cast<size_t>(size));
         stream.insert(stream.end(), buffer, buffer + size);
         sizes.push_back(size);
         // As a sink may that encrypts in place: nothing later may be made of it.
@@ -61,9 +63,12 @@ template <typename Read> std::vector<Frame> read_frames(Read read, size_t most =
     while (frames.size() < most) {
         GOLT_frame_t frame = {};
         const bool ok = read(&frame);
-        if (ok)
+        if (ok) {
+            require_written(frame.ui8_timestamp);
+            require_written(frame.pb_data, frame.ui4_size);
             frames.push_back({frame.ui8_timestamp, frame.ui4_frametype,
                               Bytes(frame.pb_data, frame.pb_data + frame.ui4_size)});
+        }
         GOLT_freeMem(frame.pb_data);
         if (!ok) break;
     }

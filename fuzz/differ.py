@@ -1,0 +1,76 @@
+"""Random files through two builds of golt_judge, whose words have to be the same."""
+
+import random
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+RECIPE = 16                      # bytes in front of the file, in the inputs of the fuzz targets
+FORMATS = ["m2ts", "mp3", "mp4", "mkv"]
+BATCH = 100                      # files of a run
+LARGEST = 1 << 20                # bytes
+BUILD_TIME = b"built:"           # in the line of the library that differs
+
+
+class Differ:
+    def __init__(self, top, folder, found):
+        self.judges = [top / "build/release/bin/golt_judge", top / "build/asan/bin/golt_judge"]
+        self.folder, self.found = folder, found
+        self.random = random.Random()
+        self.pool = [(path, path.suffix[1:], 0) for path in (top / "samples").iterdir()
+                     if path.suffix[1:] in FORMATS]
+        for folder in (top / "build/fuzz/corpus", top / "fuzz/corpus"):
+            for target in FORMATS:
+                self.pool += [(path, target, RECIPE) for path in sorted((folder / target).glob("*"))]
+
+    def compare_for(self, seconds):
+        """Files that were compared, and those that differed."""
+        end = time.monotonic() + seconds
+        compared = findings = 0
+        while time.monotonic() < end:
+            files = [self.write_file(number) for number in range(BATCH)]
+            compared += len(files)
+            if self.differs(files):
+                findings += self.keep(files)
+        return compared, findings
+
+    def differs(self, files):
+        words = [subprocess.run(["nice", "-n", "19", judge, "tell", *files], capture_output=True) for judge in self.judges]
+        said = [[line for line in one.stdout.splitlines() if BUILD_TIME not in line] for one in words]
+        return said[0] != said[1] or any(one.returncode != 0 for one in words)
+
+    def keep(self, files):
+        """Keeps those that differ by themselves, or all of them. How many there are."""
+        guilty = [file for file in files if self.differs([file])]
+        for file in guilty or files:
+            shutil.copy(file, self.found / f"differs-{int(time.time())}-{file.name}")
+        return max(len(guilty), 1)
+
+    def write_file(self, number):
+        path, form, skipped = self.random.choice(self.pool)
+        file = bytearray(path.read_bytes()[skipped:][:LARGEST])
+        for _ in range(self.random.choice([0, 1, 1, 2, 4, 8])):
+            self.change(file)
+        written = self.folder / f"{number}.{form}"
+        written.write_bytes(file)
+        return written
+
+    def change(self, file):
+        """One change anywhere in the file."""
+        draw = self.random
+        at = draw.randrange(len(file) + 1)
+        size = draw.choice([1, 2, 4, 8, draw.randrange(1, 400)])
+        kind = draw.randrange(6)
+        if kind == 0:
+            file[at:at + size] = draw.randbytes(size)
+        elif kind == 1:
+            file[at:at + size] = bytes([draw.choice([0, 1, 0x7F, 0x80, 0xFF])]) * size
+        elif kind == 2:
+            del file[at:at + size]
+        elif kind == 3:
+            file[at:at] = file[draw.randrange(len(file) + 1):][:size]
+        elif kind == 4:
+            del file[at:]
+        elif at < len(file):
+            file[at] ^= 1 << draw.randrange(8)
