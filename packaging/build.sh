@@ -16,5 +16,5 @@ chmod -R u=rwX,go=rX "$tree"
 find "$tree" -exec touch --no-dereference --date="@$(dpkg-parsechangelog -S Timestamp)" {} +
 
 cd "$tree"
-dpkg-buildpackage --jobs --unsigned-source --unsigned-changes "$@"
+dpkg-buildpackage --jobs=auto --unsigned-source --unsigned-changes "$@"
 rm -rf "$tree"

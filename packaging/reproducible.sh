@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 chmod 755 "$work"
-home="$work/another, longer name"
+home="$work/another folder"
 
 mkdir "$work/locales" "$home"
 localedef -i tr_TR -f UTF-8 "$work/locales/tr_TR.UTF-8"
