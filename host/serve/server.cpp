@@ -148,10 +148,8 @@ void Server::look_after(int64_t now)
     for (const Peer &peer : m_peers) {
         if (!peer.f_waiting && now > peer.deadline - early) drop(peer);
     }
-    m_context.setting.shared.update(m_context.setting.slot, [&](Slot &slot) {
-        slot.connections = m_peers.size();
-        slot.memory = own_memory();
-    });
+    m_context.setting.shared.update(m_context.setting.slot,
+                                    [&](Slot &slot) { slot.memory = own_memory(); });
 }
 
 // MHD finds the connection closed.
@@ -179,11 +177,13 @@ void Server::on_connection(void *server, MHD_Connection *connection, void **peer
         self.m_peers.push_front({connection, deadline, self.m_place.value()});
         self.m_place.reset();
         *peer = &self.m_peers.front();
-        return;
+    } else {
+        self.m_f_closed = true;
+        self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
+        self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
     }
-    self.m_f_closed = true;
-    self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
-    self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
+    self.m_context.setting.shared.update(
+        self.m_context.setting.slot, [&](Slot &slot) { slot.connections = self.m_peers.size(); });
 }
 
 // Whether the client is let in. Of one that is, the connection begins next, unless memory is short.
@@ -212,12 +212,15 @@ MHD_Result Server::on_request(void * /*server*/, MHD_Connection * /*connection*/
 }
 
 void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
-                    MHD_RequestTerminationCode /*how*/)
+                    MHD_RequestTerminationCode how)
 {
     delete static_cast<Exchange *>(*exchange);
     *exchange = nullptr;
     auto &self = *static_cast<Server *>(server);
     self.peer_of(connection).deadline = steady_seconds() + self.m_context.setting.request_seconds();
+    // MHD closes it.
+    if (how == MHD_REQUEST_TERMINATED_TIMEOUT_REACHED)
+        self.m_context.setting.shared.count([](Counters &counters) { ++counters.dropped; });
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.
