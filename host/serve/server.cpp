@@ -13,6 +13,7 @@
 #include "exchange.h"
 #include "io/interrupt.h"
 #include "io/message.h"
+#include "listener.h"
 #include "maker.h"
 
 namespace {
@@ -81,9 +82,10 @@ Server::Server(const ServerSetting &setting)
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, on_client, this, on_request, this,
         MHD_OPTION_LISTEN_SOCKET, setting.listener, MHD_OPTION_CONNECTION_LIMIT,
         setting.connections, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE,
-        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
-        this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded, this, MHD_OPTION_NOTIFY_COMPLETED,
-        on_end, this, MHD_OPTION_NOTIFY_CONNECTION, on_connection, this, MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1,
+        MHD_OPTION_URI_LOG_CALLBACK, on_address, this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded,
+        this, MHD_OPTION_NOTIFY_COMPLETED, on_end, this, MHD_OPTION_NOTIFY_CONNECTION,
+        on_connection, this, MHD_OPTION_END);
     if (m_daemon == nullptr) throw NotDone("the server", error_text(errno));
 }
 
@@ -215,8 +217,7 @@ void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
     delete static_cast<Exchange *>(*exchange);
     *exchange = nullptr;
     auto &self = *static_cast<Server *>(server);
-    self.peer_of(connection).deadline =
-        steady_seconds() + self.m_context.setting.request_seconds();
+    self.peer_of(connection).deadline = steady_seconds() + self.m_context.setting.request_seconds();
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.
@@ -228,12 +229,13 @@ size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/,
 ClientAddress client_address(const sockaddr *address)
 {
     ClientAddress bytes = {};
-    if (address->sa_family == AF_INET6)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr,
-               sizeof(in6_addr));
-    else if (address->sa_family == AF_INET)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in *>(address)->sin_addr,
-               sizeof(in_addr));
+    if (address->sa_family == AF_INET6) {
+        const auto six = copy_of<sockaddr_in6>(address);
+        memcpy(bytes.data(), &six.sin6_addr, sizeof six.sin6_addr);
+    } else if (address->sa_family == AF_INET) {
+        const auto four = copy_of<sockaddr_in>(address);
+        memcpy(bytes.data(), &four.sin_addr, sizeof four.sin_addr);
+    }
     return bytes;
 }
 
