@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Debian in folders of their own, for scripts that source this. It takes root's rights.
 
 suite=bookworm

@@ -18,7 +18,7 @@ native=$(dpkg --print-architecture)
 foreign=
 [ "$what" = same ] || [ "$what" = "$native" ] || foreign=$what
 folder=build/deb${foreign:+-$foreign}
-compgen -G "$folder/golt_*.deb" >/dev/null || packaging/deb.sh $foreign
+compgen -G "$folder/golt_*.deb" >/dev/null || packaging/deb.sh ${foreign:+"$foreign"}
 [ "$what" != same ] || exec packaging/reproducible.sh "$folder"
 
 root=$(mktemp -d)

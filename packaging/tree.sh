@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The sources, for scripts that source this.
 
 # export_tree FOLDER: what git has and what isn't ignored, as it is now.

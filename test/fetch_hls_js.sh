@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # For ./dev, which sources this: its `say` tells what is wrong.
 
 # The script that plays HTTP Live Streaming in browsers that don't by themselves, from the npm registry.

@@ -32,7 +32,6 @@ Descriptor passed_listener();
 Descriptor bound_listener(const std::string &address, uint16_t port);
 Place find_place(const std::string &address, uint16_t port);
 std::string address_text(const sockaddr *address);
-template <typename Address> Address copy_of(const sockaddr *address);
 bool is_any(const sockaddr_storage &address);
 
 }  // namespace
@@ -164,14 +163,6 @@ std::string address_text(const sockaddr *address)
     }
     const auto four = copy_of<sockaddr_in>(address);
     return inet_ntop(AF_INET, &four.sin_addr, text, sizeof text);
-}
-
-// What a sockaddr points to is longer, and its type needn't be aligned for it.
-template <typename Address> Address copy_of(const sockaddr *address)
-{
-    Address copy;
-    std::memcpy(&copy, address, sizeof copy);
-    return copy;
 }
 
 bool is_any(const sockaddr_storage &address)

@@ -13,6 +13,7 @@
 #include "exchange.h"
 #include "io/interrupt.h"
 #include "io/message.h"
+#include "listener.h"
 #include "maker.h"
 
 namespace {
@@ -232,12 +233,13 @@ size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/,
 ClientAddress client_address(const sockaddr *address)
 {
     ClientAddress bytes = {};
-    if (address->sa_family == AF_INET6)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr,
-               sizeof(in6_addr));
-    else if (address->sa_family == AF_INET)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in *>(address)->sin_addr,
-               sizeof(in_addr));
+    if (address->sa_family == AF_INET6) {
+        const auto six = copy_of<sockaddr_in6>(address);
+        memcpy(bytes.data(), &six.sin6_addr, sizeof six.sin6_addr);
+    } else if (address->sa_family == AF_INET) {
+        const auto four = copy_of<sockaddr_in>(address);
+        memcpy(bytes.data(), &four.sin_addr, sizeof four.sin_addr);
+    }
     return bytes;
 }
 
