@@ -1,11 +1,15 @@
+# shellcheck shell=bash
 # Programs of other processors, for scripts that source this after chroot.sh.
 
 binfmt=/proc/sys/fs/binfmt_misc
 registered=
 
 # How a file of the architecture begins, and which of these bytes count; and qemu's name for it.
+# shellcheck disable=SC2034
 magic_armhf='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00'
+# shellcheck disable=SC2034
 mask_armhf='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+# shellcheck disable=SC2034
 qemu_armhf=qemu-arm-static
 
 # start_emulation ARCHITECTURE: has the kernel start its programs by qemu, unless it does already; 1 if it doesn't.
