@@ -52,6 +52,10 @@ struct StageHints {
     /// Of the whole, where the stream begins in the middle of it: its frames then have the exact times that they have
     /// there, not those of the file, which are rounded.
     AudioGrid audio_grid = {};
+    /// Near which time of the file the stream begins, within 13 hours; ticks of 90 kHz. Times start again after 26.5
+    /// hours: what begins later can't tell by itself how often they have.
+    int64_t begin = ANYWHERE;
+    static constexpr int64_t ANYWHERE = INT64_MIN;
 };
 
 /// What a stage has done, and what it couldn't correct.
@@ -64,6 +68,9 @@ struct StageCounts {
     // Faults of the source
     uint64_t late = 0;       ///< PES packets that come after the clock has reached them
     int64_t worst_late = 0;  ///< ticks of 90 kHz by which the worst of them missed its lead
+    /// Ticks of 90 kHz by which a frame came, at worst, after later ones of the other stream. A receiver that plays both
+    /// has to keep so much of that one.
+    int64_t worst_apart = 0;
     uint64_t misordered =
         0;  ///< pictures with a time of presentation before their time of decoding
     uint64_t untimed_audio = 0;  ///< PES packets of audio whose time can't be known

@@ -59,22 +59,29 @@ inline bool read_unit_start(const Payload &payload, UnitStart &start)
     return true;
 }
 
-// A time of 33 bits as one that goes on from the time before.
+/// Times of 33 bits as such that go on from those before. Two lanes begin together: near one another, even where one of
+/// them has started again already.
 class TimeExtension {
 public:
-    int64_t extend(int64_t pts)
+    /// Near which time the first one is.
+    void begin(int64_t time)
     {
-        if (!m_f_begun) m_last = pts;
         m_f_begun = true;
-        int64_t step = (pts - m_last) % TIME_RANGE;
+        m_last[0] = m_last[1] = time;
+    }
+    int64_t extend(size_t lane, int64_t pts)
+    {
+        if (!m_f_begun) begin(pts);
+        int64_t &last = m_last[lane];
+        int64_t step = (pts - last) % TIME_RANGE;
         if (step > TIME_RANGE / 2) step -= TIME_RANGE;
         if (step < -TIME_RANGE / 2) step += TIME_RANGE;
-        return m_last += step;
+        return last += step;
     }
 
 private:
     bool m_f_begun = false;
-    int64_t m_last = 0;
+    int64_t m_last[2] = {};
 };
 
 }  // namespace golt

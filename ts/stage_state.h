@@ -41,13 +41,18 @@ struct Stage::State {
     State(Write sink, void *handle, const StageHints &hints);
 
     bool write(const uint8_t *bytes, size_t size);
+    [[gnu::noinline]] bool write_one(const uint8_t *packet);
     [[gnu::noinline]] int take_all(const uint8_t *packets, int size);
     bool finish();
     bool flush();
 
     // Packets as they come
+    void take_or_append(const uint8_t *packet);
     void take(const uint8_t *packet);
-    int64_t take_start(LaneIndex lane, const UnitStart &start);
+    void take_start(const uint8_t *packet, LaneIndex lane, const Payload &payload);
+    void take_more(const uint8_t *packet, LaneIndex lane, const Payload &payload);
+    void drop();
+    int64_t time_of(LaneIndex lane, const UnitStart &start);
     bool is_jump(LaneIndex lane, int64_t time) const;
     void begin_hold();
     void hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
@@ -100,7 +105,7 @@ struct Stage::State {
     OutPid m_pids[2] = {{VIDEO_PID}, {AUDIO_PID}};
 
     // Packets as they come
-    TimeExtension m_in_times[2];
+    TimeExtension m_in_times;
     LaneIndex m_in_lane = NO_LANE;  // of the unit that has begun last
     bool m_f_begun[2] = {};         // a unit has, since times last jumped
     int64_t m_told[2] = {};         // time of the last one
@@ -116,7 +121,7 @@ struct Stage::State {
     Phase m_phase = Phase::NONE;
     LaneIndex m_lane = NO_LANE;
     unsigned m_packets_moved = 0;
-    TimeExtension m_out_times[2];  // of packets that were held
+    TimeExtension m_out_times;  // of packets that were held
     int64_t m_time = 0;
     uint8_t m_stream_id = 0;
     DecodeTimes m_decode;

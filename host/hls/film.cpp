@@ -128,11 +128,13 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     const bool f_last = number + 1 == film.segments.size();
     Cutter::Range range;
     range.f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
-    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0};
+    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0, 0};
     if (f_audio_file) {
         begin.later = wanted.start;
         if (!f_last) begin.to = film.segments[number + 1].place;
     } else {
+        begin.time = time_in_file(film, film.segments[from].start,
+                                  range.f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
         if (number > 0) range.from = film.file.first_time + wanted.start;
         if (!f_last) range.to = film.file.first_time + wanted.end;
     }
@@ -162,16 +164,18 @@ std::string video_codec(const Track &track)
                        track.config[3]);
 }
 
-std::string audio_codec(const std::string &title, const Track &track)
+std::string audio_codec(const Outline &outline, const std::string &title, const Track &track)
 {
-    constexpr uint32_t LC = 2;
+    constexpr uint32_t LC = 2, LAYER_1 = 32, LAYER_3 = 34;
     if (title == "AAC") {
         const std::optional<AudioConfig> config = parse_audio_config(track.config);
         return fmt::format("mp4a.40.{}", config ? config->object_type : LC);
     }
     if (title == "AC-3") return "ac-3";
     if (title == "E-AC-3") return "ec-3";
-    return "mp4a.40.34";
+    const uint32_t layer =
+        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : 0;
+    return fmt::format("mp4a.40.{}", layer == 0 ? LAYER_3 : LAYER_1 + layer - 1);
 }
 
 std::string channels_text(uint32_t channels)
@@ -202,39 +206,55 @@ void describe(Film &film)
     }
     if (const Track *const audio = taken_track(film, TrackKind::AUDIO)) {
         const std::string title = codec_title(outline, *audio);
-        film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(title, *audio);
+        film.codecs += (film.codecs.empty() ? "" : ",") + audio_codec(outline, title, *audio);
         film.kinds += (film.kinds.empty() ? "" : ", ") + title +
                       channels_text(audio_figures(outline, *audio).channels);
     }
 }
 
-// RFC 8216 4.3.4.2. A short segment counts together with the one before it.
+/// Segments one after the other.
+struct Stretch {
+    uint64_t bytes = 0;
+    int64_t length = 0;
+
+    void add(const Segment &segment)
+    {
+        // Tables, the clock, and what is filled up so that counters fit together.
+        constexpr uint64_t EACH = 6 * 1024;
+        bytes += segment.bytes + EACH;
+        length += segment.end - segment.start;
+    }
+    uint64_t bits_per_second() const
+    {
+        constexpr double BITS = 8, EACH_SECOND = 6 * 1024, MOST = 1e15;
+        const double bits = static_cast<double>(bytes) * BITS * TICKS_PER_SECOND /
+                            static_cast<double>(std::max<int64_t>(length, 1));
+        return static_cast<uint64_t>(std::min(bits + EACH_SECOND * BITS, MOST));
+    }
+};
+
+// RFC 8216 4.3.4.2: the highest rate of segments one after the other that together last for half of the target duration
+// up to one and a half of it.
 void set_rates(Film &film)
 {
-    constexpr uint64_t BITS = 8;
-    // Tables, the clock, and what is filled up so that counters fit together.
-    constexpr uint64_t EACH = 6 * 1024, EACH_SECOND = 6 * 1024;
-    constexpr auto SECOND = static_cast<uint64_t>(TICKS_PER_SECOND);
-    const auto rate = [](uint64_t bytes, int64_t ticks) {
-        const auto length = std::max<uint64_t>(static_cast<uint64_t>(ticks), 1);
-        const double bits =
-            static_cast<double>(bytes) * BITS * SECOND / static_cast<double>(length);
-        return static_cast<uint64_t>(bits) + EACH_SECOND * BITS;
-    };
-    uint64_t bytes = 0, held_bytes = 0;
-    int64_t held = 0;
-    for (const Segment &segment : film.segments) {
-        film.duration = std::max(film.duration, segment.end);
-        bytes += segment.bytes + EACH;
-        held_bytes += segment.bytes + EACH;
-        held += segment.end - segment.start;
-        if (held < Plan::USUAL_LENGTH / 2) continue;
-        film.peak_bits = std::max(film.peak_bits, rate(held_bytes, held));
-        held = 0;
-        held_bytes = 0;
+    const std::vector<Segment> &segments = film.segments;
+    const int64_t target = target_duration(film) * TICKS_PER_SECOND;
+    Stretch all;
+    for (size_t i = 0; i < segments.size(); ++i) {
+        film.duration = std::max(film.duration, segments[i].end);
+        all.add(segments[i]);
+        // A target of hours, which no film has that plays, is not worth more work than this.
+        constexpr size_t MOST = 500;
+        Stretch some;
+        for (size_t j = i; j < std::min(segments.size(), i + MOST); ++j) {
+            some.add(segments[j]);
+            if (some.length > target / 2 * 3) break;
+            if (some.length >= target / 2)
+                film.peak_bits = std::max(film.peak_bits, some.bits_per_second());
+        }
     }
-    if (film.segments.empty()) return;
-    film.average_bits = rate(bytes, film.duration);
+    if (segments.empty()) return;
+    film.average_bits = all.bits_per_second();
     film.peak_bits = std::max(film.peak_bits, film.average_bits);
 }
 

@@ -74,6 +74,8 @@ std::string make_segment(Source &source, const Film &film, size_t number,
 /// No segment is larger, bytes.
 constexpr size_t LARGEST_SEGMENT = 64 * 1024 * 1024;
 
+/// EXT-X-TARGETDURATION: the longest segment's, each rounded, in seconds; 1 at least.
+int64_t target_duration(const Film &film);
 /// The media playlist. Segment 12 is at prefix + "12.ts"; the first one has number 0.
 std::string media_playlist(const Film &film, const std::string &prefix = "");
 /// The master playlist with its one variant. address: of the media playlist.

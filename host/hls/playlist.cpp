@@ -17,15 +17,21 @@ std::string seconds_text(int64_t ticks)
 
 }  // namespace
 
-std::string media_playlist(const Film &film, const std::string &prefix)
+int64_t target_duration(const Film &film)
 {
-    int64_t longest = 1;  // in whole seconds, each rounded
+    int64_t longest = 1;
     for (const Segment &segment : film.segments)
         longest = std::max(longest,
                            (segment.end - segment.start + TICKS_PER_SECOND / 2) / TICKS_PER_SECOND);
+    return longest;
+}
+
+std::string media_playlist(const Film &film, const std::string &prefix)
+{
     std::string text = "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-PLAYLIST-TYPE:VOD\n";
     if (film.f_independent) text += "#EXT-X-INDEPENDENT-SEGMENTS\n";
-    text += fmt::format("#EXT-X-TARGETDURATION:{}\n#EXT-X-MEDIA-SEQUENCE:0\n", longest);
+    text +=
+        fmt::format("#EXT-X-TARGETDURATION:{}\n#EXT-X-MEDIA-SEQUENCE:0\n", target_duration(film));
     for (size_t i = 0; i < film.segments.size(); ++i)
         text += fmt::format("#EXTINF:{},\n{}{}.ts\n",
                             seconds_text(film.segments[i].end - film.segments[i].start), prefix, i);

@@ -18,13 +18,14 @@ SplicedSource::Stretches stretches_of(const Film &film, const SegmentRun::Begin 
     return {film.file.head_end, f_by_time ? film.file.head_end : begin.place, begin.to};
 }
 
-StageSetup setup_of(const Film &film, int64_t later)
+StageSetup setup_of(const Film &film, const SegmentRun::Begin &begin)
 {
     StageSetup setup = stage_setup(film.file.outline, film.file.selection, false);
     setup.hints.video.offset += film.file.more_shift;
-    setup.hints.audio.offset += film.file.more_shift + later;
+    setup.hints.audio.offset += film.file.more_shift + begin.later;
     setup.hints.audio_grid = film.file.audio_grid;
     setup.hints.audio_grid.time += film.file.more_shift;
+    setup.hints.begin = begin.time;
     return setup;
 }
 
@@ -82,7 +83,7 @@ SegmentRun::SegmentRun(Source &source, const Film &film, const Begin &begin, Cut
     , m_cutter(cutter)
     , m_source(source, stretches_of(film, begin), film.file.patches, READ_BUDGET)
     , m_demuxer(make_demuxer(m_library, film.file.outline.container, m_source))
-    , m_setup(setup_of(film, begin.later))
+    , m_setup(setup_of(film, begin))
     , m_stage(cutter, m_setup.hints)
     , m_tally(m_stage)
 {

@@ -4,6 +4,7 @@
 
 #include "io/message.h"
 #include "segment_run.h"
+#include "ts_clock.h"
 
 namespace {
 
@@ -18,16 +19,20 @@ const Track *taken_track(const Film &film, TrackKind kind)
     return index ? &film.file.outline.tracks[*index] : nullptr;
 }
 
-int64_t look_at_begin(Source &source, Film &film, uint64_t place)
+int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun::Begin begin = {place, source.size(), 0};
+    SegmentRun::Begin begin = {place, source.size(), 0, time};
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, place);
     SegmentRun run(source, film, begin, cutter);
     run.look();
-    const std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
+    std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
+    for (std::optional<int64_t> *first : {&video, &audio})
+        if (*first)
+            *first = CutClock(PTS_BITS, time + run.stage().shift())
+                         .follow(static_cast<uint64_t>(**first));
     if (!video && !audio)
         throw NotDone(source.path(),
                       source.fault().empty() ? "no frame in it can be read" : source.fault());
@@ -46,6 +51,11 @@ int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)
     const int64_t offset =
         kind == TrackKind::VIDEO ? film.file.video_offset : film.file.audio_offset;
     return file_time + offset + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
+}
+
+int64_t time_in_file(const Film &film, int64_t time, TrackKind kind)
+{
+    return time - film_time(film, 0, kind);
 }
 
 int64_t frame_time_at(const Film &film, int64_t time)

@@ -16,11 +16,14 @@ void survey_m2ts(Source &source, Film &film);
 
 /// The track of a kind that the library takes; null.
 const Track *taken_track(const Film &film, TrackKind kind);
-/// Reads the first frames from a place on, for the film's begin and the times of its audio. Returns the time of the
-/// first picture, or without video that of the first frame of audio, since the film's begin.
-int64_t look_at_begin(Source &source, Film &film, uint64_t place);
+/// Reads the first frames from a place on, for the film's begin and the times of its audio. time: of the library there,
+/// about. Returns the time of the first picture, or without video that of the first frame of audio, since the film's
+/// begin.
+int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time);
 /// The written time of a file's own one, ticks; since the film's begin. f_video: with the offset of which track.
 int64_t film_time(const Film &film, int64_t file_time, TrackKind kind);
+/// The other way round.
+int64_t time_in_file(const Film &film, int64_t time, TrackKind kind);
 /// What has to be added to the times of audio that begins at a cluster, ticks of 90 kHz: the library takes the ticks of
 /// any file for milliseconds.
 int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster);

@@ -252,13 +252,15 @@ int64_t stated_end(const Film &film)
     return film_time(film, ticks, TrackKind::VIDEO);
 }
 
-int64_t walked_end(const Film &film, const ClusterWalk &walk)
+// By the blocks that were there. Laced ones may be longer than the last of them.
+int64_t walked_end(const Film &film, const ClusterWalk &walk, TrackKind kind)
 {
-    const auto span = walk.tracks.find(leading_track(film).number);
+    const Track *const track = taken_track(film, kind);
+    const auto span = track == nullptr ? walk.tracks.end() : walk.tracks.find(track->number);
     if (span == walk.tracks.end() || span->second.blocks == 0) return 0;
     const BlockSpan &blocks = span->second;
     const int64_t step = (blocks.last - blocks.first) / static_cast<int64_t>(blocks.blocks);
-    return film_time(film, time_of(film.file.outline, blocks.last + step), TrackKind::VIDEO);
+    return film_time(film, time_of(film.file.outline, blocks.last + step), kind);
 }
 
 bool is_sparse(const Film &film)
@@ -269,6 +271,23 @@ bool is_sparse(const Film &film)
     });
 }
 
+// Of the leading track, in ticks of the file; 0: nothing is there.
+int64_t first_time_at(Source &source, const Film &film, uint64_t cluster)
+{
+    int64_t time = 0;
+    WalkOptions options;
+    options.from = cluster;
+    options.most_loads = 64;
+    options.on_block = [&](const BlockSeen &block) {
+        if (block.track != leading_track(film).number) return true;
+        time = block.time;
+        return false;
+    };
+    SourceBytes bytes(source);
+    walk_clusters(bytes, film.file.outline, options);
+    return time;
+}
+
 }  // namespace
 
 int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
@@ -276,18 +295,8 @@ int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
     constexpr uint64_t NS_PER_MS = 1000000;
     const Outline &outline = film.file.outline;
     if (outline.matroska.timestamp_scale == NS_PER_MS) return 0;
-    int64_t later = 0;
-    WalkOptions options;
-    options.from = cluster;
-    options.most_loads = 64;
-    options.on_block = [&](const BlockSeen &block) {
-        if (block.track != leading_track(film).number) return true;
-        later = time_of(outline, block.time) - block.time * TICKS_PER_MS;
-        return false;
-    };
-    SourceBytes bytes(source);
-    walk_clusters(bytes, outline, options);
-    return later;
+    const int64_t time = first_time_at(source, film, cluster);
+    return time_of(outline, time) - time * TICKS_PER_MS;
 }
 
 void survey_matroska(Source &source, Film &film)
@@ -297,7 +306,10 @@ void survey_matroska(Source &source, Film &film)
     SourceBytes bytes(source);
     file.head_end = first_cluster;
     hide_seek_heads(bytes, file);
-    const int64_t first = look_at_begin(source, film, first_cluster);
+    // The library keeps 32 bits of it.
+    const int64_t time =
+        int64_t{static_cast<uint32_t>(first_time_at(source, film, first_cluster))} * TICKS_PER_MS;
+    const int64_t first = look_at_begin(source, film, first_cluster, time);
     film.f_cut = file.outline.matroska.segment_end.value_or(0) > source.size();
     // 0: the blocks tell.
     const int64_t end = film.f_cut ? 0 : stated_end(film);
@@ -313,5 +325,7 @@ void survey_matroska(Source &source, Film &film)
     }
     Planner planner(film, first);
     const ClusterWalk walk = plan_by_walk(bytes, film, planner);
-    planner.end(std::max(end, walked_end(film, walk)), source.size());
+    const int64_t walked = walked_end(film, walk, leading_track(film).kind);
+    const int64_t told = end > 0 ? end : walked_end(film, walk, TrackKind::AUDIO);
+    planner.end(std::max(told, walked), source.size());
 }

@@ -32,10 +32,11 @@ private:
     std::deque<uint64_t> m_keys;
 };
 
-// Where a track ends, or where the file is cut; chunks are short.
-int64_t end_of(ByteSource &bytes, Film &film, const Track &track)
+constexpr double MOST_SECONDS = 1e9;
+
+// Where a track ends that begins at a time of the film, or where the file is cut; chunks are short.
+int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
 {
-    constexpr double MOST = 1e9;
     const Mp4Details &mp4 = track.mp4;
     double seconds = static_cast<double>(mp4.ticks.value_or(0)) / mp4.timescale;
     const bool f_cut = mp4.end.value_or(0) > bytes.size();
@@ -43,11 +44,22 @@ int64_t end_of(ByteSource &bytes, Film &film, const Track &track)
         seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
                    static_cast<double>(mp4.samples);
     film.f_cut = film.f_cut || f_cut;
-    const auto half_ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND * 2);
-    return film_time(film, (half_ticks + 1) / 2, track.kind);
+    const auto half_ticks =
+        static_cast<int64_t>(std::min(seconds, MOST_SECONDS) * TICKS_PER_SECOND * 2);
+    return begin + (half_ticks + 1) / 2;
 }
 
-void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
+// Where the samples end that were walked over.
+int64_t end_of(const KeySamples &samples, const Film &film, const Track &track)
+{
+    const double seconds = static_cast<double>(samples.end()) / track.mp4.timescale;
+    return film_time(film,
+                     static_cast<int64_t>(std::min(seconds, MOST_SECONDS) * TICKS_PER_SECOND + 0.5),
+                     TrackKind::VIDEO);
+}
+
+// end: about, of video and audio; audio_end: exactly.
+void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_t audio_end)
 {
     const Track &video = *taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
@@ -78,6 +90,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
         return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
+    if (!film.f_cut) end = std::max(audio_end, end_of(samples, film, video));
     plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
                       audio_before(end));
 }
@@ -86,17 +99,19 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end)
 
 void survey_mp4(Source &source, Film &film)
 {
-    const int64_t first = look_at_begin(source, film, 0);
+    const int64_t first = look_at_begin(source, film, 0, 0);
     const Track *const video = taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
-    int64_t end = 0;
+    int64_t end = 0, audio_end = 0;
     {
         SourceBytes bytes(source);
-        for (const Track *track : {video, audio})
-            if (track != nullptr) end = std::max(end, end_of(bytes, film, *track));
+        if (video != nullptr) end = end_of(bytes, film, *video, first);
+        if (audio != nullptr)
+            audio_end = end_of(bytes, film, *audio, film_time(film, 0, TrackKind::AUDIO));
+        end = std::max(end, audio_end);
     }
     if (video != nullptr) {
-        plan_by_keys(source, film, first, end);
+        plan_by_keys(source, film, first, end, audio_end);
         return;
     }
     // The library counts by the mean length of a frame.

@@ -12,7 +12,7 @@ void survey_mpeg_audio(Source &source, Film &film)
 {
     constexpr uint32_t HEADER_SIZE = 4;
     const uint64_t first_frame = *film.file.outline.mpeg_audio.first_frame;
-    look_at_begin(source, film, first_frame);
+    look_at_begin(source, film, first_frame, 0);
     const golt::AudioGrid &grid = film.file.audio_grid;
     if (grid.samples == 0 || grid.rate == 0)
         throw NotDone(source.path(), "no frame in it can be read");

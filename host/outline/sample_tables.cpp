@@ -154,6 +154,7 @@ bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
             shown_last = shown;
         }
         key.f_leading = key.f_leading || shown < shown_last;
+        m_end = std::max(m_end, shown + length);
         if (m_sizes == Sizes::READ) key.bytes += sizes.next();
         decoded += length;
         if (decoded > INT64_MAX / 2000) break;

@@ -31,6 +31,8 @@ public:
     bool walk(const std::function<bool(const KeySample &)> &take);
     /// What the library has to be asked for so that it goes to a key sample; ms. After a walk. None: it can't go there.
     std::optional<uint32_t> time_to_ask(uint64_t sample) const;
+    /// When the last of the samples that the walk has come to has been shown, in ticks of the track.
+    int64_t end() const { return m_end; }
 
 private:
     void set_interval(bool f_table, uint32_t first_length);
@@ -39,6 +41,7 @@ private:
     const Mp4Details &m_mp4;
     const Sizes m_sizes;
     double m_interval = 0;  // ms, by which the library counts
+    int64_t m_end = 0;
 };
 
 /// How many samples of a track come before the first chunk that begins after the end of a file of this size; bytes.
