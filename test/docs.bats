@@ -9,7 +9,6 @@ not_run() {
     'README.md: apt install '*) echo 'needs root; ./dev deb-test installs them' ;;
     'docs/which.md: ./dev static arm') echo 'needs a router; ./dev static tests the file' ;;
     'docs/serving.md: echo '*) echo 'needs root and systemd' ;;
-    'README.md: apt install '*) echo 'needs root; ./dev deb-test installs the packages' ;;
     'docs/host.md: c++ host.cpp $(pkg-config --cflags --libs golt)  '*) echo 'the same as in docs/which.md' ;;
     'docs/host.md: c++ host.cpp $(pkg-config --cflags --libs golt) -lgolt_stage'*) echo 'likewise' ;;
     *) return 1 ;;
