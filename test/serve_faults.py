@@ -217,6 +217,30 @@ def hostile(given, films):
     (films / "hostile.mkv").unlink()
 
 
+def crashes(given, films):
+    """A file of which makers die is given to others twice, and then left alone."""
+    hostile_film(films / "hostile.mkv", 50)
+    with Server(given.golt, films, "--workers", "1") as server:
+        answers, killed = [], []
+        thread = threading.Thread(target=lambda: answers.append(Client(server).get("/hostile.mkv/index.m3u8")))
+        thread.start()
+
+        def has_crashed():
+            for process in status(server)["processes"]:
+                if process.get("working") and process["pid"] not in killed:
+                    os.kill(process["pid"], signal.SIGSEGV)
+                    killed.append(process["pid"])
+                    return True
+        for _ in range(3):
+            wait_for(has_crashed, 20, "no maker reads the file")
+        thread.join(20)
+        check([code for code, _, _ in answers] == [503], "%s for a file that makers die of" % answers)
+        check(Client(server).get("/hostile.mkv/details.json")[0] == 503, "the file is tried again")
+        check(Client(server).get("/%s/index.m3u8" % given.names[0])[0] == 200, "another film isn't served")
+        row("A file of which %d makers have died" % len(killed), "503")
+    (films / "hostile.mkv").unlink()
+
+
 async def open_one(server, source, text):
     try:
         reader, writer = await asyncio.open_connection("127.0.0.1", server.port, local_addr=(source, 0))
@@ -399,7 +423,7 @@ def makers(given, films):
         check(client.get(playlist)[0] == 200, "no answer when there are makers again")
 
 
-PARTS = {"kills": kills, "hostile": hostile, "crowd": crowd, "limits": limits, "makers": makers}
+PARTS = {"kills": kills, "hostile": hostile, "crashes": crashes, "crowd": crowd, "limits": limits, "makers": makers}
 
 
 def main():
