@@ -8,6 +8,17 @@ namespace {
 
 constexpr int REFUSED = -1;
 
+// Before main: every test comes after another one that may have opened a source.
+const bool g_read_at_start = [] {
+    GOLT_frame_t frame = {};
+    return GOLT_DMX_M2TSReadFrame(&frame);
+}();
+
+TEST(M2ts, ReadsNothingBeforeItIsOpened)
+{
+    EXPECT_FALSE(g_read_at_start);
+}
+
 // Packets hold no second sync byte; their stamps have the two high bits set.
 Bytes packet(uint8_t number)
 {
