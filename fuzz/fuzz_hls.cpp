@@ -185,13 +185,14 @@ void check_segment(const Film &film, size_t number, const Bytes &bytes)
     check_counters(bytes);
     const Segment &segment = film.segments[number];
     const int64_t first = film.file.first_time;
+    if (film.file.outline.container == Container::MPEG_AUDIO) return;
+    bool f_first = true;
     for (const FinishedUnit &unit : finished.of(film.f_video ? 0x100 : 0x101)) {
-        if (unit.pts == NOT_TOLD || film.file.outline.container == Container::MPEG_AUDIO) continue;
-        const bool f_begins = unit.packet <= 3;
-        require(number == 0 || !f_begins || is_reached(unit.pts, first + segment.start),
+        require(number == 0 || !f_first || is_reached(unit.pts, first + segment.start),
                 "a segment begins with its begin");
         require(number + 1 == film.segments.size() || !is_reached(unit.pts, first + segment.end),
                 "a segment ends before the next one");
+        f_first = false;
     }
 }
 

@@ -37,8 +37,9 @@ with_mounts() {
 
 # inside FOLDER COMMAND...
 inside() {
-    local folder=$1
+    local folder=$1 change=()
     shift
-    with_mounts "$folder" chroot "${folder:-/}" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    [ -z "$folder" ] || change=(chroot "$folder")
+    with_mounts "$folder" "${change[@]}" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
         DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} "$@"
 }

@@ -33,12 +33,12 @@ run_unpacked() {
     for package in golt libgolt0.8 libgolt-dev; do dpkg-deb -x "$folder/${package}"_*_"$2.deb" "$root"; done
     run() { "${!qemu}" -L "$root" "$@"; }
     run "$root/usr/bin/golt" --version
-    run "$root/usr/bin/golt" remux --quiet --as-is ../samples/h264_aac.mp4 "$root/golt.ts"
-    run "$root/usr/bin/golt" check ../samples/short.m2ts >/dev/null
-    ../test/guide_host.sh plain >"$root/host.cpp"
+    run "$root/usr/bin/golt" remux --quiet --as-is samples/h264_aac.mp4 "$root/golt.ts"
+    run "$root/usr/bin/golt" check samples/short.m2ts >/dev/null
+    test/guide_host.sh plain >"$root/host.cpp"
     arm-linux-gnueabihf-g++ "$root/host.cpp" -I"$root/usr/include/golt" -L"$root/usr/lib/arm-linux-gnueabihf" -lgolt \
         -o "$root/host"
-    run -E LD_LIBRARY_PATH="$root/usr/lib/arm-linux-gnueabihf" "$root/host" mp4 ../samples/h264_aac.mp4 "$root/host.ts"
+    run -E LD_LIBRARY_PATH="$root/usr/lib/arm-linux-gnueabihf" "$root/host" mp4 samples/h264_aac.mp4 "$root/host.ts"
     cmp "$root/host.ts" "$root/golt.ts"
     say "Unpacked, it runs. Installation, upgrade and removal were not tested."
 }

@@ -39,9 +39,9 @@ test_in() {
     say "Installation, upgrade and removal"
     inside "$root" bash /packages/installation.sh /packages/older /packages/newer
     say "The cases of debian/tests"
-    # Its TMPDIR would have to be there, too.
+    # Its TMPDIR would have to be there, too. Emulated, on a busy machine, apt takes minutes to think.
     with_mounts "$root" env -u TMPDIR \
-        autopkgtest --quiet --no-built-binaries "$folder"/*.dsc "$packages"/newer/*.deb -- "$@"
+        autopkgtest --quiet --timeout-factor=20 --no-built-binaries "$folder"/*.dsc "$packages"/newer/*.deb -- "$@"
 }
 
 if [ -n "$foreign" ] && ! start_emulation "$foreign"; then

@@ -6,6 +6,7 @@ bats_require_minimum_version 1.5.0
 # Blocks of commands that aren't run, by page and first line, and why.
 not_run() {
     case "$1: $2" in
+    'README.md: apt install '*) echo 'needs root; ./dev deb-test installs them' ;;
     'docs/which.md: ./dev static arm') echo 'needs a router; ./dev static tests the file' ;;
     'docs/serving.md: echo '*) echo 'needs root and systemd' ;;
     'docs/host.md: c++ host.cpp $(pkg-config --cflags --libs golt)  '*) echo 'the same as in docs/which.md' ;;

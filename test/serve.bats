@@ -282,6 +282,7 @@ faults() {
     rm films/music.mp3
     faults kills
     faults hostile
+    faults crashes
     faults crowd
 }
 

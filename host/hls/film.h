@@ -33,6 +33,8 @@ struct FilmFile {
     std::vector<Patch> patches;   ///< to it
     std::vector<uint8_t> tables;  ///< of M2TS: packets that go before each segment
     int64_t first_time = 0;       ///< that is written for the film's begin, ticks of 90 kHz
+    int64_t video_start = 0;      ///< of the first picture, since the film's begin
+    int64_t audio_start = 0;      ///< of the first frame of audio, likewise
     int64_t video_offset = 0;     ///< added to the times of a stream, ticks of 90 kHz
     int64_t audio_offset = 0;
     int64_t more_shift = 0;  ///< by which the stage has to move times beyond its usual shift

@@ -43,7 +43,9 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
     file.audio_grid = run.stage().audio_grid();
     file.first_time = std::min(video.value_or(INT64_MAX), audio.value_or(INT64_MAX));
-    return (video ? *video : *audio) - file.first_time;
+    file.video_start = video.value_or(file.first_time) - file.first_time;
+    file.audio_start = audio.value_or(file.first_time) - file.first_time;
+    return video ? file.video_start : file.audio_start;
 }
 
 int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)

@@ -234,22 +234,33 @@ bool has_open_groups(ByteSource &bytes, const Film &film)
     return false;
 }
 
-// Where the tracks end, since the film's begin: by the file's header. 0: it states nothing.
-int64_t stated_end(const Film &film)
+int64_t ticks_of_ns(int64_t ns)
 {
     constexpr int64_t NS_PER_SECOND = 1000000000;
-    std::optional<int64_t> end_ns;
+    return ns / NS_PER_SECOND * TICKS_PER_SECOND +
+           ns % NS_PER_SECOND * TICKS_PER_SECOND / NS_PER_SECOND;
+}
+
+// Where the tracks end, since the film's begin: by the file's header. 0: it states nothing. FFmpeg states where a track
+// ends, others how long it is; both then are within the whole.
+int64_t stated_end(const Film &film)
+{
+    const Outline &outline = film.file.outline;
+    const bool f_ends = outline.matroska.muxing_app.compare(0, 4, "Lavf") == 0;
+    const int64_t whole = outline.duration_ns
+                              ? film_time(film, ticks_of_ns(*outline.duration_ns), TrackKind::VIDEO)
+                              : 0;
+    int64_t end = 0;
     for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
         const Track *const track = taken_track(film, kind);
         if (track == nullptr) continue;
-        if (!track->duration_ns) end_ns = film.file.outline.duration_ns;
-        if (!track->duration_ns) break;
-        end_ns = std::max(end_ns.value_or(0), *track->duration_ns);
+        if (!track->duration_ns) return whole;
+        const int64_t length = ticks_of_ns(*track->duration_ns);
+        const int64_t start =
+            kind == TrackKind::VIDEO ? film.file.video_start : film.file.audio_start;
+        end = std::max(end, f_ends ? film_time(film, length, kind) : start + length);
     }
-    if (!end_ns) return 0;
-    const int64_t ticks = *end_ns / NS_PER_SECOND * TICKS_PER_SECOND +
-                          *end_ns % NS_PER_SECOND * TICKS_PER_SECOND / NS_PER_SECOND;
-    return film_time(film, ticks, TrackKind::VIDEO);
+    return whole > 0 ? std::min(end, whole) : end;
 }
 
 // By the blocks that were there. Laced ones may be longer than the last of them.
