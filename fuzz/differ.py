@@ -36,7 +36,8 @@ class Differ:
         return compared, findings
 
     def differs(self, files):
-        words = [subprocess.run(["nice", "-n", "19", judge, "tell", *files], capture_output=True) for judge in self.judges]
+        words = [subprocess.run(["nice", "-n", "19", judge, "tell", *files], capture_output=True)
+                 for judge in self.judges]
         said = [[line for line in one.stdout.splitlines() if BUILD_TIME not in line] for one in words]
         return said[0] != said[1] or any(one.returncode != 0 for one in words)
 
