@@ -279,6 +279,18 @@ TEST(Stage, KeepsTheTimesThatAFileTells)
     EXPECT_THAT(times, ElementsAre(0, 1920, 3840, 5760, 52650, 54570, 56490, 58410));
 }
 
+// Of MPEG audio the library counts: 26 ms for each frame would be 1 s too little after 8,000 of them.
+TEST(Stage, CountsMoreExactlyThanWhatItIsTold)
+{
+    golt::StageHints hints;
+    hints.audio_durations = golt::Durations::COUNTED;
+    Staged out(GOLT_CODEC_NONE, GOLT_ACODEC_MP3, hints, 44100);
+    for (uint64_t i = 0; i < 500; ++i)
+        out.audio(26 * i, hex("FFFB9000") + Bytes(413, 0x55));
+    EXPECT_EQ(out.finish().of(AUDIO).back().pts,
+              90000 + (int64_t{499} * 1152 * 90000 + 22050) / 44100);
+}
+
 // A stream that begins in the middle of another one: its first time is rounded, and the others count from there.
 TEST(Stage, FindsTheTimesOfTheWhole)
 {
