@@ -10,7 +10,7 @@
 
 #include "golt_poison.h"
 
-#ifndef GOLT_POISONING
+#if !defined(GOLT_POISONING) && !defined(GOLT_UNWRITTEN)
 extern "C" void __real_free(void *block);
 // Not inlined: memcheck compares who allocates with who frees.
 __attribute__((noinline)) void *operator new(size_t size)

@@ -223,6 +223,7 @@ void make_segments(FuzzedSource &source, const Film &film, const uint8_t *picks)
     Bytes bytes;
     for (auto one = made.rbegin(); one != made.rend(); ++one) {
         const std::string fault = make(source, film, one->number, bytes);
+        // The disk may have gone only now.
         if (!source.fault().empty()) return;
         require(fault == one->fault, "the same fault again");
         require(!one->fault.empty() || bytes == one->bytes, "the same bytes again");

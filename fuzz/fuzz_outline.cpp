@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "cluster_walk.h"
+#include "counted_new.h"
 #include "outline.h"
 #include "selection.h"
 #include "sync_point.h"

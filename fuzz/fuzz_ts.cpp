@@ -82,8 +82,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
     const size_t piece = static_cast<size_t>(numbers.take(1)) * 8 + 1;
     // Twice is enough for most of what a repetition shows.
     const auto repetition = static_cast<size_t>(numbers.take(1));
-    const size_t repeats =
-        repetition < 0xF0 ? 1 + (repetition & 1) : repetition % REPEATS_MOST + 1;
+    const size_t repeats = repetition < 0xF0 ? 1 + (repetition & 1) : repetition % REPEATS_MOST + 1;
     const Bytes file(numbers.pb_at, numbers.pb_at + numbers.left);
     const Verdict verdict = judge(file, repeats, piece);
     require(verdict == judge(file, repeats, file.size() + 1), "pieces make no difference");

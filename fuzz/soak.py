@@ -2,7 +2,7 @@
 """Fuzzes all targets in turn for hours, compares builds on random files, and adds up what was seen.
 
     ./dev soak [--jobs N] HOURS [TARGET...]
-    ./dev soak --table
+    ./dev soak --table     # puts it into docs/robustness.md, too
 
 The time is parted into rounds, so that each target gets some of it in a short run too. A target's turn has three
 parts: the fast build, which only counts edges and is stopped by undefined behaviour; for formats of tables and laces
@@ -33,8 +33,12 @@ STATE, FOUND = TOP / "build/fuzz/soak.json", TOP / "build/fuzz/found"
 CORPUS, SEEDS = TOP / "build/fuzz/corpus", TOP / "fuzz/corpus"
 LARGE_SEEDS = TOP / "build/fuzz/made/large"
 LARGE = ["file", "mkv", "mp4"]
-DIFFERENTIAL = "differential"
+DIFFERENTIAL, KINDS = "differential", ("fast", "sanitized")
+PAGE = TOP / "docs/robustness.md"
+HEAD = ("| Target | Executions | With sanitizers | A second, fast and with sanitizers | Edges | Findings | Slowest call "
+        "| Largest heap |")
 ROUND, ROUNDS_LEAST = 3600, 2  # seconds, at most; and so many rounds at least
+CANT_RUN = 1                   # libFuzzer's status for arguments and folders that are wrong
 FAST, LONG = 0.7, 0.1          # of a turn; the sanitizers have the rest
 # New inputs are found by the thousand at first, and no disk is needed for them.
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
@@ -69,7 +73,7 @@ class State:
 def command(build, target, *arguments):
     dictionary = TOP / f"fuzz/{target}.dict"
     return [str(TOP / "build" / build / "bin" / f"fuzz_{target}"), "-close_fd_mask=1", "-detect_leaks=0",
-            "-timeout=60", "-rss_limit_mb=1024", "-malloc_limit_mb=64", "-print_final_stats=1", "-verbosity=1",
+            "-timeout=60", "-rss_limit_mb=1024", "-malloc_limit_mb=64", "-print_final_stats=1", "-print_funcs=0",
             *([f"-dict={dictionary}"] if dictionary.exists() else []), *map(str, arguments)]
 
 
@@ -94,6 +98,12 @@ def figures(log):
             "edges": max(edges, default=0), "of": int(of.group(1)) if of else 0}
 
 
+def seeds_of(target):
+    """Folders of inputs to begin with; films begin with those of whole files, which have the same form."""
+    folders = [SEEDS / target, SEEDS / "file"] if target == "hls" else [SEEDS / target]
+    return [folder for folder in folders if folder.is_dir()]
+
+
 def part(state, build, target, seconds, arguments):
     """Fuzzes once. True: nothing was found."""
     if seconds < 1:
@@ -101,6 +111,8 @@ def part(state, build, target, seconds, arguments):
     log = TOP / "build/fuzz" / f"soak-{build}-{target}.log"
     status, processor = run(command(build, target, f"-max_total_time={int(seconds)}",
                                     f"-artifact_prefix={FOUND}/{target}-", *arguments), log)
+    if status == CANT_RUN:
+        raise RuntimeError(f"fuzz_{target} doesn't run, see {log}")
     seen = figures(log)
     kind = "fast" if build == "fuzz-fast" else "sanitized"
     state.add(target, {f"{kind}_executions": seen["executions"], f"{kind}_seconds": processor,
@@ -125,7 +137,7 @@ def turn(state, target, seconds):
         new.mkdir()
         # Entropic scheduling costs more there than it brings: inputs are run in microseconds.
         part(state, "fuzz-fast", target, seconds * FAST,
-             ["-max_len=16384", "-entropic=0", new, kept, SEEDS / target])
+             ["-max_len=16384", "-entropic=0", new, kept, *seeds_of(target)])
         if long:
             large = folder / "large"
             large.mkdir()
@@ -134,7 +146,7 @@ def turn(state, target, seconds):
         run(command("fuzz-fast", target, "-max_len=65536", "-merge=1", kept, new), folder / "merge.log")
         found = folder / "found"
         found.mkdir()
-        part(state, "fuzz", target, seconds * (1 - FAST - long), ["-max_len=65536", found, kept, SEEDS / target])
+        part(state, "fuzz", target, seconds * (1 - FAST - long), ["-max_len=65536", found, kept, *seeds_of(target)])
         run(command("fuzz", target, "-max_len=65536", "-merge=1", kept, found), folder / "merge.log")
     finally:
         shutil.rmtree(folder)
@@ -168,39 +180,46 @@ def soak(state, hours, jobs, targets):
     state.add("hours", {"wall": (time.monotonic() - begin) / 3600})
 
 
+def row_of(target, row):
+    rates = [f"{row.get(f'{kind}_executions', 0) / max(row.get(f'{kind}_seconds', 0), 1):,.0f}" for kind in KINDS]
+    executions = [row.get(f"{kind}_executions", 0) for kind in KINDS]
+    return (f"| `{target}` | {sum(executions):,} | {executions[1]:,} | {' and '.join(rates)} "
+            f"| {row.get('edges', 0)} of {row.get('edges_of', 0)} | {row['findings']} "
+            f"| {row['slowest_ms']:.0f} ms | {row['heap_kib']:,.0f} KiB |")
+
+
 def table(state):
-    """Rows for docs/robustness.md."""
-    print("| Target | Executions | with sanitizers | per second of a processor, fast and with sanitizers | Edges "
-          "| Findings | Slowest call | Largest heap |\n|---|--:|--:|--:|--:|--:|--:|--:|")
-    for target, row in sorted(state.all.items()):
-        if "fast_executions" not in row:
-            continue
-        rates = [f"{row.get(f'{kind}_executions', 0) / max(row.get(f'{kind}_seconds', 0), 1):,.0f}"
-                 for kind in ("fast", "sanitized")]
-        sanitized = row.get("sanitized_executions", 0)
-        print(f"| `{target}` | {row['fast_executions'] + sanitized:,} | {sanitized:,} | {' / '.join(rates)} "
-              f"| {row.get('edges', 0)} of {row.get('edges_of', 0)} | {row['findings']} "
-              f"| {row['slowest_ms']:.0f} ms | {row['heap_kib']:,.0f} KiB |")
+    """What all runs have seen, as docs/robustness.md has it."""
+    rows = [row_of(target, row) for target, row in sorted(state.all.items()) if "findings" in row and target != DIFFERENTIAL]
     files = state.all.get(DIFFERENTIAL, {})
-    processor = sum(row.get(f"{kind}_seconds", 0) for row in state.all.values() for kind in ("fast", "sanitized"))
-    print(f"\n{files.get('executions', 0):,} random files gave the same in both builds but for "
-          f"{files.get('findings', 0)}. In all {state.all.get('hours', {}).get('wall', 0):.1f} hours passed, "
-          f"{processor / 3600:.1f} of a processor.")
+    processor = sum(row.get(f"{kind}_seconds", 0) for row in state.all.values() for kind in KINDS)
+    return "\n".join([HEAD, "|---|--:|--:|--:|--:|--:|--:|--:|", *rows, "",
+                      f"Of {files.get('executions', 0):,} random files {files.get('findings', 0)} came out differently. "
+                      f"That took {processor / 3600:.1f} hours of a processor.", ""])
+
+
+def write_page(state):
+    """Puts the table in the place of the one that is there."""
+    page = PAGE.read_text()
+    written = re.sub(re.escape(HEAD) + r"\n(\|.*\n)+\n(Of .* of a processor\.\n)?", lambda _: table(state), page)
+    PAGE.write_text(written)
 
 
 def main():
     parser = argparse.ArgumentParser(prog="./dev soak", description=__doc__.split("\n")[0])
     parser.add_argument("--jobs", type=int, default=1, help="targets that run at a time")
-    parser.add_argument("--table", action="store_true", help="only prints what all runs have seen")
+    parser.add_argument("--table", action="store_true", help="only writes what all runs have seen")
     parser.add_argument("--all", required=True, help=argparse.SUPPRESS)
     parser.add_argument("hours", type=float, nargs="?", default=1)
     parser.add_argument("targets", nargs="*")
     options = parser.parse_args()
     state = State()
-    if not options.table:
+    if options.table:
+        write_page(state)
+    else:
         os.nice(19)
         soak(state, options.hours, max(options.jobs, 1), options.targets or options.all.split())
-    table(state)
+    print(table(state), end="")
 
 
 main()

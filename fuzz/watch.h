@@ -46,8 +46,8 @@ public:
     /// What the call has cost up to now.
     work_t work() const;
 
-    /// Longest call since the program began, seconds; in steps of the system's tick, as finer clocks would take
-    /// more time than the calls of small inputs.
+    /// Longest call since the program began, seconds of the processor; in steps of the system's tick and of what came
+    /// shortly before, as finer clocks would take more time than the calls of small inputs.
     static double s_longest;
 
 private:

@@ -56,7 +56,7 @@ void add_check(CLI::App &app, Commands &commands);
 void add_plot(CLI::App &app, Commands &commands);
 void add_hls(CLI::App &app, Commands &commands);
 void add_serve(CLI::App &app, Commands &commands);
-void add_input(CLI::App &command, InputOptions &input);
+void add_input(CLI::App &command, InputOptions &input, bool f_streams = false);
 void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths);
 void add_input_options(CLI::App &command, InputOptions &input);
 void add_http_options(CLI::App &command, HttpOptions &http);
@@ -103,7 +103,8 @@ int run(int argc, char **argv)
     // The write that fails reports a reader that went away and a file that may not grow.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
-    CLI::App app("Remuxes media files into MPEG-2 transport streams, and examines them.", "golt");
+    CLI::App app("Remuxes media files into MPEG-2 transport streams, examines and serves them.",
+                 "golt");
     app.set_version_flag("--version", GOLT_version());
     app.require_subcommand(1);
     Commands commands;
@@ -178,7 +179,7 @@ void add_remux(CLI::App &app, Commands &commands)
         ->add_option("OUT", options.output, "Default: IN's name with .ts; - is the standard output")
         ->check(is_not_empty);
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
-              "Begin at the last key picture before it");
+              "Begin at the last key picture at or before it");
     add_value(*command, "--to", "TIME", parse_time, options.input.to_ms,
               "Stop before the first frame at or after it");
     add_value(*command, "--frames", "N", parse_count, options.input.frames, "Stop after N frames");
@@ -214,9 +215,9 @@ void add_frames(CLI::App &app, Commands &commands)
     FramesOptions &options = commands.frames;
     CLI::App *command = app.add_subcommand("frames", "Lists the frames of IN");
     command->footer(FRAMES_FOOTER);
-    add_input(*command, options.input);
+    add_input(*command, options.input, true);
     add_value(*command, "--start", "TIME", parse_time, options.input.start_ms,
-              "Begin at the last key picture before it");
+              "Begin at the last key picture at or before it");
     add_value(*command, "--count", "N", parse_count, options.count, "List N frames");
     CLI::Option *json =
         command->add_flag("--json", options.f_json, "Print a JSON object on each line");
@@ -314,10 +315,11 @@ void add_serve(CLI::App &app, Commands &commands)
     });
 }
 
-void add_input(CLI::App &command, InputOptions &input)
+void add_input(CLI::App &command, InputOptions &input, bool f_streams)
 {
-    command
-        .add_option("IN", input.path, "A file of MP4, Matroska, MP3 or M2TS, or its http(s) URL")
+    const std::string kinds =
+        f_streams ? "MP4, Matroska, MP3, M2TS or TS" : "MP4, Matroska, MP3 or M2TS";
+    command.add_option("IN", input.path, "A file of " + kinds + ", or its http(s) URL")
         ->required()
         ->check(is_not_empty);
     add_input_options(command, input);
@@ -325,7 +327,8 @@ void add_input(CLI::App &command, InputOptions &input)
 
 void add_inputs(CLI::App &command, InputOptions &input, std::vector<std::string> &paths)
 {
-    command.add_option("IN", paths, "Files of MP4, Matroska, MP3 or M2TS, or their http(s) URLs")
+    command
+        .add_option("IN", paths, "Files of MP4, Matroska, MP3, M2TS or TS, or their http(s) URLs")
         ->required()
         ->check(is_not_empty);
     add_input_options(command, input);

@@ -20,6 +20,9 @@
 
 namespace {
 
+// Receivers keep a second of a stream, ISO/IEC 13818-1 says; those that are known keep more.
+constexpr int64_t MOST_APART = 2 * TICKS_PER_SECOND;
+
 /// One remuxing from the opening of the files to the report. Objects are in the order in which
 /// they need each other.
 class Job {
@@ -151,6 +154,9 @@ std::string Job::fault_in_times() const
     if (counts.late > 0)
         return fmt::format("badly interleaved: {} come up to {} ms too late",
                            counted(counts.late, "frame"), counts.worst_late / TICKS_PER_MS);
+    if (counts.worst_apart > MOST_APART)
+        return fmt::format("audio and video are up to {:.1f} s apart",
+                           static_cast<double>(counts.worst_apart) / TICKS_PER_SECOND);
     if (counts.untimed_audio > 0)
         return "states neither times nor durations of audio frames: " +
                std::to_string(counts.untimed_audio);

@@ -3,22 +3,18 @@
 # of dpkg-buildpackage.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. packaging/tree.sh
 mkdir -p "$1"
 folder=$(cd "$1" && pwd)
 shift
 
-version=$(dpkg-parsechangelog -S Version)
-tree=$folder/libgolt-$version
-
-# What git has and what isn't ignored, as it is now. Its modes and times tell nothing of who checked it out, and when.
+tree=$folder/libgolt-$(dpkg-parsechangelog -S Version)
 rm -rf "$tree"
-mkdir "$tree"
-git ls-files -z --cached --others --exclude-standard --deduplicate |
-    while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
-    tar --create --null --files-from=- | tar --extract --directory="$tree"
+export_tree "$tree"
+# Its modes and times tell nothing of who checked it out, and when.
 chmod -R u=rwX,go=rX "$tree"
 find "$tree" -exec touch --no-dereference --date="@$(dpkg-parsechangelog -S Timestamp)" {} +
 
 cd "$tree"
-dpkg-buildpackage --jobs --unsigned-source --unsigned-changes "$@"
+dpkg-buildpackage --jobs=auto --unsigned-source --unsigned-changes "$@"
 rm -rf "$tree"

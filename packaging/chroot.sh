@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Debian in folders of their own, for scripts that source this. It takes root's rights.
 
 suite=bookworm
@@ -18,11 +19,12 @@ make_chroot() {
         --dpkgopt=force-unsafe-io --aptopt='Acquire::Retries "3"' "$@" "$suite" "$folder" "$mirror"
 }
 
-# with_mounts FOLDER COMMAND...: what is mounted there is gone when the command ends, however it ends.
+# with_mounts FOLDER COMMAND...: what is mounted there is gone when the command ends, however it ends. An empty FOLDER is
+# this system.
 with_mounts() {
     local folder=$1
     shift
-    if ! may_mount; then
+    if [ -z "$folder" ] || ! may_mount; then
         "$@"
         return
     fi
@@ -35,8 +37,9 @@ with_mounts() {
 
 # inside FOLDER COMMAND...
 inside() {
-    local folder=$1
+    local folder=$1 change=()
     shift
-    with_mounts "$folder" chroot "$folder" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+    [ -z "$folder" ] || change=(chroot "$folder")
+    with_mounts "$folder" "${change[@]}" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
         DEBIAN_FRONTEND=noninteractive ${http_proxy:+http_proxy="$http_proxy"} "$@"
 }

@@ -20,6 +20,6 @@ inside "$root" sh -ec '
     apt-get build-dep -y -qq --no-install-recommends --host-architecture "$0" -P cross,nocheck ./*.dsc >/dev/null
     dpkg-source --extract *.dsc source
     cd source
-    DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage --jobs --host-arch "$0" --build=any -Pcross,nocheck \
+    DEB_BUILD_OPTIONS=nocheck dpkg-buildpackage --jobs=auto --host-arch "$0" --build=any -Pcross,nocheck \
         --unsigned-source --unsigned-changes' "$architecture"
 cp "$root"/build/*_"$architecture".* "$folder"

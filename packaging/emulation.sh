@@ -1,11 +1,15 @@
+# shellcheck shell=bash
 # Programs of other processors, for scripts that source this after chroot.sh.
 
 binfmt=/proc/sys/fs/binfmt_misc
 registered=
 
 # How a file of the architecture begins, and which of these bytes count; and qemu's name for it.
+# shellcheck disable=SC2034
 magic_armhf='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00'
+# shellcheck disable=SC2034
 mask_armhf='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+# shellcheck disable=SC2034
 qemu_armhf=qemu-arm-static
 
 # start_emulation ARCHITECTURE: has the kernel start its programs by qemu, unless it does already; 1 if it doesn't.
@@ -29,12 +33,12 @@ run_unpacked() {
     for package in golt libgolt0.8 libgolt-dev; do dpkg-deb -x "$folder/${package}"_*_"$2.deb" "$root"; done
     run() { "${!qemu}" -L "$root" "$@"; }
     run "$root/usr/bin/golt" --version
-    run "$root/usr/bin/golt" remux --quiet --as-is ../samples/h264_aac.mp4 "$root/golt.ts"
-    run "$root/usr/bin/golt" check ../samples/short.m2ts >/dev/null
-    ../test/guide_host.sh plain >"$root/host.cpp"
+    run "$root/usr/bin/golt" remux --quiet --as-is samples/h264_aac.mp4 "$root/golt.ts"
+    run "$root/usr/bin/golt" check samples/short.m2ts >/dev/null
+    test/guide_host.sh plain >"$root/host.cpp"
     arm-linux-gnueabihf-g++ "$root/host.cpp" -I"$root/usr/include/golt" -L"$root/usr/lib/arm-linux-gnueabihf" -lgolt \
         -o "$root/host"
-    run -E LD_LIBRARY_PATH="$root/usr/lib/arm-linux-gnueabihf" "$root/host" mp4 ../samples/h264_aac.mp4 "$root/host.ts"
+    run -E LD_LIBRARY_PATH="$root/usr/lib/arm-linux-gnueabihf" "$root/host" mp4 samples/h264_aac.mp4 "$root/host.ts"
     cmp "$root/host.ts" "$root/golt.ts"
     say "Unpacked, it runs. Installation, upgrade and removal were not tested."
 }

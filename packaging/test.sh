@@ -1,12 +1,25 @@
 #!/usr/bin/env bash
-# test.sh FOLDER ARCHITECTURE: installs the packages in FOLDER in a Debian of its own, upgrades and removes them, and runs
-# the cases of debian/tests there. Another processor is emulated. As root.
+# test.sh same | ARCHITECTURE: tests the packages that deb.sh has built, or builds them first. As root.
+#   same          they are built again, with the same bytes
+#   ARCHITECTURE  they are installed in a Debian of its own, upgraded and removed, and the cases of debian/tests run there;
+#                 another processor is emulated
+# IN_PLACE=yes says that this very system may be used where none of its own can be made.
 set -euo pipefail
-folder=$(cd "$1" && pwd)
-architecture=$2
-cd "$(dirname "$0")"
-. ./chroot.sh
-. ./emulation.sh
+what=$1
+cd "$(dirname "$0")/.."
+. packaging/chroot.sh
+. packaging/emulation.sh
+
+[ "$(id -u)" -eq 0 ] || {
+    say "Chroots take root's rights: sudo ./dev deb-test"
+    exit 1
+}
+native=$(dpkg --print-architecture)
+foreign=
+[ "$what" = same ] || [ "$what" = "$native" ] || foreign=$what
+folder=build/deb${foreign:+-$foreign}
+compgen -G "$folder/golt_*.deb" >/dev/null || packaging/deb.sh ${foreign:+"$foreign"}
+[ "$what" != same ] || exec packaging/reproducible.sh "$folder"
 
 root=$(mktemp -d)
 finish() {
@@ -15,21 +28,35 @@ finish() {
 }
 trap finish EXIT
 
-if [ "$architecture" != "$(dpkg --print-architecture)" ] && ! start_emulation "$architecture"; then
-    say "The kernel can't start programs of $architecture by itself (binfmt_misc)."
-    run_unpacked "$folder" "$architecture" "$root"
+# test_in ROOT TESTBED...: ROOT may be empty for this system; TESTBED is where autopkgtest runs the cases.
+test_in() {
+    local root=$1 packages=$1/packages
+    shift
+    mkdir -p "$packages"/{older,newer}
+    for name in golt libgolt0.8 libgolt-dev; do cp "$folder/${name}"_*_"$what.deb" "$packages/newer"; done
+    packaging/older.sh "$packages/older" "$packages"/newer/*
+    cp packaging/installation.sh "$packages"
+    say "Installation, upgrade and removal"
+    inside "$root" bash /packages/installation.sh /packages/older /packages/newer
+    say "The cases of debian/tests"
+    # Its TMPDIR would have to be there, too. Emulated, on a busy machine, apt takes minutes to think.
+    with_mounts "$root" env -u TMPDIR \
+        autopkgtest --quiet --timeout-factor=20 --no-built-binaries "$folder"/*.dsc "$packages"/newer/*.deb -- "$@"
+}
+
+if [ -n "$foreign" ] && ! start_emulation "$foreign"; then
+    say "The kernel can't start programs of $foreign by itself (binfmt_misc)."
+    run_unpacked "$folder" "$foreign" "$root"
     exit
 fi
-
-say "Debian for $architecture"
-make_chroot "$root" "$architecture"
-mkdir -p "$root"/packages/{older,newer}
-for name in golt libgolt0.8 libgolt-dev; do cp "$folder/${name}"_*_"$architecture.deb" "$root/packages/newer"; done
-./older.sh "$root/packages/older" "$root"/packages/newer/*
-cp installation.sh "$root/packages"
-say "Installation, upgrade and removal"
-inside "$root" bash /packages/installation.sh /packages/older /packages/newer
-
-say "The cases of debian/tests"
-# Its TMPDIR would have to be there, too.
-with_mounts "$root" env -u TMPDIR autopkgtest --quiet "$folder"/*.dsc "$root"/packages/newer/*.deb -- chroot "$root"
+say "A Debian of its own for $what"
+if make_chroot "$root" "$what"; then
+    test_in "$root" chroot "$root"
+elif [ -z "$foreign" ] && [ "${IN_PLACE:-}" = yes ]; then
+    say "It can't be made here. This very system is taken instead: what it has may hide what the packages lack."
+    trap 'rm -rf /packages; finish' EXIT
+    test_in '' null
+else
+    say "It can't be made here."
+    exit 1
+fi

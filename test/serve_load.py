@@ -37,8 +37,9 @@ def make_films(folder, seconds):
 
 
 class Server:
-    def __init__(self, golt, folder, *options):
-        self.process = subprocess.Popen([golt, "serve", "--port", "0", *options, str(folder)],
+    def __init__(self, golt, folder, *options, before=()):
+        """before: what the program is run by."""
+        self.process = subprocess.Popen([*before, golt, "serve", "--port", "0", *options, str(folder)],
                                         stderr=subprocess.PIPE, text=True, start_new_session=True)
         for line in self.process.stderr:
             if "http:" in line:
@@ -320,4 +321,5 @@ def measure(given, folder, films, seconds, idle, clients):
         sys.exit("the processes take %.1f MB beside the cache" % (max(memories) / 2**20))
 
 
-main()
+if __name__ == "__main__":
+    main()

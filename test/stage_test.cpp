@@ -414,6 +414,18 @@ TEST(Stage, MarksWhereTheSourceJumps)
     EXPECT_EQ(out.stage.counts().jumps, 2u);
 }
 
+// Audio of 4 s comes first, and then pictures.
+TEST(Stage, TellsHowFarStreamsAreApart)
+{
+    Staged out(GOLT_VCODEC_H264, GOLT_ACODEC_AAC, {}, 44100);
+    for (uint64_t ms = 0; ms <= 4000; ms += 1000)
+        out.audio(ms, Bytes(100, 0x55));
+    for (uint64_t ms = 500; ms <= 5000; ms += 500)
+        out.video(ms, unit(sps_of(0)) + unit(PPS) + slice(0x65, 9, 1));
+    out.finish();
+    EXPECT_EQ(out.stage.counts().worst_apart, 3500 * 90);
+}
+
 TEST(Stage, LetsReadyMadePacketsPass)
 {
     Bytes stream;

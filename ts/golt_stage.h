@@ -69,6 +69,9 @@ struct StageCounts {
     // Faults of the source
     uint64_t late = 0;       ///< PES packets that come after the clock has reached them
     int64_t worst_late = 0;  ///< ticks of 90 kHz by which the worst of them missed its lead
+    /// Ticks of 90 kHz by which a frame came, at worst, after later ones of the other stream. A receiver that plays both
+    /// has to keep so much of that one.
+    int64_t worst_apart = 0;
     uint64_t misordered =
         0;  ///< pictures with a time of presentation before their time of decoding
     uint64_t untimed_audio = 0;  ///< PES packets of audio whose time can't be known

@@ -38,15 +38,15 @@ Stage::~Stage()
 bool Stage::write(const uint8_t *packets, size_t size)
 {
     if (m_state == nullptr) return false;
-    if (size == TS_SIZE && m_state->m_writer.copy_in_run(packets)) return true;
-    return m_state->write(packets, size);
+    if (size != TS_SIZE) return m_state->write(packets, size);
+    return m_state->m_writer.copy_in_run(packets) || m_state->write_one(packets);
 }
 
 int Stage::take(const uint8_t *packets, int size)
 {
     if (m_state == nullptr || size < 0) return -1;
-    if (size == static_cast<int>(TS_SIZE) && m_state->m_writer.copy_in_run(packets)) return size;
-    return m_state->take_all(packets, size);
+    if (size != static_cast<int>(TS_SIZE)) return m_state->take_all(packets, size);
+    return m_state->m_writer.copy_in_run(packets) || m_state->write_one(packets) ? size : -1;
 }
 
 bool Stage::flush()
@@ -106,13 +106,27 @@ bool Stage::State::write(const uint8_t *bytes, size_t size)
         m_counts.packets_in += size / TS_SIZE;
         return !m_writer.has_failed();
     }
-    for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE) {
-        const bool f_look =
-            m_phase == Phase::FILTERED_SLICES && may_have_code(bytes + TS_HEAD, TS_ROOM);
-        if (f_look || !m_writer.append_in_run(bytes)) take(bytes);
-    }
+    for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE)
+        take_or_append(bytes);
     if (size > 0) ++m_counts.dropped;
     return !m_writer.has_failed();
+}
+
+bool Stage::State::write_one(const uint8_t *packet)
+{
+    if (m_mode != StageMode::REMUX) return write(packet, TS_SIZE);
+    take_or_append(packet);
+    return !m_writer.has_failed();
+}
+
+void Stage::State::take_or_append(const uint8_t *packet)
+{
+    const bool f_append = m_writer.is_in_run(packet) && (m_phase != Phase::FILTERED_SLICES ||
+                                                         !may_have_code(packet + TS_HEAD, TS_ROOM));
+    if (f_append)
+        m_writer.append_in_run(packet);
+    else
+        take(packet);
 }
 
 bool Stage::State::flush()
@@ -145,21 +159,41 @@ void Stage::State::take(const uint8_t *packet)
     }
     const LaneIndex lane = lane_of(pid);
     const Payload payload = payload_of(packet);
-    const bool f_start = (packet[1] & bit::UNIT_START) != 0;
+    if ((packet[1] & bit::UNIT_START) != 0)
+        take_start(packet, lane, payload);
+    else
+        take_more(packet, lane, payload);
+}
+
+void Stage::State::take_start(const uint8_t *packet, LaneIndex lane, const Payload &payload)
+{
     UnitStart start;
-    if (f_start) m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
-    if (lane == NO_LANE || lane != m_in_lane || payload.size == 0) {
-        if (m_in_lane == NO_LANE) end_run();
-        ++m_counts.dropped;
+    m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
+    if (m_in_lane == NO_LANE) {
+        drop();
         return;
     }
-    const int64_t time = f_start ? take_start(lane, start) : 0;
+    const int64_t time = time_of(lane, start);
     if (m_f_holding)
-        hold(packet, lane, payload, f_start ? &start : nullptr);
-    else if (f_start)
+        hold(packet, lane, payload, &start);
+    else
         begin_unit(packet, lane, payload, start, time);
+}
+
+void Stage::State::take_more(const uint8_t *packet, LaneIndex lane, const Payload &payload)
+{
+    if (lane == NO_LANE || lane != m_in_lane || payload.size == 0)
+        drop();
+    else if (m_f_holding)
+        hold(packet, lane, payload, nullptr);
     else if (lane == m_lane)
         go_on(packet, payload);
+}
+
+void Stage::State::drop()
+{
+    if (m_in_lane == NO_LANE) end_run();
+    ++m_counts.dropped;
 }
 
 LaneIndex Stage::State::lane_of(uint32_t head) const
@@ -168,7 +202,7 @@ LaneIndex Stage::State::lane_of(uint32_t head) const
     return head == head_of_pid(AUDIO_PID) && m_program.knows_audio() ? AUDIO : NO_LANE;
 }
 
-int64_t Stage::State::take_start(LaneIndex lane, const UnitStart &start)
+int64_t Stage::State::time_of(LaneIndex lane, const UnitStart &start)
 {
     const int64_t time = m_in_times.extend(lane, start.pts) + m_offsets[lane];
     if (lane == AUDIO) m_program.note_audio();

@@ -267,6 +267,7 @@ void FrameWalk::add_more(const uint8_t *bytes, size_t size)
         m_skip -= skipped;
         bytes += skipped;
         size -= skipped;
+        if (size == 0) return;
         if (size >= FRAME_HEAD_SIZE && m_head_size == 0) {
             take_head(bytes);
             continue;

@@ -105,19 +105,21 @@ public:
         memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
         return true;
     }
-    /// Takes a packet if it belongs to the run.
-    bool append_in_run(const uint8_t *packet)
+    bool is_in_run(const uint8_t *packet) const
     {
-        if ((head_of(packet) & ~COUNTER) != m_run.head || m_run.to == m_run.end) return false;
+        return (head_of(packet) & ~COUNTER) == m_run.head && m_run.to != m_run.end;
+    }
+    /// Takes a packet that is.
+    void append_in_run(const uint8_t *packet)
+    {
         const size_t rest = TS_SIZE - m_fill;
         uint8_t *const to = next_of_run();
         if (rest == 0) {
             copy_payload(to, packet);
-            return true;
+            return;
         }
         memcpy(to - rest, packet + TS_HEAD, rest);
         memcpy(to + TS_HEAD, packet + TS_HEAD + rest, TS_ROOM - rest);
-        return true;
     }
 
     void end_pes();

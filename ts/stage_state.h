@@ -41,13 +41,18 @@ struct Stage::State {
     State(Write sink, void *handle, const StageHints &hints);
 
     bool write(const uint8_t *bytes, size_t size);
+    [[gnu::noinline]] bool write_one(const uint8_t *packet);
     [[gnu::noinline]] int take_all(const uint8_t *packets, int size);
     bool finish();
     bool flush();
 
     // Packets as they come
+    void take_or_append(const uint8_t *packet);
     void take(const uint8_t *packet);
-    int64_t take_start(LaneIndex lane, const UnitStart &start);
+    void take_start(const uint8_t *packet, LaneIndex lane, const Payload &payload);
+    void take_more(const uint8_t *packet, LaneIndex lane, const Payload &payload);
+    void drop();
+    int64_t time_of(LaneIndex lane, const UnitStart &start);
     bool is_jump(LaneIndex lane, int64_t time) const;
     void begin_hold();
     void hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,

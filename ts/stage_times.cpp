@@ -112,9 +112,9 @@ int64_t ClockBound::add(size_t lane, int64_t dts, bool f_other_expected)
 {
     Lane &mine = m_lanes[lane];
     Lane &other = m_lanes[1 - lane];
+    m_behind = other.f_begun ? other.last - dts : 0;
     // A lane that is behind may soon be farther behind.
-    if (other.f_begun && (other.last - dts) * 2 > m_spread)
-        m_spread = std::min((other.last - dts) * 2, MOST_SPREAD);
+    if (m_behind * 2 > m_spread) m_spread = std::min(m_behind * 2, MOST_SPREAD);
     mine = {true, dts, 0};
     if (!f_other_expected && !other.f_begun) return dts - FIRST_LEAD;
 

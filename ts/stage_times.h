@@ -88,6 +88,8 @@ public:
     void begin() { *this = ClockBound(); }
     /// lane: 0 or 1. Notes that a PES packet is decoded at dts, and returns how far the clock may go now.
     int64_t add(size_t lane, int64_t dts, bool f_other_expected);
+    /// By how much the one that came last is behind the other lane; not above 0 where it isn't.
+    int64_t behind() const { return m_behind; }
 
 private:
     static constexpr int64_t SLACK =
@@ -102,6 +104,7 @@ private:
         unsigned units_of_other = 0;  // since then
     };
     Lane m_lanes[2];
+    int64_t m_behind = 0;
     int64_t m_spread = FIRST_SPREAD;  // how far the clock waits for a lane from which nothing comes
 };
 

@@ -314,6 +314,7 @@ int64_t Stage::State::advance_clock(LaneIndex lane, int64_t time, bool f_tables)
     const bool f_other_expected = lane == VIDEO ? m_program.has_audio() : m_program.has_video();
     const bool f_carries = m_program.pcr_pid() == m_pids[lane].pid;
     const int64_t bound = m_bound.add(lane, time, f_other_expected);
+    m_counts.worst_apart = std::max(m_counts.worst_apart, m_bound.behind());
     if (!m_f_clock_begun || m_f_clock_jumps) return begin_clock(f_carries);
 
     const int64_t late = m_pcr + ClockBound::LEAD - time;

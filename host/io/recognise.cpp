@@ -73,8 +73,7 @@ std::string why_other_format(const uint8_t *head, size_t size)
     };
     for (const auto &row : other_rows) {
         if (has(0, row.first) && has(row.at, row.then))
-            return std::string(row.title) +
-                   " isn't remuxed, only MP4, Matroska, MP3 and M2TS are";
+            return std::string(row.title) + " isn't remuxed, only MP4, Matroska, MP3 and M2TS are";
     }
     return "";
 }

@@ -33,8 +33,8 @@ struct Reply {
 
     uint64_t id = 0;
     unsigned status = LOST;  ///< of HTTP; 200: the result is kept, or was
-    uint64_t size = 0;    ///< of the result
-    std::string text;     ///< why not
+    uint64_t size = 0;       ///< of the result
+    std::string text;        ///< why not
 };
 
 /// No message is larger, bytes: above the longest path and the longest reason.

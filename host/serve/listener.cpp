@@ -10,6 +10,7 @@
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@ namespace {
 constexpr int BACKLOG = 1024;
 // The first descriptor that is passed, as sd_listen_fds(3) has it.
 constexpr int FIRST_PASSED = 3;
+constexpr int MOST_UNSENT = 256 * 1024;  // bytes, for each connection
 
 struct Place {
     sockaddr_storage address;
@@ -27,27 +29,19 @@ struct Place {
 };
 
 Descriptor passed_listener();
+Descriptor bound_listener(const std::string &address, uint16_t port);
 Place find_place(const std::string &address, uint16_t port);
 std::string address_text(const sockaddr *address);
-template <typename Address> Address copy_of(const sockaddr *address);
 bool is_any(const sockaddr_storage &address);
 
 }  // namespace
 
 Descriptor open_listener(const std::string &address, uint16_t port)
 {
-    Descriptor passed = passed_listener();
-    if (passed.is_open()) return passed;
-    const std::string name = address + ":" + std::to_string(port);
-    const Place place = find_place(address, port);
-    Descriptor listener(
-        socket(place.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const int one = 1;
-    if (!listener.is_open() ||
-        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        bind(listener.get(), reinterpret_cast<const sockaddr *>(&place.address), place.size) != 0 ||
-        listen(listener.get(), BACKLOG) != 0)
-        throw NotDone(name, error_text(errno));
+    Descriptor listener = passed_listener();
+    if (!listener.is_open()) listener = bound_listener(address, port);
+    // Connections inherit it. Without it the kernel takes megabytes for a client that takes nothing.
+    setsockopt(listener.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &MOST_UNSENT, sizeof MOST_UNSENT);
     return listener;
 }
 
@@ -64,7 +58,12 @@ std::vector<std::string> addresses_of(const Descriptor &listener)
         return {"http://" + address_text(reinterpret_cast<const sockaddr *>(&own)) + tail};
     std::vector<std::string> addresses;
     ifaddrs *first = nullptr;
-    if (getifaddrs(&first) != 0) return {};
+    if (getifaddrs(&first) != 0) {
+        // As where a service may not ask. The name is cut when it is too long.
+        char name[256] = "";
+        gethostname(name, sizeof name - 1);
+        return {std::string("http://") + name + tail};
+    }
     for (const ifaddrs *at = first; at != nullptr; at = at->ifa_next) {
         if (at->ifa_addr == nullptr || (at->ifa_flags & IFF_UP) == 0) continue;
         // Those of IPv6 that are valid on one link alone need more than the address.
@@ -98,6 +97,20 @@ Descriptor passed_listener()
     fcntl(FIRST_PASSED, F_SETFD, FD_CLOEXEC);
     fcntl(FIRST_PASSED, F_SETFL, fcntl(FIRST_PASSED, F_GETFL) | O_NONBLOCK);
     return Descriptor(FIRST_PASSED);
+}
+
+Descriptor bound_listener(const std::string &address, uint16_t port)
+{
+    const Place place = find_place(address, port);
+    Descriptor listener(
+        socket(place.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const int one = 1;
+    if (!listener.is_open() ||
+        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+        bind(listener.get(), reinterpret_cast<const sockaddr *>(&place.address), place.size) != 0 ||
+        listen(listener.get(), BACKLOG) != 0)
+        throw NotDone(address + ":" + std::to_string(port), error_text(errno));
+    return listener;
 }
 
 #if GOLT_STATIC
@@ -150,14 +163,6 @@ std::string address_text(const sockaddr *address)
     }
     const auto four = copy_of<sockaddr_in>(address);
     return inet_ntop(AF_INET, &four.sin_addr, text, sizeof text);
-}
-
-// What a sockaddr points to is longer, and its type needn't be aligned for it.
-template <typename Address> Address copy_of(const sockaddr *address)
-{
-    Address copy;
-    std::memcpy(&copy, address, sizeof copy);
-    return copy;
 }
 
 bool is_any(const sockaddr_storage &address)

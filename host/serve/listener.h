@@ -4,8 +4,11 @@
 #define HOST_SERVE_LISTENER_H
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
+
+#include <sys/socket.h>
 
 #include "io/descriptor.h"
 
@@ -15,5 +18,13 @@ Descriptor open_listener(const std::string &address, uint16_t port);
 
 /// The addresses at which a browser finds it, such as "http://127.0.0.1:8080/".
 std::vector<std::string> addresses_of(const Descriptor &listener);
+
+/// An address as its family has it. What a sockaddr points to is longer, and its type needn't be aligned for it.
+template <typename Address> Address copy_of(const sockaddr *address)
+{
+    Address copy;
+    std::memcpy(&copy, address, sizeof copy);
+    return copy;
+}
 
 #endif

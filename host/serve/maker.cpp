@@ -1,6 +1,7 @@
 #include "maker.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <list>
 #include <memory>
@@ -137,6 +138,8 @@ void Maker::step()
     limit_time(LONGEST_CPU_SECONDS, LONGEST_WORK_SECONDS);
     const Reply reply = reply_to(job);
     limit_time(0, 0);
+    // What the library has said about it, if anybody wants to know.
+    std::fflush(stdout);
     // A server that takes no replies has ended, or finds out that this one is lost.
     for (int tries = 0; job.server < m_setting.replies.size() &&
                         !send_reply(m_setting.replies[job.server], reply) && tries < 10;
@@ -298,7 +301,8 @@ uint64_t cpu_us()
 {
     timespec used = {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    return static_cast<uint64_t>(used.tv_sec) * 1000000 + static_cast<uint64_t>(used.tv_nsec) / 1000;
+    return static_cast<uint64_t>(used.tv_sec) * 1000000 +
+           static_cast<uint64_t>(used.tv_nsec) / 1000;
 }
 
 uint64_t us_since(const timespec &start)

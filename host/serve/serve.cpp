@@ -86,7 +86,7 @@ private:
     Channel m_jobs;
     std::vector<Channel> m_replies;
     Descriptor m_said, m_to_say;  // what the others write to the standard error
-    std::vector<Post> m_posts;  // servers first
+    std::vector<Post> m_posts;    // servers first
     sigset_t m_waiting = {};
     const int64_t m_start = time(nullptr);
 };
@@ -198,6 +198,7 @@ void Parent::become(size_t slot)
     if (getppid() != parent) _exit(EXIT_NOT_DONE);
     // They may write to no file, not even to the one that the messages go to.
     dup2(m_to_say.get(), STDERR_FILENO);
+    m_said.close();
     // A terminal sends them to all; the parent says when it is time.
     std::signal(SIGINT, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
@@ -244,8 +245,7 @@ void Parent::become(size_t slot)
 void Parent::wait()
 {
     const int64_t ms = ms_to_wait();
-    const timespec limit = {static_cast<time_t>(ms / 1000),
-                            static_cast<long>(ms % 1000) * 1000000};
+    const timespec limit = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
     pollfd said = {m_said.get(), POLLIN, 0};
     ppoll(&said, 1, ms < 0 ? nullptr : &limit, &m_waiting);
 }
@@ -300,8 +300,8 @@ void Parent::report_lost_job(const Slot &slot, unsigned failures)
     if (failures > 0) m_shared.suspect(slot.subject, failures);
     if (slot.server >= m_replies.size()) return;
     const bool f_again = failures < Shared::MOST_FAILURES;
-    send_reply(m_replies[slot.server],
-               {slot.job, f_again ? Reply::LOST : STATUS_FAILED, 0, "reading the file takes too long"});
+    send_reply(m_replies[slot.server], {slot.job, f_again ? Reply::LOST : STATUS_FAILED, 0,
+                                        "reading the file takes too long"});
 }
 
 // Until the next process is due; negative: there is none.

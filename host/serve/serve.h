@@ -24,8 +24,8 @@ struct ServeOptions {
     uint64_t connections = 1024;  ///< in all
     uint64_t from_one_address = 128;
     uint32_t idle_seconds = 30;  ///< see ServerSetting
-    std::string hls_js;  ///< a file; empty: an installed one, if there is any
-    HttpOptions http;    ///< for URLs
+    std::string hls_js;          ///< a file; empty: an installed one, if there is any
+    HttpOptions http;            ///< for URLs
 };
 
 /// Serves until a signal comes. Throws NotDone or BadUsage.

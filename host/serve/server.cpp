@@ -13,12 +13,14 @@
 #include "exchange.h"
 #include "io/interrupt.h"
 #include "io/message.h"
+#include "listener.h"
 #include "maker.h"
 
 namespace {
 
-// For all that a request says before its body. Larger ones are refused.
-constexpr size_t HEAD_SIZE = 16 * 1024;
+// For all that a request says before its body. Larger ones are refused. MHD has it in use from the first answer of
+// a connection to its end.
+constexpr size_t HEAD_SIZE = 8 * 1024;
 // When most of the connections are taken, the idle ones have to go sooner.
 constexpr int64_t IDLE_SECONDS_WHEN_FULL = 5;
 // Answers under way at the end get so long.
@@ -81,9 +83,10 @@ Server::Server(const ServerSetting &setting)
         MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, on_client, this, on_request, this,
         MHD_OPTION_LISTEN_SOCKET, setting.listener, MHD_OPTION_CONNECTION_LIMIT,
         setting.connections, MHD_OPTION_CONNECTION_MEMORY_LIMIT, HEAD_SIZE,
-        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_URI_LOG_CALLBACK, on_address,
-        this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded, this, MHD_OPTION_NOTIFY_COMPLETED,
-        on_end, this, MHD_OPTION_NOTIFY_CONNECTION, on_connection, this, MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_TIMEOUT, setting.idle_seconds, MHD_OPTION_STRICT_FOR_CLIENT, 1,
+        MHD_OPTION_URI_LOG_CALLBACK, on_address, this, MHD_OPTION_UNESCAPE_CALLBACK, leave_encoded,
+        this, MHD_OPTION_NOTIFY_COMPLETED, on_end, this, MHD_OPTION_NOTIFY_CONNECTION,
+        on_connection, this, MHD_OPTION_END);
     if (m_daemon == nullptr) throw NotDone("the server", error_text(errno));
 }
 
@@ -146,10 +149,8 @@ void Server::look_after(int64_t now)
     for (const Peer &peer : m_peers) {
         if (!peer.f_waiting && now > peer.deadline - early) drop(peer);
     }
-    m_context.setting.shared.update(m_context.setting.slot, [&](Slot &slot) {
-        slot.connections = m_peers.size();
-        slot.memory = own_memory();
-    });
+    m_context.setting.shared.update(m_context.setting.slot,
+                                    [&](Slot &slot) { slot.memory = own_memory(); });
 }
 
 // MHD finds the connection closed.
@@ -177,11 +178,13 @@ void Server::on_connection(void *server, MHD_Connection *connection, void **peer
         self.m_peers.push_front({connection, deadline, self.m_place.value()});
         self.m_place.reset();
         *peer = &self.m_peers.front();
-        return;
+    } else {
+        self.m_f_closed = true;
+        self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
+        self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
     }
-    self.m_f_closed = true;
-    self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
-    self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
+    self.m_context.setting.shared.update(
+        self.m_context.setting.slot, [&](Slot &slot) { slot.connections = self.m_peers.size(); });
 }
 
 // Whether the client is let in. Of one that is, the connection begins next, unless memory is short.
@@ -210,13 +213,15 @@ MHD_Result Server::on_request(void * /*server*/, MHD_Connection * /*connection*/
 }
 
 void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
-                    MHD_RequestTerminationCode /*how*/)
+                    MHD_RequestTerminationCode how)
 {
     delete static_cast<Exchange *>(*exchange);
     *exchange = nullptr;
     auto &self = *static_cast<Server *>(server);
-    self.peer_of(connection).deadline =
-        steady_seconds() + self.m_context.setting.request_seconds();
+    self.peer_of(connection).deadline = steady_seconds() + self.m_context.setting.request_seconds();
+    // MHD closes it.
+    if (how == MHD_REQUEST_TERMINATED_TIMEOUT_REACHED)
+        self.m_context.setting.shared.count([](Counters &counters) { ++counters.dropped; });
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.
@@ -228,12 +233,13 @@ size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/,
 ClientAddress client_address(const sockaddr *address)
 {
     ClientAddress bytes = {};
-    if (address->sa_family == AF_INET6)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in6 *>(address)->sin6_addr,
-               sizeof(in6_addr));
-    else if (address->sa_family == AF_INET)
-        memcpy(bytes.data(), &reinterpret_cast<const sockaddr_in *>(address)->sin_addr,
-               sizeof(in_addr));
+    if (address->sa_family == AF_INET6) {
+        const auto six = copy_of<sockaddr_in6>(address);
+        memcpy(bytes.data(), &six.sin6_addr, sizeof six.sin6_addr);
+    } else if (address->sa_family == AF_INET) {
+        const auto four = copy_of<sockaddr_in>(address);
+        memcpy(bytes.data(), &four.sin_addr, sizeof four.sin_addr);
+    }
     return bytes;
 }
 

@@ -48,9 +48,9 @@ struct Shared::Connection {
 struct Shared::Region {
     pthread_mutex_t mutex;
     uint64_t budget;
-    uint64_t connections;  // places for them
+    uint64_t connections;    // places for them
     int64_t without_makers;  // since; 0: there are some
-    uint64_t end;  // of the line
+    uint64_t end;            // of the line
     uint64_t entry_count;
     Entry entries[MOST_ENTRIES];  // the newest at entry_count - 1, modulo their number
     Counters counters;
@@ -175,11 +175,10 @@ bool Shared::is_slow(uint64_t subject) const
 {
     const Lock lock(*this);
     const int64_t now = steady_seconds();
-    return std::any_of(std::begin(m_region->slots), std::end(m_region->slots),
-                       [&](const Slot &slot) {
-                           return slot.f_working && slot.subject == subject &&
-                                  now - slot.since > SLOW_SECONDS;
-                       });
+    return std::any_of(
+        std::begin(m_region->slots), std::end(m_region->slots), [&](const Slot &slot) {
+            return slot.f_working && slot.subject == subject && now - slot.since > SLOW_SECONDS;
+        });
 }
 
 std::set<uint64_t> Shared::jobs_in_hand(size_t server) const

@@ -95,8 +95,8 @@ std::string status_metrics(const Shared &shared, int64_t start)
     add("connections", "gauge", "Open connections.", processes.connections);
     add("connections_dropped_total", "counter", "Connections that were idle or slow.",
         counters.dropped);
-    add("connections_refused_total", "counter",
-        "Connections from addresses that had too many.", counters.refused);
+    add("connections_refused_total", "counter", "Connections from addresses that had too many.",
+        counters.refused);
     add("memory_bytes", "gauge", "Memory of servers and makers beside the cache.",
         processes.memory);
     add("deaths_total", "counter", "Processes that had to be replaced.", counters.deaths);

@@ -77,7 +77,6 @@ void WorkList::look_after(int64_t now)
     m_looked = now;
     if (f_look && !m_pending.empty()) {
         const std::set<uint64_t> in_hand = m_shared.jobs_in_hand(m_slot);
-        // Before the sockets are looked at nothing can be said to be missing.
         if (has_no_job(m_jobs)) find_lost(in_hand);
         reply_to_late(in_hand, now);
     }
@@ -107,7 +106,8 @@ void WorkList::reply_to_late(const std::set<uint64_t> &in_hand, int64_t now)
     for (const auto &[id, pending] : m_pending) {
         const int64_t waited = now - pending.since;
         const bool f_begun = in_hand.count(id) != 0;
-        if (waited > PATIENCE_SECONDS || (!f_begun && (!f_makers || waited > BEGIN_SECONDS)))
+        if (waited > PATIENCE_SECONDS ||
+            (!f_begun && (!f_makers || (waited > BEGIN_SECONDS && !is_for_slow_file(pending)))))
             late.push_back(id);
     }
     for (const uint64_t id : late)
@@ -121,15 +121,19 @@ void WorkList::give_up_all()
         take({m_pending.begin()->first, STATUS_UNAVAILABLE, 0, "the server ends"});
 }
 
-void WorkList::send(Pending &pending)
+// Another job is under way for the same file, as on a slow network: when it is done, this one may be soon.
+bool WorkList::is_for_slow_file(const Pending &pending) const
 {
     const uint64_t subject = pending.job.subject();
-    if (pending.f_sent || m_busy.size() >= m_most_busy || m_busy.count(subject) != 0) return;
-    // Another server has a maker for it, and waits long already.
-    if (m_shared.is_slow(subject)) return;
+    return !pending.f_sent && (m_busy.count(subject) != 0 || m_shared.is_slow(subject));
+}
+
+void WorkList::send(Pending &pending)
+{
+    if (pending.f_sent || m_busy.size() >= m_most_busy || is_for_slow_file(pending)) return;
     pending.f_sent = send_job(m_jobs, pending.job);
     if (!pending.f_sent) return;
-    m_busy.insert(subject);
+    m_busy.insert(pending.job.subject());
     ++pending.times_sent;
     pending.times_missed = 0;
 }

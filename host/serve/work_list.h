@@ -47,6 +47,7 @@ private:
         unsigned times_missed = 0;  // by those who look for it in the makers' hands
     };
 
+    bool is_for_slow_file(const Pending &pending) const;
     void send(Pending &pending);
     void take_back(Pending &pending);
     void find_lost(const std::set<uint64_t> &in_hand);
