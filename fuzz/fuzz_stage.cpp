@@ -79,7 +79,7 @@ golt::StageHints hints_from(Numbers &numbers, Bytes &video, Bytes &audio)
     golt::StageHints hints;
     const auto kind = static_cast<uint32_t>(numbers.take(1));
     hints.mode = static_cast<golt::StageMode>(kind % 3);
-    hints.audio_durations = static_cast<golt::Durations>(kind / 3 % 3);
+    hints.audio_durations = static_cast<golt::Durations>(kind / 3 % 4);
     hints.video.offset = static_cast<int16_t>(numbers.take(2)) * int64_t{90};
     hints.audio.offset = static_cast<int16_t>(numbers.take(2)) * int64_t{90};
     video = numbers.take_bytes(numbers.take(1));

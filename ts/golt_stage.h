@@ -29,6 +29,7 @@ enum class Durations : uint8_t {
     UNKNOWN,   ///< audio frames that all have the same time are taken to follow one another
     TOLD,      ///< each time is the file's own
     NOT_TOLD,  ///< the times follow from the frames themselves
+    COUNTED,  ///< the file has no times: those that come were counted, less exactly than the frames tell
 };
 
 enum class StageMode : uint8_t {

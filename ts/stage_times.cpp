@@ -60,9 +60,10 @@ int64_t AudioTimes::next(int64_t told, Durations durations)
     const bool f_follows = m_f_begun && m_last_samples > 0;
     const int64_t follows = predicted();
     const bool f_still = stands_still(told, durations);
+    const bool f_counted = f_follows && durations == Durations::COUNTED;
     if (!m_f_begun && is_on_grid(told)) {
         m_last = predicted();
-    } else if (f_still || (f_follows && std::abs(follows - told) <= ROUNDING)) {
+    } else if (f_still || f_counted || (f_follows && std::abs(follows - told) <= ROUNDING)) {
         m_last = follows;
     } else {
         m_base = m_last = told;

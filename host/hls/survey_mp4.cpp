@@ -32,7 +32,12 @@ private:
     std::deque<uint64_t> m_keys;
 };
 
-constexpr double MOST_SECONDS = 1e9;
+int64_t ticks_of(double seconds)
+{
+    constexpr double MOST = 1e9;
+    const auto half_ticks = static_cast<int64_t>(std::min(seconds, MOST) * TICKS_PER_SECOND * 2);
+    return (half_ticks + 1) / 2;
+}
 
 // Where a track ends that begins at a time of the film, or where the file is cut; chunks are short.
 int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
@@ -44,18 +49,14 @@ int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
         seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
                    static_cast<double>(mp4.samples);
     film.f_cut = film.f_cut || f_cut;
-    const auto half_ticks =
-        static_cast<int64_t>(std::min(seconds, MOST_SECONDS) * TICKS_PER_SECOND * 2);
-    return begin + (half_ticks + 1) / 2;
+    return begin + ticks_of(seconds);
 }
 
 // Where the samples end that were walked over.
 int64_t end_of(const KeySamples &samples, const Film &film, const Track &track)
 {
     const double seconds = static_cast<double>(samples.end()) / track.mp4.timescale;
-    return film_time(film,
-                     static_cast<int64_t>(std::min(seconds, MOST_SECONDS) * TICKS_PER_SECOND + 0.5),
-                     TrackKind::VIDEO);
+    return film_time(film, ticks_of(seconds), TrackKind::VIDEO);
 }
 
 // end: about, of video and audio; audio_end: exactly.

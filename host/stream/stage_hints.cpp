@@ -84,6 +84,8 @@ StageSetup stage_setup(const Outline &outline, const Selection &selection, bool 
     const bool f_told = outline.container != Container::MATROSKA ||
                         track.matroska.default_duration_ns.value_or(0) > 0;
     setup.hints.audio_durations = f_told ? golt::Durations::TOLD : golt::Durations::NOT_TOLD;
+    if (outline.container == Container::MPEG_AUDIO)
+        setup.hints.audio_durations = golt::Durations::COUNTED;
     return setup;
 }
 
