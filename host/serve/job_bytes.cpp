@@ -90,7 +90,7 @@ bool read_reply(const std::string &bytes, Reply &reply)
     std::string text;
     if (!part(bytes, head, text)) return false;
     const bool f_refused = head.status >= FIRST_REFUSAL && head.status <= LAST_REFUSAL;
-    if (head.status != STATUS_DONE && !f_refused) return false;
+    if (head.status != STATUS_DONE && head.status != Reply::LOST && !f_refused) return false;
     reply = {head.id, head.status, head.size, text};
     return true;
 }
