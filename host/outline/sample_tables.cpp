@@ -4,8 +4,8 @@
 
 namespace {
 
-// Three days at 60 pictures a second. A few bytes may state more.
-constexpr uint64_t MOST_SAMPLES = 1 << 24;
+// 38 hours at 60 pictures a second. A few bytes may state more.
+constexpr uint64_t MOST_SAMPLES = 1 << 23;
 constexpr uint32_t MOST_LOADS = 8192;
 
 /// A table of runs: a count and a value each ("stts", "ctts").
