@@ -150,7 +150,7 @@ TEST(Mkv, Seeks)
         {"destroyed in a lace", SCENES, "a2000=01", "1"},
         {"destroyed after a seek", SCENES, "@", "@2000"},
     });
-    EXPECT_EQ(Demuxer(Bytes()).run("@0 1"), "!");
+    EXPECT_EQ(MkvDemuxer(Bytes()).run("@0 1"), "!");
     GOLT_streamInfo_t info = {};
     EXPECT_FALSE(GOLT_DMX_MKVSeekToTime(0) || GOLT_DMX_MKVReadFrame(nullptr) ||
                  GOLT_DMX_MKVGetStreamInfo(&info))
@@ -215,7 +215,7 @@ TEST(Mkv, KnowsTheSizesOfAc3Frames)
 
 TEST(Mkv, ReadsNumbersOfOneToFourBytes)
 {
-    const Demuxer demuxer(MkvFile(VIDEO).build());
+    const MkvDemuxer demuxer(MkvFile(VIDEO).build());
     testing::internal::CaptureStdout();
     EXPECT_EQ(FileGetUint(0) + FileGetUint(5), 0u);
     EXPECT_EQ(FileGetSint(0) + FileGetSint(5), 0);
@@ -234,7 +234,7 @@ TEST(Mkv, EndsOnWhatIsNoMatroska)
 {
     for (const Bytes &file : {Bytes(), Bytes(1 << 20), pattern(1 << 20, 7), MkvFile(AVC).build(),
                               hex("1654AE6B 0FFFFFFFFF AE FE")}) {
-        Demuxer demuxer(file);
+        MkvDemuxer demuxer(file);
         EXPECT_EQ(demuxer.run("9"), "");
         EXPECT_LE(demuxer.source.reads, 2000);
     }
@@ -261,7 +261,7 @@ TEST(Mkv, ReadsALargeFrameWithoutSeeking)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        Demuxer demuxer(MkvFile(row.file).build());
+        MkvDemuxer demuxer(MkvFile(row.file).build());
         Source &source = demuxer.source;
         source.reads = source.seeks = 0;
         EXPECT_EQ(demuxer.run("1"), row.trace);
@@ -337,7 +337,7 @@ TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
 TEST(Mkv, SeeksOverAudioUnread)
 {
     const std::string laces = times(1000, "l04.FE ");
-    Demuxer demuxer(
+    MkvDemuxer demuxer(
         MkvFile(AVC + " " + AAC + " k C0 " + laces + "v0(41) a0=01*999 v40(65) q99").build());
     g_heap.granted = INT_MAX;
     const int before = demuxer.source.reads;
@@ -384,11 +384,11 @@ TEST(Mkv, CodecsWithoutATypeAreWritten)
 TEST(Mkv, DeliversWhatIsBeforeACut)
 {
     const Bytes file = MkvFile(SCENES).build();
-    const std::string all = Demuxer(file).run("99");
+    const std::string all = MkvDemuxer(file).run("99");
     testing::internal::CaptureStdout();
     for (auto end = file.begin(); end != file.end(); ++end) {
         // Of the last frame what is after the cut is 0.
-        const std::string got = Demuxer(Bytes(file.begin(), end)).run("99");
+        const std::string got = MkvDemuxer(Bytes(file.begin(), end)).run("99");
         const size_t whole = got.find_last_of(" ") + 1;
         EXPECT_EQ(got.substr(0, whole), all.substr(0, whole)) << end - file.begin();
     }

@@ -26,16 +26,16 @@ inline std::string spell_out(const Bytes &data)
     return out[0] == '|' ? out : '=' + out;
 }
 
-struct Demuxer {
+struct MkvDemuxer {
     Source source;
 
-    explicit Demuxer(const Bytes &file)
+    explicit MkvDemuxer(const Bytes &file)
         : source(file)
     {
         source.seek(1, 0);  // the file is read from its start all the same
         EXPECT_TRUE(GOLT_DMX_MKVInit(Source::read_proc, Source::seek_proc, &source));
     }
-    ~Demuxer() { EXPECT_TRUE(GOLT_DMX_MKVDestroy()); }
+    ~MkvDemuxer() { EXPECT_TRUE(GOLT_DMX_MKVDestroy()); }
 
     // "@500 2": a seek and two frames; "@ v500|65 a512=01": that it was true, and what came.
     // "i": codecs (GOLT_codecs_t), channels, hertz and milliseconds that the stream info has, and the size of
@@ -65,17 +65,17 @@ struct Demuxer {
     }
 };
 
-struct Case {
+struct MkvCase {
     const char *name;
     std::string file, trace;
     const char *steps = "9999";
 };
 
-inline void expect_traces(const std::vector<Case> &cases)
+inline void expect_traces(const std::vector<MkvCase> &cases)
 {
-    for (const Case &row : cases) {
+    for (const MkvCase &row : cases) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(Demuxer(MkvFile(row.file).build()).run(row.steps), row.trace);
+        EXPECT_EQ(MkvDemuxer(MkvFile(row.file).build()).run(row.steps), row.trace);
     }
 }
 
