@@ -20,7 +20,9 @@ import json
 import os
 import re
 import shutil
+import signal
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -45,10 +47,21 @@ FAST, LONG = 0.7, 0.1          # of a turn; the sanitizers have the rest
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 ENVIRONMENT = {
     **os.environ,
-    "ASAN_OPTIONS": "quarantine_size_mb=4:malloc_context_size=4:detect_leaks=0:allocator_release_to_os_interval_ms=-1",
+    # Another status than CANT_RUN for what a sanitizer reports.
+    "ASAN_OPTIONS": "exitcode=77:quarantine_size_mb=4:malloc_context_size=4:detect_leaks=0"
+                    ":allocator_release_to_os_interval_ms=-1",
     # Freed memory stays with the program: getting it again for each input would be a third of the time.
     "GLIBC_TUNABLES": "glibc.malloc.mmap_threshold=67108864:glibc.malloc.trim_threshold=134217728"
                       ":glibc.malloc.top_pad=1048576"}
+
+STOPPED = threading.Event()  # by a signal: no turn begins, and what runs has been ended
+RUNNING = set()
+
+
+def stop(*_):
+    STOPPED.set()
+    for process in list(RUNNING):
+        process.terminate()
 
 
 class State:
@@ -81,8 +94,12 @@ def command(build, target, *arguments):
 def run(words, log):
     """Runs to the end; its status and the seconds of processor time that it took."""
     with open(log, "wb") as output:
-        process = subprocess.Popen(words, stdout=output, stderr=subprocess.STDOUT, env=ENVIRONMENT)
+        # A session of its own: a terminal's signal reaches this program alone.
+        process = subprocess.Popen(words, stdout=output, stderr=subprocess.STDOUT, env=ENVIRONMENT,
+                                   start_new_session=True)
+        RUNNING.add(process)
         _, status, usage = os.wait4(process.pid, 0)
+        RUNNING.discard(process)
         process.returncode = os.waitstatus_to_exitcode(status)
     return process.returncode, usage.ru_utime + usage.ru_stime
 
@@ -107,13 +124,15 @@ def seeds_of(target):
 
 def part(state, build, target, seconds, arguments):
     """Fuzzes once. True: nothing was found."""
-    if seconds < 1:
+    if seconds < 1 or STOPPED.is_set():
         return True
     log = TOP / "build/fuzz" / f"soak-{build}-{target}.log"
     status, processor = run(command(build, target, f"-max_total_time={int(seconds)}",
                                     f"-artifact_prefix={FOUND}/{target}-", *arguments), log)
     if status == CANT_RUN:
         raise RuntimeError(f"fuzz_{target} doesn't run, see {log}")
+    if STOPPED.is_set():
+        status = 0
     seen = figures(log)
     kind = "fast" if build == "fuzz-fast" else "sanitized"
     state.add(target, {f"{kind}_executions": seen["executions"], f"{kind}_seconds": processor,
@@ -129,6 +148,8 @@ def part(state, build, target, seconds, arguments):
 
 def turn(state, target, seconds):
     """One target's turn of a round."""
+    if STOPPED.is_set():
+        return
     folder = Path(tempfile.mkdtemp(prefix=f"golt-{target}-", dir=MEMORY))
     try:
         kept = CORPUS / target
@@ -158,7 +179,7 @@ def differential(state, seconds):
     begin = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="golt-differ-", dir=MEMORY) as folder:
         differ = Differ(TOP, Path(folder), FOUND)
-        compared, findings = differ.compare_for(seconds)
+        compared, findings = differ.compare_for(seconds, STOPPED)
     state.add(DIFFERENTIAL, {"executions": compared, "seconds": time.monotonic() - begin, "findings": findings})
     print(f"{DIFFERENTIAL:12} {compared:21,} files, {findings} findings", flush=True)
 
@@ -172,6 +193,8 @@ def soak(state, hours, jobs, targets):
     rounds = max(ROUNDS_LEAST, round(total / ROUND))
     share = total / rounds * jobs / (len(targets) + 1)
     for number in range(rounds):
+        if STOPPED.is_set():
+            break
         print(f"round {number + 1} of {rounds}, {share:.0f} s for each target", flush=True)
         with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
             turns = [pool.submit(turn, state, target, share) for target in targets]
@@ -216,9 +239,13 @@ def main():
     options = parser.parse_args()
     state = State()
     if options.table:
+        if not state.all:
+            sys.exit("No run has been made here.")
         write_page(state)
     else:
         os.nice(19)
+        signal.signal(signal.SIGTERM, stop)
+        signal.signal(signal.SIGINT, stop)
         soak(state, options.hours, max(options.jobs, 1), options.targets or options.all.split())
     print(table(state), end="")
 
