@@ -21,6 +21,8 @@ import threading
 from support.browser import open_browser
 
 TRIES = 10
+# With these words a busy machine may disturb a film: hls.js's own, and those of waits that have ended.
+STALLS = ("bufferStalledError", "not loaded", "not found", "not played")
 PACKET = 188
 PAT, VIDEO = 0, 0x100
 SEGMENT = 2 * 90000
@@ -44,13 +46,18 @@ async function loadByScript(url, video, errors) {
 }
 async function load(url, video) {
     video.src = URL.createObjectURL(await (await fetch(url)).blob());
-    await until('not loaded', () => video.readyState >= 4);
+    await untilRefused(video, 'not loaded', () => video.readyState >= 4);
 }
 function largestGap(ranges) {
     let gap = 0;
     for (let i = 0; i < ranges.length; ++i)
         gap = Math.max(gap, ranges.start(i) - (i === 0 ? 0 : ranges.end(i - 1)));
     return gap;
+}
+// What comes, unless the decoder refuses the film before.
+async function untilRefused(video, what, test) {
+    await until(what, () => video.error || test());
+    if (video.error) throw video.error.message;
 }
 // Once it is refused, the decoder stays so.
 async function seeks(video) {
@@ -77,7 +84,7 @@ async function measure(url) {
         else await load(url, video);
         video.playbackRate = 2;
         await video.play();
-        await until('not played to the end', () => video.ended);
+        await untilRefused(video, 'not played to the end', () => video.ended);
         plays = false;
         found.pictures = video.getVideoPlaybackQuality().totalVideoFrames;
         found.audio = video.webkitAudioDecodedByteCount;
@@ -146,10 +153,12 @@ def publish(film, folder):
 
 
 def play(browser, address):
-    """As it is when nothing disturbs it: a busy machine may make it wait, but not always at the same film."""
+    """As it is when nothing disturbs it: a busy machine may make it wait, but not always at the same film. What hls.js or the
+    decoder complain of counts at once."""
     for _ in range(TRIES):
         result = browser.execute_async_script("measure(arguments[0]).then(arguments[1])", address)
-        if not result["waits"] and not result["errors"]:
+        stalls = [error for error in result["errors"] if error.startswith(STALLS)]
+        if stalls != result["errors"] or not (stalls or result["waits"]):
             break
     return result
 

@@ -33,9 +33,11 @@ SH
 #!/bin/bash
 set -e
 [ "$1" = serve ] || exec "$PREFIX/bin/golt" "$@"
-"$PREFIX/bin/golt" "$@" --port 0 2>said &
-for _ in {1..100}; do grep -q http: said && break || sleep 0.1; done
+"$PREFIX/bin/golt" "$@" --port 0 2>said 3>&- &
+trap 'kill $!' EXIT
+for _ in {1..300}; do grep -q http: said && break || sleep 0.1; done
 curl -fsS --noproxy '*' "$(sed -n 's/.*\(http:.*\)/\1/p' said | head -n 1)" | grep -q movie.mp4
+trap - EXIT
 kill $!
 wait $! || [ $? -eq 143 ]
 SH
@@ -56,6 +58,10 @@ setup() {
     export PATH=$PWD/bin:$PATH HOME=$PWD
     export PKG_CONFIG_PATH=$(dirname "$(find "$PREFIX" -name golt.pc)")
     export LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
+}
+
+teardown() {
+    [ -z "${server:-}" ] || kill "$server"
 }
 
 # The files that the pages name.
@@ -115,11 +121,13 @@ blocks() {
     golt frames --json movie.mp4 >>documents
     golt info --json none >>documents || true
     "$PREFIX/bin/golt" serve Videos --port 0 2>said 3>&- &
-    until grep -q http: said; do sleep 0.1; done
+    server=$!
+    for _ in {1..300}; do grep -q http: said && break || sleep 0.1; done
     for page in status movie.mp4/details.json; do
         curl -fsS --noproxy '*' "$(sed -n 's/.*\(http:.*\)/\1/p' said)$page" >>documents
     done
-    kill $!
+    kill "$server"
+    server=
     jq -r '.. | objects | keys[]' documents | sort -u | grep -v '^[1-5]xx$' >keys
     [ "$(wc -l <keys)" -gt 100 ]
     while read -r key; do

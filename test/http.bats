@@ -49,6 +49,8 @@ http {
         ssl_certificate_key $PWD/key.pem;
         location /plain/  { alias $PWD/; }
         location /slow/   { alias $PWD/; limit_rate 400k; }
+        # Takes a minute: whoever means to stop it has time.
+        location /slower/ { alias $PWD/; limit_rate 40k; }
         location /stalls/ { alias $PWD/; limit_rate_after 150k; limit_rate 1; }
         location /dies/   { alias $PWD/; limit_rate_after \$first; limit_rate 1; }
         location /whole/  { alias $PWD/; max_ranges 0; }
@@ -81,7 +83,7 @@ setup_file() {
     printf '%s\n' "$pid" >pids
     python3 "$BATS_TEST_DIRNAME/lying_server.py" >server 2>server.log 3>&- &
     printf '%s\n' $! >>pids
-    while [ ! -s server ]; do sleep 0.1; done
+    while kill -0 $! && [ ! -s server ]; do sleep 0.1; done
 }
 
 teardown_file() {
@@ -205,7 +207,7 @@ fails() {
     [ "$(grep -c hush said)" -eq 0 ]
     # Nor does the list of processes show them.
     $GOLT remux -q "$login/slow/end.mp4" slow.ts --header 'X-Token: hush' 2>/dev/null 3>&- &
-    until [ -e slow.ts.part ]; do sleep 0.1; done
+    while kill -0 $! && [ ! -e slow.ts.part ]; do sleep 0.1; done
     tr '\0' ' ' <"/proc/$!/cmdline" >said
     kill $!
     grep -q 'user:\*\*\*@127.*slow.ts --header X-Token:\*\*\*' said
@@ -248,7 +250,7 @@ fails() {
 
 @test "a signal leaves a valid shorter stream" {
     local status=0
-    $GOLT remux -q "$nginx/slow/movie.mp4" out.ts 2>said &
+    $GOLT remux -q "$nginx/slower/movie.mp4" out.ts 2>said 3>&- &
     local writer=$!
     size() { stat -c %s "$1" 2>/dev/null || echo 0; }
     while kill -0 $writer && [ "$(size out.ts.part)" -lt 100000 ]; do sleep 0.1; done

@@ -49,6 +49,17 @@ serve() {
     base=$(sed -n 's/^golt: \(http:.*\)\/$/\1/p' said | tail -n 1)
 }
 
+# says TEXT: waits until the server has said it.
+says() {
+    local try
+    for try in {1..300}; do
+        ! grep -q "$1" said || return 0
+        sleep 0.1
+    done
+    cat said
+    return 1
+}
+
 # answers STATUS PATH [ARGUMENTS...]: the head of the answer goes to head, the body to body.
 answers() {
     local status=$1 path=$2 got
@@ -262,7 +273,7 @@ TEXT
     local victim status=0
     victim=$(pgrep -P "$pid" | tail -n 1)
     kill -9 "$victim"
-    until grep -q 'ended by signal 9; it is replaced' said; do sleep 0.1; done
+    says 'ended by signal 9; it is replaced'
     [ "$(count deaths_total)" -eq 1 ]
     kill -TERM "$pid"
     wait "$pid" || status=$?
@@ -298,7 +309,7 @@ faults() {
 @test "reports to a file, though no process but the first may write to it" {
     serve films -v
     answers 200 "$(segment /movie.mkv 0)"
-    until grep -q 'GOLT lib' said; do sleep 0.1; done
+    says 'GOLT lib'
 }
 
 @test "keeps clients within their limits" {
