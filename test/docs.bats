@@ -33,9 +33,10 @@ SH
 #!/bin/bash
 set -e
 [ "$1" = serve ] || exec "$PREFIX/bin/golt" "$@"
+rm -f said
 "$PREFIX/bin/golt" "$@" --port 0 2>said 3>&- &
 trap 'kill $!' EXIT
-for _ in {1..300}; do grep -q http: said && break || sleep 0.1; done
+for _ in {1..300}; do grep -qs http: said && break || sleep 0.1; done
 curl -fsS --noproxy '*' "$(sed -n 's/.*\(http:.*\)/\1/p' said | head -n 1)" | grep -q movie.mp4
 trap - EXIT
 kill $!
