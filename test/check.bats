@@ -119,5 +119,9 @@ finds() {
         jq -c 'select(.key) | {pts: .time_ms, dts: .dts_ms, key, offset}')"
     run -0 $GOLT frames film.ts --count 2
     is '  number stream         time     decoding key    bytes     offset  content' "${lines[0]}"
+    run -0 $GOLT frames two.ts
+    [[ $output == *'two.ts: program 1 alone; 1 other program left out'* ]]
+    $ffmpeg $film -c:v mpeg2video -bf 2 mpeg2.ts
+    [[ $($GOLT frames mpeg2.ts --count 1) == *'  sequence extension group picture extension'* ]]
     run -2 $GOLT frames film.ts --start 1
 }

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Which lines of the host program and of ts/ the tests reach, as a table in docs/coverage.md.
+"""Which lines of the host program and of ts/ the tests don't reach, as a table in docs/coverage.md.
 
     test/coverage.py BUILD PROFILES PROGRAM...
 
 BUILD is the folder of the preset coverage-host, PROFILES that of what the programs have counted. The column of reasons
-is written by hand: the rows keep it. A file with lines that aren't reached and without a reason is an error.
+is written by hand: the rows keep it. A file with lines that aren't reached and without a reason is an error. Files that
+are reached as a whole have no row.
 """
 
 import collections
@@ -53,10 +54,8 @@ def reasons_of(page):
     return dict(re.findall(r"^\| `([^`]+)` \|.*\| ([^|]*) \|$", page, re.M))
 
 
-def main():
-    build, profiles = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
-    files = lines_of(build, profiles, sys.argv[3:])
-    page = PAGE.read_text()
+def rewrite(page, files):
+    """The page with a table of the files that aren't reached as a whole, its summary, and what lacks a reason."""
     reasons = reasons_of(page)
     rows, unexplained = [], []
     total = reached = 0
@@ -64,19 +63,28 @@ def main():
         missing = sorted(number for number, count in counts.items() if count == 0)
         total += len(counts)
         reached += len(counts) - len(missing)
-        reason = reasons.get(name, "") if missing else ""
-        if missing and not reason:
+        if not missing:
+            continue
+        reason = reasons.get(name, "").strip()
+        if not reason:
             unexplained.append(name)
-        rows.append(f"| `{name}` | {len(counts)} | {len(counts) - len(missing)} | {ranges(missing)} | {reason} |")
+        rows.append(f"| `{name}` | {len(counts)} | {len(counts) - len(missing)} | {ranges(missing)} | {reason} |\n")
     before, _, rest = page.partition(HEAD)
     after = re.sub(r"^\|[-:|]+\|\n(\| .*\n)*", "", rest.lstrip("\n"))
     summary = f"{reached} of {total} lines are reached."
     before = re.sub(r"\d+ of \d+ lines are reached\.", summary, before)
-    PAGE.write_text(f"{before}{HEAD}\n|---|--:|--:|---|---|\n" + "\n".join(rows) + "\n" + after)
+    return f"{before}{HEAD}\n|---|--:|--:|---|---|\n{''.join(rows)}{after}", summary, unexplained
+
+
+def main():
+    build, profiles = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
+    page, summary, unexplained = rewrite(PAGE.read_text(), lines_of(build, profiles, sys.argv[3:]))
+    PAGE.write_text(page)
     print(summary)
     for name in unexplained:
         print(f"no reason is given for {name}", file=sys.stderr)
     return 1 if unexplained else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

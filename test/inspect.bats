@@ -52,6 +52,13 @@ is() {
     ffmpeg -v error -nostdin -i movie.mp4 -c:v copy -c:a aac -f mpegts -mpegts_m2ts_mode 1 aac.m2ts
     is '[[27,"H.264"],[6,"private data"]]' "$(json '[.scan.streams[] | [.stream_type, .name]]' \
         info aac.m2ts --json --scan)"
+    # A list of chapters, and an empty edit before the audio.
+    printf ';FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1\nSTART=%s\nEND=%s\n' 0 2 2 4 >chapters.txt
+    ffmpeg -v error -nostdin -i movie.mp4 -itsoffset 0.5 -i movie.mp4 -i chapters.txt -map 0:v -map 1:a \
+        -map_metadata 2 -c copy late.mp4
+    [[ $($GOLT info late.mp4) == *'chapters    2'*'AC-3'*', delayed by 49'* ]]
+    ffmpeg -v error -nostdin -i movie.mp4 -c:a libmp3lame movie.mp3
+    [[ $($GOLT info movie.mp3) == *'seeking     no index'*'MPEG-1 Layer III'* ]]
     # What lies beside the tracks, and how the pictures are coded.
     echo words >wörds.txt
     ffmpeg -v error -nostdin -i movie.mp4 -c copy -attach wörds.txt -metadata:s:t mimetype=text/plain attached.mkv

@@ -117,6 +117,7 @@ count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
     answers 404 "$(segment /movie.mp4 99)"
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
     answers 405 /movie.mp4/index.m3u8 -d data
+    answers 200 /movie.mp4/index.m3u8 -X GET -d data
 
     # Twice the same bytes, by another process and another server.
     answers 200 "$address"
@@ -167,16 +168,30 @@ count() { curl -s "$base/metrics" | sed -n "s/^golt_$1 //p"; }
 
     printf 'script' >hls.js
     mkdir -p other/films
+    touch other/films/{part\ 10,part,part\ 2,Part\ 02}.mp4
     serve films other/films films/movie.mp4 --hls-js hls.js
     answers 200 /
     [ "$(grep -o 'href="./[^"]*' body | cut -d/ -f2 | tr '\n' ' ')" = 'films films%20%282%29 movie.mp4 ' ]
     answers 200 '/films%20%282%29/'
+    # As people count.
+    [ "$(grep -o 'href="./[^/]*' body | cut -d/ -f2 | tr '\n' ' ')" = \
+        'Part%2002.mp4 part%202.mp4 part%2010.mp4 part.mp4 ' ]
     answers 200 "$(segment /movie.mp4 0)"
     answers 404 /movie.mkv/index.m3u8
     answers 200 /.golt/hls.js
     run -1 $GOLT serve gone
+    run -1 $GOLT serve /dev/null
+    run -1 $GOLT serve films --port "${base##*:}"
     run -2 $GOLT serve films --cache 1
     run -2 $GOLT serve films --port 65536
+    run -2 $GOLT serve films --connections 1000001
+    # What it names leads to it.
+    local all
+    for all in 0.0.0.0 ::1; do
+        [ "$all" != ::1 ] || [ -s /proc/net/if_inet6 ] || continue
+        serve films --bind "$all"
+        answers 200 /
+    done
 }
 
 # stays_within STATUS: STATUS is that of a link that stays below the folder.

@@ -124,10 +124,13 @@ hole() {
     $ffmpeg $small -c:v mpeg4 old.avi
     $ffmpeg $tone bare.ac3
     cp words.srt junk.mkv
-    $ffmpeg $tone -ar 22050 -c:a libmp3lame low.mp3
+    $ffmpeg $tone -c:a libmp3lame tone.mp3 -ar 22050 -c:a libmp3lame low.mp3
     $ffmpeg $small $h264 plain.ts
     perl -0777 -pe 's/(.{4})mdat/pack("N", 1) . "mdat" . pack("NN", 0, 8 + unpack "N", $1)/se;
         s/free/junk/' opus.mp4 >large.mp4
+    perl -pe 's/ftyp/free/' mono.m4a >bare.mp4
+    $ffmpeg -i mono.m4a -c copy quick.mov
+    { printf 'ID3\3\0\0\0\0\0\0%.0s' 1 2; cat tone.mp3; } >twice.mp3
     remuxed 3 opus.mp4     'golt: opus.mp4: no audio: track 2: Opus isn'
     remuxed 3 vp9.mkv      'golt: vp9.mkv: no video: track 1: VP9 isn'
     # None of the pictures that nobody can play.
@@ -140,13 +143,19 @@ hole() {
     local command file
     for command in 'remux --force' info frames check 'plot --force -o out.svg'; do
         for file in 'hevc.mp4 HEVC' 'fragments.mp4 fragmented' 'none.mkv VP9' 'large.mp4 64' \
-            'low.mp3 22050' 'plain.ts 188' 'old.avi AVI' 'bare.ac3 AC-3' 'junk.mkv read'; do
+            'low.mp3 22050' 'plain.ts 188' 'old.avi AVI' 'bare.ac3 AC-3' 'junk.mkv read' \
+            'bare.mp4 ftyp' 'quick.mov QuickTime' 'twice.mp3 several'; do
             # Without the library.
             case "$file $command" in *.ts*info | *.ts*frames | *.ts*check) continue ;; esac
             run -1 $GOLT $command ${file% *}
             [[ $output == *"golt: ${file% *}: "*"${file#* }"* ]]
         done
     done
+
+    run -0 $GOLT check second.mkv opus.mp4
+    [[ $output == *'by golt: left out: audio: track 2: FLAC'*'by golt: no audio: track 2: Opus'* ]]
+    run -0 $GOLT hls second.mkv segments
+    [[ $output == *'second.mkv: left out: audio: track 2: FLAC'* ]]
 
     run -0 $GOLT info second.mkv
     [[ $output == *'track 1     video: H.264 '*', 64 x 48 pixels, 29.970 frames/s'*remuxed* ]]
