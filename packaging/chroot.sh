@@ -7,6 +7,14 @@ mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
 
 say() { printf '%s\n' "$*" >&2; }
 
+# expect_root VERB
+expect_root() {
+    [ "$(id -u)" -eq 0 ] || {
+        say "Chroots take root's rights: sudo ./dev $1"
+        exit 1
+    }
+}
+
 # In most containers mounts aren't allowed. Chroots then do without /proc and /dev.
 may_mount() { unshare --mount mount -t tmpfs none /mnt 2>/dev/null; }
 
@@ -19,8 +27,8 @@ make_chroot() {
         --dpkgopt=force-unsafe-io --aptopt='Acquire::Retries "3"' "$@" "$suite" "$folder" "$mirror"
 }
 
-# with_mounts FOLDER COMMAND...: what is mounted there is gone when the command ends, however it ends. An empty FOLDER is
-# this system.
+# with_mounts FOLDER COMMAND...: what is mounted there is gone when the command ends, however it ends, and so is all that
+# it started. An empty FOLDER is this system.
 with_mounts() {
     local folder=$1
     shift
@@ -29,7 +37,7 @@ with_mounts() {
         return
     fi
     # shellcheck disable=SC2016
-    unshare --mount --fork --kill-child sh -ec '
+    unshare --mount --mount-proc --pid --fork --kill-child sh -ec '
         mount -t proc proc "$0/proc"
         mount --rbind /dev "$0/dev"
         exec "$@"' "$folder" "$@"

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# deb.sh [ARCHITECTURE]: builds the packages into build/deb or build/deb-ARCHITECTURE, and looks at them. The sizes go to
-# the standard output.
+# deb.sh [ARCHITECTURE]: builds the packages into build/deb or, as root, build/deb-ARCHITECTURE, and looks at them. The
+# sizes go to the standard output.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. packaging/chroot.sh
 folder=build/deb${1:+-$1}
 
+[ $# -eq 0 ] || expect_root "deb $1"
 rm -rf "$folder"
 if [ $# -eq 0 ]; then
     packaging/build.sh "$folder" >&2

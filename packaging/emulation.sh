@@ -3,6 +3,7 @@
 
 binfmt=/proc/sys/fs/binfmt_misc
 registered=
+mounted=
 
 # How a file of the architecture begins, and which of these bytes count; and qemu's name for it.
 # shellcheck disable=SC2034
@@ -16,14 +17,21 @@ qemu_armhf=qemu-arm-static
 start_emulation() {
     local magic=magic_$1 mask=mask_$1 qemu=qemu_$1
     ! arch-test "$1" >/dev/null 2>&1 || return 0
-    [ -e $binfmt/register ] || mount -t binfmt_misc binfmt_misc $binfmt 2>/dev/null || return 1
+    if [ ! -e $binfmt/register ]; then
+        mount -t binfmt_misc binfmt_misc $binfmt 2>/dev/null || return 1
+        mounted=$binfmt
+    fi
     # F: the file is opened now, so that chroots need none of their own.
     echo ":golt-$1:M::${!magic}:${!mask}:/usr/bin/${!qemu}:F" 2>/dev/null >$binfmt/register || return 1
     registered=$binfmt/golt-$1
     arch-test "$1" >/dev/null
 }
 
-stop_emulation() { [ -z "$registered" ] || echo -1 >"$registered"; }
+# Whatever fails, what comes after it still has to be done.
+stop_emulation() {
+    [ -z "$registered" ] || echo -1 >"$registered" || true
+    [ -z "$mounted" ] || umount "$mounted" || true
+}
 
 # run_unpacked FOLDER ARCHITECTURE ROOT: without the kernel's help nothing can be installed. The packages and what they need
 # are unpacked, and the program is run by qemu itself, with a sample.

@@ -18,6 +18,12 @@ list_files() {
     find / "${not[@]}" -o -type f -print0 | sort -z | xargs -0 md5sum
 }
 
+# dpkg reports documents as missing even where it was told to leave them out, as in small systems.
+expected=' c /etc/default/golt-serve$'
+if grep -qsr '^path-exclude' /etc/dpkg/dpkg.cfg /etc/dpkg/dpkg.cfg.d; then
+    expected+='|^missing +/usr/share/(doc|man)/'
+fi
+
 # What they need comes first: it is there before and after.
 apt-get update -qq
 needed=$(for package in "$newer"/*.deb; do
@@ -27,7 +33,7 @@ apt-get satisfy -y -qq --no-install-recommends "$needed" >/dev/null
 list_files >/tmp/before
 
 apt-get install -y -qq --no-install-recommends "$older"/*.deb >/dev/null
-[ -s /usr/share/doc/golt/before ] || fail "the older version isn't there"
+[ -s /usr/share/golt/before ] || fail "the older version isn't there"
 # What an administrator does; the link is that of `systemctl enable golt-serve.socket`.
 echo 'GOLT_SERVE=/srv/mine' >>/etc/default/golt-serve
 enabled=/etc/systemd/system/sockets.target.wants/golt-serve.socket
@@ -39,8 +45,8 @@ for package in "$newer"/*.deb; do
     name=$(dpkg-deb -f "$package" Package)
     [ "$(dpkg-query -W -f '${Version} ${Status}' "$name")" = "$(dpkg-deb -f "$package" Version) install ok installed" ] ||
         fail "$name wasn't upgraded"
-    dpkg --verify "$name" | grep -v ' c /etc/default/golt-serve$' && fail "$name isn't whole"
-    [ ! -e "/usr/share/doc/$name/before" ] || fail "a file of the older version is left"
+    dpkg --verify "$name" | grep -vE "$expected" && fail "$name isn't whole"
+    [ ! -e "/usr/share/$name/before" ] || fail "a file of the older version is left"
 done
 grep -q '^GOLT_SERVE=/srv/mine$' /etc/default/golt-serve || fail "the upgrade lost the configuration"
 [ -L "$enabled" ] || fail "the upgrade disabled the socket"

@@ -23,7 +23,7 @@ format_packages="clang-format-14"
 docs_packages="doxygen"
 serve_packages="$browser_packages bats ffmpeg mkvtoolnix nginx-light wrk procps python3"
 # Those of debian/control, and what looks at packages.
-deb_packages="$build_packages build-essential dpkg-dev debhelper googletest lintian"
+deb_packages="$build_packages build-essential dpkg-dev debhelper git googletest lintian"
 deb_test_packages="mmdebstrap autopkgtest apt-utils faketime locales"
 foreign_packages="mmdebstrap arch-test qemu-user-static g++-arm-linux-gnueabihf"
 

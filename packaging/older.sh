@@ -10,6 +10,8 @@ for package in "$@"; do
     version=$(dpkg-deb -f "$package" Version)
     dpkg-deb -R "$package" "$work/$name"
     sed -i "s/\b$version\(\$\|)\)/$version~before\1/" "$work/$name/DEBIAN/control"
-    echo "gone with the next version" >"$work/$name/usr/share/doc/$name/before"
+    # Not among the documents, which small systems leave out.
+    mkdir -p "$work/$name/usr/share/$name"
+    echo "gone with the next version" >"$work/$name/usr/share/$name/before"
     dpkg-deb --root-owner-group -Zgzip -b "$work/$name" "$folder/$(basename "$package")" >/dev/null
 done

@@ -10,10 +10,7 @@ cd "$(dirname "$0")/.."
 . packaging/chroot.sh
 . packaging/emulation.sh
 
-[ "$(id -u)" -eq 0 ] || {
-    say "Chroots take root's rights: sudo ./dev deb-test"
-    exit 1
-}
+expect_root "deb-test $what"
 native=$(dpkg --print-architecture)
 foreign=
 [ "$what" = same ] || [ "$what" = "$native" ] || foreign=$what
