@@ -33,7 +33,8 @@ SH
 #!/bin/bash
 set -e
 [ "$1" = serve ] || exec "$PREFIX/bin/golt" "$@"
-rm -f said
+# Of a server before it the address would still be there.
+: >said
 "$PREFIX/bin/golt" "$@" --port 0 2>said 3>&- &
 trap 'kill $!' EXIT
 for _ in {1..300}; do grep -qs http: said && break || sleep 0.1; done
