@@ -299,7 +299,7 @@ void add_serve(CLI::App &app, Commands &commands)
     add_value(*command, "--workers", "N", parse_count, options.workers,
               "Processes of each kind (default: as many as processors)");
     add_value(*command, "--connections", "N", parse_count, options.connections,
-              "Connections at a time (default: 1024)");
+              "Connections at a time (at most 65536; default: 1024)");
     add_value(*command, "--per-address", "N", parse_count, options.from_one_address,
               "Of these, from one address (default: 128)");
     add_value(*command, "--idle", "SECONDS", parse_idle, options.idle_seconds,

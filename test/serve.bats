@@ -364,6 +364,37 @@ TEXT
     [ "$(count connections_dropped_total)" -ge 1 ]
 }
 
+@test "lets clients wait for a place, and counts those that it closes" {
+    serve films --workers 4 --connections 2
+    timeout 20 python3 - "$base" <<'TEXT'
+import socket, sys, time
+host, port = sys.argv[1].split("/")[2].split(":")
+first = [socket.create_connection((host, int(port)), timeout=15) for _ in range(2)]
+others = [socket.create_connection((host, int(port)), timeout=15) for _ in range(6)]
+for client in others:
+    client.sendall(b"GET /status HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+time.sleep(0.5)  # for servers without a place to let them in
+for client in first:
+    client.close()
+for client in others:
+    assert client.recv(12) == b"HTTP/1.1 200"
+    client.close()
+TEXT
+    [ "$(count connections_refused_total)" -eq 0 ]
+    # One that says nothing, one in the middle of a head, and one after an answer.
+    serve films --workers 1 --idle 2
+    timeout 20 python3 - "$base" <<'TEXT'
+import socket, sys
+host, port = sys.argv[1].split("/")[2].split(":")
+for text in b"", b"GET /status HTTP/1.1\r\nHost: ", b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n":
+    client = socket.create_connection((host, int(port)), timeout=15)
+    client.sendall(text)
+    while client.recv(65536):
+        pass
+TEXT
+    [ "$(count connections_dropped_total)" -eq 3 ]
+}
+
 # hashes INPUT STREAM [OPTION...]: of its decoded frames.
 hashes() { ffmpeg -v error -nostdin -i "$1" -map "0:$2" "${@:3}" -f framehash -hash md5 - | awk -F', *' '/^0/ {print $6}'; }
 

@@ -8,7 +8,8 @@
 
 class LoadedLibrary {
 public:
-    /// It stays loaded until the program ends. Throws NotDone, with the need as the reason's subject.
+    /// It stays loaded until the program ends. need: what it is for; NotDone, which is thrown if it can't be
+    /// loaded, begins with that.
     LoadedLibrary(const std::string &file, const std::string &need);
 
     /// Throws NotDone if the library lacks the function.

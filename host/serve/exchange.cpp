@@ -56,6 +56,7 @@ Exchange::Exchange(ServerContext &context, Peer &peer, const std::string &path)
 
 Exchange::~Exchange()
 {
+    m_peer.f_answered = false;
     --m_context.exchanges;
 }
 
@@ -306,6 +307,7 @@ MHD_Result Exchange::send(Answer &answer)
         add("Access-Control-Allow-Headers", "Range, If-Range, If-None-Match, If-Modified-Since");
         add("Access-Control-Max-Age", "86400");
     }
+    m_peer.f_answered = true;
     m_peer.deadline = steady_seconds() + m_context.setting.request_seconds() +
                       static_cast<int64_t>(size / LEAST_RATE);
     m_context.setting.shared.count([&](Counters &counters) {

@@ -16,9 +16,10 @@
 /// A connection of a server.
 struct Peer {
     MHD_Connection *connection;
-    int64_t deadline;        ///< of steady_seconds(), by which it has to have got on
-    size_t place;            ///< among the connections of all servers
-    bool f_waiting = false;  ///< for a maker
+    int64_t deadline;         ///< of steady_seconds(), by which it has to have got on
+    size_t place;             ///< among the connections of all servers
+    bool f_waiting = false;   ///< for a maker
+    bool f_answered = false;  ///< an answer is under way
 };
 
 /// What all exchanges of a server share.

@@ -2,6 +2,8 @@
 // asks for TLS, so that the program that is linked statically goes without: these stand in for all that the
 // archive names. Only gnutls_global_init and gnutls_global_deinit are ever called, and their results aren't used.
 
+#include <cstddef>
+
 namespace {
 
 constexpr int UNIMPLEMENTED = -1250;  // GNUTLS_E_UNIMPLEMENTED_FEATURE
@@ -14,6 +16,12 @@ constexpr int UNIMPLEMENTED = -1250;  // GNUTLS_E_UNIMPLEMENTED_FEATURE
     {                                                                                              \
         return UNIMPLEMENTED;                                                                      \
     }
+
+// The one that isn't a function, but points to one.
+extern "C" {
+extern void *(*gnutls_malloc)(size_t);
+void *(*gnutls_malloc)(size_t) = nullptr;
+}
 
 WITHOUT_TLS(gnutls_alpn_set_protocols)
 WITHOUT_TLS(gnutls_bye)
@@ -36,7 +44,6 @@ WITHOUT_TLS(gnutls_global_deinit)
 WITHOUT_TLS(gnutls_global_init)
 WITHOUT_TLS(gnutls_handshake)
 WITHOUT_TLS(gnutls_init)
-WITHOUT_TLS(gnutls_malloc)
 WITHOUT_TLS(gnutls_priority_deinit)
 WITHOUT_TLS(gnutls_priority_init)
 WITHOUT_TLS(gnutls_priority_set)

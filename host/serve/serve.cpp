@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <ctime>
 
@@ -44,8 +45,10 @@ constexpr int64_t PATIENCE_MS = 5000;
 // Of a processor's time, for a job. Most take milliseconds; who kills a maker from outside hits one by chance.
 // Without memory for it the system kills one that has taken much, which takes time.
 constexpr uint64_t LONG_JOB_US = 500000;
+// What Linux gives a pipe.
+constexpr size_t PIPE_SIZE = 64 * 1024;
 // The table of them is searched at each new one.
-constexpr uint64_t MOST_CONNECTIONS = 1000000;
+constexpr uint64_t MOST_CONNECTIONS = 65536;
 
 constexpr unsigned STATUS_FAILED = 500;
 
@@ -91,7 +94,8 @@ private:
     const int64_t m_start = time(nullptr);
 };
 
-unsigned count_workers(uint64_t wanted);
+unsigned count_servers(const ServeOptions &options);
+void show(const std::string &text);
 unsigned failures_of(const Slot &slot, int status, const rusage &used);
 int64_t now_ms();
 void raise_descriptor_limit(uint64_t connections);
@@ -114,7 +118,7 @@ Parent::Parent(const ServeOptions &options)
     , m_tree(options.paths)
     , m_parts(load_page_parts(options.hls_js))
     , m_listener(open_listener(options.address, options.port))
-    , m_servers(count_workers(options.workers))
+    , m_servers(count_servers(options))
     , m_shared(options.cache_size, options.connections)
     , m_replies(m_servers)
 {
@@ -209,7 +213,7 @@ void Parent::become(size_t slot)
         tzset();
         const bool f_network = m_f_network && role == Role::MAKER;
         if (role == Role::SERVER) {
-            const uint64_t share = std::max<uint64_t>(m_options.connections / m_servers, 1);
+            const uint64_t share = m_options.connections / m_servers;
             const ServerSetting setting = {slot,
                                            m_tree,
                                            m_shared,
@@ -248,17 +252,19 @@ void Parent::wait()
     const timespec limit = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
     pollfd said = {m_said.get(), POLLIN, 0};
     ppoll(&said, 1, ms < 0 ? nullptr : &limit, &m_waiting);
+    // Where there is something to read, ppoll() lets no signal through.
+    const timespec none = {};
+    ppoll(nullptr, 0, &none, &m_waiting);
 }
 
-// As much as there is, but no more than a pipe holds: others wait.
+// As much as there is, but no more than a pipe holds: others wait. A process that was taken over may write
+// anything.
 void Parent::relay()
 {
-    constexpr int MOST_PIECES = 16;
-    char piece[4096];
-    for (int i = 0; i < MOST_PIECES; ++i) {
-        const ssize_t size = read(m_said.get(), piece, sizeof piece);
-        if (size <= 0 || write_all(STDERR_FILENO, piece, static_cast<size_t>(size)) != 0) return;
-    }
+    std::string text(PIPE_SIZE, '\0');
+    const ssize_t size = read(m_said.get(), text.data(), text.size());
+    text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    show(printable(text, true));
 }
 
 // Notes all that have died.
@@ -288,10 +294,10 @@ void Parent::note_death(size_t slot, int status, const rusage &used)
     if (last.f_working) report_lost_job(last, failures_of(last, status, used));
     if (stop_signal() != 0) return;
     m_shared.count([](Counters &counters) { ++counters.deaths; });
-    say(fmt::format("golt: a {} ended by {} {}; it is replaced",
-                    post.role == Role::SERVER ? "server" : "maker",
-                    WIFSIGNALED(status) ? "signal" : "status",
-                    WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status)));
+    show(fmt::format("golt: a {} ended by {} {}; it is replaced\n",
+                     post.role == Role::SERVER ? "server" : "maker",
+                     WIFSIGNALED(status) ? "signal" : "status",
+                     WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status)));
 }
 
 // The server hears of what the maker was doing, and the file is noted.
@@ -347,12 +353,25 @@ bool Parent::is_any_left(Role role) const
                        [&](const Post &post) { return post.pid != 0 && post.role == role; });
 }
 
-unsigned count_workers(uint64_t wanted)
+// Each has a connection at least.
+unsigned count_servers(const ServeOptions &options)
 {
-    const long processors = sysconf(_SC_NPROCESSORS_ONLN);
-    const uint64_t count =
-        wanted != 0 ? wanted : static_cast<uint64_t>(std::max<long>(processors, 1));
-    return static_cast<unsigned>(std::min<uint64_t>(count, MOST_WORKERS));
+    const auto processors = static_cast<uint64_t>(std::max(sysconf(_SC_NPROCESSORS_ONLN), 1L));
+    const uint64_t count = options.workers != 0 ? options.workers : processors;
+    return static_cast<unsigned>(std::min({count, options.connections, uint64_t{MOST_WORKERS}}));
+}
+
+// To the standard error. What its reader doesn't take at once is dropped: the processes need their parent.
+void show(const std::string &text)
+{
+    for (size_t done = 0; done < text.size();) {
+        pollfd error = {STDERR_FILENO, POLLOUT, 0};
+        if (poll(&error, 1, 0) <= 0) return;
+        const ssize_t size = write(STDERR_FILENO, text.data() + done,
+                                   std::min<size_t>(text.size() - done, PIPE_BUF));
+        if (size <= 0) return;
+        done += static_cast<size_t>(size);
+    }
 }
 
 // What the death of a maker counts for against the file that it had in hand.

@@ -52,13 +52,14 @@ private:
     void wait(const sigset_t &waiting);
     void take_replies();
     void look_after(int64_t now);
-    void drop(const Peer &peer);
+    void drop(Peer &peer);
+    void count_dropped() const;
 
     ServerContext m_context;
     std::list<Peer> m_peers;
     MHD_Daemon *m_daemon;
     int64_t m_looked = 0;
-    bool m_f_closed = false;  // a connection
+    bool m_f_closed = false;  // a connection has ended in this turn
     // Of the client that has been let in last, until its connection begins.
     std::optional<size_t> m_place;
 };
@@ -103,11 +104,8 @@ void Server::run(const sigset_t &waiting)
     while (end == 0 || (m_context.exchanges > 0 && steady_seconds() < end)) {
         wait(waiting);
         take_replies();
-        // Below the limit MHD listens again, but only from its next turn on.
-        do {
-            m_f_closed = false;
-            m_context.http.run(m_daemon);
-        } while (m_f_closed);
+        m_f_closed = false;
+        m_context.http.run(m_daemon);
         const int64_t now = steady_seconds();
         if (now != m_looked) look_after(now);
         if (stop_signal() != 0 && end == 0) {
@@ -125,11 +123,16 @@ void Server::wait(const sigset_t &waiting)
     pollfd ready[] = {{epoll->epoll_fd, POLLIN, 0},
                       {m_context.setting.replies.from.get(), POLLIN, 0}};
     MHD_UNSIGNED_LONG_LONG ms = 0;
-    const bool f_limit = m_context.http.get_timeout(m_daemon, &ms) == MHD_YES && ms < LOOK_MS;
+    // Below its limit of connections MHD listens again, but only from its next turn on.
+    const bool f_limit =
+        m_f_closed || (m_context.http.get_timeout(m_daemon, &ms) == MHD_YES && ms < LOOK_MS);
     const bool f_idle = m_peers.empty() && m_context.work.is_empty() && stop_signal() == 0;
     if (!f_limit) ms = LOOK_MS;
     const timespec limit = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
     ppoll(ready, 2, f_idle && !f_limit ? nullptr : &limit, &waiting);
+    // Where a descriptor is ready, ppoll() lets no signal through.
+    const timespec none = {};
+    ppoll(nullptr, 0, &none, &waiting);
 }
 
 void Server::take_replies()
@@ -143,22 +146,29 @@ void Server::take_replies()
 void Server::look_after(int64_t now)
 {
     m_looked = now;
-    const bool f_full = m_peers.size() > m_context.setting.connections / 4 * 3;
+    const bool f_full = m_peers.size() * 4 > uint64_t{m_context.setting.connections} * 3;
     const int64_t usual = m_context.setting.request_seconds();
     const int64_t early = f_full ? usual - std::min(usual, IDLE_SECONDS_WHEN_FULL) : 0;
-    for (const Peer &peer : m_peers) {
-        if (!peer.f_waiting && now > peer.deadline - early) drop(peer);
+    for (Peer &peer : m_peers) {
+        const int64_t deadline = peer.deadline - (peer.f_answered ? 0 : early);
+        if (!peer.f_waiting && now > deadline) drop(peer);
     }
     m_context.setting.shared.update(m_context.setting.slot,
                                     [&](Slot &slot) { slot.memory = own_memory(); });
 }
 
 // MHD finds the connection closed.
-void Server::drop(const Peer &peer)
+void Server::drop(Peer &peer)
 {
     const MHD_ConnectionInfo *const info =
         m_context.http.get_connection_info(peer.connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     if (info == nullptr || shutdown(info->connect_fd, SHUT_RDWR) != 0) return;
+    peer.deadline = INT64_MAX;  // it is counted once
+    count_dropped();
+}
+
+void Server::count_dropped() const
+{
     m_context.setting.shared.count([](Counters &counters) { ++counters.dropped; });
 }
 
@@ -180,7 +190,11 @@ void Server::on_connection(void *server, MHD_Connection *connection, void **peer
         *peer = &self.m_peers.front();
     } else {
         self.m_f_closed = true;
-        self.m_context.setting.shared.leave(static_cast<Peer *>(*peer)->place);
+        const Peer &last = *static_cast<Peer *>(*peer);
+        // MHD says that it was idle only where a request had begun. The deadline says since when it has been.
+        const unsigned idle_seconds = self.m_context.setting.idle_seconds;
+        if (steady_seconds() >= last.deadline - idle_seconds) self.count_dropped();
+        self.m_context.setting.shared.leave(last.place);
         self.m_peers.remove_if([&](const Peer &candidate) { return &candidate == *peer; });
     }
     self.m_context.setting.shared.update(
@@ -220,8 +234,7 @@ void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
     auto &self = *static_cast<Server *>(server);
     self.peer_of(connection).deadline = steady_seconds() + self.m_context.setting.request_seconds();
     // MHD closes it.
-    if (how == MHD_REQUEST_TERMINATED_TIMEOUT_REACHED)
-        self.m_context.setting.shared.count([](Counters &counters) { ++counters.dropped; });
+    if (how == MHD_REQUEST_TERMINATED_TIMEOUT_REACHED) self.count_dropped();
 }
 
 // Addresses are decoded part by part: a slash that is encoded is no slash.

@@ -1,6 +1,6 @@
 // What the processes of the server share: made bytes within a budget, counters, what each process is
-// doing, and the files that have brought processes down. One block of memory, made before the first
-// process is started; a lock that outlives the death of its owner.
+// doing, the connections of all, and the files that have brought processes down. One block of memory,
+// made before the first process is started; a lock that outlives the death of its owner.
 
 #ifndef HOST_SERVE_SHARED_H
 #define HOST_SERVE_SHARED_H
@@ -29,7 +29,7 @@ struct Counters {
     std::array<uint64_t, LIMITS_MS.size() + 1> segment_times;
     uint64_t surveys;
     uint64_t dropped;  ///< connections that were idle or slow
-    uint64_t refused;  ///< connections, since their address had too many
+    uint64_t refused;  ///< connections, since their address had too many or no place was left
     uint64_t deaths;   ///< processes that had to be replaced
 };
 
@@ -101,7 +101,7 @@ public:
     std::set<uint64_t> jobs_in_hand(size_t server) const;
 
     /// A connection of the server in the slot; its place among all. Nothing when there are most from the
-    /// address already.
+    /// address already, or no place is left.
     std::optional<size_t> enter(size_t slot, const ClientAddress &address, uint64_t most);
     void leave(size_t place);
 

@@ -95,7 +95,8 @@ std::string status_metrics(const Shared &shared, int64_t start)
     add("connections", "gauge", "Open connections.", processes.connections);
     add("connections_dropped_total", "counter", "Connections that were idle or slow.",
         counters.dropped);
-    add("connections_refused_total", "counter", "Connections from addresses that had too many.",
+    add("connections_refused_total", "counter",
+        "Connections from addresses that had too many, or for which no place was left.",
         counters.refused);
     add("memory_bytes", "gauge", "Memory of servers and makers beside the cache.",
         processes.memory);

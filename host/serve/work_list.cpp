@@ -15,7 +15,7 @@ constexpr int64_t BEGIN_SECONDS_WITHOUT_MAKERS = 3;
 constexpr int64_t PATIENCE_SECONDS = BEGIN_SECONDS + LONGEST_WORK_SECONDS + 10;
 // One that has lost so many makers isn't given to more.
 constexpr unsigned MOST_TIMES_SENT = 8;
-// At two looks in a row: no maker just between taking it and saying so.
+// By so many looks: at one, a maker may be just between taking it and saying so.
 constexpr unsigned TIMES_MISSED_WHEN_LOST = 2;
 
 constexpr unsigned STATUS_UNAVAILABLE = 503;
@@ -34,6 +34,7 @@ WorkList::WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_
 
 bool WorkList::add(Job &job, Waiter &waiter)
 {
+    if (m_f_given_up) return false;
     job.server = m_slot;
     job.id = ++m_next;
     const auto same = m_by_key.find(job.key());
@@ -44,7 +45,8 @@ bool WorkList::add(Job &job, Waiter &waiter)
     }
     if (m_pending.size() >= MOST_PENDING) return false;
     m_by_key[job.key()] = job.id;
-    send(m_pending[job.id] = {job, steady_seconds(), {&waiter}});
+    const int64_t now = steady_seconds();
+    send(m_pending[job.id] = {job, now, now, {&waiter}});
     return true;
 }
 
@@ -104,10 +106,10 @@ void WorkList::reply_to_late(const std::set<uint64_t> &in_hand, int64_t now)
     const bool f_makers = !without || now - *without < BEGIN_SECONDS_WITHOUT_MAKERS;
     std::vector<uint64_t> late;
     for (const auto &[id, pending] : m_pending) {
-        const int64_t waited = now - pending.since;
         const bool f_begun = in_hand.count(id) != 0;
-        if (waited > PATIENCE_SECONDS ||
-            (!f_begun && (!f_makers || (waited > BEGIN_SECONDS && !is_for_slow_file(pending)))))
+        const bool f_begins_late =
+            now - pending.not_begun_since > BEGIN_SECONDS && !is_for_slow_file(pending);
+        if (now - pending.since > PATIENCE_SECONDS || (!f_begun && (!f_makers || f_begins_late)))
             late.push_back(id);
     }
     for (const uint64_t id : late)
@@ -117,6 +119,7 @@ void WorkList::reply_to_late(const std::set<uint64_t> &in_hand, int64_t now)
 
 void WorkList::give_up_all()
 {
+    m_f_given_up = true;
     while (!m_pending.empty())
         take({m_pending.begin()->first, STATUS_UNAVAILABLE, 0, "the server ends"});
 }
@@ -142,6 +145,7 @@ void WorkList::take_back(Pending &pending)
 {
     if (!pending.f_sent) return;
     pending.f_sent = false;
+    pending.not_begun_since = steady_seconds();
     m_busy.erase(pending.job.subject());
     m_f_room = true;
 }

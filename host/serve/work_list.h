@@ -27,7 +27,8 @@ public:
     WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers);
 
     /// Has the job done. job: its id and server are filled in here. The waiter stays where it is until
-    /// its reply comes, exactly once and never within this call. False when there is too much to do.
+    /// its reply comes, exactly once and never within this call. False when there is too much to do, and
+    /// after give_up_all.
     bool add(Job &job, Waiter &waiter);
     /// Passes the reply on; what is lost is done again.
     void take(const Reply &reply);
@@ -41,6 +42,7 @@ private:
     struct Pending {
         Job job;
         int64_t since;
+        int64_t not_begun_since;  // later than since where makers have lost it
         std::vector<Waiter *> waiters;
         bool f_sent = false;
         unsigned times_sent = 0;
@@ -65,6 +67,7 @@ private:
     std::set<uint64_t> m_busy;
     bool m_f_room = false;  // there may be some for what hasn't been sent
     int64_t m_looked = 0;
+    bool m_f_given_up = false;
 };
 
 #endif
