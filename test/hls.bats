@@ -80,6 +80,18 @@ cut_film() {
     cut_film merged.mka 4
 }
 
+# With a clock by samples, which the library takes for milliseconds: its times start again after 33 minutes.
+@test "segments of long audio in Matroska are the stream" {
+    $ffmpeg -f lavfi -i anoisesrc=r=48000:a=0.1:d=60 -ac 1 -c:a ac3 -b:a 32k minute.ac3
+    for _ in {1..36}; do cat minute.ac3; done >long.ac3
+    mkvmerge -q -o long.mka long.ac3
+    cut_film long.mka 360
+    # It begins late.
+    cat minute.ac3 minute.ac3 >short.ac3
+    mkvmerge -q --sync 0:100000 -o late.mka short.ac3
+    plays late.mka
+}
+
 @test "segments of MP3 and M2TS are the stream" {
     $ffmpeg -f lavfi -i anoisesrc=r=44100:a=0.1:d=20 -c:a libmp3lame -b:a 64k -metadata title=t cbr.mp3
     $ffmpeg -f lavfi -i anoisesrc=r=48000:a=0.1:d=20 -c:a libmp3lame -q:a 7 -write_xing 0 vbr.mp3

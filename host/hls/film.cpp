@@ -138,8 +138,10 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
         if (number > 0) range.from = film.file.first_time + wanted.start;
         if (!f_last) range.to = film.file.first_time + wanted.end;
     }
-    if (film.file.outline.container == Container::MATROSKA)
+    if (film.file.outline.container == Container::MATROSKA) {
         begin.later = later_at_cluster(source, film, begin.place);
+        begin.time -= begin.later;
+    }
     // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
     // there is.
     constexpr uint64_t MORE = 64 * 1024;
