@@ -57,6 +57,9 @@ cut_film() {
     cut_film intra.mp4 4
     $ffmpeg -i movie.mp4 -vn -c copy audio.m4a
     cut_film audio.m4a 4
+    $ffmpeg -i movie.mp4 -vn -c:a mp2 layer2.mp4
+    cut_film layer2.mp4 4
+    grep -q 'CODECS="mp4a.40.33"$' out/master.m3u8
 }
 
 @test "segments of Matroska are the stream" {

@@ -176,7 +176,7 @@ std::string audio_codec(const Outline &outline, const std::string &title, const 
     if (title == "AC-3") return "ac-3";
     if (title == "E-AC-3") return "ec-3";
     const uint32_t layer =
-        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : 0;
+        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : track.mp4.layer;
     return fmt::format("mp4a.40.{}", layer == 0 ? LAYER_3 : LAYER_1 + layer - 1);
 }
 
