@@ -17,10 +17,18 @@ using Content = PELA::MediaBuffer::ContentInfo;
 class Scanner final : public FrameUser {
 public:
     Totals totals;
-    std::map<uint16_t, uint8_t> types;  // stream_type by PID
 
     void on_frame(const StreamFrame &frame) override { totals[frame.pes.pid].add(frame); }
-    void on_stream(uint16_t pid, uint8_t stream_type) override { types[pid] = stream_type; }
+    void on_stream(uint16_t pid, uint8_t stream_type) override { m_types[pid] = stream_type; }
+    /// Its stream_type; 0: none was announced.
+    uint8_t type_of(uint16_t pid) const
+    {
+        const auto found = m_types.find(pid);
+        return found == m_types.end() ? 0 : found->second;
+    }
+
+private:
+    std::map<uint16_t, uint8_t> m_types;
 };
 
 /// What reading all of an input has come to.
@@ -47,8 +55,8 @@ struct Subject {
 
 ExitStatus info_of(const InfoOptions &options, const InputOptions &input, Printer &printer);
 ExitStatus refuse(const InfoOptions &options, const InputFile &file, Printer &printer);
-std::string scan_text(Scan &scan);
-Json scan_json(Scan &scan);
+std::string scan_text(const Scan &scan);
+Json scan_json(const Scan &scan);
 Streams choose_streams(const Input &input, const Content &content, const Totals &totals);
 std::string info_text(const Subject &subject);
 std::string summary_text(const Subject &subject);
@@ -134,23 +142,23 @@ bool are_several(const InfoOptions &options)
     return options.paths.size() > 1;
 }
 
-std::string scan_text(Scan &scan)
+std::string scan_text(const Scan &scan)
 {
     std::string text;
     for (const auto &[pid, totals] : scan.scanner.totals)
         text += fmt::format("PID {:#05x}   {}, {}\n", pid,
-                            stream_type_name(scan.scanner.types[pid]), totals_text(totals));
+                            stream_type_name(scan.scanner.type_of(pid)), totals_text(totals));
     return text + fmt::format("output      {}\n", counted(scan.bytes, "byte"));
 }
 
-Json scan_json(Scan &scan)
+Json scan_json(const Scan &scan)
 {
     Json json = {{"frames", scan.frames}, {"stream_bytes", scan.bytes}};
     json["streams"] = Json::array();
     for (const auto &[pid, totals] : scan.scanner.totals) {
         Json stream = totals_json(totals);
-        stream["stream_type"] = scan.scanner.types[pid];
-        stream["name"] = stream_type_name(scan.scanner.types[pid]);
+        stream["stream_type"] = scan.scanner.type_of(pid);
+        stream["name"] = stream_type_name(scan.scanner.type_of(pid));
         json["streams"].push_back(stream);
     }
     json["fault"] = scan.fault.empty() ? Json() : Json(scan.fault);

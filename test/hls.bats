@@ -57,6 +57,9 @@ cut_film() {
     cut_film intra.mp4 4
     $ffmpeg -i movie.mp4 -vn -c copy audio.m4a
     cut_film audio.m4a 4
+    $ffmpeg -i movie.mp4 -vn -c:a mp2 layer2.mp4
+    cut_film layer2.mp4 4
+    grep -q 'CODECS="mp4a.40.33"$' out/master.m3u8
 }
 
 @test "segments of Matroska are the stream" {
@@ -78,6 +81,18 @@ cut_film() {
     $ffmpeg -i movie.mp4 -vn -c copy audio.m4a
     mkvmerge -q -o merged.mka audio.m4a
     cut_film merged.mka 4
+}
+
+# With a clock by samples, which the library takes for milliseconds: its times start again after 33 minutes.
+@test "segments of long audio in Matroska are the stream" {
+    $ffmpeg -f lavfi -i anoisesrc=r=48000:a=0.1:d=60 -ac 1 -c:a ac3 -b:a 32k minute.ac3
+    for _ in {1..36}; do cat minute.ac3; done >long.ac3
+    mkvmerge -q -o long.mka long.ac3
+    cut_film long.mka 360
+    # It begins late.
+    cat minute.ac3 minute.ac3 >short.ac3
+    mkvmerge -q --sync 0:100000 -o late.mka short.ac3
+    plays late.mka
 }
 
 @test "segments of MP3 and M2TS are the stream" {

@@ -124,7 +124,7 @@ TEST(OutlineDetails, NamesTheLayerOfMpegAudioInMp4)
         Mp4Track track = Mp4Track::audio();
         track.object_type = row.object_type;
         const Outline outline =
-            details_of(Mp4File().add(track.sample(be32(row.header) + Bytes(400))).build());
+            outline_of(Mp4File().add(track.sample(be32(row.header) + Bytes(400))).build());
         EXPECT_EQ(codec_title(outline, outline.tracks.at(0)), row.title);
     }
 }

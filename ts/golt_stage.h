@@ -53,8 +53,8 @@ struct StageHints {
     /// Of the whole, where the stream begins in the middle of it: its frames then have the exact times that they have
     /// there, not those of the file, which are rounded.
     AudioGrid audio_grid = {};
-    /// Near which time of the file the stream begins, within 13 hours; ticks of 90 kHz. Times start again after 26.5
-    /// hours: what begins later can't tell by itself how often they have.
+    /// Near which time of the library's stream it begins, without offsets, within 13 hours; ticks of 90 kHz. Times start
+    /// again after 26.5 hours: what begins later can't tell by itself how often they have.
     int64_t begin = ANYWHERE;
     static constexpr int64_t ANYWHERE = INT64_MIN;
 };

@@ -138,8 +138,10 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
         if (number > 0) range.from = film.file.first_time + wanted.start;
         if (!f_last) range.to = film.file.first_time + wanted.end;
     }
-    if (film.file.outline.container == Container::MATROSKA)
+    if (film.file.outline.container == Container::MATROSKA) {
         begin.later = later_at_cluster(source, film, begin.place);
+        begin.time -= begin.later;
+    }
     // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
     // there is.
     constexpr uint64_t MORE = 64 * 1024;
@@ -174,7 +176,7 @@ std::string audio_codec(const Outline &outline, const std::string &title, const 
     if (title == "AC-3") return "ac-3";
     if (title == "E-AC-3") return "ec-3";
     const uint32_t layer =
-        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : 0;
+        outline.container == Container::MPEG_AUDIO ? outline.mpeg_audio.layer : track.mp4.layer;
     return fmt::format("mp4a.40.{}", layer == 0 ? LAYER_3 : LAYER_1 + layer - 1);
 }
 

@@ -17,9 +17,8 @@ public:
     struct Begin {
         uint64_t place = 0;  ///< as Segment::place
         uint64_t to = 0;     ///< offset where the file ends for it
-        int64_t later =
-            0;             ///< added to the times of audio, which begin at 0 there; ticks of 90 kHz
-        int64_t time = 0;  ///< of the file there, about; ticks of 90 kHz
+        int64_t later = 0;   ///< added to the library's times of audio; ticks of 90 kHz
+        int64_t time = 0;    ///< of the library there, about, without offsets; likewise
     };
 
     /// source, film, cutter: have to outlive the object. Throws NotDone.

@@ -31,7 +31,7 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
     for (std::optional<int64_t> *first : {&video, &audio})
         if (*first)
-            *first = CutClock(PTS_BITS, time + run.stage().shift())
+            *first = CutClock(PTS_BITS, time + begin.later + run.stage().shift())
                          .follow(static_cast<uint64_t>(**first));
     if (!video && !audio)
         throw NotDone(source.path(),

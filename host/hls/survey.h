@@ -20,7 +20,7 @@ const Track *taken_track(const Film &film, TrackKind kind);
 /// about. Returns the time of the first picture, or without video that of the first frame of audio, since the film's
 /// begin.
 int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time);
-/// The written time of a file's own one, ticks; since the film's begin. f_video: with the offset of which track.
+/// The written time of a file's own one, ticks; since the film's begin. kind: with the offset of which track.
 int64_t film_time(const Film &film, int64_t file_time, TrackKind kind);
 /// The other way round.
 int64_t time_in_file(const Film &film, int64_t time, TrackKind kind);

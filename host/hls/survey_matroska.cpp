@@ -242,14 +242,14 @@ int64_t ticks_of_ns(int64_t ns)
 }
 
 // Where the tracks end, since the film's begin: by the file's header. 0: it states nothing. FFmpeg states where a track
-// ends, others how long it is; both then are within the whole.
+// ends, others how long it is; both then are within the whole, of which mkvmerge (libebml) states how long it is.
 int64_t stated_end(const Film &film)
 {
     const Outline &outline = film.file.outline;
     const bool f_ends = outline.matroska.muxing_app.compare(0, 4, "Lavf") == 0;
-    const int64_t whole = outline.duration_ns
-                              ? film_time(film, ticks_of_ns(*outline.duration_ns), TrackKind::VIDEO)
-                              : 0;
+    const bool f_lasts = outline.matroska.muxing_app.compare(0, 7, "libebml") == 0;
+    int64_t whole = ticks_of_ns(outline.duration_ns.value_or(0));
+    if (whole != 0 && !f_lasts) whole = film_time(film, whole, TrackKind::VIDEO);
     int64_t end = 0;
     for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
         const Track *const track = taken_track(film, kind);
@@ -299,6 +299,12 @@ int64_t first_time_at(Source &source, const Film &film, uint64_t cluster)
     return time;
 }
 
+// The library keeps 32 bits, and takes any ticks for milliseconds.
+int64_t library_time(int64_t file_ticks)
+{
+    return int64_t{static_cast<uint32_t>(file_ticks)} * TICKS_PER_MS;
+}
+
 }  // namespace
 
 int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
@@ -307,7 +313,7 @@ int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
     const Outline &outline = film.file.outline;
     if (outline.matroska.timestamp_scale == NS_PER_MS) return 0;
     const int64_t time = first_time_at(source, film, cluster);
-    return time_of(outline, time) - time * TICKS_PER_MS;
+    return time_of(outline, time) - library_time(time);
 }
 
 void survey_matroska(Source &source, Film &film)
@@ -317,9 +323,7 @@ void survey_matroska(Source &source, Film &film)
     SourceBytes bytes(source);
     file.head_end = first_cluster;
     hide_seek_heads(bytes, file);
-    // The library keeps 32 bits of it.
-    const int64_t time =
-        int64_t{static_cast<uint32_t>(first_time_at(source, film, first_cluster))} * TICKS_PER_MS;
+    const int64_t time = library_time(first_time_at(source, film, first_cluster));
     const int64_t first = look_at_begin(source, film, first_cluster, time);
     film.f_cut = file.outline.matroska.segment_end.value_or(0) > source.size();
     // 0: the blocks tell.

@@ -1,4 +1,4 @@
-// What people ask about and nothing else needs: files that lie beside the tracks, and the layer of MPEG audio in MP4.
+// What people ask about and nothing else needs: files that lie beside the tracks.
 
 #include <algorithm>
 
@@ -21,7 +21,6 @@ void read_cover(Stretch data, Outline &outline);
 void read_pictures(Reader &reader, Outline &outline);
 void read_pictures_of_tag(Stretch frames, uint8_t version, Outline &outline);
 void read_picture(Stretch body, Outline &outline);
-void read_layer(Reader &reader, Track &track);
 void add(const Attachment &attachment, Outline &outline);
 
 }  // namespace
@@ -34,11 +33,7 @@ void read_details(ByteSource &source, Outline &outline)
 {
     Reader reader(source);
     switch (outline.container) {
-    case Container::MP4:
-        read_covers(reader, outline);
-        for (Track &track : outline.tracks)
-            read_layer(reader, track);
-        break;
+    case Container::MP4: read_covers(reader, outline); break;
     case Container::MATROSKA: read_attachments(reader, outline); break;
     case Container::MPEG_AUDIO: read_pictures(reader, outline); break;
     case Container::TRANSPORT_STREAM:
@@ -163,21 +158,6 @@ void read_picture(Stretch body, Outline &outline)
     constexpr uint8_t FRONT_COVER = 3;
     if (!body.is_short())
         add({kind == FRONT_COVER ? "cover" : "", media_type, body.left()}, outline);
-}
-
-// 0x69 and 0x6B stand for all layers (ISO/IEC 14496-1): the first sample tells.
-void read_layer(Reader &reader, Track &track)
-{
-    constexpr uint8_t MPEG_2_AUDIO = 0x69, MPEG_1_AUDIO = 0x6B;
-    Mp4Details &mp4 = track.mp4;
-    const bool f_layered = mp4.object_type == MPEG_2_AUDIO || mp4.object_type == MPEG_1_AUDIO;
-    if (!f_layered || mp4.stco.begin == 0) return;
-    Stretch table(reader, mp4.stco.begin, mp4.stco.end);
-    table.skip(8);  // version and flags, number of chunks
-    const uint32_t first = table.u32();
-    if (table.is_short()) return;
-    Stretch sample(reader, first, reader.size());
-    if (const auto header = parse_mpeg_audio_header(sample.u32())) mp4.layer = header->layer;
 }
 
 void add(const Attachment &attachment, Outline &outline)

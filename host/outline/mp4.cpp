@@ -23,6 +23,7 @@ void read_media(Stretch body, Track &track);
 void read_media_header(Stretch body, Track &track);
 TrackKind kind_of_handler(const std::string &handler);
 void take_chapters(Outline &outline);
+void read_layer(Reader &reader, Track &track);
 
 }  // namespace
 
@@ -66,6 +67,12 @@ void read_mp4(Reader &reader, Outline &outline)
     }
     take_chapters(outline);
     outline.looked_at_to = file.at();
+}
+
+void read_layers(Reader &reader, Outline &outline)
+{
+    for (Track &track : outline.tracks)
+        read_layer(reader, track);
 }
 
 namespace {
@@ -251,6 +258,21 @@ void take_chapters(Outline &outline)
         if (track.f_chapters && !outline.chapters) outline.chapters = track.mp4.samples;
     }
     if (outline.mp4.f_moov && !outline.chapters) outline.chapters = 0;
+}
+
+// 0x69 and 0x6B stand for all layers (ISO/IEC 14496-1): the first sample tells.
+void read_layer(Reader &reader, Track &track)
+{
+    constexpr uint8_t MPEG_2_AUDIO = 0x69, MPEG_1_AUDIO = 0x6B;
+    Mp4Details &mp4 = track.mp4;
+    const bool f_layered = mp4.object_type == MPEG_2_AUDIO || mp4.object_type == MPEG_1_AUDIO;
+    if (!f_layered || mp4.stco.begin == 0) return;
+    Stretch table(reader, mp4.stco.begin, mp4.stco.end);
+    table.skip(8);  // version and flags, number of chunks
+    const uint32_t first = table.u32();
+    if (table.is_short()) return;
+    Stretch sample(reader, first, reader.size());
+    if (const auto header = parse_mpeg_audio_header(sample.u32())) mp4.layer = header->layer;
 }
 
 }  // namespace

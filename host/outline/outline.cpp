@@ -40,6 +40,8 @@ Outline read_outline(ByteSource &source)
         if (result.container == Container::UNKNOWN) read_mpeg_audio(reader, result);
     }
     result.f_partial = reader.has_failed();
+    // The headers are there in any case; a sample may be out of reach.
+    if (result.container == Container::MP4) read_layers(reader, result);
     return result;
 }
 

@@ -38,7 +38,7 @@ struct Mp4Details {
     uint64_t more_edits = 0;        ///< that it has beyond those
     uint16_t rotation = 0;          ///< clockwise, for presentation: 0, 90, 180 or 270 degrees
     uint8_t object_type = 0;        ///< of "esds" (ISO/IEC 14496-1); 0x40 is AAC, 0x6B MPEG-1 audio
-    uint32_t layer = 0;             ///< of MPEG audio, 1 to 3, by read_details; 0: not known
+    uint32_t layer = 0;             ///< of MPEG audio, 1 to 3, by the first sample; 0: not known
     uint16_t entry_version = 0;     ///< of the audio sample entry; above 0 in QuickTime files
     uint64_t samples = 0;           ///< by "stsz" or "stz2"
     std::optional<uint64_t> ticks;  ///< sum of the samples' durations, by "stts"
@@ -183,7 +183,7 @@ struct Outline {
 /// Reads the outline of a file. What can't be read, or goes beyond the reader's limits, is left out.
 Outline read_outline(ByteSource &source);
 
-/// Adds what only people ask about: attachments, and layers of MPEG audio in MP4.
+/// Adds what only people ask about: attachments.
 void read_details(ByteSource &source, Outline &outline);
 
 /// Where another file of its kind was appended, of MP4 and Matroska: an offset; none was found.

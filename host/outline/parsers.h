@@ -9,6 +9,8 @@
 namespace outline {
 
 void read_mp4(Reader &reader, Outline &outline);
+/// Of MPEG audio in MP4.
+void read_layers(Reader &reader, Outline &outline);
 void read_matroska(Reader &reader, Outline &outline);
 void read_mpeg_audio(Reader &reader, Outline &outline);
 void read_transport_stream(Reader &reader, Outline &outline);
