@@ -93,6 +93,8 @@ def command(build, target, *arguments):
 
 def run(words, log):
     """Runs to the end; its status and the seconds of processor time that it took."""
+    if STOPPED.is_set():
+        return 0, 0
     with open(log, "wb") as output:
         # A session of its own: a terminal's signal reaches this program alone.
         process = subprocess.Popen(words, stdout=output, stderr=subprocess.STDOUT, env=ENVIRONMENT,
