@@ -19,7 +19,11 @@ constexpr uint64_t PICTURES_BEFORE = 34;
 /// The key samples that may be sought to for those that come.
 class Approach {
 public:
-    void add(uint64_t sample) { m_keys.push_back(sample); }
+    void add(uint64_t sample)
+    {
+        to(sample);  // those that are too early for it and all later ones go
+        m_keys.push_back(sample);
+    }
     /// The last one that is early enough; 0: the begin.
     uint64_t to(uint64_t sample)
     {
