@@ -6,6 +6,7 @@
 
 #include "cluster_walk.h"
 #include "ebml.h"
+#include "io/message.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
 #include "ts_time.h"
@@ -319,6 +320,8 @@ int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
 void survey_matroska(Source &source, Film &film)
 {
     FilmFile &file = film.file;
+    if (!file.outline.matroska.first_cluster)
+        throw NotDone(source.path(), "no frame in it can be read");
     const uint64_t first_cluster = *file.outline.matroska.first_cluster;
     SourceBytes bytes(source);
     file.head_end = first_cluster;
