@@ -170,7 +170,8 @@ void check_reply(Numbers &numbers)
 {
     Reply reply, again;
     if (!read_reply(text_of(numbers, numbers.left), reply)) return;
-    require(reply.status == 200 || (reply.status >= 400 && reply.status < 600),
+    require(reply.status == Reply::LOST || reply.status == 200 ||
+                (reply.status >= 400 && reply.status < 600),
             "an answer that there is");
     require(read_reply(bytes_of(reply), again) && again.id == reply.id &&
                 again.status == reply.status && again.size == reply.size &&
