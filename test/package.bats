@@ -43,33 +43,28 @@ CPP
     ./consumer | grep ' v0\.8$'
 }
 
-@test "Serves a program that finds it by CMake" {
+# consumer_by_cmake TARGET: builds it with a target of the CMake package, and runs it.
+consumer_by_cmake() {
     consumer
-    cat >CMakeLists.txt <<'CMAKE'
+    cat >CMakeLists.txt <<CMAKE
 cmake_minimum_required(VERSION 3.16)
 project(consumer CXX)
 find_package(golt 0.8 REQUIRED)
 add_executable(consumer consumer.cpp)
-target_link_libraries(consumer golt::golt)
+target_link_libraries(consumer $1)
 CMAKE
     cmake -G Ninja -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" .
     cmake --build .
-    # The tree can be moved as a whole.
     LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
 }
 
+# The tree can be moved as a whole.
+@test "Serves a program that finds it by CMake" {
+    consumer_by_cmake golt::golt
+}
+
 @test "Serves a program that links all of the library in" {
-    consumer
-    cat >CMakeLists.txt <<'CMAKE'
-cmake_minimum_required(VERSION 3.16)
-project(consumer CXX)
-find_package(golt 0.8 REQUIRED)
-add_executable(consumer consumer.cpp)
-target_link_libraries(consumer golt::golt_archive)
-CMAKE
-    cmake -G Ninja -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$PREFIX" .
-    cmake --build .
-    LD_LIBRARY_PATH='' ./consumer | grep ' v0\.8$'
+    consumer_by_cmake golt::golt_archive
     # Its other names are its own: the host may have the same.
     nm --extern-only --defined-only "$LD_LIBRARY_PATH/libgolt.a" | awk 'NF == 3 { print $3 }' | sort >archive
     nm --dynamic --defined-only "$LD_LIBRARY_PATH/libgolt.so" | awk '{ print $3 }' | sort | diff archive -

@@ -29,7 +29,6 @@ public:
     /// The stream has ended: what is left belongs to the segment.
     void finish() { keep_waiting(); }
 
-    bool has_begun() const { return m_f_begun; }
     bool is_done() const { return m_f_done; }  ///< the next segment has begun
     bool is_full() const { return m_f_full; }
     /// Pictures, or with audio alone frames, that came before the segment.
