@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "heap.h"
 #include "host_double.h"
 
 namespace {
@@ -75,6 +76,21 @@ TEST(M2ts, HandsOutEveryWholePacketWithItsStamp)
         }
         GOLT_DMX_M2TSDestroy();
     }
+}
+
+TEST(M2ts, LosesNoRecordWhenMemoryIsRefusedOnce)
+{
+    Source source(records(3));
+    ASSERT_TRUE(GOLT_DMX_M2TSInit(Source::read_proc, Source::seek_proc, &source));
+    GOLT_frame_t frame = {};
+    {
+        const LibraryCall library;
+        g_heap.granted = 0;
+        EXPECT_FALSE(GOLT_DMX_M2TSReadFrame(&frame));
+    }
+    g_heap = {};
+    EXPECT_EQ(read_frames(GOLT_DMX_M2TSReadFrame).size(), 3u);
+    GOLT_DMX_M2TSDestroy();
 }
 
 // The stamp of a first packet at offset 2 would begin at -2. Whether that is a place is the host's

@@ -63,15 +63,16 @@ GOLT_EXPORT bool GOLT_DMX_M2TSReadFrame(GOLT_frame_t *pt_frame)
 {
     if (!g_is_dmx_m2ts_init) return false;
 
+    // Each frame has a block of its own, so that it lives until the host destroys it, like any
+    // other frame. The pool has a small block ready as long as the host holds only a few frames.
+    // It is taken first: without memory nothing is read, and the record comes with the next call.
+    uint8_t *pb_packet = GOLT_allocMem(PACKET_SIZE);
+    if (pb_packet == nullptr) return false;
+
     // A record that is cut short inside its stamp fails below, where its packet is missing.
     uint8_t ab_stamp[STAMP_SIZE] = {};
     m2tsctx.pf_read(m2tsctx.pv_handle, ab_stamp, STAMP_SIZE);
     pt_frame->ui8_timestamp = get_be32(ab_stamp);
-
-    // Each frame has a block of its own, so that it lives until the host destroys it, like any
-    // other frame. The pool has a small block ready as long as the host holds only a few frames.
-    uint8_t *pb_packet = GOLT_allocMem(PACKET_SIZE);
-    if (pb_packet == nullptr) return false;
     if (!read_all(pb_packet, PACKET_SIZE) || pb_packet[0] != SYNC_BYTE) {
         GOLT_freeMem(pb_packet);
         return false;
