@@ -194,17 +194,22 @@ uint32_t put_parameter_sets(const s_st_v &st_v, uint8_t *pb_dst)
     return ui4_hdr_size;
 }
 
-// Reads the next sample into a new block, after the ui4_head bytes that the parameter sets of *p_sets
-// take as a byte stream. The frame owns the block, also when the read fails: the bytes that have not
-// come are then cleared, and the size of a sample that is read in steps is that of the block so far.
-bool read_sample(const s_track &tr, const s_st_v *p_sets, uint32_t ui4_head, GOLT_frame_t *pt_frame)
+// Reads the next sample into a new block, after the parameter sets of *p_sets, unless null. These
+// count as sent once there is a block for them, whether or not the sample can be read. The frame owns
+// the block, also when the read fails: the bytes that have not come are then cleared, and the size of
+// a sample that is read in steps is that of the block so far.
+bool read_sample(const s_track &tr, s_st_v *p_sets, GOLT_frame_t *pt_frame)
 {
     const uint32_t ui4_sample_size = next_size(tr);
     if (ui4_sample_size > LARGEST_SAMPLE) return false;
+    const uint32_t ui4_head = p_sets != nullptr ? put_parameter_sets(*p_sets, nullptr) : 0;
     const uint32_t ui4_size = ui4_head + ui4_sample_size;
     block_t block = take_block<frame_memory>(ui4_size, ui4_head);
     if (block.pb_data == nullptr) return false;
-    if (ui4_head != 0) put_parameter_sets(*p_sets, block.pb_data);
+    if (p_sets != nullptr) {
+        put_parameter_sets(*p_sets, block.pb_data);
+        p_sets->b_header_sent = true;
+    }
     const bool f_ok = seek_to(tr.pui4_sample_offsets[tr.ui4_sample_idx], ui4_sample_size) &&
                       fill_block<frame_memory>(&block, ui4_size) == READ_WHOLE;
     if (!f_ok) memset(block.pb_data + block.ui4_filled, 0, block.ui4_room - block.ui4_filled);
@@ -235,22 +240,20 @@ void rewrite_lengths(uint8_t *pb_sample, uint32_t ui4_left)
     }
 }
 
-// The first frame after the start brings the parameter sets; they count as sent whether or not it
-// can be read.
+// The first frame after the start brings the parameter sets.
 bool _dmx_mp4_get_v_frame(GOLT_frame_t *pt_frame)
 {
     s_st_v *p_st = &dmx_mp4.st_v;
-    const uint32_t ui4_hdr_size = p_st->b_header_sent ? 0 : put_parameter_sets(*p_st, nullptr);
-    p_st->b_header_sent = true;
-    if (!read_sample(p_st->tr, p_st, ui4_hdr_size, pt_frame)) return false;
-    rewrite_lengths(pt_frame->pb_data + ui4_hdr_size, pt_frame->ui4_size - ui4_hdr_size);
+    const uint32_t ui4_sample_size = next_size(p_st->tr);
+    if (!read_sample(p_st->tr, p_st->b_header_sent ? nullptr : p_st, pt_frame)) return false;
+    rewrite_lengths(pt_frame->pb_data + pt_frame->ui4_size - ui4_sample_size, ui4_sample_size);
     return finish_frame(&p_st->tr, GOLT_FT_VIDEO, pt_frame);
 }
 
 bool _dmx_mp4_get_a_frame(GOLT_frame_t *pt_frame)
 {
     s_track *p_tr = &dmx_mp4.st_a.tr;
-    return read_sample(*p_tr, nullptr, 0, pt_frame) && finish_frame(p_tr, GOLT_FT_AUDIO, pt_frame);
+    return read_sample(*p_tr, nullptr, pt_frame) && finish_frame(p_tr, GOLT_FT_AUDIO, pt_frame);
 }
 
 void release(s_track *p_tr)
