@@ -93,6 +93,9 @@ TEST(Mkv, RewritesH264)
         {"beyond the payload", sets + "=000000C8.41 v9=000300.4199", "v0|41 v9|4199"},
         {"rest of a length", sets + "(4199)0000 v9(41)", "v0|4199 v9|41"},
         {"nothing", sets + "=", "v0="},
+        {"after sizes of a lace, right or not",
+         sets + "(41) =A3[81.0005.02.01.FF00(41)].A3[81.0006.06.03.818080(41)]",
+         "v0|41 v5|41 v6|41"},
         // A frame has 2048 bytes beyond the payload. 20 copies of the sets leave 48 of them, and
         // six of the 100 units that grow by a byte each find no room.
         {"more than the room",

@@ -9,18 +9,22 @@ using namespace mkv;
 
 namespace {
 
+// The sizes are read to their end also where they can't be right: the payload follows them, and a video
+// block takes it whole. Only those that run past the block, after which there is none, may end early.
+
 // Xiph: each size is the sum of bytes up to and including the first one that isn't 255.
 void read_xiph_sizes(uint32_t BlockLen, lacing_t &t_lacing)
 {
+    const int64_t i8_beyond = position_after(BlockLen);
     uint64_t ui8_sum = 0;
-    for (uint32_t i = 0; i + 1 < t_lacing.count && ui8_sum <= BlockLen; ++i) {
+    for (uint32_t i = 0; i + 1 < t_lacing.count && _MKV_FilePos() < i8_beyond; ++i) {
         uint8_t ui1_part = 0;
         uint64_t ui8_size = 0;
         do {
             ui1_part = 0;
             get_bytes(&ui1_part, 1);
             ui8_size += ui1_part;
-        } while (ui1_part == 0xFF && ui8_size <= BlockLen);
+        } while (ui1_part == 0xFF && _MKV_FilePos() < i8_beyond);
         t_lacing.frame_data_num[i] = static_cast<uint32_t>(ui8_size);
         ui8_sum += ui8_size;
     }
@@ -30,13 +34,14 @@ void read_xiph_sizes(uint32_t BlockLen, lacing_t &t_lacing)
 // EBML: a size, then signed differences. The first size is there also for a single frame.
 void read_ebml_sizes(uint32_t BlockLen, lacing_t &t_lacing)
 {
+    const int64_t i8_beyond = position_after(BlockLen);
     uint32_t ui4_first = 0;
     FileGetVint(&ui4_first);
     int64_t i8_size = ui4_first;
     t_lacing.frame_data_num[0] = ui4_first;
-    for (uint32_t i = 1; i + 1 < t_lacing.count && t_lacing.f_valid; ++i) {
+    for (uint32_t i = 1; i + 1 < t_lacing.count && _MKV_FilePos() < i8_beyond; ++i) {
         int32_t i4_difference = 0;
-        t_lacing.f_valid = FileGetSVint(&i4_difference) != 0;
+        if (FileGetSVint(&i4_difference) == 0) t_lacing.f_valid = false;
         i8_size += i4_difference;
         if (i8_size < 0 || i8_size > BlockLen) t_lacing.f_valid = false;
         t_lacing.frame_data_num[i] = static_cast<uint32_t>(i8_size);
