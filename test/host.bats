@@ -122,6 +122,7 @@ judges() {
     perl -pe 's/trak/free/' video.mp4 >tracks.mp4
     cp in.m2ts kept.m2ts
     ln in.m2ts linked.ts
+    ln -s loop.ts loop.ts
 
     refuses 2 'IN is required' ''
     refuses 2 'OUT: the name is empty' 'in.m2ts ""'
@@ -145,6 +146,7 @@ judges() {
     refuses 1 'tracks.mp4: it has neither video nor audio' 'tracks.mp4 out'
     refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4.001'
     refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
+    refuses 1 'loop.ts: Too many levels' 'in.m2ts loop.ts --force'
     refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
     refuses 1 'begun.ts.part: was left by a run' 'in.m2ts begun.ts'
     refuses 1 'linked.ts: is the input itself' 'in.m2ts linked.ts --force'
@@ -168,6 +170,17 @@ judges() {
     ln -s new.ts dangling.ts
     writes 0 new.ts 'in.m2ts dangling.ts'
     [ -L dangling.ts ]
+    # What was left under the unfinished name may be a link, too.
+    ln -s video.mp4 again.ts.part
+    refuses 1 'again.ts.part: was left by a run' 'in.m2ts again.ts'
+    writes 0 again.ts '--force in.m2ts again.ts'
+    cmp video.mp4 "$BATS_FILE_TMPDIR/video.mp4"
+}
+
+@test "gives a file its name when it is safe on its disk" {
+    run -1 python3 "$BATS_TEST_DIRNAME/deny.py" fsync $GOLT remux -q in.m2ts out
+    [ "$output" = 'golt: out: Function not implemented' ]
+    [ ! -e out ] && [ ! -e out.part ]
 }
 
 @test "knows formats by their first bytes" {
