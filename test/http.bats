@@ -215,19 +215,23 @@ fails() {
 }
 
 @test "leaves other files alone" {
-    # A file of that name appears while the output is being written.
+    # A file of that name appears while the output is being written: by one run, and by another one where
+    # the system can't rename without replacing.
+    local other writer status=0
     $GOLT remux -q "$nginx/slow/end.mp4" out.ts 2>said &
-    local writer=$! other status=0
-    # Another one, where no file can be renamed without replacing.
+    writer=$!
+    while kill -0 $writer && [ ! -e out.ts.part ]; do sleep 0.1; done
+    kill -STOP $writer
     python3 "$BATS_TEST_DIRNAME/deny.py" renameat2 $GOLT remux -q "$nginx/slow/end.mp4" other.ts 2>said.other &
     other=$!
-    while kill -0 $writer && [ ! -e out.ts.part ]; do sleep 0.1; done
     while kill -0 $other && [ ! -e other.ts.part ]; do sleep 0.1; done
+    kill -STOP $other
     run -1 $GOLT remux -q "$nginx/plain/end.mp4" out.ts
     [[ $output == *'out.ts.part: is being written by another run'* ]]
     printf old | tee other.ts >out.ts
     # Another run of force doesn't disturb the first.
     same "$nginx/plain/movie.mp4" movie
+    kill -CONT $writer $other
     wait $writer || status=$?
     cat said
     [ "$status" -eq 1 ]
