@@ -122,6 +122,7 @@ judges() {
     perl -pe 's/trak/free/' video.mp4 >tracks.mp4
     cp in.m2ts kept.m2ts
     ln in.m2ts linked.ts
+    ln -s loop.ts loop.ts
 
     refuses 2 'IN is required' ''
     refuses 2 'OUT: the name is empty' 'in.m2ts ""'
@@ -145,6 +146,7 @@ judges() {
     refuses 1 'tracks.mp4: it has neither video nor audio' 'tracks.mp4 out'
     refuses 1 'video.mp4: no frame follows 00:00:04.001' 'video.mp4 out --start 4.001'
     refuses 1 'gone/out: No such file' 'in.m2ts gone/out'
+    refuses 1 'loop.ts: Too many levels' 'in.m2ts loop.ts --force'
     refuses 1 'old.ts: exists already' 'in.m2ts old.ts'
     refuses 1 'begun.ts.part: was left by a run' 'in.m2ts begun.ts'
     refuses 1 'linked.ts: is the input itself' 'in.m2ts linked.ts --force'
@@ -168,6 +170,17 @@ judges() {
     ln -s new.ts dangling.ts
     writes 0 new.ts 'in.m2ts dangling.ts'
     [ -L dangling.ts ]
+    # What was left under the unfinished name may be a link, too.
+    ln -s video.mp4 again.ts.part
+    refuses 1 'again.ts.part: was left by a run' 'in.m2ts again.ts'
+    writes 0 again.ts '--force in.m2ts again.ts'
+    cmp video.mp4 "$BATS_FILE_TMPDIR/video.mp4"
+}
+
+@test "gives a file its name when it is safe on its disk" {
+    run -1 python3 "$BATS_TEST_DIRNAME/deny.py" fsync $GOLT remux -q in.m2ts out
+    [ "$output" = 'golt: out: Function not implemented' ]
+    [ ! -e out ] && [ ! -e out.part ]
 }
 
 @test "knows formats by their first bytes" {
@@ -273,27 +286,31 @@ for command in sys.argv[1:]:
     assert child.wait() == 0, command" "$GOLT frames long.m2ts --csv" "$GOLT remux -q long.m2ts -"
 }
 
-# plain FILE: there is nothing in it that a terminal takes for a command.
+# plain FILE: there is nothing in it that a terminal takes for a command, nor a line that begins within a name.
 plain() {
     cat -v "$1"
-    ! LC_ALL=C grep -qP '[\x00-\x08\x0B-\x1F\x7F]|\xC2[\x80-\x9F]' "$1"
+    ! LC_ALL=C grep -qP '[\x00-\x08\x0B-\x1F\x7F]|\xC2[\x80-\x9F]|\xE2\x80\xAE|^x\.mp4' "$1"
 }
 
 @test "a terminal gets text alone" {
-    local name=$'re\x1b[31md\x7f\xc2\x9b\xff\nx.mp4'
+    local name=$'re\x1b[31md\x7f\xc2\x9b\xff\xe2\x80\xae\nx.mp4'
     cp video.mp4 "$name"
     # The letters of a kind of sample that the library doesn't know.
-    perl -pe 's/avc1/\x1b[2J/g' video.mp4 >"escapes.mp4"
+    perl -pe 's/avc1/\x1b[2J/g' video.mp4 >escapes.mp4
+    with_audio sound.mp4 4
+    perl -pe 's/mp4a/\x1b[3J/g' sound.mp4 >audio.mp4
     for words in info frames check 'info --json' 'frames --json' 'check --json' 'remux -v'; do
-        for file in "$name" escapes.mp4 "no$name"; do
+        for file in "$name" escapes.mp4 audio.mp4 "no$name"; do
             $GOLT ${words% *} "$file" $([[ $words != *-* ]] || printf -- "${words#* }") &>>said || true
         done
     done
+    $GOLT info "$name" audio.mp4 &>>said || true
     $GOLT "$name" &>>said || true
     $GOLT info video.mp4 --format "$name" &>>said || true
     plain said
-    grep -qF 're\x1B[31md\x7F\u009B\xFF\x0Ax.mp4' said
+    grep -qF 're\x1B[31md\x7F\u009B\xFF\u202E\x0Ax.mp4' said
     grep -qF '?[2J isn' said
+    grep -qF "Audio format: '\x1B[3J' unsupported" said
 }
 
 @test "reports when its help can't be written" {

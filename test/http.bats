@@ -215,22 +215,35 @@ fails() {
 }
 
 @test "leaves other files alone" {
-    # A file of that name appears while the output is being written.
+    # A file of that name appears while the output is being written: by one run, and by another one where
+    # the system can't rename without replacing.
+    local other writer status=0
     $GOLT remux -q "$nginx/slow/end.mp4" out.ts 2>said &
-    local writer=$! status=0
+    writer=$!
     while kill -0 $writer && [ ! -e out.ts.part ]; do sleep 0.1; done
+    kill -STOP $writer
+    python3 "$BATS_TEST_DIRNAME/deny.py" renameat2 $GOLT remux -q "$nginx/slow/end.mp4" other.ts 2>said.other &
+    other=$!
+    while kill -0 $other && [ ! -e other.ts.part ]; do sleep 0.1; done
+    kill -STOP $other
     run -1 $GOLT remux -q "$nginx/plain/end.mp4" out.ts
     [[ $output == *'out.ts.part: is being written by another run'* ]]
-    printf old >out.ts
+    printf old | tee other.ts >out.ts
     # Another run of force doesn't disturb the first.
     same "$nginx/plain/movie.mp4" movie
+    kill -CONT $writer $other
     wait $writer || status=$?
     cat said
     [ "$status" -eq 1 ]
     grep -q 'out.ts: has appeared meanwhile; the stream is left in out.ts.part' said
     cmp out.ts movie.expected
     cmp out.ts.part end.expected
-    [ "$(ls | grep -c part)" -eq 1 ]
+    status=0
+    wait $other || status=$?
+    [ "$status" -eq 1 ]
+    grep -q 'other.ts: has appeared meanwhile; the stream is left in other.ts.part' said.other
+    [ "$(cat other.ts)" = old ]
+    [ "$(ls | grep -c 'part$')" -eq 2 ]
     # What is left over isn't being written.
     same "$nginx/plain/movie.mp4" movie
     [ ! -e out.ts.part ]

@@ -155,27 +155,27 @@ END
     [[ $(plotted long.mp4) == *'; 73; 73 sync points, at most 100.0 s apart; 0:00:00; 2:00:00' ]]
 }
 
-@test "draws well-formed pictures of any name" {
+@test "writes well-formed pictures and JSON of any name" {
     local name
     for name in $'\xff\xfe' $'\x01\x1f' $'\xc0\xaf' $'\xed\xa0\x80' $'\xf4\x90\x80\x80' \
-        $'\xef\xbf\xbe' $'\xe2\x82' ']]>&amp;"' $'\x7f\xc2\x85' $'\xf0\x9f\x8e\xac'; do
+        $'\xef\xbf\xbe' $'\xe2\x82' ']]>&amp;"' $'\x7f\xc2\x85' $'\xf0\x9f\x8e\xac' $'\xf0\x9f\xbf\xbe'; do
         cp movie.mp4 "$name.mp4"
         $GOLT plot "$name.mp4" -o - >out.svg
-        python3 -c 'import xml.dom.minidom; xml.dom.minidom.parse("out.svg")'
+        $GOLT info "$name.mp4" --json >out.json
+        python3 -c 'import json, os, sys, xml.dom.minidom
+xml.dom.minidom.parse("out.svg")
+told = json.load(open("out.json"))["input"]
+assert told == os.fsencode(sys.argv[1]).decode(errors="replace"), told' "$name.mp4"
     done
     run -2 $GOLT plot movie.mp4 -o ''
 }
 
-@test "checks many streams as fast as it counts them" {
-    python3 "$BATS_TEST_DIRNAME/many_streams.py" 1386 20 many.m2ts
-    local start=${EPOCHREALTIME/./} scanned
+@test "checks many streams in one pass" {
+    python3 "$BATS_TEST_DIRNAME/many_streams.py" 1386 200 many.m2ts
     $GOLT info --scan many.m2ts >said
-    scanned=$((${EPOCHREALTIME/./} - start))
-    [ "$(grep -c '20 frames' said)" -eq 1386 ]
-    start=${EPOCHREALTIME/./}
-    run -0 $GOLT check many.m2ts
-    echo "$scanned us, $((${EPOCHREALTIME/./} - start)) us"
-    [ $((${EPOCHREALTIME/./} - start)) -lt $((8 * scanned)) ]
+    [ "$(grep -c '200 frames' said)" -eq 1386 ]
+    # One pass takes well below a second. A limit of the processor's time, which other work doesn't shorten.
+    run -0 bash -c "ulimit -t 15; $GOLT check many.m2ts"
 }
 
 @test "reports errors in JSON too" {

@@ -14,6 +14,7 @@
 namespace {
 
 bool is_same_file(const struct stat &one, const struct stat &other);
+bool is_name_of(const std::string &path, int fd);
 std::string behind_links(const std::string &path);
 bool is_locked(int fd);
 int rename_to_new(const std::string &from, const std::string &to);
@@ -40,14 +41,15 @@ Output::Output(const std::string &path, Descriptor standard_output, const struct
     } else {
         open_file(path, input);
     }
-    if (fstat(m_file.get(), &m_status) != 0) throw NotWritten(m_name, error_text(errno));
-    if (is_same_file(m_status, input)) throw NotWritten(m_name, "is the input itself");
+    struct stat status = {};
+    if (fstat(m_file.get(), &status) != 0) throw NotWritten(m_name, error_text(errno));
+    if (is_same_file(status, input)) throw NotWritten(m_name, "is the input itself");
 }
 
 Output::~Output()
 {
     remove_at_second_signal(nullptr);
-    if (!m_part.empty() && is_ours()) unlink(m_part.c_str());
+    if (!m_part.empty() && is_name_of(m_part, m_file.get())) unlink(m_part.c_str());
 }
 
 void Output::complete()
@@ -62,7 +64,8 @@ void Output::name_file()
 {
     // Otherwise a power cut may leave an empty file under the name.
     if (fsync(m_file.get()) != 0) throw NotWritten(m_name, error_text(errno));
-    if (!is_ours()) throw NotWritten(m_part, "was removed or replaced while it was written");
+    if (!is_name_of(m_part, m_file.get()))
+        throw NotWritten(m_part, "was removed or replaced while it was written");
     const int error = m_f_force ? (std::rename(m_part.c_str(), m_target.c_str()) == 0 ? 0 : errno)
                                 : rename_to_new(m_part, m_target);
     if (error != 0 && error != EEXIST) throw NotWritten(m_name, error_text(error));
@@ -76,6 +79,7 @@ void Output::open_file(const std::string &path, const struct stat &input)
 {
     struct stat status = {};
     const bool f_exists = stat(path.c_str(), &status) == 0;
+    if (!f_exists && errno != ENOENT) throw NotWritten(path, error_text(errno));
     if (f_exists && is_same_file(status, input)) throw NotWritten(path, "is the input itself");
     if (f_exists && S_ISDIR(status.st_mode)) throw NotWritten(path, error_text(EISDIR));
     if (f_exists && !S_ISREG(status.st_mode)) {
@@ -97,7 +101,8 @@ void Output::open_file(const std::string &path, const struct stat &input)
 }
 
 // A file under its unfinished name has a lock as long as it is being written. Beside such a one
-// another run takes a name of its own, and the last to end gives the file its name.
+// another run takes a name of its own, and the last to end gives the file its name. Who has the
+// lock of the file that a name leads to, and nobody else, removes that name.
 void Output::open_part(const struct stat &input, unsigned mode)
 {
     constexpr int MOST_TRIES = 8;  // others may make files at the same time
@@ -106,12 +111,14 @@ void Output::open_part(const struct stat &input, unsigned mode)
         m_file = Descriptor(
             open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode)));
         if (m_file.is_open()) {
-            flock(m_file.get(), LOCK_EX | LOCK_NB);
+            // Another run may have had it before, and taken it for one that was left.
+            flock(m_file.get(), LOCK_EX);
+            if (!is_name_of(part, m_file.get())) continue;
             m_part = part;
             return remove_at_second_signal(m_part.c_str());
         }
         if (errno != EEXIST) throw NotWritten(m_name, error_text(errno));
-        const Descriptor old(open(part.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        const Descriptor old(open(part.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         struct stat status = {};
         if (old.is_open() && fstat(old.get(), &status) == 0 && is_same_file(status, input))
             throw NotWritten(part, "is the input itself");
@@ -122,17 +129,12 @@ void Output::open_part(const struct stat &input, unsigned mode)
                                                "replaces it");
         if (f_written)
             part = m_target + '.' + std::to_string(getpid()) + ".part";
+        else if (old.is_open() && !is_name_of(part, old.get()))
+            continue;
         else if (unlink(part.c_str()) != 0 && errno != ENOENT)
             throw NotWritten(part, error_text(errno));
     }
     throw NotWritten(part, error_text(EEXIST));
-}
-
-// Whether the unfinished name still leads to the file that was written.
-bool Output::is_ours() const
-{
-    struct stat status = {};
-    return lstat(m_part.c_str(), &status) == 0 && is_same_file(status, m_status);
 }
 
 namespace {
@@ -140,6 +142,13 @@ namespace {
 bool is_same_file(const struct stat &one, const struct stat &other)
 {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Whether the name leads, not by a link, to the file that is open.
+bool is_name_of(const std::string &path, int fd)
+{
+    struct stat named = {}, file = {};
+    return lstat(path.c_str(), &named) == 0 && fstat(fd, &file) == 0 && is_same_file(named, file);
 }
 
 // Where a link leads, also one that leads to nothing yet: it goes on pointing at the new file.

@@ -35,13 +35,11 @@ public:
 private:
     void open_file(const std::string &path, const struct stat &input);
     void open_part(const struct stat &input, unsigned mode);
-    bool is_ours() const;
     void name_file();
 
     std::string m_name;
     bool m_f_force;
     Descriptor m_file;
-    struct stat m_status = {};
     std::string m_target;  // the file's own name
     std::string m_part;    // its name until then; empty when there is nothing to rename
 };

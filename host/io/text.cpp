@@ -29,6 +29,9 @@ std::string printable(const std::string &text, bool f_lines)
         const bool f_line = f_lines && (text[at] == '\n' || text[at] == '\t');
         if (f_line || (letter.size != 0 && is_shown(letter.code)))
             out.append(text, at, size);
+        else if (letter.code > 0xFFFF)  // in halves, as JSON has it
+            out += fmt::format("\\u{:04X}\\u{:04X}", 0xD7C0 + (letter.code >> 10),
+                               0xDC00 + (letter.code & 0x3FF));
         else if (letter.size > 1)
             out += fmt::format("\\u{:04X}", letter.code);
         else
