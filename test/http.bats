@@ -172,7 +172,7 @@ fails() {
     fails 3 'gave up after 4 tries' "$server/unknown_silent/audio.mp3" out.silent
     fails 3 "whether it is whole isn't known" "$server/halved/audio.mp3" out.halved
     fails 3 "whether it is whole isn't known" "$server/endless/audio.mp3" out.endless
-    fails 3 'gave up after 4 tries' "$server/drips/movie.mp4" out.drips --timeout 1
+    fails 3 'next to nothing for 1 second; gave up after 4 tries' "$server/drips/movie.mp4" out.drips --timeout 1
     cmp out.endless audio.expected
     for way in longer changes vanishes shrinks replaced gzip other gone nibbles drips; do
         head -c "$(stat -c %s out.$way)" movie.expected | cmp - out.$way
