@@ -168,12 +168,13 @@ fails() {
     fails 3 'the server sends the file encoded (gzip)' "$server/gzip/movie.mp4" out.gzip
     fails 3 'sends another range than was asked for' "$server/other/movie.mp4" out.other
     fails 3 'gave up after 4 tries' "$server/gone/movie.mp4" out.gone
+    fails 3 ' bytes early; gave up after 4 tries' "$server/nibbles/movie.mp4" out.nibbles
     fails 3 'gave up after 4 tries' "$server/unknown_silent/audio.mp3" out.silent
     fails 3 "whether it is whole isn't known" "$server/halved/audio.mp3" out.halved
     fails 3 "whether it is whole isn't known" "$server/endless/audio.mp3" out.endless
-    fails 3 'gave up after 4 tries' "$server/drips/movie.mp4" out.drips --timeout 1
+    fails 3 'next to nothing for 1 second; gave up after 4 tries' "$server/drips/movie.mp4" out.drips --timeout 1
     cmp out.endless audio.expected
-    for way in longer changes vanishes shrinks replaced gzip other gone drips; do
+    for way in longer changes vanishes shrinks replaced gzip other gone nibbles drips; do
         head -c "$(stat -c %s out.$way)" movie.expected | cmp - out.$way
     done
     fails 1 'answers 404 \x1B[31mred\x9B0m' "$server/escapes/movie.mp4" out

@@ -113,6 +113,12 @@ def announced(request):
 
 
 @way
+def nibbles(request):
+    """No more than a few bytes of what each answer announces, after the first one."""
+    request.part(length=False, sent=100 if request.earlier else PIECE)
+
+
+@way
 def longer(request):
     """More than was announced."""
     request.part(last=request.first + PIECE - 1, length=False)

@@ -3,7 +3,7 @@
 import struct
 import sys
 
-STREAMS_IN_PMT = 33
+STREAMS_IN_PMT = 200  # nearly as many as a section holds
 FRAME = b"\xff\xfb\x10\xc0" + bytes(100)  # 32 kbit/s, 44100 Hz
 TICKS = 2351  # that it lasts
 counters = {}
@@ -18,15 +18,16 @@ def crc(data):
     return struct.pack(">I", value)
 
 
-def packet(pid, payload, control=0x10):
+def packet(pid, payload, control=0x10, start=0x4000):
     counters[pid] = counters.get(pid, -1) + 1 & 15
-    return bytes(4) + struct.pack(">BHB", 0x47, 0x4000 | pid, control | counters[pid]) + payload
+    return bytes(4) + struct.pack(">BHB", 0x47, start | pid, control | counters[pid]) + payload
 
 
 def section(pid, table, number, body):
     data = struct.pack(">BHHBBB", table, 0xB009 + len(body), number, 0xC1, 0, 0) + body
     data = b"\0" + data + crc(data)
-    return packet(pid, data + b"\xff" * (184 - len(data)))
+    pieces = [data[at:at + 184].ljust(184, b"\xff") for at in range(0, len(data), 184)]
+    return packet(pid, pieces[0]) + b"".join(packet(pid, piece, start=0) for piece in pieces[1:])
 
 
 def frame(pid, ticks):

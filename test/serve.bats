@@ -274,6 +274,9 @@ faults() {
     serve films -v
     answers 200 "$(segment /movie.mkv 0)"
     says 'GOLT lib'
+    # What a process says that somebody has taken over.
+    printf '\e[31mred\n' >"/proc/$(pgrep -P "$pid" | head -n 1)/fd/2"
+    says '^\\x1B\[31mred$'
 }
 
 @test "keeps clients within their limits" {
