@@ -23,7 +23,7 @@ may_mount() { unshare --mount mount -t tmpfs none /mnt 2>/dev/null; }
 make_chroot() {
     local folder=$1 architectures=$2 command=(unshare --mount mmdebstrap)
     shift 2
-    may_mount || command=(mmdebstrap --skip=check/canmount,chroot/mount)
+    may_mount || command=(mmdebstrap "--skip=check/canmount,chroot/mount")
     "${command[@]}" --quiet --mode=root --variant=minbase --architectures="$architectures" \
         --dpkgopt=force-unsafe-io --aptopt='Acquire::Retries "3"' "$@" "$suite" "$folder" "$mirror"
 }

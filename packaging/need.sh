@@ -26,6 +26,7 @@ serve_packages="$browser_packages bats ffmpeg mkvtoolnix nginx-light wrk procps 
 # Those of debian/control, and what looks at packages.
 deb_packages="$build_packages build-essential dpkg-dev debhelper git googletest lintian"
 deb_test_packages="mmdebstrap autopkgtest apt-utils faketime locales"
+machine_packages="qemu-system-x86 e2fsprogs"
 foreign_packages="mmdebstrap arch-test qemu-user-static g++-arm-linux-gnueabihf"
 
 say() { printf '%s\n' "$*" >&2; }
