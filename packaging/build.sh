@@ -15,8 +15,6 @@ export_tree "$tree"
 chmod -R u=rwX,go=rX "$tree"
 find "$tree" -exec touch --no-dereference --date="@$(dpkg-parsechangelog -S Timestamp)" {} +
 
-# A compiler's cache may put other paths into what is for debuggers.
-unset CMAKE_C_COMPILER_LAUNCHER CMAKE_CXX_COMPILER_LAUNCHER
 cd "$tree"
 dpkg-buildpackage --jobs=auto --unsigned-source --unsigned-changes "$@"
 rm -rf "$tree"

@@ -18,12 +18,13 @@ expect_root() {
 # In most containers mounts aren't allowed. Chroots then do without /proc and /dev.
 may_mount() { unshare --mount mount -t tmpfs none /mnt 2>/dev/null; }
 
-# make_chroot FOLDER ARCHITECTURES [ARGUMENTS OF MMDEBSTRAP]. What is thrown away soon needn't be safe on the disk.
+# make_chroot FOLDER ARCHITECTURES [ARGUMENTS OF MMDEBSTRAP]. What is thrown away soon needn't be safe on the disk. What
+# mmdebstrap mounts and can't unmount, because somebody still looks at it, is gone with it.
 make_chroot() {
-    local folder=$1 architectures=$2 options=()
+    local folder=$1 architectures=$2 command=(unshare --mount mmdebstrap)
     shift 2
-    may_mount || options=(--skip=check/canmount,chroot/mount)
-    mmdebstrap --quiet --mode=root --variant=minbase --architectures="$architectures" "${options[@]}" \
+    may_mount || command=(mmdebstrap "--skip=check/canmount,chroot/mount")
+    "${command[@]}" --quiet --mode=root --variant=minbase --architectures="$architectures" \
         --dpkgopt=force-unsafe-io --aptopt='Acquire::Retries "3"' "$@" "$suite" "$folder" "$mirror"
 }
 

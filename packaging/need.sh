@@ -14,6 +14,7 @@ arm_packages="g++-arm-linux-gnueabihf qemu-user"
 static_packages="file ffmpeg bats binutils curl procps util-linux"
 mipsel_packages="g++-mipsel-linux-gnu qemu-user"
 clang_packages="clang-14 libclang-rt-14-dev"
+msan_packages="$clang_packages debian-archive-keyring python3 xz-utils"
 fuzz_packages="$clang_packages ffmpeg mkvtoolnix"
 valgrind_packages="valgrind"
 coverage_packages="gcovr"
@@ -25,6 +26,7 @@ serve_packages="$browser_packages bats ffmpeg mkvtoolnix nginx-light wrk procps 
 # Those of debian/control, and what looks at packages.
 deb_packages="$build_packages build-essential dpkg-dev debhelper git googletest lintian"
 deb_test_packages="mmdebstrap autopkgtest apt-utils faketime locales"
+machine_packages="qemu-system-x86 e2fsprogs"
 foreign_packages="mmdebstrap arch-test qemu-user-static g++-arm-linux-gnueabihf"
 
 say() { printf '%s\n' "$*" >&2; }

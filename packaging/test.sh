@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# test.sh same | ARCHITECTURE: tests the packages that deb.sh has built, or builds them first. As root.
+# test.sh same | systemd | ARCHITECTURE: tests the packages that deb.sh has built, or builds them first. As root.
 #   same          they are built again, with the same bytes
+#   systemd       the server comes and goes with them where systemd runs, in an emulated machine
 #   ARCHITECTURE  they are installed in a Debian of its own, upgraded and removed, and the cases of debian/tests run there;
 #                 another processor is emulated
 # IN_PLACE=yes says that this very system may be used where none of its own can be made.
@@ -13,10 +14,11 @@ cd "$(dirname "$0")/.."
 expect_root "deb-test $what"
 native=$(dpkg --print-architecture)
 foreign=
-[ "$what" = same ] || [ "$what" = "$native" ] || foreign=$what
+case $what in same | systemd | "$native") ;; *) foreign=$what ;; esac
 folder=build/deb${foreign:+-$foreign}
 compgen -G "$folder/golt_*.deb" >/dev/null || packaging/deb.sh ${foreign:+"$foreign"}
 [ "$what" != same ] || exec packaging/reproducible.sh "$folder"
+[ "$what" != systemd ] || exec packaging/machine.sh "$folder"
 
 root=$(mktemp -d)
 finish() {

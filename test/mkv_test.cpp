@@ -326,9 +326,9 @@ TEST(Mkv, LeavesNoByteOfAFrameUnwritten)
         ASSERT_TRUE(GOLT_DMX_MKVInit(lie, Source::seek_proc, &source));
         for (const Frame &frame : read_frames(GOLT_DMX_MKVReadFrame))
             EXPECT_EQ(std::count(frame.data.begin(), frame.data.end(), 0xA5), 0) << words;
-        uint8_t byte = 0;
-        GOLT_frame_t frame = {7, 8, &byte, 9};
-        const GOLT_frame_t before = frame;
+        GOLT_frame_t frame, before;
+        memset(&frame, 7, sizeof frame);  // the gaps between its fields, too
+        memcpy(&before, &frame, sizeof frame);
         EXPECT_FALSE(GOLT_DMX_MKVReadFrame(&frame));
         EXPECT_EQ(memcmp(&frame, &before, sizeof frame), 0) << "a frame that was refused";
         GOLT_DMX_MKVDestroy();
