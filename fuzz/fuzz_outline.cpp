@@ -63,7 +63,7 @@ void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
             require(is_printable(line), "lines can be printed");
     }
     source.allow(3 * 8192 + 4096);
-    find_sync_point(source, outline, selection, time_ms, false);
+    find_sync_point(source, outline, selection, time_ms, false, nullptr);
     source.allow(1u << 17);
     list_key_pictures(source, outline, selection, [](int64_t) {});
     WalkOptions options;
