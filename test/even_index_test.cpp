@@ -75,8 +75,8 @@ int64_t apart(const std::vector<Frame> &frames, const Film &film)
     int64_t reached[2] = {INT64_MIN / 2, INT64_MIN / 2}, most = 0;
     for (const Frame &frame : frames) {
         const bool f_video = frame.type == GOLT_FT_VIDEO;
-        const int64_t time = static_cast<int64_t>(frame.time_ms) +
-                             (f_video ? film.video_start : film.audio_start);
+        const int64_t time =
+            static_cast<int64_t>(frame.time_ms) + (f_video ? film.video_start : film.audio_start);
         most = std::max(most, reached[!f_video] - time);
         reached[f_video] = std::max(reached[f_video], time);
     }
@@ -100,14 +100,26 @@ TEST(EvenIndex, PutsFramesInOrderOfTime)
         void (*change)(Film &film);
     } rows[] = {
         {"fast, then slow", [](Film &) {}},
-        {"slow, then fast", [](Film &film) { film.rates({4, 1000, 10, 100}); }},
-        {"reordered", [](Film &film) { film.video.put["ctts"] = table_box("ctts", 2, {3, 80, 11, 0}); }},
+        {"slow, then fast",
+         [](Film &film) {
+             film.rates({4, 1000, 10, 100});
+         }},
+        {"reordered",
+         [](Film &film) {
+             film.video.put["ctts"] = table_box("ctts", 2, {3, 80, 11, 0});
+         }},
         {"before its time of decoding",
-         [](Film &film) { film.video.put["ctts"] = table_box("ctts", 2, {5, 0, 9, 0xFFFFFFCE}); }},
-        {"pictures at one time", [](Film &film) { film.rates({5, 0, 9, 500}); }},
+         [](Film &film) {
+             film.video.put["ctts"] = table_box("ctts", 2, {5, 0, 9, 0xFFFFFFCE});
+         }},
+        {"pictures at one time",
+         [](Film &film) {
+             film.rates({5, 0, 9, 500});
+         }},
         {"late audio", [](Film &film) { film.delay(film.audio, 3000); }},
         {"late video", [](Film &film) { film.delay(film.video, 3000); }},
-        {"both late", [](Film &film) { film.delay(film.video, 3000), film.delay(film.audio, 2000); }},
+        {"both late",
+         [](Film &film) { film.delay(film.video, 3000), film.delay(film.audio, 2000); }},
         {"a gap in the audio",
          [](Film &film) {
              film.audio.put["stts"] = table_box("stts", 3, {5, 200, 1, 3000, 19, 200});
@@ -183,27 +195,72 @@ TEST(EvenIndex, LeavesOtherFilesAsTheyAre)
         const char *name;
         void (*change)(Film &film);
     } rows[] = {
-        {"even", [](Film &film) { film.rates({14, 400}); }},
-        {"nearly even", [](Film &film) { film.rates({3, 300, 11, 400}); }},
-        {"both late", [](Film &film) { film.rates({14, 40}), film.delay(film.video, 900), film.delay(film.audio, 500); }},
-        {"sizes missing", [](Film &film) { film.video.put["stsz"] = table_box("stsz", 0, {12, 8}); }},
-        {"durations missing", [](Film &film) { film.rates({10, 100, 3, 1000}); }},
-        {"sync samples that fall", [](Film &film) { film.video.stss = {1, 6, 5}; }},
-        {"a sync sample too many", [](Film &film) { film.video.stss = {1, 15}; }},
-        {"no samples in a chunk", [](Film &film) { film.video.put["stsc"] = table_box("stsc", 1, {1, 0, 1}); }},
-        {"chunk 2 first", [](Film &film) { film.video.put["stsc"] = table_box("stsc", 1, {2, 3, 1}); }},
-        {"a chunk too many", [](Film &film) { film.video.put["stsc"] = table_box("stsc", 1, {1, 3, 1}); }},
-        {"after the file's end", [](Film &film) { film.video.put["stco"] = table_box("stco", 5, {1, 2, 3, 0x7FFFFFF0, 5}); }},
+        {"even",
+         [](Film &film) {
+             film.rates({14, 400});
+         }},
+        {"nearly even",
+         [](Film &film) {
+             film.rates({3, 300, 11, 400});
+         }},
+        {"both late",
+         [](Film &film) {
+             film.rates({14, 40}), film.delay(film.video, 900), film.delay(film.audio, 500);
+         }},
+        {"sizes missing",
+         [](Film &film) {
+             film.video.put["stsz"] = table_box("stsz", 0, {12, 8});
+         }},
+        {"durations missing",
+         [](Film &film) {
+             film.rates({10, 100, 3, 1000});
+         }},
+        {"sync samples that fall",
+         [](Film &film) {
+             film.video.stss = {1, 6, 5};
+         }},
+        {"a sync sample too many",
+         [](Film &film) {
+             film.video.stss = {1, 15};
+         }},
+        {"no samples in a chunk",
+         [](Film &film) {
+             film.video.put["stsc"] = table_box("stsc", 1, {1, 0, 1});
+         }},
+        {"chunk 2 first",
+         [](Film &film) {
+             film.video.put["stsc"] = table_box("stsc", 1, {2, 3, 1});
+         }},
+        {"a chunk too many",
+         [](Film &film) {
+             film.video.put["stsc"] = table_box("stsc", 1, {1, 3, 1});
+         }},
+        {"after the file's end",
+         [](Film &film) {
+             film.video.put["stco"] = table_box("stco", 5, {1, 2, 3, 0x7FFFFFF0, 5});
+         }},
         {"a time of fillers",
-         [](Film &film) { film.video.put["ctts"] = table_box("ctts", 2, {1, 0xFFFFFFFF, 13, 0}); }},
-        {"32 bits of ticks", [](Film &film) { film.rates({10, 100, 4, 0x40000000}); }},
-        {"too long", [](Film &film) { film.rates({10, 100, 1, 0x40000000, 3, 1}); }},
+         [](Film &film) {
+             film.video.put["ctts"] = table_box("ctts", 2, {1, 0xFFFFFFFF, 13, 0});
+         }},
+        {"32 bits of ticks",
+         [](Film &film) {
+             film.rates({10, 100, 4, 0x40000000});
+         }},
+        {"too long",
+         [](Film &film) {
+             film.rates({10, 100, 1, 0x40000000, 3, 1});
+         }},
         {"too fast",
          [](Film &film) {
              film.video.samples.resize(300, nal({1}));
              film.rates({299, 0, 1, 5000});
          }},
-        {"another clock", [](Film &film) { film.video.put["mdhd"] = box("mdhd", be32(0x01000000) + Bytes(16) + be32(1000) + be32(0) + be32(5000)); }},
+        {"another clock",
+         [](Film &film) {
+             film.video.put["mdhd"] =
+                 box("mdhd", be32(0x01000000) + Bytes(16) + be32(1000) + be32(0) + be32(5000));
+         }},
         {"one track", [](Film &film) { film.audio.entry_type = "alac"; }},
     };
     for (const auto &row : rows) {

@@ -10,12 +10,14 @@ namespace {
 constexpr double MOST_APART = 500;  // ms
 constexpr double MOST_OFF = 250;    // ms, of each track
 // Below a millisecond the library can't be asked for each number.
-constexpr double SHORTEST_INTERVAL = 1.01;        // ms
-constexpr uint64_t MOST_NUMBERS = 1 << 20;  // of a track with fillers: 4.8 hours of 60 pictures a second
+constexpr double SHORTEST_INTERVAL = 1.01;  // ms
+// Of a track with fillers, and for each byte of the file: 4.8 hours of 60 pictures a second, with audio of 8 kbit/s. So a
+// few bytes that state days don't cost much.
+constexpr uint64_t MOST_NUMBERS = 1 << 20, FEW_NUMBERS = 1 << 14, BYTES_PER_NUMBER = 16;
 constexpr size_t MOST_HEADERS = 4096;  // bytes that a track usually has beside its tables
 constexpr int TICKS_PER_MS = 90;
 constexpr uint64_t POSITIONS_END = uint64_t{1} << 32;  // bytes that the library reaches
-constexpr uint32_t FILLER_TICKS = UINT32_MAX;     // time of fillers, on the clock of their track
+constexpr uint32_t FILLER_TICKS = UINT32_MAX;  // time of fillers, on the clock of their track
 
 enum { VIDEO, AUDIO };
 
@@ -159,9 +161,8 @@ bool take_tracks(const Outline &outline, const Selection &selection, Plans &plan
         // The first picture of a track with offsets is shown that much after it is decoded.
         const Mp4Details &track = plan.track->mp4;
         if (track.end.value_or(UINT64_MAX) > outline.size) return false;
-        plan.start =
-            static_cast<double>(edited_offset(track, mp4.timescale)) / TICKS_PER_MS +
-            static_cast<int32_t>(track.first_offset) * 1000.0 / track.timescale;
+        plan.start = static_cast<double>(edited_offset(track, mp4.timescale)) / TICKS_PER_MS +
+                     static_cast<int32_t>(track.first_offset) * 1000.0 / track.timescale;
     }
     const double first = std::min(plans[VIDEO].start, plans[AUDIO].start);
     for (Plan &plan : plans)
@@ -185,8 +186,8 @@ bool choose_interval(Plan &plan)
     plan.filler_time = plan.told_ms(FILLER_TICKS);
     plan.f_even = plan.most_off() > MOST_OFF || plan.least_off() < -MOST_OFF;
     if (!plan.f_even) {
-        plan.interval =
-            plan.is_constant() ? plan.tables.lengths[1] * (1000.0 / mp4.timescale) : mean_interval(mp4);
+        plan.interval = plan.is_constant() ? plan.tables.lengths[1] * (1000.0 / mp4.timescale)
+                                           : mean_interval(mp4);
         plan.duration = static_cast<uint32_t>(mp4.duration);
         return mp4.duration <= UINT32_MAX;
     }
@@ -218,12 +219,15 @@ double most_lag(const Plan &plan, double interval)
 // ticks in a millisecond.
 bool count_numbers(Plan &plan, const Plans &plans, uint64_t file_size)
 {
+    const uint64_t most = plan.f_even
+                              ? std::min(MOST_NUMBERS, FEW_NUMBERS + file_size / BYTES_PER_NUMBER)
+                              : MOST_TABLE_WORDS;
     NumberedWalk walk(plan);
     while (walk.next()) {
         const Sample &sample = walk.sample();
         if (sample.time + sample.length >= FILLER_TICKS) return false;
         if (sample.place + sample.size > file_size) return false;
-        if (walk.number() >= (plan.f_even ? MOST_NUMBERS : MOST_TABLE_WORDS)) return false;
+        if (walk.number() >= most) return false;
         const uint32_t shown = static_cast<uint32_t>(sample.time) + sample.offset;
         const uint32_t told = plan.told_ms(shown) * TICKS_PER_MS;
         for (const Plan &other : plans)

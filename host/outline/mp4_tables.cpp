@@ -210,6 +210,7 @@ void sum_durations(Stretch body, Mp4Details &mp4)
         const uint64_t more = samples * duration;
         if (more > UINT64_MAX - sum) return;
         sum += more;
+        if (samples != 0) mp4.last_length = static_cast<uint32_t>(duration);
         // Most at the run's first sample or at its last one.
         least = std::min(least, off);
         most = std::max(most, off);

@@ -55,7 +55,8 @@ std::optional<SampleTables> load_tables(Reader &reader, const Mp4Details &mp4, s
     }
     const bool f_sizes = tables.size != 0 || tables.sizes.size() == tables.samples;
     const bool f_chunks = !tables.runs.empty() && tables.runs.front() == 1;
-    if (!f_sizes || !f_chunks || !is_rising(tables.runs, 3) || !is_rising(tables.keys, 1)) return {};
+    if (!f_sizes || !f_chunks || !is_rising(tables.runs, 3) || !is_rising(tables.keys, 1))
+        return {};
     return tables;
 }
 

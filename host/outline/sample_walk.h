@@ -12,10 +12,10 @@ struct SampleTables {
     std::vector<uint32_t> offsets;  ///< "ctts": pairs
     std::vector<uint32_t> keys;     ///< "stss"
     bool f_all_keys = false;
-    uint32_t size = 0;            ///< of all samples; 0: sizes has them
-    std::vector<uint32_t> sizes;  ///< "stsz"
-    std::vector<uint32_t> runs;   ///< "stsc": triples
-    std::vector<uint32_t> places; ///< "stco"
+    uint32_t size = 0;             ///< of all samples; 0: sizes has them
+    std::vector<uint32_t> sizes;   ///< "stsz"
+    std::vector<uint32_t> runs;    ///< "stsc": triples
+    std::vector<uint32_t> places;  ///< "stco"
 };
 
 /// 16 MiB. The tables of ten hours of audio have 7 MiB.
