@@ -5,6 +5,7 @@
 
 #include "cluster_walk.h"
 #include "counted_new.h"
+#include "even_index.h"
 #include "outline.h"
 #include "selection.h"
 #include "sync_point.h"
@@ -53,6 +54,26 @@ bool is_printable(const std::string &text)
                        [](char letter) { return letter >= 0x20 && letter < 0x7F; });
 }
 
+// It has what the file has, and not more than it may.
+void check_index(const EvenIndex &index, const Outline &outline, const Selection &selection)
+{
+    constexpr size_t MOST = 16 * 1024 * 1024 + 256 * 1024, MOST_LOOKED_AT = 1024 * 1024;
+    require(index.head.size() <= MOST, "an index has a limited size");
+    require(std::is_sorted(index.keys.begin(), index.keys.end()), "key samples in their order");
+    if (index.head.size() > MOST_LOOKED_AT) return;
+    std::vector<uint8_t> head = {1, 0};
+    head.insert(head.end(), index.head.begin(), index.head.end());
+    FuzzedBytes bytes(head.data(), head.size());
+    const Outline other = read_outline(bytes);
+    require(other.tracks.size() == 2, "an index has two tracks");
+    for (const TrackKind kind : {TrackKind::VIDEO, TrackKind::AUDIO}) {
+        const Mp4Details &from = outline.tracks[*selection.taken(outline, kind)].mp4;
+        const Mp4Details &to = other.tracks[kind == TrackKind::VIDEO ? 0 : 1].mp4;
+        require(to.bytes == from.bytes && to.samples >= from.samples, "with all samples");
+        require(to.ticks.value_or(0) <= from.ticks.value_or(0), "and no time beside theirs");
+    }
+}
+
 void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
 {
     const CallWatch watch;
@@ -62,8 +83,12 @@ void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
         for (const std::string &line : *lines)
             require(is_printable(line), "lines can be printed");
     }
+    source.allow(Reader::MOST_LOADS);
+    const std::optional<EvenIndex> even_index = make_even_index(source, outline, selection);
+    if (even_index) check_index(*even_index, outline, selection);
     source.allow(3 * 8192 + 4096);
-    find_sync_point(source, outline, selection, time_ms, false);
+    find_sync_point(source, outline, selection, time_ms, false,
+                    even_index ? &*even_index : nullptr);
     source.allow(1u << 17);
     list_key_pictures(source, outline, selection, [](int64_t) {});
     WalkOptions options;

@@ -223,6 +223,11 @@ void write_outlines()
     Mp4File last;
     last.order = {"ftyp", "mdat", "moov"};
     write_outline("mp4_last", last.add(audio).build());
+    Mp4Track varied = pictures(8);
+    varied.put["stts"] = table_box("stts", 2, {6, 40, 2, 3000});
+    varied.stss = {1, 4, 7};
+    varied.duration = 6240;
+    write_outline("mp4_varied", Mp4File().add(varied).add(audio_frames(200)).build());
     write_outline("mkv",
                   MkvFile("h0 . =1549A966[2AD7B1[0F4240]4489[44FA0000]4D80['m']] "
                           "t1['V_VP9']73C5[11]23E383[02625A00]E0[B0[10]BA[10]] "
@@ -281,6 +286,9 @@ void write_films()
     video.chunks = audio.chunks = {2, 2, 2, 2, 2};
     write_film(2, "pictures", Mp4File().add(video).add(audio).build());
     write_film(2, "audio", Mp4File().add(audio).build());
+    Mp4Track varied = video;
+    varied.put["stts"] = table_box("stts", 2, {8, 500, 4, 5000});
+    write_film(2, "varied", Mp4File().add(varied).add(audio).build());
     video.stss = {1, 5, 9};
     video.put["ctts"] = table_box("ctts", 3, {1, 2000, 10, 4000, 1, 0});
     write_film(2, "groups", Mp4File().add(video).build());

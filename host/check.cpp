@@ -44,7 +44,7 @@ ExitStatus check_one(const CheckOptions &options, const InputOptions &input_opti
     if (f_packets) {
         check_packets(file, report);
     } else {
-        Input input(input_options, std::move(file));
+        Input input(input_options, std::move(file), Order::BY_TIME);
         check_media(input, report);
     }
     const int indent = options.paths.size() > 1 ? -1 : 2;

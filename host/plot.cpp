@@ -41,7 +41,7 @@ void take_keys_of_file(Input &input, Timeline &timeline);
 
 ExitStatus plot(const PlotOptions &options, Descriptor standard_output)
 {
-    Input input(options.input);
+    Input input(options.input, Order::BY_TIME);
     const std::string &path = input.source().path();
     Output output(options.output, std::move(standard_output), input.source().status(),
                   options.f_force);

@@ -57,7 +57,7 @@ namespace {
 
 Job::Job(const RemuxOptions &options, Descriptor standard_output)
     : m_options(options)
-    , m_input(options.input)
+    , m_input(options.input, options.f_as_is ? Order::OF_LIBRARY : Order::BY_TIME)
     , m_output(options.output, std::move(standard_output), m_input.source().status(),
                options.f_force)
     , m_sink(m_output.descriptor())

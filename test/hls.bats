@@ -49,6 +49,13 @@ cut_film() {
     # Pictures are decoded before the first one is shown, and audio before the film begins.
     $ffmpeg -ss 3.1 -i movie.mp4 -c copy edits.mp4
     cut_film edits.mp4 3
+    # Few pictures a second in one half of the film, and audio that comes late: in order of time.
+    film fast.mp4 -vf "select=lt(n\,250)+not(mod(n\,20))" -fps_mode vfr
+    cut_film fast.mp4 3
+    film slow.mp4 -vf "select=gte(n\,250)+not(mod(n\,20))" -fps_mode vfr
+    cut_film slow.mp4 3
+    $ffmpeg -i fast.mp4 -itsoffset 7 -i slow.mp4 -map 0:v -map 1:a -c copy late.mp4
+    cut_film late.mp4 3
     # 1001 ticks of 30,000; a last group that is longer.
     $ffmpeg -f lavfi -i testsrc2=s=64x48:r=30000/1001:d=21 $h264 -g 45 -bf 3 video.mp4
     cut_film video.mp4 4

@@ -81,7 +81,7 @@ TEST(SyncPoint, IsTheLastKeyPictureBefore)
         for (Cue &cue : outline.matroska.cues)
             cue.track = 1;
         const auto point =
-            find_sync_point(memory, outline, select_tracks(outline), row.time, false);
+            find_sync_point(memory, outline, select_tracks(outline), row.time, false, nullptr);
         ASSERT_TRUE(point.has_value());
         EXPECT_EQ(point->ask_ms ? static_cast<int64_t>(*point->ask_ms) : -1, row.ask);
         EXPECT_EQ(point->from_ms, row.from);

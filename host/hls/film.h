@@ -39,6 +39,7 @@ struct FilmFile {
     int64_t audio_offset = 0;
     int64_t more_shift = 0;  ///< by which the stage has to move times beyond its usual shift
     golt::AudioGrid audio_grid;
+    bool f_even_index = false;  ///< the library reads it by an EvenIndex
 };
 
 struct Film {

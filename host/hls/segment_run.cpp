@@ -80,6 +80,7 @@ Demuxer make_demuxer(Library &library, Container container, SplicedSource &sourc
 
 SegmentRun::SegmentRun(Source &source, const Film &film, const Begin &begin, Cutter &cutter)
     : m_film(film)
+    , m_even_index(begin.even_index)
     , m_cutter(cutter)
     , m_source(source, stretches_of(film, begin), film.file.patches, READ_BUDGET)
     , m_demuxer(make_demuxer(m_library, film.file.outline.container, m_source))
@@ -138,7 +139,12 @@ bool SegmentRun::is_known() const
 bool SegmentRun::copy_frame()
 {
     const Frame frame = m_library.make_frame();
-    return m_demuxer->readFrame(frame.get()) && m_muxer->writeFrame(frame.get());
+    if (!m_demuxer->readFrame(frame.get())) return false;
+    uint32_t time = 0;
+    if (m_even_index != nullptr && m_muxer->getPts(frame.get(), time) &&
+        m_even_index->is_filler(time))
+        return true;
+    return m_muxer->writeFrame(frame.get());
 }
 
 const char *format_name(Container container)

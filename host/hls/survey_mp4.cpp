@@ -5,6 +5,7 @@
 
 #include "io/message.h"
 #include "sample_tables.h"
+#include "sample_walk.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
 #include "ts_packet.h"
@@ -19,21 +20,24 @@ constexpr uint64_t PICTURES_BEFORE = 34;
 /// The key samples that may be sought to for those that come.
 class Approach {
 public:
-    void add(uint64_t sample)
+    void add(const KeySample &key)
     {
-        to(sample);  // those that are too early for it and all later ones go
-        m_keys.push_back(sample);
+        to(key);  // those that are too early for it and all later ones go
+        m_keys.push_back(key);
     }
-    /// The last one that is early enough; 0: the begin.
-    uint64_t to(uint64_t sample)
+    /// The library's number of the last one that is early enough; 0: the begin.
+    uint64_t to(const KeySample &key)
     {
-        while (m_keys.size() > 1 && m_keys[1] + PICTURES_BEFORE <= sample)
+        const auto is_early = [&](const KeySample &one) {
+            return one.sample + PICTURES_BEFORE <= key.sample;
+        };
+        while (m_keys.size() > 1 && is_early(m_keys[1]))
             m_keys.pop_front();
-        return m_keys.empty() || m_keys.front() + PICTURES_BEFORE > sample ? 0 : m_keys.front();
+        return m_keys.empty() || !is_early(m_keys.front()) ? 0 : m_keys.front().number;
     }
 
 private:
-    std::deque<uint64_t> m_keys;
+    std::deque<KeySample> m_keys;
 };
 
 int64_t ticks_of(double seconds)
@@ -63,41 +67,87 @@ int64_t end_of(const KeySamples &samples, const Film &film, const Track &track)
     return film_time(film, ticks_of(seconds), TrackKind::VIDEO);
 }
 
+/// How much of the audio comes before a time: a part of the whole, or, where the rate varies or there are gaps, by its
+/// samples. The clock then has packets of its own between the pictures.
+class AudioBefore {
+public:
+    AudioBefore(ByteSource &source, const Film &film, int64_t end, bool f_by_samples)
+        : m_film(film)
+        , m_audio(taken_track(film, TrackKind::AUDIO))
+        , m_end(end)
+    {
+        if (m_audio == nullptr || !f_by_samples) return;
+        Reader reader(source);
+        size_t words = MOST_TABLE_WORDS;
+        m_tables = load_tables(reader, m_audio->mp4, words);
+        if (m_tables) m_walk.emplace(*m_tables);
+    }
+    AudioBefore(const AudioBefore &) = delete;
+    AudioBefore &operator=(const AudioBefore &) = delete;
+
+    /// As it is served; ask for times in rising order, ticks of 90 kHz since the film's begin.
+    uint64_t bytes_at(int64_t time)
+    {
+        if (m_audio == nullptr || m_end <= 0) return 0;
+        const Mp4Details &mp4 = m_audio->mp4;
+        if (!m_walk) {
+            const double part = static_cast<double>(time) / static_cast<double>(m_end);
+            return static_cast<uint64_t>(
+                part * static_cast<double>(served_bytes(mp4.bytes.value_or(0), mp4.samples)));
+        }
+        while (m_f_more && m_time < time) {
+            m_bytes += m_walk->sample().size;
+            m_f_more = m_walk->next();
+            const double seconds = static_cast<double>(m_walk->sample().time) / mp4.timescale;
+            m_time = film_time(m_film, ticks_of(seconds), TrackKind::AUDIO);
+        }
+        constexpr uint64_t CLOCKS_PER_SECOND = 25;
+        const auto clocks = static_cast<uint64_t>(time) * CLOCKS_PER_SECOND / TICKS_PER_SECOND;
+        return served_bytes(m_bytes, m_walk->number()) + clocks * TS_PACKET_SIZE;
+    }
+
+private:
+    const Film &m_film;
+    const Track *const m_audio;
+    const int64_t m_end;
+    std::optional<SampleTables> m_tables;
+    std::optional<SampleWalk> m_walk;
+    bool m_f_more = true;
+    int64_t m_time = INT64_MIN;
+    uint64_t m_bytes = 0;  // of the samples before the walk's
+};
+
 // end: about, of video and audio; audio_end: exactly.
-void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_t audio_end)
+void plan_by_keys(Source &source, Film &film, const EvenIndex *even_index, int64_t first,
+                  int64_t end, int64_t audio_end)
 {
     const Track &video = *taken_track(film, TrackKind::VIDEO);
-    const Track *const audio = taken_track(film, TrackKind::AUDIO);
-    const auto audio_before = [&](int64_t time) {
-        if (audio == nullptr || end <= 0) return uint64_t{0};
-        const double part = static_cast<double>(time) / static_cast<double>(end);
-        return static_cast<uint64_t>(part * static_cast<double>(served_bytes(
-                                                audio->mp4.bytes.value_or(0), audio->mp4.samples)));
-    };
     // Before a key picture come tables and parameter sets.
     constexpr uint64_t EACH_KEY = 3 * TS_PACKET_SIZE;
     uint64_t keys = 0;
     SourceBytes bytes(source);
-    KeySamples samples(bytes, video.mp4, KeySamples::Sizes::READ);
+    AudioBefore audio(bytes, film, end, even_index != nullptr);
+    KeySamples samples(bytes, video.mp4, KeySamples::Sizes::READ, even_index);
     Plan plan(film.segments, {0, 0, 0});
     Approach approach;
     const bool f_read = samples.walk([&](const KeySample &key) {
         const int64_t time = film_time(film, key.shown_ms * TICKS_PER_MS, TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
         if (time > first && time < end) {
-            const uint64_t from = approach.to(key.sample);
+            const uint64_t from = approach.to(key);
             const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
-            plan.add({time, place,
-                      served_bytes(key.bytes, key.sample) + keys * EACH_KEY + audio_before(time)});
+            plan.add(
+                {time, place,
+                 served_bytes(key.bytes, key.sample) + keys * EACH_KEY + audio.bytes_at(time)});
         }
         ++keys;
-        approach.add(key.sample);
+        approach.add(key);
         return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
     if (!film.f_cut) end = std::max(audio_end, end_of(samples, film, video));
     plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
-                      audio_before(end));
+                      audio.bytes_at(end));
 }
 
 }  // namespace
@@ -116,7 +166,9 @@ void survey_mp4(Source &source, Film &film)
         end = std::max(end, audio_end);
     }
     if (video != nullptr) {
-        plan_by_keys(source, film, first, end, audio_end);
+        const std::optional<EvenIndex> even_index = even_index_of(source, film);
+        film.file.f_even_index = even_index.has_value();
+        plan_by_keys(source, film, even_index ? &*even_index : nullptr, first, end, audio_end);
         return;
     }
     // The library counts by the mean length of a frame.
@@ -127,4 +179,10 @@ void survey_mp4(Source &source, Film &film)
                      const int64_t ms = (time - begin) / TICKS_PER_MS - EARLIER_MS;
                      return static_cast<uint64_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
                  });
+}
+
+std::optional<EvenIndex> even_index_of(Source &source, const Film &film)
+{
+    SourceBytes bytes(source);
+    return make_even_index(bytes, film.file.outline, film.file.selection);
 }

@@ -25,6 +25,18 @@ TrackKind kind_of_handler(const std::string &handler);
 void take_chapters(Outline &outline);
 void read_layer(Reader &reader, Track &track);
 
+// The C library's rounding would be another shared object to load.
+int64_t ticks_of_time(int64_t time, uint32_t timescale)
+{
+    constexpr int64_t TICKS_PER_SECOND = 90000;
+    constexpr int64_t LONGEST = INT32_MAX;  // seconds
+    if (timescale == 0) return 0;
+    const int64_t seconds = std::clamp(time / timescale, -LONGEST, LONGEST);
+    const int64_t rest = time % timescale * TICKS_PER_SECOND;
+    const int64_t half = rest < 0 ? -int64_t{timescale} / 2 : int64_t{timescale} / 2;
+    return seconds * TICKS_PER_SECOND + (rest + half) / timescale;
+}
+
 }  // namespace
 
 std::optional<Box> next_box(Stretch &in)
@@ -134,7 +146,10 @@ Track read_track(Stretch body)
     Track track;
     while (const std::optional<Box> box = next_box(body)) {
         switch (box->type) {
-        case box_type("tkhd"): read_track_header(box->body, track); break;
+        case box_type("tkhd"):
+            track.mp4.tkhd = place_of(box->body);
+            read_track_header(box->body, track);
+            break;
         case box_type("edts"): read_edits(box->body, track.mp4); break;
         case box_type("tref"): read_references(box->body, track.mp4); break;
         case box_type("mdia"): read_media(box->body, track); break;
@@ -203,8 +218,12 @@ void read_media(Stretch body, Track &track)
 {
     while (std::optional<Box> box = next_box(body)) {
         switch (box->type) {
-        case box_type("mdhd"): read_media_header(box->body, track); break;
+        case box_type("mdhd"):
+            track.mp4.mdhd = place_of(box->body);
+            read_media_header(box->body, track);
+            break;
         case box_type("hdlr"):
+            track.mp4.hdlr = place_of(box->body);
             box->body.skip(8);  // version and flags, pre_defined
             track.handler = box->body.text(4, 4);
             track.kind = kind_of_handler(track.handler);
@@ -278,3 +297,23 @@ void read_layer(Reader &reader, Track &track)
 }  // namespace
 
 }  // namespace outline
+
+double mean_interval(const Mp4Details &track)
+{
+    if (track.timescale == 0 || track.samples == 0) return 0;
+    const uint64_t scale = track.timescale;
+    const uint64_t ms = track.duration / scale * 1000 + track.duration % scale * 1000 / scale;
+    return static_cast<double>(ms) / static_cast<double>(track.samples);
+}
+
+int64_t edited_offset(const Mp4Details &track, uint32_t movie_timescale)
+{
+    constexpr int64_t EMPTY = -1;
+    int64_t offset = 0;
+    for (const Edit &edit : track.edits) {
+        if (edit.media_time != EMPTY)
+            return offset - outline::ticks_of_time(edit.media_time, track.timescale);
+        offset += outline::ticks_of_time(static_cast<int64_t>(edit.duration), movie_timescale);
+    }
+    return offset;
+}

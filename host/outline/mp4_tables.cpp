@@ -26,37 +26,41 @@ struct Sizes {
     std::optional<uint64_t> sum(uint64_t first, uint64_t number) const;
 };
 
+uint32_t stated_samples(Stretch sizes);
 void read_description(Stretch body, Track &track);
 void read_video_entry(Stretch entry, Track &track);
 void read_audio_entry(Stretch entry, Track &track);
 void read_entry_children(Stretch body, Track &track, int depth);
 void read_decoder_descriptors(Stretch body, Track &track);
-std::optional<uint64_t> sum_durations(Stretch body);
+void sum_durations(Stretch body, Mp4Details &mp4);
 Sizes sizes_of(const Tables &tables);
 std::optional<uint64_t> find_end(const Tables &tables, const Sizes &sizes);
 
 }  // namespace
-
-namespace {
 
 TablePlace place_of(const Stretch &body)
 {
     return {body.at(), body.end()};
 }
 
-}  // namespace
-
 void read_sample_tables(Stretch body, Track &track)
 {
     Tables tables;
     while (std::optional<Box> box = next_box(body)) {
         switch (box->type) {
-        case box_type("stsd"): read_description(box->body, track); break;
+        case box_type("stsd"):
+            track.mp4.stsd = place_of(box->body);
+            read_description(box->body, track);
+            break;
         case box_type("stts"):
             tables.durations = box->body;
             track.mp4.stts = place_of(box->body);
             break;
-        case box_type("ctts"): track.mp4.ctts = place_of(box->body); break;
+        case box_type("ctts"):
+            track.mp4.ctts = place_of(box->body);
+            box->body.skip(12);  // version and flags, number of runs, length of the first one
+            track.mp4.first_offset = box->body.u32();
+            break;
         case box_type("stsc"):
             tables.chunks = box->body;
             track.mp4.stsc = place_of(box->body);
@@ -64,6 +68,7 @@ void read_sample_tables(Stretch body, Track &track)
         case box_type("stsz"):
             tables.sizes = box->body;
             track.mp4.stsz = place_of(box->body);
+            track.mp4.samples = stated_samples(box->body);
             break;
         case box_type("stz2"):
             tables.sizes = box->body;
@@ -84,7 +89,7 @@ void read_sample_tables(Stretch body, Track &track)
             break;
         }
     }
-    if (tables.durations) track.mp4.ticks = sum_durations(*tables.durations);
+    if (tables.durations) sum_durations(*tables.durations, track.mp4);
     const Sizes sizes = sizes_of(tables);
     track.mp4.samples = sizes.count;
     track.mp4.bytes = sizes.sum(0, sizes.count);
@@ -92,6 +97,12 @@ void read_sample_tables(Stretch body, Track &track)
 }
 
 namespace {
+
+uint32_t stated_samples(Stretch sizes)
+{
+    sizes.skip(8);  // version and flags, size of all samples
+    return sizes.u32();
+}
 
 void read_description(Stretch body, Track &track)
 {
@@ -182,20 +193,39 @@ void read_decoder_descriptors(Stretch body, Track &track)
     }
 }
 
-std::optional<uint64_t> sum_durations(Stretch body)
+// One run alone without offsets of presentation has no mean interval but its own.
+void sum_durations(Stretch body, Mp4Details &mp4)
 {
     constexpr uint64_t ENTRY_SIZE = 8;
     body.skip(4);
     const uint64_t count = std::min<uint64_t>(body.u32(), body.left() / ENTRY_SIZE);
+    const bool f_constant = count == 1 && mp4.ctts.begin == 0;
+    const double ms = mp4.timescale == 0 ? 0 : 1000.0 / mp4.timescale;
+    const double interval = mean_interval(mp4);
     uint64_t sum = 0;
+    double off = 0, least = 0, most = 0;
     for (uint64_t i = 0; i < count; ++i) {
         const uint64_t samples = body.u32(), duration = body.u32();
-        if (body.is_short()) return {};
+        if (body.is_short()) return;
         const uint64_t more = samples * duration;
-        if (more > UINT64_MAX - sum) return {};
+        if (more > UINT64_MAX - sum) return;
         sum += more;
+        if (samples != 0) mp4.last_length = static_cast<uint32_t>(duration);
+        // Most at the run's first sample or at its last one.
+        least = std::min(least, off);
+        most = std::max(most, off);
+        const double step = interval - static_cast<double>(duration) * ms;
+        const double last = off + (static_cast<double>(samples) - 1) * step;
+        if (samples != 0) {
+            least = std::min(least, last);
+            most = std::max(most, last);
+        }
+        off += static_cast<double>(samples) * step;
     }
-    return sum;
+    mp4.ticks = sum;
+    if (f_constant) return;
+    mp4.least_off = least;
+    mp4.most_off = most;
 }
 
 Sizes sizes_of(const Tables &tables)

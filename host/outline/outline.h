@@ -51,6 +51,12 @@ struct Mp4Details {
     std::vector<uint32_t> chapter_tracks;  ///< "tref" of "chap": numbers of tracks
     TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
     TablePlace stsc, stco;              ///< samples of chunks; offsets of chunks, of 32 bits
+    TablePlace tkhd, mdhd, hdlr, stsd;  ///< headers and sample descriptions
+    uint32_t first_offset = 0;          ///< of presentation, by "ctts": of the first sample
+    uint32_t last_length = 0;           ///< ticks, by "stts": of the last sample
+    /// What the library takes for a sample's time, its number times the mean interval, less the time by "stts": the
+    /// least and the most of all samples, ms.
+    double least_off = 0, most_off = 0;
 };
 
 /// A file that lies in the media file beside the tracks: an attachment, a cover.
@@ -188,6 +194,13 @@ void read_details(ByteSource &source, Outline &outline);
 
 /// Where another file of its kind was appended, of MP4 and Matroska: an offset; none was found.
 std::optional<uint64_t> find_next_file(ByteSource &source, const Outline &outline);
+
+/// By which the library counts the samples of a track of MP4 whose times are in a table, ms; 0 without samples.
+double mean_interval(const Mp4Details &track);
+
+/// By how much the edit list of a track of MP4 moves its times, ticks of 90 kHz: empty entries, then the first one of
+/// the media (ISO/IEC 14496-12). Files by most muxers have no others. movie_timescale: of Outline::mp4.
+int64_t edited_offset(const Mp4Details &track, uint32_t movie_timescale);
 
 /// Mean frames in 1000 seconds of a video track, by the file's tables or its DefaultDuration.
 std::optional<uint64_t> mean_frame_rate(const Track &track);

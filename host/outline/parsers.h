@@ -29,6 +29,8 @@ struct Box {
 /// Takes the next box. None at the end, and where no box can be.
 std::optional<Box> next_box(Stretch &in);
 
+TablePlace place_of(const Stretch &body);
+
 constexpr uint32_t box_type(const char (&letters)[5])
 {
     uint32_t type = 0;

@@ -141,12 +141,17 @@ bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
     const bool f_table = lengths.entries() > 1 || offsets.entries() > 0;
     int64_t decoded = 0, shown_last = INT64_MIN;
     KeySample key;
+    size_t keys = 0;
     for (uint64_t sample = 0; sample < std::min(m_mp4.samples, MOST_SAMPLES); ++sample) {
         const uint32_t length = lengths.next();
         const int64_t shown = decoded + static_cast<int32_t>(offsets.next());
         if (sample == 0) set_interval(f_table, length);
         if (syncs.is_sync(sample)) {
-            key.sample = sample;
+            key.sample = key.number = sample;
+            if (m_even_index != nullptr) {
+                if (keys == m_even_index->keys.size()) return false;
+                key.number = m_even_index->keys[keys++];
+            }
             key.shown_ms = f_table ? shown * 1000 / m_mp4.timescale
                                    : static_cast<int64_t>(static_cast<double>(sample) * m_interval);
             if (!take(key)) break;
@@ -165,17 +170,15 @@ bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
 // By the mean length of a sample where times are in a table; it goes on to the next key sample.
 void KeySamples::set_interval(bool f_table, uint32_t first_length)
 {
-    const uint64_t scale = m_mp4.timescale, duration = m_mp4.duration;
-    const uint64_t duration_ms = duration / scale * 1000 + duration % scale * 1000 / scale;
     m_interval = f_table ? 0 : first_length * (1000.0 / m_mp4.timescale);
-    if (m_interval == 0 && m_mp4.samples != 0)
-        m_interval = static_cast<double>(duration_ms) / static_cast<double>(m_mp4.samples);
+    if (m_interval == 0) m_interval = mean_interval(m_mp4);
 }
 
-std::optional<uint32_t> KeySamples::time_to_ask(uint64_t sample) const
+std::optional<uint32_t> KeySamples::time_to_ask(uint64_t number) const
 {
-    const double exact = static_cast<double>(sample) * m_interval;
-    if (m_interval <= 0 || exact >= UINT32_MAX) return {};
+    const double interval = m_even_index != nullptr ? m_even_index->interval : m_interval;
+    const double exact = static_cast<double>(number) * interval;
+    if (interval <= 0 || exact >= UINT32_MAX) return {};
     const auto whole = static_cast<uint32_t>(exact);
     return whole < exact ? whole + 1 : whole;
 }

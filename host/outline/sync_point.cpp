@@ -8,7 +8,8 @@
 
 namespace {
 
-std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms);
+std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms,
+                                     const EvenIndex *even_index);
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote);
 
@@ -16,13 +17,13 @@ std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &out
 
 std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outline,
                                          const Selection &selection, uint32_t time_ms,
-                                         bool f_remote)
+                                         bool f_remote, const EvenIndex *even_index)
 {
     const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO);
     SyncPoint from_start = {{}, time_ms};
     switch (outline.container) {
     case Container::MP4:
-        if (video) return find_in_mp4(source, outline.tracks[*video], time_ms);
+        if (video) return find_in_mp4(source, outline.tracks[*video], time_ms, even_index);
         from_start.ask_ms = time_ms;  // audio is sought to the frame that covers the time
         return from_start;
     case Container::MATROSKA:
@@ -59,9 +60,10 @@ bool list_key_pictures(ByteSource &source, const Outline &outline, const Selecti
 
 namespace {
 
-std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms)
+std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms,
+                                     const EvenIndex *even_index)
 {
-    KeySamples samples(source, video.mp4);
+    KeySamples samples(source, video.mp4, KeySamples::Sizes::LEFT_OUT, even_index);
     std::optional<KeySample> best;
     const bool f_read = samples.walk([&](const KeySample &key) {
         if (best && key.shown_ms > time_ms) return false;
@@ -70,7 +72,7 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uin
     });
     if (!f_read || !best) return {};
     SyncPoint point;
-    if (best->sample != 0) point.ask_ms = samples.time_to_ask(best->sample);
+    if (best->sample != 0) point.ask_ms = samples.time_to_ask(best->number);
     if (best->sample != 0 && !point.ask_ms) return {};
     // The library cuts its times to milliseconds.
     point.from_ms = best->shown_ms - 1;

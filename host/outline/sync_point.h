@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "even_index.h"
 #include "outline.h"
 #include "selection.h"
 
@@ -18,11 +19,11 @@ struct SyncPoint {
     int64_t from_ms = 0;
 };
 
-/// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. None:
-/// which pictures are independent can't be found out.
+/// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. even_index: by which
+/// the library reads it; null: by its own. None: which pictures are independent can't be found out.
 std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outline,
                                          const Selection &selection, uint32_t time_ms,
-                                         bool f_remote);
+                                         bool f_remote, const EvenIndex *even_index);
 
 /// Shows the times of all key pictures of the video that is taken, in the library's milliseconds and in
 /// the order of the file. Reads a little of each block of Matroska. False: there may be others, too.

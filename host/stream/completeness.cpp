@@ -35,12 +35,23 @@ std::string find_loss_in_mp4(const Delivery &delivery);
 std::string find_loss_in_matroska(const Delivery &delivery, ByteSource &source);
 std::string find_loss_in_mpeg_audio(const Delivery &delivery);
 
+// Where the last frame ends if it is the track's last one: by the tables of MP4, where it may be longer than the others.
+int64_t last_end_ms(const Delivery &delivery, TrackKind kind, const StreamTally &tally)
+{
+    const std::optional<size_t> index = delivery.selection.taken(delivery.outline, kind);
+    if (!index) return 0;
+    const Mp4Details &mp4 = delivery.outline.tracks[*index].mp4;
+    if (mp4.timescale == 0 || tally.frames == 0) return 0;
+    return tally.reached / TICKS_PER_MS + int64_t{mp4.last_length} * 1000 / mp4.timescale;
+}
+
 // How far the stream of a kind got.
 int64_t reached_ms(const Delivery &delivery, TrackKind kind)
 {
     const StreamTally &tally =
         kind == TrackKind::VIDEO ? delivery.tally.video() : delivery.tally.audio();
-    return std::max(tally.end() / TICKS_PER_MS, delivery.start_ms);
+    return std::max(
+        {tally.end() / TICKS_PER_MS, last_end_ms(delivery, kind, tally), delivery.start_ms});
 }
 
 }  // namespace

@@ -46,13 +46,19 @@ InputFile::InputFile(const InputOptions &options)
         m_outline = {};
 }
 
-Input::Input(const InputOptions &options, InputFile file)
+Input::Input(const InputOptions &options, InputFile file, Order order)
     : m_options(options)
     , m_file(std::move(file))
 {
     const std::string &refusal = m_file.selection().refusal;
     if (!refusal.empty() && source().fault().empty()) throw NotDone(source().path(), refusal);
-    m_demuxer = open_demuxer(m_library, format(), source());
+    if (order == Order::BY_TIME) {
+        SourceBytes bytes(source());
+        m_even_index = make_even_index(bytes, outline(), selection());
+    }
+    if (m_even_index) m_even_source.emplace(source(), *m_even_index);
+    m_demuxer = open_demuxer(m_library, format(),
+                             m_even_source ? static_cast<Source &>(*m_even_source) : source());
 }
 
 Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
@@ -105,7 +111,7 @@ std::optional<SyncPoint> Pump::find_start(uint32_t start_ms)
     }
     SourceBytes bytes(m_input.source());
     return find_sync_point(bytes, m_input.outline(), m_input.selection(), start_ms,
-                           is_url(m_options.path));
+                           is_url(m_options.path), m_input.even_index());
 }
 
 // Of the longest of the tracks that are taken.
@@ -137,6 +143,8 @@ bool Pump::copy_frame()
     if (m_input.format().f_times) {
         uint32_t pts = 0;
         m_muxer->getPts(frame.get(), pts);
+        const EvenIndex *const even = m_input.even_index();
+        if (even != nullptr && even->is_filler(pts)) return true;
         const int64_t time_ms = m_clock.follow(pts);
         m_f_stopped = m_options.to_ms && time_ms >= *m_options.to_ms;
         if (m_f_stopped) return false;

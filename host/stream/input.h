@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "even_index.h"
+#include "even_source.h"
 #include "frame_clock.h"
 #include "io/http_options.h"
 #include "io/recognise.h"
@@ -53,15 +55,18 @@ private:
     Selection m_selection;
 };
 
+/// In which frames come: of MP4 the library has an order of its own.
+enum class Order { OF_LIBRARY, BY_TIME };
+
 /// The input, opened, and its demuxer.
 class Input {
 public:
     /// options: has to outlive the object. Throws NotDone or BadUsage.
-    explicit Input(const InputOptions &options)
-        : Input(options, InputFile(options))
+    explicit Input(const InputOptions &options, Order order = Order::OF_LIBRARY)
+        : Input(options, InputFile(options), order)
     {
     }
-    Input(const InputOptions &options, InputFile file);
+    Input(const InputOptions &options, InputFile file, Order order = Order::OF_LIBRARY);
 
     const InputOptions &options() const { return m_options; }
     const InputFile &file() const { return m_file; }
@@ -70,12 +75,16 @@ public:
     const Format &format() const { return m_file.format(); }
     const Outline &outline() const { return m_file.outline(); }
     const Selection &selection() const { return m_file.selection(); }
+    /// By which the library reads the file in order of time; null where it reads the file as it is.
+    const EvenIndex *even_index() const { return m_even_index ? &*m_even_index : nullptr; }
     Library &library() { return m_library; }
     const Demuxer &demuxer() const { return m_demuxer; }
 
 private:
     const InputOptions &m_options;
     InputFile m_file;
+    std::optional<EvenIndex> m_even_index;
+    std::optional<EvenSource> m_even_source;
     Library m_library;
     Demuxer m_demuxer;
 };

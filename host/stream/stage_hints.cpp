@@ -11,30 +11,6 @@ namespace {
 constexpr int64_t WHOLE_RATE = 0x10000;  // 16.16 fixed point
 constexpr int64_t EMPTY = -1;            // media_time where nothing is shown
 
-// The C library's rounding would be another shared object to load.
-int64_t ticks_of(int64_t time, uint32_t timescale)
-{
-    constexpr int64_t TICKS_PER_SECOND = 1000 * TICKS_PER_MS;
-    constexpr int64_t LONGEST = INT32_MAX;  // seconds
-    if (timescale == 0) return 0;
-    const int64_t seconds = std::clamp(time / timescale, -LONGEST, LONGEST);
-    const int64_t rest = time % timescale * TICKS_PER_SECOND;
-    const int64_t half = rest < 0 ? -int64_t{timescale} / 2 : int64_t{timescale} / 2;
-    return seconds * TICKS_PER_SECOND + (rest + half) / timescale;
-}
-
-// By an edit list that only says when a track starts, and with which of its times: empty entries, then one of the
-// media (ISO/IEC 14496-12). Files by most muxers have no others.
-int64_t offset_of(const Mp4Details &track, uint32_t movie_timescale)
-{
-    int64_t offset = 0;
-    for (const Edit &edit : track.edits) {
-        if (edit.media_time != EMPTY) return offset - ticks_of(edit.media_time, track.timescale);
-        offset += ticks_of(static_cast<int64_t>(edit.duration), movie_timescale);
-    }
-    return offset;
-}
-
 bool is_start_alone(const Mp4Details &track)
 {
     bool f_media = false;
@@ -57,7 +33,7 @@ bool is_aac(const Track &track)
 golt::StreamHints hints_of(const Track &track, const Outline &outline, StageSetup &setup)
 {
     golt::StreamHints hints;
-    hints.offset = offset_of(track.mp4, outline.mp4.timescale);
+    hints.offset = edited_offset(track.mp4, outline.mp4.timescale);
     if (track.kind == TrackKind::VIDEO || is_aac(track)) {
         hints.config = track.config.data();
         hints.config_size = track.config.size();

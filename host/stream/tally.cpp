@@ -49,8 +49,8 @@ int64_t StreamTally::end() const
 {
     if (frames == 0) return 0;
     if (sample_rate == 0) return reached + mean_step();
-    return first +
-           static_cast<int64_t>(samples * static_cast<uint64_t>(TICKS_PER_SECOND) / sample_rate);
+    const uint64_t length = samples * static_cast<uint64_t>(TICKS_PER_SECOND) / sample_rate;
+    return std::max(first + static_cast<int64_t>(length), reached);
 }
 
 int64_t Tally::reached() const

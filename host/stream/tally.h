@@ -30,7 +30,7 @@ struct StreamTally {
     uint64_t samples = 0;      ///< of audio, in each channel
     uint32_t sample_rate = 0;  ///< of audio, by its first frame
 
-    /// Where its last frame ends, 90 kHz: of audio by its samples, of video by the mean step.
+    /// Where its last frame ends, 90 kHz: of audio by its samples, unless there are gaps, of video by the mean step.
     int64_t end() const;
     int64_t mean_step() const;
     bool stands_still() const { return frames > 1 && reached == first; }
