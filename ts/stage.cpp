@@ -39,14 +39,14 @@ bool Stage::write(const uint8_t *packets, size_t size)
 {
     if (m_state == nullptr) return false;
     if (size != TS_SIZE) return m_state->write(packets, size);
-    return m_state->m_writer.copy_in_run(packets) || m_state->write_one(packets);
+    return m_state->m_writer.copy_in_run(packets) || m_state->take_one(packets) >= 0;
 }
 
 int Stage::take(const uint8_t *packets, int size)
 {
-    if (m_state == nullptr || size < 0) return -1;
-    if (size != static_cast<int>(TS_SIZE)) return m_state->take_all(packets, size);
-    return m_state->m_writer.copy_in_run(packets) || m_state->write_one(packets) ? size : -1;
+    if (m_state == nullptr) return -1;
+    if (size != static_cast<int>(TS_SIZE)) return size < 0 ? -1 : m_state->take_all(packets, size);
+    return m_state->m_writer.copy_in_run(packets) ? size : m_state->take_one(packets);
 }
 
 bool Stage::flush()
@@ -107,26 +107,33 @@ bool Stage::State::write(const uint8_t *bytes, size_t size)
         return !m_writer.has_failed();
     }
     for (; size >= TS_SIZE; size -= TS_SIZE, bytes += TS_SIZE)
-        take_or_append(bytes);
+        take_one(bytes);
     if (size > 0) ++m_counts.dropped;
     return !m_writer.has_failed();
 }
 
-bool Stage::State::write_one(const uint8_t *packet)
+int Stage::State::take_one(const uint8_t *packet)
 {
-    if (m_mode != StageMode::REMUX) return write(packet, TS_SIZE);
-    take_or_append(packet);
-    return !m_writer.has_failed();
+    const uint32_t head = be32(packet);
+    const bool f_append = m_writer.is_in_run(head) && (m_phase != Phase::FILTERED_SLICES ||
+                                                       !may_have_code(packet + TS_HEAD, TS_ROOM));
+    if (!f_append) return take_other(packet, head);
+    m_writer.append_in_run(packet);
+    return static_cast<int>(TS_SIZE);
 }
 
-void Stage::State::take_or_append(const uint8_t *packet)
+int Stage::State::take_other(const uint8_t *packet, uint32_t head)
 {
-    const bool f_append = m_writer.is_in_run(packet) && (m_phase != Phase::FILTERED_SLICES ||
-                                                         !may_have_code(packet + TS_HEAD, TS_ROOM));
-    if (f_append)
-        m_writer.append_in_run(packet);
-    else
-        take(packet);
+    if (m_mode != StageMode::REMUX) return take_all(packet, TS_SIZE);
+    ++m_counts.packets_in;
+    const Payload payload = payload_of(packet);
+    if ((head & SYNC_START_AND_PID) == m_open_head && payload.size > 0)
+        go_on(packet, payload);
+    else if ((head & SYNC_AND_PID) == head_of_pid(PMT_PID))
+        take_pmt(packet);
+    else if ((head & SYNC_AND_PID) != head_of_pid(PAT_PID))
+        take(packet, head, payload);
+    return m_writer.has_failed() ? -1 : static_cast<int>(TS_SIZE);
 }
 
 bool Stage::State::flush()
@@ -147,25 +154,22 @@ bool Stage::State::finish()
 
 // Packets as they come
 
-void Stage::State::take(const uint8_t *packet)
+void Stage::State::take(const uint8_t *packet, uint32_t head, Payload payload)
 {
-    ++m_counts.packets_in;
-    const uint32_t head = head_of(packet);
-    const uint32_t pid = head & SYNC_AND_PID;
-    if (pid == head_of_pid(PAT_PID)) return;
-    if (pid == head_of_pid(PMT_PID)) {
-        m_program.take_pmt(packet);
-        return;
-    }
-    const LaneIndex lane = lane_of(pid);
-    const Payload payload = payload_of(packet);
-    if ((packet[1] & bit::UNIT_START) != 0)
+    const LaneIndex lane = lane_of(head & SYNC_AND_PID);
+    if ((head & UNIT_START) != 0)
         take_start(packet, lane, payload);
     else
         take_more(packet, lane, payload);
 }
 
-void Stage::State::take_start(const uint8_t *packet, LaneIndex lane, const Payload &payload)
+// The streams that it lists may be other ones.
+void Stage::State::take_pmt(const uint8_t *packet)
+{
+    if (m_program.take_pmt(packet)) m_open_head = NO_HEAD;
+}
+
+void Stage::State::take_start(const uint8_t *packet, LaneIndex lane, Payload payload)
 {
     UnitStart start;
     m_in_lane = read_unit_start(payload, start) ? lane : NO_LANE;
@@ -180,7 +184,7 @@ void Stage::State::take_start(const uint8_t *packet, LaneIndex lane, const Paylo
         begin_unit(packet, lane, payload, start, time);
 }
 
-void Stage::State::take_more(const uint8_t *packet, LaneIndex lane, const Payload &payload)
+void Stage::State::take_more(const uint8_t *packet, LaneIndex lane, Payload payload)
 {
     if (lane == NO_LANE || lane != m_in_lane || payload.size == 0)
         drop();
@@ -192,7 +196,10 @@ void Stage::State::take_more(const uint8_t *packet, LaneIndex lane, const Payloa
 
 void Stage::State::drop()
 {
-    if (m_in_lane == NO_LANE) end_run();
+    if (m_in_lane == NO_LANE) {
+        end_run();
+        m_open_head = NO_HEAD;
+    }
     ++m_counts.dropped;
 }
 
@@ -228,6 +235,7 @@ bool Stage::State::is_jump(LaneIndex lane, int64_t time) const
 void Stage::State::begin_hold()
 {
     end_run();
+    m_open_head = NO_HEAD;
     m_f_holding = true;
     m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
     m_pictures_held = 0;
@@ -245,7 +253,7 @@ void Stage::State::note_held(LaneIndex lane, int64_t time)
     if (lane == VIDEO) ++m_pictures_held;
 }
 
-void Stage::State::hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+void Stage::State::hold(const uint8_t *packet, LaneIndex lane, Payload payload,
                         const UnitStart *start)
 {
     // The unit before is still being written, with its own picture's head.
@@ -264,7 +272,7 @@ void Stage::State::hold(const uint8_t *packet, LaneIndex lane, const Payload &pa
 }
 
 // The first picture states how many there have to be.
-void Stage::State::look_for_depth(const Payload &payload, const UnitStart *start)
+void Stage::State::look_for_depth(Payload payload, const UnitStart *start)
 {
     if (m_pictures_held > 1) {
         m_head.end();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "stage_bytes.h"
+
 namespace golt {
 
 namespace {
@@ -12,9 +14,10 @@ const uint32_t AAC_RATES[13] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
 
 bool read_adts(const uint8_t *bytes, FrameHead &head)
 {
-    const uint32_t index = bytes[2] >> 2 & 0xFu;
-    if (bytes[0] != 0xFF || (bytes[1] & 0xF6) != 0xF0 || index >= 13) return false;
-    head.size = (bytes[3] & 3u) << 11 | uint32_t{bytes[4]} << 3 | bytes[5] >> 5;
+    const uint32_t fixed = be32(bytes);
+    const uint32_t index = fixed >> 10 & 0xF;
+    if ((fixed & 0xFFF60000) != 0xFFF00000 || index >= 13) return false;
+    head.size = be32(bytes + 3) >> 13 & 0x1FFF;
     head.samples = 1024 * ((bytes[6] & 3u) + 1);
     head.rate = AAC_RATES[index];
     return head.size > ADTS_SIZE;
@@ -253,21 +256,12 @@ void add_pce_to_adts(uint8_t *header, const AacConfig &config)
     header[5] = static_cast<uint8_t>(size << 5 | (header[5] & 0x1F));
 }
 
-void FrameWalk::begin(AudioCodec codec)
-{
-    m_codec = codec;
-    m_head_size = m_skip = 0;
-    m_samples = m_rate = 0;
-}
-
 void FrameWalk::add_more(const uint8_t *bytes, size_t size)
 {
-    while (size > 0 && m_codec != AudioCodec::NONE) {
-        const size_t skipped = std::min(m_skip, size);
-        m_skip -= skipped;
-        bytes += skipped;
-        size -= skipped;
-        if (size == 0) return;
+    while (size > m_skip && m_codec != AudioCodec::NONE) {
+        bytes += m_skip;
+        size -= m_skip;
+        m_skip = 0;
         if (size >= FRAME_HEAD_SIZE && m_head_size == 0) {
             take_head(bytes);
             continue;
@@ -282,6 +276,7 @@ void FrameWalk::add_more(const uint8_t *bytes, size_t size)
         take_head(m_head);
         m_skip -= std::min(m_skip, FRAME_HEAD_SIZE);
     }
+    m_skip -= std::min(m_skip, size);
 }
 
 // After what is no header, or states no size, nothing can be found.
@@ -301,7 +296,7 @@ void FrameWalk::take_head(const uint8_t *bytes)
 bool FrameWalk::read_head(const uint8_t *bytes)
 {
     const bool f_mpeg = m_codec == AudioCodec::MPEG;
-    const uint32_t key = uint32_t{bytes[0]} << 16 | uint32_t{bytes[1]} << 8 | bytes[2];
+    const uint32_t key = be32(bytes) >> 8;
     if (f_mpeg && key == m_mpeg_key) return true;
     const bool f_read = read_frame_head(m_codec, bytes, m_frame);
     m_mpeg_key = f_mpeg && f_read ? key : 0;

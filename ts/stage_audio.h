@@ -55,7 +55,15 @@ void add_pce_to_adts(uint8_t *header, const AacConfig &config);
 /// Walks from header to header over the frames of a PES packet that comes in pieces.
 class FrameWalk {
 public:
-    void begin(AudioCodec codec);
+    /// With the first bytes.
+    void begin(AudioCodec codec, const uint8_t *bytes, size_t size)
+    {
+        m_codec = codec;
+        m_head_size = m_skip = 0;
+        m_samples = m_rate = 0;
+        if (size >= FRAME_HEAD_SIZE && codec != AudioCodec::NONE) take_head(bytes);
+        add(bytes, size);
+    }
     void add(const uint8_t *bytes, size_t size)
     {
         if (size <= m_skip)
@@ -74,7 +82,7 @@ public:
     uint32_t rate() const { return m_rate; }
 
 private:
-    void add_more(const uint8_t *bytes, size_t size);
+    [[gnu::noinline]] void add_more(const uint8_t *bytes, size_t size);
     void take_head(const uint8_t *bytes);
     bool read_head(const uint8_t *bytes);
 

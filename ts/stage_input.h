@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "stage_packets.h"
 
@@ -41,21 +42,24 @@ inline bool has_plain_pcr(const uint8_t *packet)
 }
 
 /// The header of a PES packet, which has to be whole, with a PTS. False: that is none.
-inline bool read_unit_start(const Payload &payload, UnitStart &start)
+inline bool read_unit_start(Payload payload, UnitStart &start)
 {
     constexpr size_t HEAD = 9, PTS_SIZE = 5;
     constexpr uint8_t HAS_PTS = 0x80;
+    static constexpr uint8_t START_CODE[] = {0, 0, 1};
+    static constexpr uint8_t PLAIN[] = {0x80, HAS_PTS, PTS_SIZE};  // flags, and the rest's length
     const uint8_t *const pes = payload.bytes;
-    if (payload.size < HEAD + PTS_SIZE || pes[0] != 0 || pes[1] != 0 || pes[2] != 1) return false;
-    if ((pes[6] & 0xC0) != 0x80 || (pes[7] & HAS_PTS) == 0 || pes[8] < PTS_SIZE ||
-        pes[8] > payload.size - HEAD)
+    if (payload.size < HEAD + PTS_SIZE || memcmp(pes, START_CODE, sizeof START_CODE) != 0)
+        return false;
+    start.f_plain = memcmp(pes + 6, PLAIN, sizeof PLAIN) == 0;
+    if (!start.f_plain && ((pes[6] & 0xC0) != 0x80 || (pes[7] & HAS_PTS) == 0 ||
+                           pes[8] < PTS_SIZE || pes[8] > payload.size - HEAD))
         return false;
     const uint8_t *const pts = pes + HEAD;
-    const auto bits15 = [](const uint8_t *at) { return (uint32_t{at[0]} << 8 | at[1]) >> 1; };
+    const uint32_t low = be32(pts + 1);  // 15 bits and 15 bits, each with a marker bit after it
     start.stream_id = pes[3];
-    start.pts = int64_t{pts[0] >> 1 & 7} << 30 | bits15(pts + 1) << 15 | bits15(pts + 3);
+    start.pts = int64_t{pts[0] >> 1 & 7} << 30 | (low >> 17) << 15 | (low >> 1 & 0x7FFF);
     start.size = HEAD + pes[8];
-    start.f_plain = pes[6] == 0x80 && pes[7] == HAS_PTS && pes[8] == PTS_SIZE;
     return true;
 }
 
@@ -72,11 +76,9 @@ public:
     int64_t extend(size_t lane, int64_t pts)
     {
         if (!m_f_begun) begin(pts);
-        int64_t &last = m_last[lane];
-        int64_t step = (pts - last) % TIME_RANGE;
-        if (step > TIME_RANGE / 2) step -= TIME_RANGE;
-        if (step < -TIME_RANGE / 2) step += TIME_RANGE;
-        return last += step;
+        const int64_t earliest = m_last[lane] - TIME_RANGE / 2;
+        const uint64_t ahead = static_cast<uint64_t>(pts) - static_cast<uint64_t>(earliest);
+        return m_last[lane] = earliest + static_cast<int64_t>(ahead % TIME_RANGE);
     }
 
 private:

@@ -18,18 +18,11 @@ constexpr size_t PES_LENGTH_AT = 4;  // in it
 constexpr uint8_t ALIGNED = 0x04;  // data_alignment_indicator: an access unit begins here
 constexpr uint32_t PTS_ALONE = 2, PTS_AND_DTS = 3, DTS_BEHIND = 1;  // what is before times
 
-void put_be16(uint8_t *to, uint32_t value)
-{
-    to[0] = static_cast<uint8_t>(value >> 8);
-    to[1] = static_cast<uint8_t>(value);
-}
-
 // Base of 33 bits, 6 reserved bits, extension of 9 bits, which is 0.
 void put_pcr(uint8_t *to, int64_t pcr)
 {
     const auto base = static_cast<uint64_t>(pcr);
-    put_be16(to, static_cast<uint32_t>(base >> 17 & 0xFFFF));
-    put_be16(to + 2, static_cast<uint32_t>(base >> 1 & 0xFFFF));
+    put_be32(to, static_cast<uint32_t>(base >> 1));
     to[4] = static_cast<uint8_t>((base & 1) << 7 | 0x7E);
     to[5] = 0;
 }
@@ -37,10 +30,10 @@ void put_pcr(uint8_t *to, int64_t pcr)
 // 3, 15 and 15 bits after a prefix of 4, each with a marker bit after it.
 void put_time(uint8_t *to, uint32_t prefix, int64_t time)
 {
-    const auto ticks = static_cast<uint64_t>(time);
-    to[0] = static_cast<uint8_t>(prefix << 4 | (ticks >> 30 & 7) << 1 | 1);
-    put_be16(to + 1, static_cast<uint32_t>((ticks >> 15 & 0x7FFF) << 1 | 1));
-    put_be16(to + 3, static_cast<uint32_t>((ticks & 0x7FFF) << 1 | 1));
+    const auto ticks = static_cast<uint32_t>(time);
+    const auto high = static_cast<uint32_t>(time >> 30 & 7);
+    to[0] = static_cast<uint8_t>(prefix << 4 | high << 1 | 1);
+    put_be32(to + 1, (ticks >> 15 & 0x7FFF) << 17 | (ticks & 0x7FFF) << 1 | 0x10001);
 }
 
 }  // namespace
@@ -83,7 +76,8 @@ void PacketWriter::put_clock(const OutPid &to, int64_t pcr, bool f_jumps)
 void PacketWriter::begin_pes(OutPid &to, const PesStart &start)
 {
     m_to = &to;
-    m_start = start;
+    m_stream_id = start.stream_id;
+    m_f_video = start.f_video;
     begin_pes_packet(start);
 }
 
@@ -91,10 +85,10 @@ uint8_t *PacketWriter::begin_copied_pes(OutPid &to, const uint8_t *from, size_t 
                                         const PesStart &start)
 {
     if (m_held >= BLOCK) give(m_held);
-    make_room();
     m_pes_begin = m_held;
     m_to = &to;
-    m_start = start;
+    m_stream_id = start.stream_id;
+    m_f_video = start.f_video;
     to.counter = (to.counter + 1) & 0xF;
     uint8_t *const at = packet();
     memcpy(at, from, TS_HEAD);
@@ -117,7 +111,7 @@ uint8_t *PacketWriter::begin_copied_pes(OutPid &to, const uint8_t *from, size_t 
 
 void PacketWriter::append(const uint8_t *bytes, size_t size)
 {
-    if (!m_start.f_video && m_pes_size + size > LONGEST_PES) {
+    if (!m_f_video && m_pes_size + size > LONGEST_PES) {
         const auto part = static_cast<size_t>(LONGEST_PES - m_pes_size);
         if (part > 0) append(bytes, part);
         next_pes_of_unit();
@@ -186,6 +180,18 @@ uint64_t PacketWriter::end_run()
     m_to->counter = static_cast<uint8_t>(m_run.counter);
     m_adaptation = 0;
     return count;
+}
+
+void PacketWriter::append_in_run(const uint8_t *from)
+{
+    const size_t rest = TS_SIZE - m_fill;
+    uint8_t *const to = next_of_run();
+    if (rest == 0) {
+        copy_payload(to, from);
+        return;
+    }
+    memcpy(to - rest, from + TS_HEAD, rest);
+    memcpy(to + TS_HEAD, from + TS_HEAD + rest, TS_ROOM - rest);
 }
 
 void PacketWriter::end_pes()
@@ -292,7 +298,7 @@ void PacketWriter::next_pes_of_unit()
 {
     close_pes();
     PesStart more;
-    more.stream_id = m_start.stream_id;
+    more.stream_id = m_stream_id;
     begin_pes_packet(more);
 }
 
@@ -300,7 +306,6 @@ void PacketWriter::next_pes_of_unit()
 void PacketWriter::stuff()
 {
     const size_t missing = TS_SIZE - m_fill;
-    if (missing == 0) return;
     uint8_t *const at = packet();
     uint8_t *const payload = at + TS_HEAD + m_adaptation;
     memmove(payload + missing, payload, m_fill - TS_HEAD - m_adaptation);
@@ -315,7 +320,7 @@ void PacketWriter::stuff()
 
 void PacketWriter::close_pes()
 {
-    stuff();
+    if (m_fill < TS_SIZE) stuff();
     m_held += TS_SIZE;
     m_fill = 0;
     if (m_f_pes_here && m_pes_size <= LONGEST_PES)

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "golt_stage.h"
+#include "stage_bytes.h"
 
 namespace golt {
 
@@ -27,13 +28,11 @@ constexpr uint8_t RANDOM_ACCESS = 0x40;
 constexpr uint8_t HAS_PCR = 0x10;
 }  // namespace bit
 
-/// The four bytes with which a packet begins.
-inline uint32_t head_of(const uint8_t *packet)
-{
-    return uint32_t{packet[0]} << 24 | uint32_t{packet[1]} << 16 | uint32_t{packet[2]} << 8 |
-           packet[3];
-}
-constexpr uint32_t SYNC_AND_PID = 0xFF1FFF00;  // of them
+// Of the four bytes with which a packet begins.
+constexpr uint32_t SYNC_AND_PID = 0xFF1FFF00;
+constexpr uint32_t SYNC_START_AND_PID = 0xFF5FFF00;
+constexpr uint32_t UNIT_START = 0x00400000;
+constexpr uint32_t NO_HEAD = 0xF;  // none begins so
 constexpr uint32_t head_of_pid(uint32_t pid)
 {
     return uint32_t{0x47} << 24 | pid << 8;
@@ -97,30 +96,17 @@ public:
     /// Takes a packet if it belongs to the run, and only has to be copied.
     bool copy_in_run(const uint8_t *packet)
     {
-        if ((head_of(packet) & ~COUNTER) != m_run.copied_head || m_run.to == m_run.end)
-            return false;
-        uint8_t *const to = next_of_run();
-        // As the library has stored it: the processor hands on a store that is still on its way only to a load that
-        // lies within it.
-        memcpy(to + TS_HEAD, packet + TS_HEAD, TS_ROOM);
+        if ((be32(packet) & ~COUNTER) != m_run.copied_head || m_run.to == m_run.end) return false;
+        copy_payload(next_of_run(), packet);
         return true;
     }
-    bool is_in_run(const uint8_t *packet) const
+    /// head: its first four bytes.
+    bool is_in_run(uint32_t head) const
     {
-        return (head_of(packet) & ~COUNTER) == m_run.head && m_run.to != m_run.end;
+        return (head & ~COUNTER) == m_run.head && m_run.to != m_run.end;
     }
     /// Takes a packet that is.
-    void append_in_run(const uint8_t *packet)
-    {
-        const size_t rest = TS_SIZE - m_fill;
-        uint8_t *const to = next_of_run();
-        if (rest == 0) {
-            copy_payload(to, packet);
-            return;
-        }
-        memcpy(to - rest, packet + TS_HEAD, rest);
-        memcpy(to + TS_HEAD, packet + TS_HEAD + rest, TS_ROOM - rest);
-    }
+    void append_in_run(const uint8_t *packet);
 
     void end_pes();
     /// Bytes of it after its length.
@@ -140,7 +126,6 @@ private:
         BLOCK + ((LONGEST_PES + PES_UNCOUNTED) / TS_ROOM + 4) * TS_SIZE;
 
     static constexpr uint32_t COUNTER = 0xF;  // of the first four bytes of a packet
-    static constexpr uint32_t NO_HEAD = 0xF;
 
     struct Run {
         uint32_t copied_head = NO_HEAD;  // where packets only have to be copied
@@ -162,11 +147,7 @@ private:
         uint8_t *const to = m_run.to;
         m_run.to += TS_SIZE;
         m_run.counter = (m_run.counter + 1) & COUNTER;
-        const uint32_t head = m_run.head | m_run.counter;
-        to[0] = static_cast<uint8_t>(head >> 24);
-        to[1] = static_cast<uint8_t>(head >> 16);
-        to[2] = static_cast<uint8_t>(head >> 8);
-        to[3] = static_cast<uint8_t>(head);
+        put_be32(to, m_run.head | m_run.counter);
         return to;
     }
     void begin_packet(OutPid &to, bool f_unit_start);
@@ -174,14 +155,14 @@ private:
     void begin_adaptation(const PesStart &start);
     void begin_header(const PesStart &start);
     void next_pes_of_unit();
-    void stuff();
+    [[gnu::noinline]] void stuff();
     void close_pes();
     // For one packet after those that are held. No packet is open then.
     void make_room()
     {
         if (CAPACITY - m_held < TS_SIZE) give(m_held);
     }
-    void give(size_t size);
+    [[gnu::noinline]] void give(size_t size);
     void write_out(size_t size);
     uint8_t *packet() { return m_buffer + m_held; }
 
@@ -201,7 +182,8 @@ private:
     size_t m_pes_at = 0;        // where its length is
     bool m_f_pes_here = false;  // both are still in the buffer
     uint64_t m_pes_size = 0;    // bytes after its length
-    PesStart m_start;
+    uint8_t m_stream_id = 0;
+    bool m_f_video = false;
 };
 
 /// CRC_32 of sections (ISO/IEC 13818-1, annex A).

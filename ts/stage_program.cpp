@@ -70,21 +70,22 @@ bool is_library_pat(const uint8_t *packet)
            memcmp(packet + SECTION_AT, PAT, sizeof PAT) == 0;
 }
 
-void Program::take_pmt(const uint8_t *packet)
+bool Program::take_pmt(const uint8_t *packet)
 {
     if (memcmp(packet, m_taken, COUNTER_AT) == 0 &&
         memcmp(packet + SECTION_AT, m_taken + SECTION_AT, TS_SIZE - SECTION_AT) == 0)
-        return;
+        return false;
     const uint8_t *const section = packet + SECTION_AT;
     const size_t end = be12(section + 1) + 3;
     if ((packet[1] & 0x40) == 0 || (packet[3] & 0x30) != 0x10 || packet[4] != 0 ||
         section[0] != 2 || end > TS_SIZE - SECTION_AT || end < ENTRIES_AT + CRC_SIZE)
-        return;
+        return false;
     memcpy(m_taken, packet, TS_SIZE);
     m_f_changed = true;
     read_entries(section, end);
     m_video_codec = video_codec_of(m_video.type);
     m_audio_codec = audio_codec_of(m_audio.type);
+    return true;
 }
 
 void Program::read_entries(const uint8_t *section, size_t end)

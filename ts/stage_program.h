@@ -17,13 +17,13 @@ bool is_library_pat(const uint8_t *packet);
 
 class Program {
 public:
-    /// Takes a packet of the library's PMT. What isn't valid is passed over.
-    void take_pmt(const uint8_t *packet);
+    /// Takes a packet of the library's PMT. What isn't valid is passed over. Returns whether it is another one.
+    bool take_pmt(const uint8_t *packet);
     /// Notes that there are packets of audio: the library's PMT lists it always.
     void note_audio()
     {
-        m_f_changed = m_f_changed || !m_f_audio_seen;
-        m_f_audio_seen = true;
+        if (m_f_audio_seen) return;
+        m_f_audio_seen = m_f_changed = true;
     }
 
     bool has_video() const { return video_codec() != VideoCodec::NONE; }

@@ -40,43 +40,52 @@ struct Stage::State {
 
     State(Write sink, void *handle, const StageHints &hints);
 
+    // What runs for each packet or frame is short of calls: they would take as long as the work. take has what it calls
+    // compiled into it, but for what is seldom or long, which is marked so.
     bool write(const uint8_t *bytes, size_t size);
-    [[gnu::noinline]] bool write_one(const uint8_t *packet);
-    [[gnu::noinline]] int take_all(const uint8_t *packets, int size);
+    [[gnu::noinline]] int take_one(const uint8_t *packet);
+    int take_other(const uint8_t *packet, uint32_t head);
+    [[gnu::cold, gnu::noinline]] int take_all(const uint8_t *packets, int size);
     bool finish();
     bool flush();
 
     // Packets as they come
-    void take_or_append(const uint8_t *packet);
-    void take(const uint8_t *packet);
-    void take_start(const uint8_t *packet, LaneIndex lane, const Payload &payload);
-    void take_more(const uint8_t *packet, LaneIndex lane, const Payload &payload);
-    void drop();
+    [[gnu::noinline, gnu::flatten]] void take(const uint8_t *packet, uint32_t head,
+                                              Payload payload);
+    void take_pmt(const uint8_t *packet);
+    void take_start(const uint8_t *packet, LaneIndex lane, Payload payload);
+    void take_more(const uint8_t *packet, LaneIndex lane, Payload payload);
+    [[gnu::cold, gnu::noinline]] void drop();
     int64_t time_of(LaneIndex lane, const UnitStart &start);
     bool is_jump(LaneIndex lane, int64_t time) const;
-    void begin_hold();
-    void hold(const uint8_t *packet, LaneIndex lane, const Payload &payload,
-              const UnitStart *start);
-    void look_for_depth(const Payload &payload, const UnitStart *start);
+    [[gnu::cold, gnu::noinline]] void begin_hold();
+    [[gnu::cold, gnu::noinline]] void hold(const uint8_t *packet, LaneIndex lane, Payload payload,
+                                           const UnitStart *start);
+    void look_for_depth(Payload payload, const UnitStart *start);
     bool may_go_on() const;
     size_t depth() const;
     void note_held(LaneIndex lane, int64_t time);
-    void end_hold();
+    [[gnu::cold, gnu::noinline]] void end_hold();
     LaneIndex lane_of(uint32_t head) const;
 
     // Units as they are written
-    void process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
-                 const UnitStart *start);
-    void begin_unit(const uint8_t *packet, LaneIndex lane, const Payload &payload,
-                    const UnitStart &start, int64_t time);
-    void go_on(const uint8_t *packet, const Payload &payload);
-    void begin_run();
+    void process(const uint8_t *packet, LaneIndex lane, Payload payload, const UnitStart *start);
+    void begin_unit(const uint8_t *packet, LaneIndex lane, Payload payload, const UnitStart &start,
+                    int64_t time);
+    [[gnu::noinline]] void go_on(const uint8_t *packet, Payload payload);
+    [[gnu::noinline]] void begin_run();
     void end_run();
     void replay(const uint8_t *packet);
-    void feed(const Payload &payload);
+    void feed(Payload payload);
     void align();
     void end_unit();
-    void begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit);
+    void end_audio();
+    [[gnu::noinline]] void end_picture();
+    [[gnu::noinline]] void begin_head(const uint8_t *bytes, size_t size);
+    void move(Payload payload);
+    [[gnu::cold, gnu::noinline]] void move_audio(const PesStart &start, const uint8_t *bytes,
+                                                 size_t size, bool f_longer);
+    void begin_audio(const uint8_t *packet, Payload payload, const UnitStart &unit);
     void put_with_pce(const uint8_t *bytes, size_t size);
     void begin_picture();
     void order_picture(PesStart &start);
@@ -84,9 +93,10 @@ struct Stage::State {
     void put_sets(uint8_t type);
     void take_sets();
     int64_t advance_clock(LaneIndex lane, int64_t time, bool f_tables);
-    int64_t begin_clock(bool f_carries);
+    [[gnu::noinline]] void catch_up(int64_t time);
+    [[gnu::cold, gnu::noinline]] int64_t begin_clock(bool f_carries);
     void put_clock(bool f_jumps);
-    void put_tables(bool f_due);
+    [[gnu::noinline]] void put_tables(bool f_due);
     int64_t written(int64_t time) const { return time + m_shift; }
 
     static void filtered(void *state, const uint8_t *bytes, size_t size)
@@ -119,6 +129,8 @@ struct Stage::State {
 
     // Units as they are written
     Phase m_phase = Phase::NONE;
+    // Packets that go on with it: the first bytes but for the flags below. NO_HEAD: what comes has to be looked at.
+    uint32_t m_open_head = NO_HEAD;
     LaneIndex m_lane = NO_LANE;
     unsigned m_packets_moved = 0;
     TimeExtension m_out_times;  // of packets that were held
@@ -132,10 +144,10 @@ struct Stage::State {
     FrameWalk m_walk;
 
     ClockBound m_bound;
-    bool m_f_clock_begun = false;   // its first PCR has been written
-    bool m_f_clock_jumps = false;   // the next PCR is the first one after a jump
-    int64_t m_pcr = 0;              // the last one
-    int64_t m_tables_at = NO_TIME;  // by the clock
+    bool m_f_clock_begun = false;     // its first PCR has been written
+    bool m_f_clock_jumps = false;     // the next PCR is the first one after a jump
+    int64_t m_pcr = 0;                // the last one
+    int64_t m_tables_last = NO_TIME;  // up to this PCR none are due
     int64_t m_shift = 0;
     bool m_f_shifted = false;
 

@@ -57,34 +57,40 @@ int64_t DecodeTimes::next(int64_t pts)
 
 int64_t AudioTimes::next(int64_t told, Durations durations)
 {
-    const bool f_follows = m_f_begun && m_last_samples > 0;
-    const int64_t follows = predicted();
-    const bool f_still = stands_still(told, durations);
-    const bool f_counted = f_follows && durations == Durations::COUNTED;
-    if (!m_f_begun && is_on_grid(told)) {
-        m_last = predicted();
-    } else if (f_still || f_counted || (f_follows && std::abs(follows - told) <= ROUNDING)) {
-        m_last = follows;
-    } else {
-        m_base = m_last = told;
-        m_samples = 0;
+    const bool f_known =
+        m_f_measured && (durations == Durations::COUNTED || std::abs(m_next - told) <= ROUNDING);
+    if (!f_known && !stands_still(told, durations) && (m_f_begun || !is_on_grid(told))) {
+        m_next = told;
+        m_rest = m_rate / 2;
     }
     m_f_begun = true;
+    m_f_measured = false;
     m_told = told;
-    m_last_samples = 0;
+    m_last = m_next;
     return m_last;
 }
 
 void AudioTimes::add(uint64_t samples, uint32_t rate)
 {
     if (samples == 0 || rate == 0) return;
-    if (rate != m_rate) {
-        m_base = predicted();
-        m_samples = 0;
-        m_rate = rate;
+    if (samples != m_samples || rate != m_rate) set_step(samples, rate);
+    m_next += m_step;
+    m_rest += m_step_rest;
+    if (m_rest >= rate) {
+        m_rest -= rate;
+        ++m_next;
     }
-    m_samples += samples;
-    m_last_samples = samples;
+    m_f_measured = true;
+}
+
+void AudioTimes::set_step(uint64_t samples, uint32_t rate)
+{
+    const uint64_t ticks = samples * static_cast<uint64_t>(TICKS_PER_SECOND);
+    if (rate != m_rate) m_rest = rate / 2;
+    m_samples = samples;
+    m_rate = rate;
+    m_step = static_cast<int64_t>(ticks / rate);
+    m_step_rest = ticks % rate;
 }
 
 // Whether it is the rounded time of a frame of the grid; that one has been found then.
@@ -93,17 +99,11 @@ bool AudioTimes::is_on_grid(int64_t told)
     if (m_grid.samples == 0 || m_grid.rate == 0 || told < m_grid.time - ROUNDING) return false;
     const uint64_t frame = uint64_t{m_grid.samples} * static_cast<uint64_t>(TICKS_PER_SECOND);
     const auto passed = static_cast<uint64_t>(std::max<int64_t>(told - m_grid.time, 0));
-    m_base = m_grid.time;
     m_rate = m_grid.rate;
-    m_samples = (passed * m_rate + frame / 2) / frame * m_grid.samples;
-    return std::abs(predicted() - told) <= ROUNDING;
-}
-
-int64_t AudioTimes::predicted() const
-{
-    if (m_rate == 0) return m_base;
-    const uint64_t ticks = m_samples * static_cast<uint64_t>(TICKS_PER_SECOND) + m_rate / 2;
-    return m_base + static_cast<int64_t>(ticks / m_rate);
+    const uint64_t ticks = (passed * m_rate + frame / 2) / frame * frame + m_rate / 2;
+    m_next = m_grid.time + static_cast<int64_t>(ticks / m_rate);
+    m_rest = ticks % m_rate;
+    return std::abs(m_next - told) <= ROUNDING;
 }
 
 // The clock

@@ -54,7 +54,7 @@ public:
     /// Whether next would have to guess: the file states nothing, and the one that came last had no length.
     bool is_lost(int64_t told, Durations durations) const
     {
-        return m_last_samples == 0 && stands_still(told, durations);
+        return !m_f_measured && stands_still(told, durations);
     }
     /// Whether the file's time doesn't move.
     bool stands_still(int64_t told, Durations durations) const
@@ -64,17 +64,22 @@ public:
     int64_t last() const { return m_last; }
 
 private:
-    int64_t predicted() const;
-    bool is_on_grid(int64_t told);
+    [[gnu::cold, gnu::noinline]] void set_step(uint64_t samples, uint32_t rate);
+    [[gnu::cold, gnu::noinline]] bool is_on_grid(int64_t told);
 
     bool m_f_begun = false;
-    AudioGrid m_grid;
-    int64_t m_base = 0;  // a time, and what has come since then
+    bool m_f_measured = false;  // what came last has a length
+    int64_t m_told = 0;         // of the one that came last
+    int64_t m_last = 0;
+    // Where that one ends: half a tick after its exact end, cut to ticks, and what was cut off, times the rate.
+    int64_t m_next = 0;
+    uint64_t m_rest = 0;
+    // How long it is. Most are as long as the one before, so that nothing has to be divided for them.
     uint64_t m_samples = 0;
     uint32_t m_rate = 0;
-    uint64_t m_last_samples = 0;
-    int64_t m_told = 0;  // the one that came last
-    int64_t m_last = 0;
+    int64_t m_step = 0;
+    uint64_t m_step_rest = 0;
+    AudioGrid m_grid;
 };
 
 /// What the clock may show: less than any time that is still to come, by a lead. Streams take turns in a file, more or

@@ -27,7 +27,7 @@ void Stage::State::replay(const uint8_t *packet)
     process(packet, pid == VIDEO_PID ? VIDEO : AUDIO, payload, f_start ? &start : nullptr);
 }
 
-void Stage::State::process(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+void Stage::State::process(const uint8_t *packet, LaneIndex lane, Payload payload,
                            const UnitStart *start)
 {
     if (start != nullptr)
@@ -37,41 +37,51 @@ void Stage::State::process(const uint8_t *packet, LaneIndex lane, const Payload 
         go_on(packet, payload);
 }
 
-void Stage::State::begin_unit(const uint8_t *packet, LaneIndex lane, const Payload &payload,
+void Stage::State::begin_unit(const uint8_t *packet, LaneIndex lane, Payload payload,
                               const UnitStart &start, int64_t time)
 {
     end_unit();
     m_lane = lane;
+    m_open_head = head_of_pid(m_pids[lane].pid);
     m_stream_id = start.stream_id;
     m_time = time;
     if (lane == AUDIO) {
         begin_audio(packet, payload, start);
+        if (m_walk.unread() < TS_ROOM) return;
     } else {
-        ++m_counts.pictures;
-        m_phase = Phase::HEAD;
-        const uint8_t *const bytes = payload.bytes + start.size;
-        if (m_head.begin(m_program.video_codec(), bytes, payload.size - start.size))
-            begin_picture();
+        begin_head(payload.bytes + start.size, payload.size - start.size);
     }
     begin_run();
 }
 
-void Stage::State::go_on(const uint8_t *packet, const Payload &payload)
+void Stage::State::begin_head(const uint8_t *bytes, size_t size)
+{
+    ++m_counts.pictures;
+    m_phase = Phase::HEAD;
+    if (m_head.begin(m_program.video_codec(), bytes, size)) begin_picture();
+}
+
+void Stage::State::go_on(const uint8_t *packet, Payload payload)
 {
     end_run();
     const bool f_audio = m_phase == Phase::COPIED_AUDIO;
-    if (!f_audio && m_phase != Phase::COPIED_SLICES) {
-        feed(payload);
-        if (++m_packets_moved >= PACKETS_MOVED) align();
-    } else if (f_audio && m_writer.pes_size() + payload.size > LONGEST_PES) {
-        m_phase = Phase::AUDIO;
-        feed(payload);
-    } else {
+    const bool f_fits = m_writer.pes_size() + payload.size <= LONGEST_PES;
+    if (m_phase == Phase::COPIED_SLICES || (f_audio && f_fits)) {
         if (f_audio) m_walk.add(payload.bytes, payload.size);
         m_writer.copy(packet, payload.size);
+    } else {
+        move(payload);
     }
     // The last packet of a unit isn't full.
     if (payload.size == TS_ROOM) begin_run();
+}
+
+// Into packets that aren't those of the library.
+void Stage::State::move(Payload payload)
+{
+    if (m_phase == Phase::COPIED_AUDIO) m_phase = Phase::AUDIO;
+    feed(payload);
+    if (++m_packets_moved >= PACKETS_MOVED) align();
 }
 
 // Packets in which there is nothing to look at, as nearly all are.
@@ -121,7 +131,7 @@ void Stage::State::align()
 }
 
 // Bytes of a unit, TS_ROOM at most.
-void Stage::State::feed(const Payload &payload)
+void Stage::State::feed(Payload payload)
 {
     switch (m_phase) {
     case Phase::HEAD:
@@ -142,26 +152,38 @@ void Stage::State::feed(const Payload &payload)
 void Stage::State::end_unit()
 {
     end_run();
+    m_open_head = NO_HEAD;
+    if (m_phase == Phase::NONE) return;
+    if (m_lane == AUDIO)
+        end_audio();
+    else
+        end_picture();
+    m_writer.end_pes();
+    m_phase = Phase::NONE;
+    m_lane = NO_LANE;
+}
+
+void Stage::State::end_audio()
+{
+    constexpr uint64_t USUAL_SAMPLES = 1024;
+    const bool f_short = m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known;
+    const uint64_t samples =
+        f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples();
+    m_audio.add(samples, m_walk.rate());
+    if (m_counts.audio_frames == 1)
+        m_grid = {m_audio.last(), static_cast<uint32_t>(samples), m_walk.rate()};
+}
+
+void Stage::State::end_picture()
+{
     if (m_phase == Phase::HEAD) {
         m_head.end();
         begin_picture();
     }
     if (m_phase == Phase::FILTERED_SLICES) m_filter.end();
-    if (m_phase == Phase::AUDIO || m_phase == Phase::COPIED_AUDIO) {
-        constexpr uint64_t USUAL_SAMPLES = 1024;
-        const bool f_short = m_program.audio_codec() == AudioCodec::AAC && m_aac.is_known;
-        const uint64_t samples =
-            f_short ? m_walk.samples() / USUAL_SAMPLES * m_aac.samples : m_walk.samples();
-        m_audio.add(samples, m_walk.rate());
-        if (m_counts.audio_frames == 1)
-            m_grid = {m_audio.last(), static_cast<uint32_t>(samples), m_walk.rate()};
-    }
-    if (m_phase != Phase::NONE) m_writer.end_pes();
-    m_phase = Phase::NONE;
-    m_lane = NO_LANE;
 }
 
-void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, const UnitStart &unit)
+void Stage::State::begin_audio(const uint8_t *packet, Payload payload, const UnitStart &unit)
 {
     ++m_counts.audio_frames;
     if (m_audio.is_lost(m_time, m_durations)) ++m_counts.untimed_audio;
@@ -174,28 +196,32 @@ void Stage::State::begin_audio(const uint8_t *packet, const Payload &payload, co
     const size_t size = payload.size - unit.size;
     const bool f_correct = codec == AudioCodec::AAC && m_aac.is_known && size >= ADTS_SIZE;
     const uint8_t *const bytes = payload.bytes + unit.size;
-    m_walk.begin(codec);
-    if (f_correct && size > ADTS_SIZE && lacks_pce(bytes, m_aac)) {
-        m_writer.begin_pes(m_pids[AUDIO], start);
-        m_phase = Phase::AUDIO;
-        m_walk.add(bytes, size);
-        put_with_pce(bytes, size);
-        return;
-    }
-    if (!unit.f_plain || !has_plain_pcr(packet)) {
-        m_writer.begin_pes(m_pids[AUDIO], start);
-        m_phase = Phase::AUDIO;
-        feed({bytes, size});
+    const bool f_longer = f_correct && size > ADTS_SIZE && lacks_pce(bytes, m_aac);
+    if (f_longer || !unit.f_plain || !has_plain_pcr(packet)) {
+        move_audio(start, bytes, size, f_longer);
         return;
     }
     const auto pes_at = static_cast<size_t>(payload.bytes - packet);
     uint8_t *const frame = m_writer.begin_copied_pes(m_pids[AUDIO], packet, pes_at, start);
     m_phase = Phase::COPIED_AUDIO;
     if (f_correct) correct_adts(frame, m_aac);
-    m_walk.add(frame, size);
+    m_walk.begin(codec, frame, size);
 }
 
-// The frame's first bytes.
+// The frame's first bytes, into a packet that isn't that of the library. f_longer: the element that states the channels
+// goes with them.
+void Stage::State::move_audio(const PesStart &start, const uint8_t *bytes, size_t size,
+                              bool f_longer)
+{
+    m_writer.begin_pes(m_pids[AUDIO], start);
+    m_phase = Phase::AUDIO;
+    m_walk.begin(m_program.audio_codec(), bytes, size);
+    if (f_longer)
+        put_with_pce(bytes, size);
+    else
+        m_writer.append(bytes, size);
+}
+
 void Stage::State::put_with_pce(const uint8_t *bytes, size_t size)
 {
     uint8_t header[ADTS_SIZE];
@@ -314,25 +340,33 @@ int64_t Stage::State::advance_clock(LaneIndex lane, int64_t time, bool f_tables)
     const bool f_other_expected = lane == VIDEO ? m_program.has_audio() : m_program.has_video();
     const bool f_carries = m_program.pcr_pid() == m_pids[lane].pid;
     const int64_t bound = m_bound.add(lane, time, f_other_expected);
-    m_counts.worst_apart = std::max(m_counts.worst_apart, m_bound.behind());
+    if (m_bound.behind() > m_counts.worst_apart) m_counts.worst_apart = m_bound.behind();
     if (!m_f_clock_begun || m_f_clock_jumps) return begin_clock(f_carries);
 
     const int64_t late = m_pcr + ClockBound::LEAD - time;
-    if (late > 0) ++m_counts.late;
-    m_counts.worst_late = std::max(m_counts.worst_late, late);
-    if (bound - m_pcr > LONGEST_GAP) {
-        m_pcr = bound;
-        put_clock(true);
+    if (late > 0) {
+        ++m_counts.late;
+        m_counts.worst_late = std::max(m_counts.worst_late, late);
     }
-    while (bound - m_pcr > PCR_STEP) {
-        m_pcr += PCR_STEP;
-        put_tables(false);
-        put_clock(false);
-    }
+    if (bound - m_pcr > PCR_STEP) catch_up(bound);
     const bool f_step = f_carries && bound > m_pcr;
     if (f_step) m_pcr = bound;
     put_tables(f_tables);
     return f_step ? written(m_pcr) : NO_TIME;
+}
+
+// By packets of its own, up to a step before the time.
+void Stage::State::catch_up(int64_t time)
+{
+    if (time - m_pcr > LONGEST_GAP) {
+        m_pcr = time;
+        put_clock(true);
+    }
+    while (time - m_pcr > PCR_STEP) {
+        m_pcr += PCR_STEP;
+        put_tables(false);
+        put_clock(false);
+    }
 }
 
 int64_t Stage::State::begin_clock(bool f_carries)
@@ -352,15 +386,15 @@ int64_t Stage::State::begin_clock(bool f_carries)
 void Stage::State::put_clock(bool f_jumps)
 {
     if (f_jumps) ++m_counts.jumps;
-    if (f_jumps || m_tables_at == NO_TIME) put_tables(true);
+    if (f_jumps || m_tables_last == NO_TIME) put_tables(true);
     m_writer.put_clock(m_pids[m_program.has_video() ? VIDEO : AUDIO], written(m_pcr), f_jumps);
 }
 
 // f_due: even if the next PCR still came early enough for them.
 void Stage::State::put_tables(bool f_due)
 {
-    if (!f_due && m_pcr + PCR_STEP - m_tables_at <= TABLES_STEP) return;
-    m_tables_at = m_pcr;
+    if (!f_due && m_pcr <= m_tables_last) return;
+    m_tables_last = m_pcr + TABLES_STEP - PCR_STEP;
     m_program.put_tables(m_writer);
 }
 

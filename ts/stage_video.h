@@ -122,7 +122,7 @@ private:
 };
 
 /// Whether a start code may be in the bytes, or begin with the last of them. There is at least one.
-bool may_have_code(const uint8_t *bytes, size_t size);
+[[gnu::noinline]] bool may_have_code(const uint8_t *bytes, size_t size);
 
 /// Leaves out of the slices of a picture the parameter sets that are between them and are in force already. Where the
 /// picture is the first field of a frame, a delimiter goes before what follows it: the other field is an access unit of
