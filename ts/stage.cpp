@@ -235,7 +235,6 @@ bool Stage::State::is_jump(LaneIndex lane, int64_t time) const
 void Stage::State::begin_hold()
 {
     end_run();
-    m_open_head = NO_HEAD;
     m_f_holding = true;
     m_f_begun[VIDEO] = m_f_begun[AUDIO] = false;
     m_pictures_held = 0;
