@@ -262,7 +262,7 @@ void Stage::State::hold(const uint8_t *packet, LaneIndex lane, Payload payload,
     }
     if (lane == VIDEO && !m_f_depth_known) look_for_depth(payload, start);
     if (!m_held.add(packet)) {
-        m_counts.f_no_memory = m_counts.f_no_memory || m_held.is_empty();
+        m_counts.f_no_memory = m_counts.f_no_memory || m_held.is_short();
         end_hold();
         process(packet, lane, payload, start);
         return;

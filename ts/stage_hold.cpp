@@ -1,40 +1,29 @@
 #include "stage_hold.h"
 
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 namespace golt {
 
+// Where there is less memory, a smaller block holds at least a small picture.
 bool PacketHold::add(const uint8_t *packet)
 {
-    if (m_bytes >= MOST_BYTES) return false;
-    if (m_last == nullptr || m_last->size == sizeof m_last->packets) {
-        auto *const block = new (std::nothrow) Block;
-        if (block == nullptr) return false;
-        block->next = nullptr;
-        block->size = 0;
-        (m_last != nullptr ? m_last->next : m_first) = block;
-        m_last = block;
+    constexpr size_t LEAST_BYTES = 64 * 1024;
+    for (size_t room = MOST_BYTES; m_packets == nullptr && room >= LEAST_BYTES; room /= 2) {
+        m_packets = static_cast<uint8_t *>(std::malloc(room));
+        m_room = room;
     }
-    memcpy(m_last->packets + m_last->size, packet, TS_SIZE);
-    m_last->size += TS_SIZE;
-    m_bytes += TS_SIZE;
+    if (m_packets == nullptr || m_room - m_size < TS_SIZE) return false;
+    memcpy(m_packets + m_size, packet, TS_SIZE);
+    m_size += TS_SIZE;
     return true;
 }
 
 void PacketHold::clear()
 {
-    while (m_first != nullptr)
-        drop_first();
-}
-
-void PacketHold::drop_first()
-{
-    Block *const first = m_first;
-    m_first = first->next;
-    if (m_first == nullptr) m_last = nullptr;
-    m_bytes -= first->size;
-    delete first;
+    std::free(m_packets);
+    m_packets = nullptr;
+    m_size = m_room = 0;
 }
 
 }  // namespace golt

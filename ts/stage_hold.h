@@ -1,4 +1,4 @@
-// Packets that wait until the first times of a stream are known.
+// The first packets of a stream, which are held back until its times are known.
 
 #ifndef GOLT_STAGE_HOLD_H
 #define GOLT_STAGE_HOLD_H
@@ -7,9 +7,11 @@
 
 namespace golt {
 
+/// They lie in one block, whose pages the system gives as they are filled, and gets back as a whole. Smaller blocks would
+/// leave holes among the frames on a host's heap, which stays larger by them.
 class PacketHold {
 public:
-    static constexpr size_t MOST_BYTES = 2 * 1024 * 1024;
+    static constexpr size_t MOST_BYTES = 2 * 1024 * 1024 / TS_SIZE * TS_SIZE;
 
     PacketHold() = default;
     ~PacketHold() { clear(); }
@@ -18,30 +20,22 @@ public:
 
     /// False: there is no memory, or too much is held already.
     bool add(const uint8_t *packet);
-    bool is_empty() const { return m_first == nullptr; }
-    /// Shows the packets in their order and gives each block back after its last one.
+    bool is_empty() const { return m_size == 0; }
+    /// There was no memory for as much as may be held.
+    bool is_short() const { return m_room < MOST_BYTES; }
+    /// Shows the packets in their order, and then gives the memory back.
     template <typename Take> void release(Take take)
     {
-        while (m_first != nullptr) {
-            for (size_t at = 0; at < m_first->size; at += TS_SIZE)
-                take(m_first->packets + at);
-            drop_first();
-        }
+        for (size_t at = 0; at < m_size; at += TS_SIZE)
+            take(m_packets + at);
+        clear();
     }
     void clear();
 
 private:
-    struct Block {
-        Block *next;
-        size_t size;
-        uint8_t packets[170 * TS_SIZE];
-    };
-
-    void drop_first();
-
-    Block *m_first = nullptr;
-    Block *m_last = nullptr;
-    size_t m_bytes = 0;
+    uint8_t *m_packets = nullptr;
+    size_t m_size = 0;
+    size_t m_room = 0;
 };
 
 }  // namespace golt
