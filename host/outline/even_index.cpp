@@ -140,7 +140,7 @@ std::optional<EvenIndex> make_even_index(ByteSource &source, const Outline &outl
     boxes.u32(outline::box_type("mdat"));
     if (outline.size + boxes.size() > POSITIONS_END) return {};
     for (const TablePlace &place : places)
-        for (uint64_t at = place.begin; at < place.end; at += 4)
+        for (auto at = static_cast<size_t>(place.begin); at < place.end; at += 4)
             boxes.put(at, boxes.number(at) + static_cast<uint32_t>(boxes.size()));
     return index;
 }
