@@ -254,7 +254,8 @@ bool set_duration(Plan &plan)
     const uint64_t scale = plan.track->mp4.timescale;
     const double exact = static_cast<double>(plan.numbers) * plan.interval;
     const uint64_t ticks = (static_cast<uint64_t>(exact) * scale + 999) / 1000;
-    const auto told = static_cast<double>(ticks * 1000 / scale);
+    const uint64_t told_ms = ticks * 1000 / scale;
+    const auto told = static_cast<double>(told_ms);
     plan.duration = static_cast<uint32_t>(ticks);
     plan.told_interval = told / static_cast<double>(plan.numbers);
     return ticks <= UINT32_MAX && told > 0 && told - exact < MOST_OFF;
