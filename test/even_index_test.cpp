@@ -117,6 +117,11 @@ TEST(EvenIndex, PutsFramesInOrderOfTime)
              film.rates({5, 0, 9, 500});
          }},
         {"late audio", [](Film &film) { film.delay(film.audio, 3000); }},
+        {"late audio, runs of one length",
+         [](Film &film) {
+             film.rates({5, 300, 9, 300});
+             film.delay(film.audio, 3000);
+         }},
         {"late video", [](Film &film) { film.delay(film.video, 3000); }},
         {"both late",
          [](Film &film) { film.delay(film.video, 3000), film.delay(film.audio, 2000); }},

@@ -19,8 +19,8 @@ std::string refusal_of(const Film &film, Source &source);
 std::string why_unknown(Source &source);
 void describe(Film &film);
 void set_rates(Film &film);
-std::string run_from(Source &source, const EvenIndex *even_index, const Film &film, size_t number,
-                     size_t from, std::vector<uint8_t> &segment, bool &f_sure);
+std::string run_from(Source &source, const Film &film, size_t number, size_t from,
+                     std::vector<uint8_t> &segment, bool &f_sure);
 
 }  // namespace
 
@@ -28,6 +28,8 @@ size_t Film::memory() const
 {
     size_t size = sizeof *this + codecs.size() + kinds.size() + refusal.size() +
                   segments.capacity() * sizeof(Segment) + file.tables.capacity();
+    if (file.even_index)
+        size += file.even_index->head.capacity() + file.even_index->keys.capacity() * 4;
     for (const Track &track : file.outline.tracks)
         size += sizeof track + track.config.capacity() + track.mp4.edits.capacity() * sizeof(Edit);
     return size;
@@ -72,9 +74,7 @@ std::string make_segment(Source &source, const Film &film, size_t number,
     try {
         if (film.file.outline.container == Container::TRANSPORT_STREAM)
             return copy_m2ts_segment(source, film, number, segment);
-        const std::optional<EvenIndex> even_index =
-            film.file.f_even_index ? even_index_of(source, film) : std::nullopt;
-        if (film.file.f_even_index && !even_index) return "its sample tables can't be read";
+        const std::optional<EvenIndex> &even_index = film.file.even_index;
         std::optional<EvenSource> even_source;
         if (even_index) even_source.emplace(source, *even_index);
         Source &read = even_source ? static_cast<Source &>(*even_source) : source;
@@ -83,8 +83,7 @@ std::string make_segment(Source &source, const Film &film, size_t number,
         for (size_t step = 0;; step = step == 0 ? 1 : step * 2) {
             bool f_sure = false;
             const size_t from = number - std::min(number, step);
-            std::string fault = run_from(read, even_index ? &*even_index : nullptr, film, number,
-                                         from, segment, f_sure);
+            std::string fault = run_from(read, film, number, from, segment, f_sure);
             if (!fault.empty()) return fault;
             if (f_sure || from == 0 || step == MOST_STEPS) break;
         }
@@ -127,8 +126,8 @@ std::string why_unknown(Source &source)
 
 // A run that begins where segment from does. f_sure: enough came before the segment for it to be as in a run from
 // the film's begin.
-std::string run_from(Source &source, const EvenIndex *even_index, const Film &film, size_t number,
-                     size_t from, std::vector<uint8_t> &segment, bool &f_sure)
+std::string run_from(Source &source, const Film &film, size_t number, size_t from,
+                     std::vector<uint8_t> &segment, bool &f_sure)
 {
     constexpr uint64_t PICTURES_BEFORE = 34;
     const bool f_audio_file = film.file.outline.container == Container::MPEG_AUDIO;
@@ -136,7 +135,7 @@ std::string run_from(Source &source, const EvenIndex *even_index, const Film &fi
     const bool f_last = number + 1 == film.segments.size();
     Cutter::Range range;
     range.f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
-    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0, 0, even_index};
+    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0, 0};
     if (f_audio_file) {
         begin.later = wanted.start;
         if (!f_last) begin.to = film.segments[number + 1].place;

@@ -7,9 +7,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "even_index.h"
 #include "golt_stage.h"
 #include "hls/spliced_source.h"
 #include "io/source.h"
@@ -39,7 +41,7 @@ struct FilmFile {
     int64_t audio_offset = 0;
     int64_t more_shift = 0;  ///< by which the stage has to move times beyond its usual shift
     golt::AudioGrid audio_grid;
-    bool f_even_index = false;  ///< the library reads it by an EvenIndex
+    std::optional<EvenIndex> even_index;  ///< by which the library reads it
 };
 
 struct Film {

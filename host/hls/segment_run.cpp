@@ -80,7 +80,6 @@ Demuxer make_demuxer(Library &library, Container container, SplicedSource &sourc
 
 SegmentRun::SegmentRun(Source &source, const Film &film, const Begin &begin, Cutter &cutter)
     : m_film(film)
-    , m_even_index(begin.even_index)
     , m_cutter(cutter)
     , m_source(source, stretches_of(film, begin), film.file.patches, READ_BUDGET)
     , m_demuxer(make_demuxer(m_library, film.file.outline.container, m_source))
@@ -140,9 +139,9 @@ bool SegmentRun::copy_frame()
 {
     const Frame frame = m_library.make_frame();
     if (!m_demuxer->readFrame(frame.get())) return false;
+    const std::optional<EvenIndex> &even_index = m_film.file.even_index;
     uint32_t time = 0;
-    if (m_even_index != nullptr && m_muxer->getPts(frame.get(), time) &&
-        m_even_index->is_filler(time))
+    if (even_index && m_muxer->getPts(frame.get(), time) && even_index->is_filler(time))
         return true;
     return m_muxer->writeFrame(frame.get());
 }

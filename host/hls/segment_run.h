@@ -6,7 +6,6 @@
 #include <optional>
 
 #include "cutter.h"
-#include "even_index.h"
 #include "film.h"
 #include "spliced_source.h"
 #include "stream/library.h"
@@ -20,7 +19,6 @@ public:
         uint64_t to = 0;     ///< offset where the file ends for it
         int64_t later = 0;   ///< added to the library's times of audio; ticks of 90 kHz
         int64_t time = 0;    ///< of the library there, about, without offsets; likewise
-        const EvenIndex *even_index = nullptr;  ///< of the source, if it is behind one
     };
 
     /// source, film, cutter: have to outlive the object. Throws NotDone.
@@ -39,7 +37,6 @@ private:
     bool is_known() const;
 
     const Film &m_film;
-    const EvenIndex *const m_even_index;
     Cutter &m_cutter;
     SplicedSource m_source;
     Library m_library;

@@ -23,7 +23,7 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun::Begin begin = {place, source.size(), 0, time, nullptr};
+    SegmentRun::Begin begin = {place, source.size(), 0, time};
     if (film.file.outline.container == Container::MATROSKA)
         begin.later = later_at_cluster(source, film, place);
     SegmentRun run(source, film, begin, cutter);

@@ -5,7 +5,6 @@
 
 #include <functional>
 
-#include "even_index.h"
 #include "film.h"
 #include "plan.h"
 
@@ -14,9 +13,6 @@ void survey_mp4(Source &source, Film &film);
 void survey_matroska(Source &source, Film &film);
 void survey_mpeg_audio(Source &source, Film &film);
 void survey_m2ts(Source &source, Film &film);
-
-/// Of an MP4 file that the library reads by one.
-std::optional<EvenIndex> even_index_of(Source &source, const Film &film);
 
 /// The track of a kind that the library takes; null.
 const Track *taken_track(const Film &film, TrackKind kind);

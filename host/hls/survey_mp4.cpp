@@ -117,11 +117,17 @@ private:
     uint64_t m_bytes = 0;  // of the samples before the walk's
 };
 
+std::optional<EvenIndex> even_index_of(Source &source, const Film &film)
+{
+    SourceBytes bytes(source);
+    return make_even_index(bytes, film.file.outline, film.file.selection);
+}
+
 // end: about, of video and audio; audio_end: exactly.
-void plan_by_keys(Source &source, Film &film, const EvenIndex *even_index, int64_t first,
-                  int64_t end, int64_t audio_end)
+void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_t audio_end)
 {
     const Track &video = *taken_track(film, TrackKind::VIDEO);
+    const EvenIndex *const even_index = film.file.even_index ? &*film.file.even_index : nullptr;
     // Before a key picture come tables and parameter sets.
     constexpr uint64_t EACH_KEY = 3 * TS_PACKET_SIZE;
     uint64_t keys = 0;
@@ -166,9 +172,8 @@ void survey_mp4(Source &source, Film &film)
         end = std::max(end, audio_end);
     }
     if (video != nullptr) {
-        const std::optional<EvenIndex> even_index = even_index_of(source, film);
-        film.file.f_even_index = even_index.has_value();
-        plan_by_keys(source, film, even_index ? &*even_index : nullptr, first, end, audio_end);
+        film.file.even_index = even_index_of(source, film);
+        plan_by_keys(source, film, first, end, audio_end);
         return;
     }
     // The library counts by the mean length of a frame.
@@ -179,10 +184,4 @@ void survey_mp4(Source &source, Film &film)
                      const int64_t ms = (time - begin) / TICKS_PER_MS - EARLIER_MS;
                      return static_cast<uint64_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
                  });
-}
-
-std::optional<EvenIndex> even_index_of(Source &source, const Film &film)
-{
-    SourceBytes bytes(source);
-    return make_even_index(bytes, film.file.outline, film.file.selection);
 }

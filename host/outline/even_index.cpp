@@ -15,7 +15,7 @@ constexpr double SHORTEST_INTERVAL = 1.01;  // ms
 // few bytes that state days don't cost much.
 constexpr uint64_t MOST_NUMBERS = 1 << 20, FEW_NUMBERS = 1 << 14, BYTES_PER_NUMBER = 16;
 constexpr size_t MOST_HEADERS = 4096;  // bytes that a track usually has beside its tables
-constexpr int TICKS_PER_MS = 90;
+constexpr uint32_t TICKS_PER_MS = 90;
 constexpr uint64_t POSITIONS_END = uint64_t{1} << 32;  // bytes that the library reaches
 constexpr uint32_t FILLER_TICKS = UINT32_MAX;  // time of fillers, on the clock of their track
 
@@ -39,7 +39,14 @@ struct Plan {
     {
         return static_cast<double>(ticks) * 1000.0 / track->mp4.timescale;
     }
-    bool is_constant() const { return tables.lengths.size() == 2 && tables.offsets.empty(); }
+    /// Runs of one length become one run, by which the library counts then.
+    bool is_constant() const
+    {
+        const std::vector<uint32_t> &lengths = tables.lengths;
+        for (size_t i = 2; i < lengths.size(); i += 2)
+            if (lengths[i + 1] != lengths[1]) return false;
+        return !lengths.empty() && tables.offsets.empty();
+    }
     /// A time of presentation as the library makes milliseconds of it.
     uint32_t told_ms(uint32_t ticks) const
     {
@@ -128,7 +135,7 @@ std::optional<EvenIndex> make_even_index(ByteSource &source, const Outline &outl
         const Plan &plan = plans[i];
         index.filler_times[i] = plan.filler_time * TICKS_PER_MS;
         TableWriter tables = make_tables(plan, plans[1 - i]);
-        if (plan.f_even && i == VIDEO) {
+        if (i == VIDEO) {
             for (const uint32_t key : tables.keys())
                 index.keys.push_back(key - 1);
             index.interval = plan.told_interval;
@@ -140,7 +147,7 @@ std::optional<EvenIndex> make_even_index(ByteSource &source, const Outline &outl
     boxes.u32(outline::box_type("mdat"));
     if (outline.size + boxes.size() > POSITIONS_END) return {};
     for (const TablePlace &place : places)
-        for (uint64_t at = place.begin; at < place.end; at += 4)
+        for (auto at = static_cast<size_t>(place.begin); at < place.end; at += 4)
             boxes.put(at, boxes.number(at) + static_cast<uint32_t>(boxes.size()));
     return index;
 }
@@ -186,8 +193,9 @@ bool choose_interval(Plan &plan)
     plan.filler_time = plan.told_ms(FILLER_TICKS);
     plan.f_even = plan.most_off() > MOST_OFF || plan.least_off() < -MOST_OFF;
     if (!plan.f_even) {
-        plan.interval = plan.is_constant() ? plan.tables.lengths[1] * (1000.0 / mp4.timescale)
-                                           : mean_interval(mp4);
+        if (plan.is_constant()) plan.interval = plan.tables.lengths[1] * (1000.0 / mp4.timescale);
+        if (plan.interval == 0) plan.interval = mean_interval(mp4);
+        plan.told_interval = plan.interval;
         plan.duration = static_cast<uint32_t>(mp4.duration);
         return mp4.duration <= UINT32_MAX;
     }
@@ -222,6 +230,7 @@ bool count_numbers(Plan &plan, const Plans &plans, uint64_t file_size)
     const uint64_t most = plan.f_even
                               ? std::min(MOST_NUMBERS, FEW_NUMBERS + file_size / BYTES_PER_NUMBER)
                               : MOST_TABLE_WORDS;
+    const bool f_counted = !plan.f_even && plan.is_constant();  // not by a table of times
     NumberedWalk walk(plan);
     while (walk.next()) {
         const Sample &sample = walk.sample();
@@ -229,9 +238,10 @@ bool count_numbers(Plan &plan, const Plans &plans, uint64_t file_size)
         if (sample.place + sample.size > file_size) return false;
         if (walk.number() >= most) return false;
         const uint32_t shown = static_cast<uint32_t>(sample.time) + sample.offset;
-        const uint32_t told = plan.told_ms(shown) * TICKS_PER_MS;
+        const uint32_t told = f_counted ? static_cast<uint32_t>(static_cast<uint64_t>(walk.time()))
+                                        : plan.told_ms(shown);
         for (const Plan &other : plans)
-            if (told == other.filler_time * TICKS_PER_MS) return false;
+            if (told * TICKS_PER_MS == other.filler_time * TICKS_PER_MS) return false;
     }
     plan.numbers = walk.number() + 1;
     return walk.is_whole();
@@ -244,7 +254,8 @@ bool set_duration(Plan &plan)
     const uint64_t scale = plan.track->mp4.timescale;
     const double exact = static_cast<double>(plan.numbers) * plan.interval;
     const uint64_t ticks = (static_cast<uint64_t>(exact) * scale + 999) / 1000;
-    const auto told = static_cast<double>(ticks * 1000 / scale);
+    const uint64_t told_ms = ticks * 1000 / scale;
+    const auto told = static_cast<double>(told_ms);
     plan.duration = static_cast<uint32_t>(ticks);
     plan.told_interval = told / static_cast<double>(plan.numbers);
     return ticks <= UINT32_MAX && told > 0 && told - exact < MOST_OFF;

@@ -16,7 +16,7 @@ struct EvenIndex {
     std::vector<uint8_t> head;
     /// Times of fillers as the library tells them to a host, ticks of 90 kHz; no frame of the file has them.
     std::array<uint32_t, 2> filler_times = {};
-    /// Of the video, where it has fillers: the numbers of its key samples, from 0, and how far apart numbers are, ms.
+    /// Of the video: the numbers of its key samples, from 0, and how far apart numbers are, ms.
     std::vector<uint32_t> keys;
     double interval = 0;
 

@@ -79,7 +79,8 @@ bool SampleWalk::next()
     if (m_number > 0) m_sample.time += m_sample.length;
     m_sample.length = *length;
     m_sample.offset = m_offsets.next().value_or(0);
-    m_sample.size = m_tables.size != 0 ? m_tables.size : m_tables.sizes[m_number];
+    m_sample.size =
+        m_tables.size != 0 ? m_tables.size : m_tables.sizes[static_cast<size_t>(m_number)];
     --m_left;
     ++m_number;
     const std::vector<uint32_t> &keys = m_tables.keys;
