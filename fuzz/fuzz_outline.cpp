@@ -70,7 +70,7 @@ void check_index(const EvenIndex &index, const Outline &outline, const Selection
         const Mp4Details &from = outline.tracks[*selection.taken(outline, kind)].mp4;
         const Mp4Details &to = other.tracks[kind == TrackKind::VIDEO ? 0 : 1].mp4;
         require(to.bytes == from.bytes && to.samples >= from.samples, "with all samples");
-        require(to.ticks.value_or(0) <= from.ticks.value_or(0), "and no time beside theirs");
+        require(to.ticks && from.ticks && *to.ticks <= *from.ticks, "and no time beside theirs");
     }
 }
 

@@ -44,4 +44,7 @@ timeout 3600 qemu-system-x86_64 -machine q35,accel=tcg -cpu max -smp 2 -m 768 -n
 }
 debugfs -R 'cat /packages/log' "$work/disk" 2>/dev/null >"$work/log"
 cat "$work/log"
-tail -n 1 "$work/log" | grep -q 'nothing is left$'
+tail -n 1 "$work/log" | grep -q 'nothing is left$' || {
+    tail -n 40 "$work/console" >&2
+    exit 1
+}

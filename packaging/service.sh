@@ -21,6 +21,7 @@ expect_server() {
     local group process program
     serves --retry 30 --retry-delay 1 --retry-all-errors || fail "$1 nothing is served"
     group=$(systemctl show -P ControlGroup golt-serve.service)
+    [ -n "$group" ] && grep -q . "/sys/fs/cgroup$group/cgroup.procs" || fail "$1 the server has no process"
     while read -r process; do
         program=$(readlink "/proc/$process/exe")
         [ "$program" = /usr/bin/golt ] || fail "$1 the server runs $program"

@@ -1,5 +1,7 @@
 #include "golt_stage.h"
 
+#include "heap.h"
+#include "stage_hold.h"
 #include "staged.h"
 
 namespace {
@@ -325,6 +327,32 @@ TEST(Stage, GivesUpWhenTheSinkDoes)
     EXPECT_FALSE(stage.write(packets.data(), packets.size()));
     EXPECT_FALSE(stage.finish());
     EXPECT_EQ(stage.counts().bytes_out, 0u);
+}
+
+TEST(PacketHold, HoldsLessWhereMemoryIsShort)
+{
+    using golt::PacketHold;
+    const struct {
+        int refused;  // requests, each for half as much as the one before
+        size_t most;
+    } rows[] = {{0, PacketHold::MOST_BYTES}, {1, PacketHold::MOST_BYTES / 2}, {6, 0}};
+    for (const auto &row : rows) {
+        const uint8_t packet[188] = {0x47};
+        PacketHold hold;
+        size_t held = 0, shown = 0;
+        {
+            const LibraryCall library;
+            g_heap.granted = 0;
+            g_heap.refused = row.refused;
+            while (hold.add(packet))
+                held += sizeof packet;
+        }
+        g_heap = {};
+        EXPECT_EQ(held, row.most / sizeof packet * sizeof packet);
+        EXPECT_EQ(hold.is_short(), row.refused != 0);
+        hold.release([&](const uint8_t *) { shown += sizeof packet; });
+        EXPECT_EQ(shown, held);
+    }
 }
 
 }  // namespace

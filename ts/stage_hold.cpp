@@ -8,7 +8,7 @@ namespace golt {
 // Where there is less memory, a smaller block holds at least a small picture.
 bool PacketHold::add(const uint8_t *packet)
 {
-    constexpr size_t LEAST_BYTES = 64 * 1024;
+    constexpr size_t LEAST_BYTES = MOST_BYTES / 32;
     for (size_t room = MOST_BYTES; m_packets == nullptr && room >= LEAST_BYTES; room /= 2) {
         m_packets = static_cast<uint8_t *>(std::malloc(room));
         m_room = room;

@@ -7,8 +7,8 @@
 
 namespace golt {
 
-/// They lie in one block, whose pages the system gives as they are filled, and gets back as a whole. Smaller blocks would
-/// leave holes among the frames on a host's heap, which stays larger by them.
+/// They lie in one block, which the C library usually takes from the system and gives back as a whole; its pages count as
+/// they are filled. Smaller ones would leave holes among the frames on a host's heap, which then stays larger by half a MB.
 class PacketHold {
 public:
     static constexpr size_t MOST_BYTES = 2 * 1024 * 1024 / TS_SIZE * TS_SIZE;

@@ -45,7 +45,7 @@ struct Stage::State {
     bool write(const uint8_t *bytes, size_t size);
     [[gnu::noinline]] int take_one(const uint8_t *packet);
     int take_other(const uint8_t *packet, uint32_t head);
-    [[gnu::cold, gnu::noinline]] int take_all(const uint8_t *packets, int size);
+    [[gnu::noinline]] int take_all(const uint8_t *packets, int size);
     bool finish();
     bool flush();
 

@@ -112,7 +112,8 @@ void Output::open_part(const struct stat &input, unsigned mode)
             open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode)));
         if (m_file.is_open()) {
             // Another run may have had it before, and taken it for one that was left.
-            flock(m_file.get(), LOCK_EX);
+            while (flock(m_file.get(), LOCK_EX) != 0 && errno == EINTR) {
+            }
             if (!is_name_of(part, m_file.get())) continue;
             m_part = part;
             return remove_at_second_signal(m_part.c_str());

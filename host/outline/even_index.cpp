@@ -124,6 +124,7 @@ std::optional<EvenIndex> make_even_index(ByteSource &source, const Outline &outl
         if (!count_numbers(plan, plans, outline.size) || !set_duration(plan)) return {};
 
     EvenIndex index;
+    index.start_apart = std::max(plans[VIDEO].start, plans[AUDIO].start);
     BoxWriter boxes(index.head);
     boxes.open("ftyp");
     boxes.u32(outline::box_type("isom"));
@@ -168,6 +169,8 @@ bool take_tracks(const Outline &outline, const Selection &selection, Plans &plan
         // The first picture of a track with offsets is shown that much after it is decoded.
         const Mp4Details &track = plan.track->mp4;
         if (track.end.value_or(UINT64_MAX) > outline.size) return false;
+        // The library puts the parameter sets into its first frame of video, which may be a filler.
+        if (plan.track->config.size() >= Outline::MOST_CONFIG) return false;
         plan.start = static_cast<double>(edited_offset(track, mp4.timescale)) / TICKS_PER_MS +
                      static_cast<int32_t>(track.first_offset) * 1000.0 / track.timescale;
     }
@@ -181,8 +184,7 @@ bool take_tracks(const Outline &outline, const Selection &selection, Plans &plan
 bool is_uneven(const Plans &plans)
 {
     const Plan &video = plans[VIDEO], &audio = plans[AUDIO];
-    return std::max(video.most_off(), audio.most_off()) -
-               std::min(video.least_off(), audio.least_off()) >
+    return std::max(video.most_off() - audio.least_off(), audio.most_off() - video.least_off()) >
            MOST_APART;
 }
 

@@ -19,6 +19,8 @@ struct EvenIndex {
     /// Of the video: the numbers of its key samples, from 0, and how far apart numbers are, ms.
     std::vector<uint32_t> keys;
     double interval = 0;
+    /// By how much one of the tracks begins after the other, ms.
+    double start_apart = 0;
 
     bool is_filler(uint32_t time) const
     {

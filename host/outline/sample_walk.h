@@ -47,7 +47,7 @@ public:
     bool next();
     const Sample &sample() const { return m_sample; }
     uint64_t number() const { return m_number; }  ///< of it, from 1
-    /// After the last sample: each table had one entry for each of them, and no more.
+    /// After the last sample: the tables that lead to bytes had one entry for each of them, and no more.
     bool is_whole() const;
 
 private:

@@ -19,6 +19,7 @@ namespace {
 // tables, the buffer of an output and the first frames.
 constexpr uint64_t READ_AHEAD = 1024 * 1024;
 constexpr size_t SMALLER_THINGS = 256 * 1024;
+constexpr double MOST_START_APART = 250;  // ms
 
 Outline outline_of(Source &source);
 Format choose_format(const InputOptions &options, Source &source, const Outline &outline);
@@ -55,6 +56,10 @@ Input::Input(const InputOptions &options, InputFile file, Order order)
     if (order == Order::BY_TIME) {
         SourceBytes bytes(source());
         m_even_index = make_even_index(bytes, outline(), selection());
+        // A part is named by the times of the library, in which both tracks begin at 0.
+        const bool f_part = m_options.start_ms || m_options.to_ms;
+        if (f_part && m_even_index && m_even_index->start_apart > MOST_START_APART)
+            m_even_index.reset();
     }
     if (m_even_index) m_even_source.emplace(source(), *m_even_index);
     m_demuxer = open_demuxer(m_library, format(),

@@ -67,6 +67,8 @@ public:
     {
     }
     Input(const InputOptions &options, InputFile file, Order order = Order::OF_LIBRARY);
+    Input(const Input &) = delete;
+    Input &operator=(const Input &) = delete;
 
     const InputOptions &options() const { return m_options; }
     const InputFile &file() const { return m_file; }
