@@ -1,6 +1,7 @@
 #include "ts_framing.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "ts_packet.h"
 
@@ -9,7 +10,7 @@ namespace {
 constexpr struct {
     size_t size, sync_at;
 } SORTS[] = {{192, 4}, {188, 0}, {204, 0}};
-constexpr size_t LARGEST = 204;
+constexpr size_t LARGEST = 204, LARGEST_SYNC_AT = 4;
 constexpr size_t SEEN_FIRST = 5;  // packets that have to follow one another at the start of a file
 constexpr size_t SEEN_NEXT = 3;   // and after a gap
 constexpr size_t PIECE = 65536;   // taken at once
@@ -46,7 +47,8 @@ void TsFraming::work(bool f_end)
 
 bool TsFraming::find_first(bool f_end)
 {
-    for (; f_end ? left() > 0 : left() >= (SEEN_FIRST + 1) * LARGEST; skip(1)) {
+    const size_t least = f_end ? 1 : (SEEN_FIRST + 1) * LARGEST;
+    for (; skip_to_sync(LARGEST_SYNC_AT) >= least; skip(1)) {
         for (const auto &sort : SORTS) {
             size_t seen = 0;
             for (size_t at = m_at + sort.sync_at; at < m_held.size() && seen < SEEN_FIRST;
@@ -95,7 +97,8 @@ bool TsFraming::take_one(bool f_end)
 
 bool TsFraming::find_next(bool f_end)
 {
-    for (; f_end ? left() >= m_size : left() >= (SEEN_NEXT + 1) * m_size; skip(1)) {
+    const size_t least = f_end ? m_size : (SEEN_NEXT + 1) * m_size;
+    for (; skip_to_sync(m_sync_at) >= least; skip(1)) {
         if (is_sync(m_at) && goes_on(m_at + m_size, f_end) && goes_on(m_at + 2 * m_size, f_end)) {
             m_f_searching = false;
             return true;
@@ -113,6 +116,17 @@ bool TsFraming::is_sync(size_t at) const
 bool TsFraming::goes_on(size_t at, bool f_end) const
 {
     return is_sync(at) || (f_end && at + m_sync_at >= m_held.size());
+}
+
+// Passes over bytes where no packet can begin that has its sync byte at sync_at or before it. How many are left.
+size_t TsFraming::skip_to_sync(size_t sync_at)
+{
+    if (left() == 0) return 0;
+    const uint8_t *const from = m_held.data() + m_at;
+    const auto *const found = static_cast<const uint8_t *>(memchr(from, TS_SYNC_BYTE, left()));
+    const size_t sync = found != nullptr ? static_cast<size_t>(found - from) : left();
+    if (sync > sync_at) skip(sync - sync_at);
+    return left();
 }
 
 void TsFraming::skip(size_t size)

@@ -44,6 +44,7 @@ private:
     size_t left() const { return m_held.size() - m_at; }
     bool is_sync(size_t at) const;
     bool goes_on(size_t at, bool f_end) const;
+    size_t skip_to_sync(size_t sync_at);
     void skip(size_t size);
     void report_lost();
 
