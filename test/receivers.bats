@@ -168,6 +168,12 @@ merged() { mkvmerge -q -o a.mkv "$@"; }
             fakesink name=video silent=false sync=false d. ! audio/x-raw ! fakesink sync=false >gstreamer
         [ "$(grep -c "chain .*(video:sink)" gstreamer)" = "$(wc -l <v.source)" ]
     done
+    # What --start and --to name counts from each track's begin, as in the library's order.
+    $ffmpeg $pictures $sound $h264 even.mp4
+    $ffmpeg -i even.mp4 -itsoffset 10 -i even.mp4 -map 1:v -map 0:a -c copy late.mp4
+    run -3 $GOLT remux -q --force --start 15 --to 20 late.mp4 out.ts
+    [ "$(times out.ts v | wc -l)" -gt 100 ]
+    [ "$(times out.ts a | wc -l)" -gt 200 ]
     # An index that may go on in fragments stays as it is.
     perl -pi -e 's/udta/mvex/' fast.mp4
     run -3 $GOLT remux --force fast.mp4 out.ts
