@@ -39,7 +39,7 @@ public:
     explicit TableWriter(uint64_t samples) { m_sizes.reserve(static_cast<size_t>(samples)); }
     void add(const Sample &sample);
     uint64_t samples() const { return m_sizes.size(); }
-    size_t words() const;  ///< numbers in all tables
+    size_t words() const;                                         ///< numbers in all tables
     const std::vector<uint32_t> &keys() const { return m_keys; }  ///< from 1
     /// f_offsets, f_keys: whether "ctts" and "stss" are written. Returns where the offsets of chunks are in the output.
     TablePlace write(BoxWriter &boxes, bool f_offsets, bool f_keys);
