@@ -234,7 +234,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *pb_data, size_t size)
 {
     Input input(pb_data, size);
     if (input.faults == 0) {
-        const std::vector<seen_t> alone = run_demuxer(GOLT::g_dmx_handlers[input.format], input);
+        const std::vector<seen_t> alone = plain_frames(GOLT::g_dmx_handlers[input.format], input);
         begin_input();
         Input steady = input;
         steady.told_size = 0;

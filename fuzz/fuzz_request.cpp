@@ -199,26 +199,19 @@ struct Skeleton {
 private:
     size_t take_tag(const std::string &page, size_t at)
     {
-        std::string value;
-        char quote = 0;
-        for (; at < page.size(); ++at) {
-            const char letter = page[at];
-            if (quote != 0 && letter == quote) {
-                quote = 0;
-                if (shape.size() > 5 && shape.compare(shape.size() - 5, 5, "href=") == 0)
-                    addresses.push_back(value);
-            } else if (quote != 0) {
-                value += letter;
-            } else if (letter == '"' || letter == '\'') {
-                quote = letter;
-                value.clear();
-            } else {
-                shape += letter;
-                if (letter == '>') return at + 1;
-            }
+        while (true) {
+            const size_t mark = page.find_first_of("\"'>", at);
+            require(mark != std::string::npos, "a tag ends");
+            const bool f_end = page[mark] == '>';
+            shape.append(page, at, mark + f_end - at);
+            at = mark + 1;
+            if (f_end) return at;
+            const size_t end = page.find(page[mark], at);
+            require(end != std::string::npos, "a value ends");
+            if (shape.size() > 5 && shape.compare(shape.size() - 5, 5, "href=") == 0)
+                addresses.push_back(page.substr(at, end - at));
+            at = end + 1;
         }
-        require(false, "a tag ends");
-        return at;
     }
 };
 
@@ -252,11 +245,42 @@ void check_links(const Skeleton &page, const std::vector<FolderEntry> &entries)
     require(found == entries.size(), "a link for each file");
 }
 
+void check_listing(const std::vector<std::string> &names, const std::vector<FolderEntry> &entries,
+                   const std::string &title)
+{
+    std::vector<FolderEntry> plain = entries;
+    for (FolderEntry &entry : plain)
+        entry.name = "a";
+    const std::vector<std::string> harmless(names.size(), "a");
+    const Skeleton page(listing_page(title, names, entries, title));
+    require(page.shape == Skeleton(listing_page("a", harmless, plain, "a")).shape,
+            "names don't change a page");
+    // Names with a slash at their end only look like folders.
+    check_links(page, entries);
+}
+
+void check_film(const std::vector<std::string> &names, const std::string &title, size_t count,
+                bool f_script)
+{
+    const PageParts parts = {f_script ? "script" : ""};
+    const std::vector<std::string> harmless(names.size(), "a");
+    require(Skeleton(film_page(parts, names)).shape == Skeleton(film_page(parts, harmless)).shape,
+            "names don't change the page of a film");
+
+    Film film;
+    film.refusal = title;
+    film.kinds = names.empty() ? "" : names[0];
+    film.duration = static_cast<int64_t>(count);
+    const Json json = Json::parse(details_json(film, count));
+    static const size_t members = Json::parse(details_json({}, 0)).size();
+    require(json.at("refusal").is_string() && json.size() == members, "nor a document");
+}
+
 void check_pages(Numbers &numbers)
 {
     const auto kind = static_cast<uint32_t>(numbers.take(1));
-    std::vector<std::string> names, harmless;
-    std::vector<FolderEntry> entries, plain;
+    std::vector<std::string> names;
+    std::vector<FolderEntry> entries;
     while (numbers.left > 0) {
         std::string name = line_of(numbers);
         // As files can be called. Those that begin with a dot aren't listed.
@@ -267,31 +291,16 @@ void check_pages(Numbers &numbers)
         check_text(name);
         if (names.size() < (kind & 3)) {
             names.push_back(name);
-            harmless.emplace_back("a");
             continue;
         }
-        const bool f_folder = (name.size() & 1) != 0;
-        entries.push_back({name, f_folder, name.size() * 12345, 0});
-        plain.push_back({"a", f_folder, name.size() * 12345, 0});
+        entries.push_back({name, (name.size() & 1) != 0, name.size() * 12345, 0});
     }
     const std::string title = names.empty() ? "Films" : names.back();
-    const Skeleton page(listing_page(title, names, entries, title));
-    const Skeleton other(listing_page("a", harmless, plain, "a"));
-    require(page.shape == other.shape, "names don't change a page");
-    // Names with a slash at their end only look like folders.
-    check_links(page, entries);
-    const PageParts parts = {(kind & 4) != 0 ? "script" : ""};
-    require(Skeleton(film_page(parts, names)).shape == Skeleton(film_page(parts, harmless)).shape,
-            "nor that of a film");
-
-    Film film;
-    film.refusal = title;
-    film.kinds = names.empty() ? "" : names[0];
-    film.duration = static_cast<int64_t>(entries.size());
-    const Json json = Json::parse(details_json(film, entries.size()));
-    require(json.at("refusal").is_string() &&
-                json.size() == Json::parse(details_json({}, 0)).size(),
-            "nor a document");
+    // A page takes the time of many addresses.
+    if ((kind & 8) == 0)
+        check_listing(names, entries, title);
+    else
+        check_film(names, title, entries.size(), (kind & 4) != 0);
 }
 
 }  // namespace

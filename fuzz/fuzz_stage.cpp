@@ -44,18 +44,18 @@ struct Output {
 // A frame of a few kinds that the stage looks into, at a time that goes on from the one before, or anywhere.
 void write_frame(Numbers &numbers, uint32_t kind, uint64_t &time_ms)
 {
-    static const char *const fronts[] = {
-        "0000000167 4D001FE900A00B761080 0000000168CE3880 0000000165",
-        "0000000141",
-        "0000000906 0000000165",
-        "0000010605 0101 80 00000165",
-        "FFFB9000",
-        "0B77000014 40",
-        "0B77001F0480",
-        "000001B3 000001B5 14000001 00000100"};
+    static const Bytes fronts[] = {
+        hex("0000000167 4D001FE900A00B761080 0000000168CE3880 0000000165"),
+        hex("0000000141"),
+        hex("0000000906 0000000165"),
+        hex("0000010605 0101 80 00000165"),
+        hex("FFFB9000"),
+        hex("0B77000014 40"),
+        hex("0B77001F0480"),
+        hex("000001B3 000001B5 14000001 00000100")};
     if ((kind & 0x40) != 0) time_ms = numbers.take(4);
     time_ms += numbers.take(1) - 40;
-    Bytes bytes = hex(fronts[kind >> 3 & 7]) + numbers.take_bytes(numbers.take(1));
+    Bytes bytes = fronts[kind >> 3 & 7] + numbers.take_bytes(numbers.take(1));
     if ((kind & 4) != 0)
         bytes.resize(bytes.size() + static_cast<size_t>(numbers.take(3) % 100000), 0x55);
     GOLT_frame_t t_frame = {time_ms & 0xFFFFFFFFFF, (kind & 2) != 0 ? GOLT_FT_AUDIO : GOLT_FT_VIDEO,

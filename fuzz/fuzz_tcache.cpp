@@ -17,6 +17,8 @@ constexpr int OPS_MOST = 100;
 // A fill sleeps 5000 times at most. What it brings is handed out, and what is still missing is waited
 // for anew: a host that trickles can keep a read waiting for as long as bytes come.
 constexpr unsigned CALLS_OF_A_FILL = 5001;
+// Reads that may have a fault: several such waits. After that a host gives what there is, or a run could take millions.
+constexpr unsigned FAULTS_MOST = 4 * CALLS_OF_A_FILL;
 constexpr unsigned BLOCK = cachebuf_t::BLOCK_SIZE;
 
 // The file's bytes come again after a prime number of them, which no mistake among blocks is a multiple of. Most of a
@@ -86,6 +88,7 @@ struct ScriptedHost : public Source {
     uint8_t faults = 0;
     int64_t end = 0;
     unsigned calls = 0;
+    unsigned faults_left = FAULTS_MOST;
     bool f_honest = true;  // it is where it was sent
 
     int read(uint8_t *buffer, int room) override
@@ -108,6 +111,8 @@ struct ScriptedHost : public Source {
 protected:
     int answer(int room) override
     {
+        if (faults_left == 0) return room;
+        --faults_left;
         const uint8_t ui1_what = bytes.next();
         const bool f_fault = ui1_what < 64;
         if (f_fault && (faults & FAULT_ZERO) != 0) return 0;

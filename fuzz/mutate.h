@@ -25,6 +25,8 @@ struct Format {
     Bytes (*put_together)(const Elements &elements);
     /// Makes offsets inside of the file right again, as far as they were.
     void (*mend)(Elements &elements, const Bytes &before, Random &random);
+    /// Makes less of what would take the time of very many other files.
+    void (*limit)(Elements &elements);
 };
 
 extern const Format MP4_FORMAT;

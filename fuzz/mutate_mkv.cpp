@@ -166,4 +166,4 @@ void mend(Elements &elements, const Bytes &, Random &random)
 
 }  // namespace
 
-const Format MKV_FORMAT = {take_apart, put_together, mend};
+const Format MKV_FORMAT = {take_apart, put_together, mend, [](Elements &) {}};

@@ -298,17 +298,20 @@ private:
 
 }  // namespace
 
-std::vector<seen_t> run_demuxer(const GOLT_DMX_handler_t &t_module, const Input &t_input)
+std::vector<seen_t> plain_frames(const GOLT_DMX_handler_t &t_module, const Input &t_input)
 {
     begin_input();
     std::vector<seen_t> plain;
-    {
-        ModuleRun run(t_module, t_input, false);
-        run.read(FRAMES_LOOKED_AT, plain);
-        const auto format = static_cast<unsigned>(&t_module - GOLT::g_dmx_handlers);
-        require(plain.size() <= frames_limit(format, t_input.file.size()), "few frames");
-    }
+    ModuleRun run(t_module, t_input, false);
+    run.read(FRAMES_LOOKED_AT, plain);
+    const auto format = static_cast<unsigned>(&t_module - GOLT::g_dmx_handlers);
+    require(plain.size() <= frames_limit(format, t_input.file.size()), "few frames");
+    return plain;
+}
 
+void run_demuxer(const GOLT_DMX_handler_t &t_module, const Input &t_input)
+{
+    plain_frames(t_module, t_input);
     begin_input();
     std::vector<seen_t> seen;
     if ((t_input.faults & FAULT_MEMORY) != 0) {
@@ -321,5 +324,4 @@ std::vector<seen_t> run_demuxer(const GOLT_DMX_handler_t &t_module, const Input 
     // A false may be a fault of the host or a damaged place, and more may come.
     for (int ends = 0; ends < 4 && seen.size() < FRAMES_LOOKED_AT;)
         ends += run.read(FRAMES_LOOKED_AT, seen) ? 0 : 1;
-    return plain;
 }

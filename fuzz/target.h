@@ -88,8 +88,10 @@ struct seen_t {
 /// Looks at every byte of a frame that a demuxer has delivered.
 seen_t look_at(const GOLT_frame_t &t_frame);
 
-/// Runs one demuxer over an input, without cache and driver. The frames of the undisturbed run.
-std::vector<seen_t> run_demuxer(const GOLT_DMX_handler_t &t_module, const Input &t_input);
+/// The frames of an input as one demuxer delivers them, without cache and driver, undisturbed.
+std::vector<seen_t> plain_frames(const GOLT_DMX_handler_t &t_module, const Input &t_input);
+/// The same, and then a run in which happens what the recipe says.
+void run_demuxer(const GOLT_DMX_handler_t &t_module, const Input &t_input);
 
 /// Frames that a file can have, by its size in bytes.
 uint64_t frames_limit(unsigned format, uint64_t ui8_size);
