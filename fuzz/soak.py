@@ -42,6 +42,7 @@ HEAD = ("| Target | Executions | With sanitizers | A second, fast and with sanit
         "| Slowest call | Largest heap |")
 ROUND, ROUNDS_LEAST = 3600, 2  # seconds, at most; and so many rounds at least
 CANT_RUN = 1                   # libFuzzer's status for arguments and folders that are wrong
+LONGEST = 600                  # seconds of an input, by the clock; calls are held to less by watch.cpp
 FAST, LONG = 0.7, 0.1          # of a turn; the sanitizers have the rest
 # New inputs are found by the thousand at first, and no disk is needed for them.
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
@@ -65,20 +66,22 @@ def stop(*_):
 
 
 class State:
-    """What all runs have seen, by target. Sums, but for maxima and the edges, which are those of the last run."""
+    """What all runs have seen, by target. Sums and maxima; edges count anew when the code has other ones."""
 
     def __init__(self):
         self.lock = threading.Lock()
         self.all = json.loads(STATE.read_text()) if STATE.exists() else {}
 
-    def add(self, target, sums=(), most=(), last=()):
+    def add(self, target, sums=(), most=(), edges=0, edges_of=0):
         with self.lock:
             row = self.all.setdefault(target, {})
             for key, value in dict(sums).items():
                 row[key] = row.get(key, 0) + value
             for key, value in dict(most).items():
                 row[key] = max(row.get(key, 0), value)
-            row.update(last)
+            if edges_of != 0:
+                before = row.get("edges", 0) if row.get("edges_of") == edges_of else 0
+                row.update(edges=max(edges, before), edges_of=edges_of)
             written = STATE.with_suffix(".new")
             written.write_text(json.dumps(self.all, indent=2, sort_keys=True) + "\n")
             written.replace(STATE)
@@ -87,7 +90,8 @@ class State:
 def command(build, target, *arguments):
     dictionary = TOP / f"fuzz/{target}.dict"
     return [str(TOP / "build" / build / "bin" / f"fuzz_{target}"), "-close_fd_mask=1", "-detect_leaks=0",
-            "-timeout=60", "-rss_limit_mb=1024", "-malloc_limit_mb=64", "-print_final_stats=1", "-print_funcs=0",
+            f"-timeout={LONGEST}", f"-report_slow_units={LONGEST}", "-rss_limit_mb=1024", "-malloc_limit_mb=64",
+            "-print_final_stats=1", "-print_funcs=0",
             *([f"-dict={dictionary}"] if dictionary.exists() else []), *map(str, arguments)]
 
 
@@ -140,7 +144,7 @@ def part(state, build, target, seconds, arguments):
     state.add(target, {f"{kind}_executions": seen["executions"], f"{kind}_seconds": processor,
                        "findings": int(status != 0)},
               {"slowest_ms": seen["call"], "heap_kib": seen["heap"]},
-              {"edges": seen["edges"], "edges_of": seen["of"]} if kind == "sanitized" and status == 0 else {})
+              **({"edges": seen["edges"], "edges_of": seen["of"]} if kind == "sanitized" and status == 0 else {}))
     print(f"{target:12} {kind:9} {seen['executions']:11,} executions {processor:7.0f} s  "
           f"{seen['edges']} edges{'  FOUND SOMETHING' if status else ''}", flush=True)
     if status:
