@@ -124,14 +124,6 @@ void change(Elements &top, Random &random)
     }
 }
 
-// The file that the elements make up, mostly with its offsets right, and nearly always one that is quickly read.
-Bytes finished(const Format &format, Elements &elements, const Bytes &before, Random &random)
-{
-    if (!one_in(random, 16)) format.limit(elements);
-    if (!one_in(random, 4)) format.mend(elements, before, random);
-    return format.put_together(elements);
-}
-
 size_t put_out(const Bytes &recipe, const Bytes &file, uint8_t *pb_out, size_t max_size)
 {
     Bytes out = recipe;
@@ -142,24 +134,34 @@ size_t put_out(const Bytes &recipe, const Bytes &file, uint8_t *pb_out, size_t m
     return size;
 }
 
+// Nearly always the file is one that is quickly read.
+void limit(const Format &format, Elements &elements, Random &random)
+{
+    if (!one_in(random, 16)) format.limit(elements);
+}
+
 }  // namespace
 
 size_t mutate_input(const Format &format, uint8_t *pb_data, size_t size, size_t max_size,
                     unsigned seed)
 {
     Random random(seed + 1);
-    if (size < RECIPE_SIZE || one_in(random, 8)) return LLVMFuzzerMutate(pb_data, size, max_size);
+    const bool f_bytes = size < RECIPE_SIZE || one_in(random, 8);
+    if (f_bytes) size = LLVMFuzzerMutate(pb_data, size, max_size);
+    if (size < RECIPE_SIZE) return size;
     Bytes recipe(pb_data, pb_data + RECIPE_SIZE);
     const Bytes before(pb_data + RECIPE_SIZE, pb_data + size);
-    if (one_in(random, 6)) {
-        LLVMFuzzerMutate(recipe.data(), recipe.size(), recipe.size());
-        return put_out(recipe, before, pb_data, max_size);
-    }
     Elements elements = format.take_apart(before);
-    do {
-        change(elements, random);
-    } while (one_in(random, 2));
-    return put_out(recipe, finished(format, elements, before, random), pb_data, max_size);
+    const bool f_recipe = !f_bytes && one_in(random, 6), f_elements = !f_bytes && !f_recipe;
+    if (f_recipe) LLVMFuzzerMutate(recipe.data(), recipe.size(), recipe.size());
+    if (f_elements) {
+        do {
+            change(elements, random);
+        } while (one_in(random, 2));
+    }
+    limit(format, elements, random);
+    if (f_elements && !one_in(random, 4)) format.mend(elements, before, random);
+    return put_out(recipe, format.put_together(elements), pb_data, max_size);
 }
 
 size_t cross_inputs(const Format &format, const Bytes &first, const Bytes &second, uint8_t *pb_out,
@@ -178,6 +180,8 @@ size_t cross_inputs(const Format &format, const Bytes &first, const Bytes &secon
         target.element() = moved;
     else
         target.list->insert(target.at(), moved);
+    limit(format, into, random);
+    if (!one_in(random, 4)) format.mend(into, before, random);
     const Bytes recipe(first.begin(), first.begin() + head);
-    return put_out(recipe, finished(format, into, before, random), pb_out, max_size);
+    return put_out(recipe, format.put_together(into), pb_out, max_size);
 }

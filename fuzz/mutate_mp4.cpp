@@ -12,7 +12,7 @@ namespace {
 constexpr size_t HEADER_SIZE = 8;
 constexpr size_t ENTRIES = 8;  // of a table, after version and count
 constexpr int DEPTH_MOST = 12;
-const Bytes MDAT = text("mdat"), STCO = text("stco"), STSC = text("stsc");
+const Bytes MDAT = text("mdat"), STCO = text("stco"), STSC = text("stsc"), STSZ = text("stsz");
 
 // Boxes with children, and the bytes before these.
 size_t const *fields_in_front(const Bytes &id)
@@ -139,11 +139,21 @@ void move_offsets(Elements &boxes, uint32_t distance)
 
 constexpr size_t RUN = 12;  // an entry of "stsc": first chunk, samples in each, description
 
-// Samples that there are by "stsc", modulo 2^32.
-uint32_t samples_of(const Bytes &runs, const Bytes &chunks)
+// Chunks of the smallest "stco". Which table belongs to which track, boxes that overhang leave to the reader.
+uint32_t fewest_chunks(const Elements &boxes)
 {
-    const auto most = static_cast<uint32_t>((std::max(chunks.size(), ENTRIES) - ENTRIES) / 4);
-    uint32_t next = std::min(number_at(chunks, 4), most) + 1, count = 0;
+    uint32_t fewest = UINT32_MAX;
+    for (const Element &box : boxes) {
+        fewest = std::min(fewest, fewest_chunks(box.children));
+        if (box.id == STCO) fewest = std::min(fewest, number_at(box.fields, 4));
+    }
+    return fewest;
+}
+
+// Samples that there are by "stsc", modulo 2^32.
+uint32_t samples_of(const Bytes &runs, uint32_t chunks)
+{
+    uint32_t next = chunks + 1, count = 0;
     for (size_t left = (std::max(runs.size(), ENTRIES) - ENTRIES) / RUN; left > 0; --left) {
         const size_t at = ENTRIES + (left - 1) * RUN;
         const uint32_t first = number_at(runs, at);
@@ -154,21 +164,35 @@ uint32_t samples_of(const Bytes &runs, const Bytes &chunks)
 }
 
 // Samples of one size take no bytes of a file, but two million of them the time of a thousand other inputs. Where there
-// are so many, one small run of each chunk is left.
-void limit_samples(Elements &boxes)
+// are many, one small run of each chunk is left.
+void limit_runs(Bytes &runs, uint32_t chunks)
 {
-    constexpr uint32_t SAMPLES_MOST = 0x10000;
-    const Element *chunks = nullptr;
+    constexpr uint32_t SAMPLES_MOST = 0x1000;
+    if (samples_of(runs, chunks) <= SAMPLES_MOST) return;
+    const uint32_t samples = number_at(runs, ENTRIES + 4) % 0x100;
+    runs = be32(0) + be32(1) + be32(1) + be32(samples) + be32(1);
+}
+
+// Nor do those that the file ends before, and which the library fills up to 16 MiB.
+void limit_sizes(Bytes &sizes)
+{
+    constexpr size_t ONE_SIZE = 4, COUNT = 8;
+    for (size_t at = ONE_SIZE; at + 4 <= sizes.size(); at += 4)
+        if (at != COUNT) sizes[at] = sizes[at + 1] = 0;
+}
+
+void limit_tables(Elements &boxes, uint32_t chunks)
+{
     for (Element &box : boxes) {
-        limit_samples(box.children);
-        if (box.id == STCO) chunks = &box;
+        limit_tables(box.children, chunks);
+        if (box.id == STSC) limit_runs(box.fields, chunks);
+        if (box.id == STSZ) limit_sizes(box.fields);
     }
-    for (Element &box : boxes) {
-        if (box.id != STSC || chunks == nullptr) continue;
-        if (samples_of(box.fields, chunks->fields) <= SAMPLES_MOST) continue;
-        const uint32_t samples = number_at(box.fields, ENTRIES + 4) % 0x100;
-        box.fields = be32(0) + be32(1) + be32(1) + be32(samples) + be32(1);
-    }
+}
+
+void limit(Elements &boxes)
+{
+    limit_tables(boxes, fewest_chunks(boxes));
 }
 
 // The media move as the boxes before them grow and shrink.
@@ -181,4 +205,4 @@ void mend(Elements &boxes, const Bytes &before, Random &)
 
 }  // namespace
 
-const Format MP4_FORMAT = {take_apart, put_together, mend, limit_samples};
+const Format MP4_FORMAT = {take_apart, put_together, mend, limit};
