@@ -259,7 +259,8 @@ void check_listing(const std::vector<std::string> &names, const std::vector<Fold
     check_links(page, entries);
 }
 
-void check_film(const std::vector<std::string> &names, const std::string &title, bool f_script)
+void check_film(const std::vector<std::string> &names, const std::string &title, size_t count,
+                bool f_script)
 {
     const PageParts parts = {f_script ? "script" : ""};
     const std::vector<std::string> harmless(names.size(), "a");
@@ -269,7 +270,8 @@ void check_film(const std::vector<std::string> &names, const std::string &title,
     Film film;
     film.refusal = title;
     film.kinds = names.empty() ? "" : names[0];
-    const Json json = Json::parse(details_json(film, names.size()));
+    film.duration = static_cast<int64_t>(count);
+    const Json json = Json::parse(details_json(film, count));
     static const size_t members = Json::parse(details_json({}, 0)).size();
     require(json.at("refusal").is_string() && json.size() == members, "nor a document");
 }
@@ -298,7 +300,7 @@ void check_pages(Numbers &numbers)
     if ((kind & 8) == 0)
         check_listing(names, entries, title);
     else
-        check_film(names, title, (kind & 4) != 0);
+        check_film(names, title, entries.size(), (kind & 4) != 0);
 }
 
 }  // namespace
