@@ -166,13 +166,12 @@ bool take_tracks(const Outline &outline, const Selection &selection, Plans &plan
         if (!index) return false;
         Plan &plan = plans[kind == TrackKind::VIDEO ? VIDEO : AUDIO];
         plan.track = &outline.tracks[*index];
-        // The first picture of a track with offsets is shown that much after it is decoded.
+        // When its first sample is decoded: a picture may be shown later, as its edit list then takes into account.
         const Mp4Details &track = plan.track->mp4;
         if (track.end.value_or(UINT64_MAX) > outline.size) return false;
         // The library puts the parameter sets into its first frame of video, which may be a filler.
         if (plan.track->config.size() >= Outline::MOST_CONFIG) return false;
-        plan.start = static_cast<double>(edited_offset(track, mp4.timescale)) / TICKS_PER_MS +
-                     static_cast<int32_t>(track.first_offset) * 1000.0 / track.timescale;
+        plan.start = static_cast<double>(edited_offset(track, mp4.timescale)) / TICKS_PER_MS;
     }
     const double first = std::min(plans[VIDEO].start, plans[AUDIO].start);
     for (Plan &plan : plans)

@@ -56,11 +56,7 @@ void read_sample_tables(Stretch body, Track &track)
             tables.durations = box->body;
             track.mp4.stts = place_of(box->body);
             break;
-        case box_type("ctts"):
-            track.mp4.ctts = place_of(box->body);
-            box->body.skip(12);  // version and flags, number of runs, length of the first one
-            track.mp4.first_offset = box->body.u32();
-            break;
+        case box_type("ctts"): track.mp4.ctts = place_of(box->body); break;
         case box_type("stsc"):
             tables.chunks = box->body;
             track.mp4.stsc = place_of(box->body);

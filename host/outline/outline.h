@@ -52,7 +52,6 @@ struct Mp4Details {
     TablePlace stts, ctts, stss, stsz;  ///< durations, offsets of presentation, sync samples, sizes
     TablePlace stsc, stco;              ///< samples of chunks; offsets of chunks, of 32 bits
     TablePlace tkhd, mdhd, hdlr, stsd;  ///< headers and sample descriptions
-    uint32_t first_offset = 0;          ///< of presentation, by "ctts": of the first sample
     uint32_t last_length = 0;           ///< ticks, by "stts": of the last sample
     /// What the library takes for a sample's time, its number times the mean interval, less the time by "stts": the
     /// least and the most of all samples, ms.
