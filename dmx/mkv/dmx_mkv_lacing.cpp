@@ -10,8 +10,8 @@ using namespace mkv;
 namespace {
 
 // The sizes are read to their end also where they can't be right: the payload follows them, and a video
-// block takes it whole. Only those that run past the block, after which there is none, may end early: BlockLen is counted
-// from here, a few bytes too late, so that all of a block's own are read.
+// block takes it whole. Only those that run past the block, after which there is none, may end early:
+// BlockLen is counted from here, a few bytes too late, so that all of a block's own are read.
 
 // Xiph: each size is the sum of bytes up to and including the first one that isn't 255.
 void read_xiph_sizes(uint32_t BlockLen, lacing_t &t_lacing)

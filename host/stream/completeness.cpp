@@ -42,6 +42,7 @@ int64_t last_end_ms(const Delivery &delivery, TrackKind kind, const StreamTally 
     if (!index) return 0;
     const Mp4Details &mp4 = delivery.outline.tracks[*index].mp4;
     if (mp4.timescale == 0 || tally.frames == 0) return 0;
+    if (delivery.start_ms == 0 && tally.frames < mp4.samples) return 0;
     return tally.reached / TICKS_PER_MS + int64_t{mp4.last_length} * 1000 / mp4.timescale;
 }
 
