@@ -85,10 +85,10 @@ public:
     AudioBefore(const AudioBefore &) = delete;
     AudioBefore &operator=(const AudioBefore &) = delete;
 
-    /// As it is served; ask for times in rising order, ticks of 90 kHz since the film's begin.
+    /// As it is served; ask for times in rising order, ticks of 90 kHz since the film's begin. Before that there is none.
     uint64_t bytes_at(int64_t time)
     {
-        if (m_audio == nullptr || m_end <= 0) return 0;
+        if (m_audio == nullptr || m_end <= 0 || time <= 0) return 0;
         const Mp4Details &mp4 = m_audio->mp4;
         if (!m_walk) {
             const double part = static_cast<double>(time) / static_cast<double>(m_end);
