@@ -1,7 +1,7 @@
 // MP4: by the sample tables. The library goes to key samples by itself.
 
 #include <algorithm>
-#include <deque>
+#include <array>
 
 #include "io/message.h"
 #include "sample_tables.h"
@@ -23,21 +23,31 @@ public:
     void add(const KeySample &key)
     {
         to(key);  // those that are too early for it and all later ones go
-        m_keys.push_back(key);
+        at(m_end++) = {key.sample, key.number};
     }
     /// The library's number of the last one that is early enough; 0: the begin.
     uint64_t to(const KeySample &key)
     {
-        const auto is_early = [&](const KeySample &one) {
+        const auto is_early = [&](const Key &one) {
             return one.sample + PICTURES_BEFORE <= key.sample;
         };
-        while (m_keys.size() > 1 && is_early(m_keys[1]))
-            m_keys.pop_front();
-        return m_keys.empty() || !is_early(m_keys.front()) ? 0 : m_keys.front().number;
+        while (m_end - m_begin > 1 && is_early(at(m_begin + 1)))
+            ++m_begin;
+        return m_begin == m_end || !is_early(at(m_begin)) ? 0 : at(m_begin).number;
     }
 
 private:
-    std::deque<KeySample> m_keys;
+    struct Key {
+        uint64_t sample = 0, number = 0;
+    };
+    // One that is early enough, those that aren't, and a new one.
+    static constexpr size_t MOST_KEYS = 64;
+    static_assert(MOST_KEYS >= 1 + PICTURES_BEFORE + 1, "they go round");
+
+    Key &at(size_t number) { return m_keys[number % MOST_KEYS]; }
+
+    std::array<Key, MOST_KEYS> m_keys;
+    size_t m_begin = 0, m_end = 0;  // all that ever came are counted
 };
 
 int64_t ticks_of(double seconds)
