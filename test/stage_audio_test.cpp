@@ -13,6 +13,10 @@ TEST(Stage, TimesAudioByItsFrames)
     const Bytes ac3 = hex("0B77000014 40") + Bytes(122, 0x55);    // 1536 of 48000 Hz, 128 bytes
     const Bytes eac3 = hex("0B7700 1F 04 80") + Bytes(58, 0x55);  // one block of 48000 Hz, 64 bytes
     const Bytes dependent = hex("0B7740 1F 34 80") + Bytes(58, 0x55);  // goes with it
+    // So small that some begin at the end of a packet.
+    Bytes smallest;
+    while (smallest.size() < 480)
+        smallest += hex("0B7700 03 04 80 5555");
     const struct {
         const char *name;
         GOLT_codecs_t codec;
@@ -24,6 +28,7 @@ TEST(Stage, TimesAudioByItsFrames)
         {"mp3, two in one", GOLT_ACODEC_MP3, mp3 + mp3, 2304, 44100},
         {"ac3", GOLT_ACODEC_AC3, ac3, 1536, 48000},
         {"eac3", GOLT_ACODEC_EAC3, eac3 + dependent + eac3, 512, 48000},
+        {"eac3, sixty in one", GOLT_ACODEC_EAC3, smallest, 60 * 256, 48000},
     };
     constexpr uint64_t COUNT = 5000;
     for (const auto &row : rows) {
