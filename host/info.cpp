@@ -114,10 +114,8 @@ ExitStatus info_of(const InfoOptions &options, const InputOptions &input_options
         Json json = info_json(subject);
         if (options.f_scan) json["scan"] = scan_json(scan);
         printer.print(json_text(json, are_several(options) ? -1 : 2));
-    } else if (are_several(options)) {
-        printer.print(summary_text(subject));
     } else {
-        printer.print(info_text(subject));
+        printer.print(are_several(options) ? summary_text(subject) : info_text(subject));
         if (options.f_scan) printer.print(scan_text(scan));
     }
     printer.flush();

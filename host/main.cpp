@@ -295,9 +295,9 @@ void add_serve(CLI::App &app, Commands &commands)
     add_value(*command, "--port", "PORT", parse_port, options.port,
               "The port; 0 is any that is free (default: 8080)");
     add_value(*command, "--cache", "SIZE", parse_size, options.cache_size,
-              "Memory for segments that were made (1M or more; default: 32M)");
+              "Memory for segments that were made (1M to 1024G; default: 32M)");
     add_value(*command, "--workers", "N", parse_count, options.workers,
-              "Processes of each kind (default: as many as processors)");
+              "Processes that talk to clients, 64 at most (default: as many as processors)");
     add_value(*command, "--connections", "N", parse_count, options.connections,
               "Connections at a time (at most 65536; default: 1024)");
     add_value(*command, "--per-address", "N", parse_count, options.from_one_address,
@@ -345,7 +345,7 @@ void add_input_options(CLI::App &command, InputOptions &input)
 void add_http_options(CLI::App &command, HttpOptions &http)
 {
     add_value(command, "--timeout", "SECONDS", parse_timeout, http.timeout_s,
-              "Give up a server that sends nothing for this long (1 to 120; default: 20)");
+              "Give up a request when nothing comes for this long (1 to 120; default: 20)");
     command.add_option("--header", http.headers, "Send this field to the server; repeatable")
         ->type_name("NAME:VALUE")
         ->allow_extra_args(false);

@@ -1,6 +1,7 @@
 #include "track_text.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <fmt/format.h>
 
@@ -232,16 +233,24 @@ template <typename Number> Json number_or_null(Number number)
     return number == 0 ? Json() : Json(number);
 }
 
+// A whole number where it is one.
+Json ms_of(double ticks, uint32_t timescale)
+{
+    const double ms = ticks * 1000 / timescale;
+    constexpr double EXACT = 1e15;
+    if (std::abs(ms) < EXACT && ms == std::floor(ms)) return static_cast<int64_t>(ms);
+    return ms;
+}
+
 Json edits_json(const Outline &outline, const Mp4Details &mp4)
 {
     Json edits = Json::array();
     if (mp4.timescale == 0 || outline.mp4.timescale == 0) return edits;
     for (const Edit &edit : mp4.edits) {
-        const double duration_ms =
-            static_cast<double>(edit.duration) * 1000 / outline.mp4.timescale;
-        const double media_ms = static_cast<double>(edit.media_time) * 1000 / mp4.timescale;
+        const Json duration_ms = ms_of(static_cast<double>(edit.duration), outline.mp4.timescale);
+        const Json media_ms = ms_of(static_cast<double>(edit.media_time), mp4.timescale);
         edits.push_back({{"duration_ms", duration_ms},
-                         {"media_ms", edit.media_time == -1 ? Json() : Json(media_ms)},
+                         {"media_ms", edit.media_time == -1 ? Json() : media_ms},
                          {"rate", static_cast<double>(edit.rate) / 0x10000}});
     }
     return edits;

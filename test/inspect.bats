@@ -43,6 +43,8 @@ is() {
     [[ $output == *'H.264, 64 x 48 pixels, pixel aspect 1:1, 25.000 frames/s, PID 0x100'* ]]
     [[ $output == *'H.264, 100 frames, '*' (4.000 s), '* ]]
     [[ $output == *'AC-3, 125 frames, 64000 bytes, '*' (4.000 s), 128.0 kbit/s'* ]]
+    run -0 $GOLT info movie.mp4 movie.m2ts --scan
+    [ "$(grep -c 'H.264, 100 frames, ' <<<"$output")" -eq 2 ]
     # Of M2TS files only the packets are known.
     is '[null,null]' "$(json '[.video, .sound]' info movie.m2ts --json)"
     [[ $($GOLT info movie.m2ts) == *'audio       not known without --scan'* ]]
@@ -57,6 +59,9 @@ is() {
     ffmpeg -v error -nostdin -i movie.mp4 -itsoffset 0.5 -i movie.mp4 -i chapters.txt -map 0:v -map 1:a \
         -map_metadata 2 -c copy late.mp4
     [[ $($GOLT info late.mp4) == *'chapters    2'*'AC-3'*', delayed by 49'* ]]
+    $GOLT info late.mp4 --json >documents
+    grep -q '"media_ms": [0-9]*$\|"media_ms": [0-9]*,' documents
+    [ "$(grep -c '_ms": [0-9]*\.0' documents)" -eq 0 ]
     ffmpeg -v error -nostdin -i movie.mp4 -c:a libmp3lame movie.mp3
     [[ $($GOLT info movie.mp3) == *'seeking     no index'*'MPEG-1 Layer III'* ]]
     # What lies beside the tracks, and how the pictures are coded.

@@ -1,6 +1,6 @@
 // A stage between libgolt and the sink of a host. The library's transport stream is exact, but minimal: it has no
 // DTS, its clock follows the presentation times, and its tables come after a fixed number of packets. The stage
-// takes its packets and writes a stream that every receiver accepts (ISO/IEC 13818-1): with DTS, a clock that only
+// takes its packets and writes a stream that strict receivers accept (ISO/IEC 13818-1): with DTS, a clock that only
 // rises, tables every 100 ms, parameter sets and access unit delimiters where they belong.
 //
 // It depends on nothing, not even on libgolt. It starts no thread and throws nothing; its memory is bounded, and
