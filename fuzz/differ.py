@@ -1,5 +1,6 @@
 """Random files through two builds of golt_judge, whose words have to be the same."""
 
+import os
 import random
 import shutil
 import subprocess
@@ -18,6 +19,7 @@ class Differ:
     def __init__(self, top, folder, found):
         self.judges = [top / "build/release/bin/golt_judge", top / "build/asan/bin/golt_judge"]
         self.folder, self.found = folder, found
+        self.processor = 0  # seconds that the builds have taken
         self.random = random.Random()
         self.pool = [(path, path.suffix[1:], 0) for path in (top / "samples").iterdir()
                      if path.suffix[1:] in FORMATS]
@@ -37,10 +39,21 @@ class Differ:
         return compared, findings
 
     def differs(self, files):
-        words = [subprocess.run(["prlimit", f"--cpu={LONGEST}", "nice", "-n", "19", judge, "tell", *files],
-                                capture_output=True, start_new_session=True) for judge in self.judges]
-        said = [[line for line in one.stdout.splitlines() if BUILD_TIME not in line] for one in words]
-        return said[0] != said[1] or any(one.returncode != 0 for one in words)
+        said = [self.words_of(judge, files) for judge in self.judges]
+        return said[0] != said[1] or None in said
+
+    def words_of(self, judge, files):
+        """The lines of a build; None where it ended badly."""
+        written = self.folder / "words"
+        with open(written, "wb") as output:
+            process = subprocess.Popen(["prlimit", f"--cpu={LONGEST}", judge, "tell", *files], stdout=output,
+                                       stderr=subprocess.DEVNULL, start_new_session=True)
+            _, status, usage = os.wait4(process.pid, 0)
+            process.returncode = os.waitstatus_to_exitcode(status)
+        self.processor += usage.ru_utime + usage.ru_stime
+        if status != 0:
+            return None
+        return [line for line in written.read_bytes().splitlines() if BUILD_TIME not in line]
 
     def keep(self, files):
         """Keeps those that differ by themselves, or all of them. How many there are."""
