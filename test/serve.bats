@@ -245,6 +245,22 @@ TEXT
     [ -z "$(pgrep -g "$pid")" ]
 }
 
+# tries ARGUMENTS...: a maker of this server tries what it shouldn't, and is refused.
+tries() {
+    LD_PRELOAD=$TAKEN_OVER serve "$@"
+    ! grep "aren't limited" said || skip "without libseccomp"
+    curl -s -o body "$base/films/movie.mp4/details.json"
+    says '^tried'
+    run ! grep 'not refused' said
+}
+
+@test "a process that was taken over has no way out" {
+    [ -n "$TAKEN_OVER" ] || skip "emulated, or with sanitizers"
+    : >secret
+    tries films films
+    tries films http://127.0.0.1:1/none.mp4
+}
+
 # faults PART...: of the script that has them for longer, too.
 faults() {
     local program

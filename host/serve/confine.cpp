@@ -6,8 +6,11 @@
 
 #include <fcntl.h>
 #include <linux/landlock.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -49,8 +52,6 @@ const char *const CALLS[] = {"read",
                              "lseek",
                              "_llseek",
                              "pread64",
-                             "fcntl",
-                             "fcntl64",
                              "openat2",
                              "getdents64",
                              "mmap",
@@ -82,7 +83,6 @@ const char *const CALLS[] = {"read",
                              "clock_nanosleep_time64",
                              "getpid",
                              "gettid",
-                             "tgkill",
                              "exit",
                              "exit_group",
                              "alarm",
@@ -92,8 +92,6 @@ const char *const CALLS[] = {"read",
                              "fadvise64",
                              "fadvise64_64",
                              "send",
-                             "sendto",
-                             "sendmsg",
                              "recv",
                              "recvfrom",
                              "recvmsg",
@@ -101,55 +99,34 @@ const char *const CALLS[] = {"read",
 const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1", "epoll_ctl",
                                     "epoll_wait", "epoll_pwait", "eventfd2",      "setsockopt",
                                     "getsockopt", "getsockname", "getpeername",   "sendfile",
-                                    "sendfile64"};
+                                    "sendfile64", "sendmsg"};
 // For libcurl, its thread that resolves names, and TLS.
-const char *const NETWORK_CALLS[] = {"socket",
-                                     "socketpair",
-                                     "connect",
-                                     "bind",
-                                     "setsockopt",
-                                     "getsockopt",
-                                     "getsockname",
-                                     "getpeername",
-                                     "sendmmsg",
-                                     "recvmmsg",
-                                     "ioctl",
-                                     "clone",
-                                     "clone3",
-                                     "set_robust_list",
-                                     "rseq",
-
-                                     "sched_getaffinity",
-                                     "prctl",
-
-                                     "eventfd2",
-                                     "epoll_create1",
-                                     "epoll_ctl",
-                                     "epoll_wait",
-                                     "epoll_pwait",
-                                     "uname",
-                                     "sysinfo",
-                                     "getuid",
-                                     "getuid32",
-                                     "geteuid",
-                                     "geteuid32",
-                                     "getgid",
-                                     "getgid32",
-                                     "getegid",
-                                     "getegid32",
-                                     "access",
-                                     "faccessat",
-                                     "faccessat2",
-                                     "stat",
-                                     "stat64",
-                                     "lstat",
-                                     "lstat64",
-                                     "readlink",
-                                     "readlinkat",
-                                     "statfs",
-                                     "statfs64",
-                                     "fstatfs",
+const char *const NETWORK_CALLS[] = {"connect",       "bind",
+                                     "setsockopt",    "getsockopt",
+                                     "getsockname",   "getpeername",
+                                     "sendmsg",       "sendmmsg",
+                                     "recvmmsg",      "clone",
+                                     "clone3",        "set_robust_list",
+                                     "rseq",          "sched_getaffinity",
+                                     "prctl",         "eventfd2",
+                                     "epoll_create1", "epoll_ctl",
+                                     "epoll_wait",    "epoll_pwait",
+                                     "uname",         "sysinfo",
+                                     "getuid",        "getuid32",
+                                     "geteuid",       "geteuid32",
+                                     "getgid",        "getgid32",
+                                     "getegid",       "getegid32",
+                                     "access",        "faccessat",
+                                     "faccessat2",    "stat",
+                                     "stat64",        "lstat",
+                                     "lstat64",       "readlink",
+                                     "readlinkat",    "statfs",
+                                     "statfs64",      "fstatfs",
                                      "fstatfs64"};
+
+constexpr uint64_t INT_BITS = UINT32_MAX;
+// The others are SOCK_CLOEXEC and SOCK_NONBLOCK.
+constexpr uint64_t SOCKET_TYPE_BITS = 0xf;
 #endif
 
 }  // namespace
@@ -237,19 +214,39 @@ void limit_calls(Role role, bool f_network)
     scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
     if (filter == nullptr) return;
     const auto allow = [&](const char *const *names, size_t count) {
-        for (size_t i = 0; i < count; ++i) {
-            const int call = g_seccomp.resolve_name(names[i]);
-            if (call >= 0) g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, call, 0, nullptr);
-        }
+        for (size_t i = 0; i < count; ++i)
+            g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, g_seccomp.resolve_name(names[i]), 0,
+                                     nullptr);
+    };
+    // Where these bits of the argument have this value. On 32-bit x86 all calls for sockets are one, whose
+    // arguments no filter can see; the library has negative numbers for them.
+    const auto allow_if = [&](const char *name, unsigned argument, uint64_t bits, int value) {
+        const int call = g_seccomp.resolve_name(name);
+        const scmp_arg_cmp condition = {argument, SCMP_CMP_MASKED_EQ, bits,
+                                        static_cast<uint32_t>(value)};
+        g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, call, call < 0 ? 0 : 1, &condition);
     };
     allow(CALLS, std::size(CALLS));
     if (role == Role::SERVER) allow(SERVER_CALLS, std::size(SERVER_CALLS));
     if (f_network) allow(NETWORK_CALLS, std::size(NETWORK_CALLS));
     // Opening is for reading alone. What openat2 opens for, no filter can see; Landlock does.
-    const scmp_arg_cmp for_reading = {2, SCMP_CMP_MASKED_EQ,
-                                      O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0};
-    g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, g_seccomp.resolve_name("openat"), 1,
-                             &for_reading);
+    allow_if("openat", 2, O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0);
+    // Others of its commands have signals sent to any process.
+    for (const int command : {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL}) {
+        allow_if("fcntl", 1, INT_BITS, command);
+        allow_if("fcntl64", 1, INT_BITS, command);
+    }
+    allow_if("tgkill", 0, INT_BITS, getpid());
+    // Only to the other end: sockets of jobs could reach those of other programs.
+    allow_if("sendto", 4, UINT64_MAX, 0);
+    if (f_network) {
+        for (const int family : {AF_INET, AF_INET6, AF_NETLINK})
+            allow_if("socket", 0, INT_BITS, family);
+        // Of datagrams either end could be connected to sockets of other programs.
+        allow_if("socketpair", 1, SOCKET_TYPE_BITS, SOCK_STREAM);
+        for (const int request : {FIONBIO, FIONREAD, SIOCGIFINDEX})
+            allow_if("ioctl", 1, INT_BITS, request);
+    }
     g_seccomp.load(filter);
 }
 

@@ -200,8 +200,9 @@ void Parent::become(size_t slot, pid_t parent)
     const Role role = m_posts[slot].role;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(EXIT_NOT_DONE);
-    // They may write to no file, not even to the one that the messages go to.
-    dup2(m_to_say.get(), STDERR_FILENO);
+    // They may write to no file, not even to the one that the messages go to, and reach no terminal.
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(m_to_say.get(), standard);
     m_said.close();
     // A terminal sends them to all; the parent says when it is time.
     std::signal(SIGINT, SIG_IGN);
