@@ -259,6 +259,11 @@ tries() {
     : >secret
     tries films films
     tries films http://127.0.0.1:1/none.mp4
+    # On a kernel before 5.13.
+    GOLT="python3 $BATS_TEST_DIRNAME/deny.py landlock_create_ruleset $GOLT" tries films films
+    ln -s movie.mp4 films/link.mp4
+    answers 200 /films/movie.mp4/index.m3u8
+    answers 404 /films/link.mp4/index.m3u8
 }
 
 # faults PART...: of the script that has them for longer, too.

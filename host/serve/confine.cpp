@@ -24,8 +24,8 @@
 namespace {
 
 void limit_resources(Role role);
-void limit_files(const Tree &tree, bool f_network);
-void limit_calls(Role role, bool f_network);
+bool limit_files(const Tree &tree, bool f_network);
+void limit_calls(Role role, bool f_network, bool f_files_limited);
 
 #if GOLT_HAS_SECCOMP
 struct SeccompLibrary {
@@ -52,7 +52,6 @@ const char *const CALLS[] = {"read",
                              "lseek",
                              "_llseek",
                              "pread64",
-                             "openat2",
                              "getdents64",
                              "mmap",
                              "mmap2",
@@ -154,8 +153,8 @@ void confine(Role role, const Tree &tree, bool f_network)
 {
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     limit_resources(role);
-    limit_files(tree, f_network);
-    limit_calls(role, f_network);
+    const bool f_files_limited = limit_files(tree, f_network);
+    limit_calls(role, f_network, f_files_limited);
 }
 
 namespace {
@@ -176,8 +175,8 @@ void limit_resources(Role role)
 #endif
 }
 
-// Landlock; kernels from 5.13 on.
-void limit_files(const Tree &tree, bool f_network)
+// Landlock; kernels from 5.13 on. Returns whether this one has it.
+bool limit_files(const Tree &tree, bool f_network)
 {
     constexpr uint64_t READ = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
     // All that the first version knows, from EXECUTE to MAKE_SYM.
@@ -188,13 +187,13 @@ void limit_files(const Tree &tree, bool f_network)
 
     const long version =
         syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
-    if (version < 1) return;
+    if (version < 1) return false;
     landlock_ruleset_attr rules = {};
     rules.handled_access_fs = ALL | (version >= VERSION_WITH_TRUNCATE ? TRUNCATE : 0);
     if (f_network) rules.handled_access_fs &= ~READ;
     const Descriptor set(
         static_cast<int>(syscall(SYS_landlock_create_ruleset, &rules, sizeof rules, 0)));
-    if (!set.is_open()) return;
+    if (!set.is_open()) return false;
     for (const Root &root : tree.roots()) {
         if (!root.folder.is_open() || f_network) continue;
         landlock_path_beneath_attr rule = {};
@@ -202,13 +201,13 @@ void limit_files(const Tree &tree, bool f_network)
         rule.parent_fd = root.folder.get();
         syscall(SYS_landlock_add_rule, set.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
     }
-    syscall(SYS_landlock_restrict_self, set.get(), 0);
+    return syscall(SYS_landlock_restrict_self, set.get(), 0) == 0;
 }
 
 #if GOLT_HAS_SECCOMP
 
 // Everything else fails with EPERM: a C library that tries something new goes on without it.
-void limit_calls(Role role, bool f_network)
+void limit_calls(Role role, bool f_network, bool f_files_limited)
 {
     if (!g_seccomp.f_found) return;
     scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
@@ -231,6 +230,8 @@ void limit_calls(Role role, bool f_network)
     if (f_network) allow(NETWORK_CALLS, std::size(NETWORK_CALLS));
     // Opening is for reading alone. What openat2 opens for, no filter can see; Landlock does.
     allow_if("openat", 2, O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0);
+    const char *const openat2 = "openat2";
+    if (f_files_limited) allow(&openat2, 1);
     // Others of its commands have signals sent to any process.
     for (const int command : {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL}) {
         allow_if("fcntl", 1, INT_BITS, command);
@@ -252,7 +253,7 @@ void limit_calls(Role role, bool f_network)
 
 #else
 
-void limit_calls(Role /*role*/, bool /*f_network*/) {}
+void limit_calls(Role /*role*/, bool /*f_network*/, bool /*f_files_limited*/) {}
 
 #endif
 
