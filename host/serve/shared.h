@@ -63,7 +63,7 @@ public:
     /// budget: bytes of the cache; connections: at most, of all servers. Throws NotDone.
     Shared(uint64_t budget, uint64_t connections);
 
-    uint64_t budget() const;
+    uint64_t budget() const { return m_budget; }
 
     /// The size of what is kept under the key. Of two processes one may find it no more.
     std::optional<uint64_t> find(const std::string &key) const;
@@ -132,6 +132,9 @@ private:
     void copy_out(uint64_t at, uint8_t *to, size_t size) const;
     void copy_in(uint64_t at, const uint8_t *from, size_t size);
 
+    // Not in the block, where a process that was taken over could change them.
+    const uint64_t m_budget;
+    const uint64_t m_connection_count;
     Region *m_region;
     Connection *m_connections;
     uint8_t *m_bytes;
