@@ -14,6 +14,8 @@
 
 #include <sys/types.h>
 
+#include "client_address.h"
+
 /// What is counted over all processes since the start.
 struct Counters {
     /// Upper ends of the classes of times, in ms; the last class has none.
@@ -49,9 +51,6 @@ struct Slot {
     int64_t since;     ///< of steady_seconds()
     uint64_t cpu_us;   ///< that the process had used before
 };
-
-/// The address of a client: of IPv6, or of IPv4 in its first bytes.
-using ClientAddress = std::array<uint8_t, 16>;
 
 class Shared {
 public:
