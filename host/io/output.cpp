@@ -98,8 +98,11 @@ void Output::open_file(const std::string &path, const struct stat &input)
     open_part(input, f_exists ? 0600 : 0666);
     if (f_exists) {
         // Users who could read the old file can read the new one. Another owner takes the rights to
-        // give files away.
-        if (fchown(m_file.get(), status.st_uid, status.st_gid) != 0) errno = 0;
+        // give files away; a group only that this user is in it.
+        constexpr auto SAME_OWNER = static_cast<uid_t>(-1);
+        if (fchown(m_file.get(), status.st_uid, status.st_gid) != 0 &&
+            fchown(m_file.get(), SAME_OWNER, status.st_gid) != 0)
+            errno = 0;
         fchmod(m_file.get(), status.st_mode & 0777);
     }
 }
