@@ -416,12 +416,16 @@ same() {
 @test "takes a socket of the service manager" {
     cat >activate.py <<'TEXT'
 import os, socket, sys
-listener = socket.create_server(("127.0.0.1", 0))
+listener = socket.socket(socket.AF_UNIX) if sys.argv[1] == "unix" else socket.socket()
+listener.bind("unix" if sys.argv[1] == "unix" else ("127.0.0.1", 0))
+listener.listen()
 os.dup2(listener.fileno(), 3)
 os.set_inheritable(3, True)
 os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1")
-os.execvp(sys.argv[1], sys.argv[1:])
+os.execvp(sys.argv[2], sys.argv[2:])
 TEXT
-    GOLT="python3 activate.py $GOLT" serve films --workers 1
+    run -1 timeout 20 python3 activate.py unix $GOLT serve films
+    [[ $output == *"isn't a socket of IPv4 or IPv6" ]]
+    GOLT="python3 activate.py tcp $GOLT" serve films --workers 1
     answers 200 /movie.mp4/details.json
 }
