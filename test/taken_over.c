@@ -43,8 +43,10 @@ unsigned alarm(unsigned seconds)
     expect_refusal("command a device", ioctl(STDIN_FILENO, FIOCLEX));
     expect_refusal("make a socket", socket(AF_UNIX, SOCK_STREAM, 0));
     expect_refusal("make a pair for datagrams", socketpair(AF_UNIX, SOCK_DGRAM, 0, ends));
-    expect_refusal("send to another socket",
-                   sendto(STDIN_FILENO, "", 0, 0, (struct sockaddr *)&other, sizeof other));
+    /* To look up names takes it. */
+    if (socket(AF_INET, SOCK_STREAM, 0) < 0)
+        expect_refusal("send to another socket",
+                       sendto(STDIN_FILENO, "", 0, 0, (struct sockaddr *)&other, sizeof other));
     say("tried\n");
     return 0;
 }

@@ -100,28 +100,16 @@ const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1"
                                     "getsockopt", "getsockname", "getpeername",   "sendfile",
                                     "sendfile64", "sendmsg"};
 // For libcurl, its thread that resolves names, and TLS.
-const char *const NETWORK_CALLS[] = {"connect",       "bind",
-                                     "setsockopt",    "getsockopt",
-                                     "getsockname",   "getpeername",
-                                     "sendmsg",       "sendmmsg",
-                                     "recvmmsg",      "clone",
-                                     "clone3",        "set_robust_list",
-                                     "rseq",          "sched_getaffinity",
-                                     "prctl",         "eventfd2",
-                                     "epoll_create1", "epoll_ctl",
-                                     "epoll_wait",    "epoll_pwait",
-                                     "uname",         "sysinfo",
-                                     "getuid",        "getuid32",
-                                     "geteuid",       "geteuid32",
-                                     "getgid",        "getgid32",
-                                     "getegid",       "getegid32",
-                                     "access",        "faccessat",
-                                     "faccessat2",    "stat",
-                                     "stat64",        "lstat",
-                                     "lstat64",       "readlink",
-                                     "readlinkat",    "statfs",
-                                     "statfs64",      "fstatfs",
-                                     "fstatfs64"};
+const char *const NETWORK_CALLS[] = {
+    "connect",     "bind",      "setsockopt",      "getsockopt", "getsockname",
+    "getpeername", "sendmsg",   "sendto",          "sendmmsg",   "recvmmsg",
+    "clone",       "clone3",    "set_robust_list", "rseq",       "sched_getaffinity",
+    "prctl",       "eventfd2",  "epoll_create1",   "epoll_ctl",  "epoll_wait",
+    "epoll_pwait", "uname",     "sysinfo",         "getuid",     "getuid32",
+    "geteuid",     "geteuid32", "getgid",          "getgid32",   "getegid",
+    "getegid32",   "access",    "faccessat",       "faccessat2", "stat",
+    "stat64",      "lstat",     "lstat64",         "readlink",   "readlinkat",
+    "statfs",      "statfs64",  "fstatfs",         "fstatfs64"};
 
 constexpr uint64_t INT_BITS = UINT32_MAX;
 // The others are SOCK_CLOEXEC and SOCK_NONBLOCK.
@@ -239,7 +227,7 @@ void limit_calls(Role role, bool f_network, bool f_files_limited)
     }
     allow_if("tgkill", 0, INT_BITS, getpid());
     // Only to the other end: sockets of jobs could reach those of other programs.
-    allow_if("sendto", 4, UINT64_MAX, 0);
+    if (!f_network) allow_if("sendto", 4, UINT64_MAX, 0);
     if (f_network) {
         for (const int family : {AF_INET, AF_INET6, AF_NETLINK})
             allow_if("socket", 0, INT_BITS, family);
