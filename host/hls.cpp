@@ -22,6 +22,7 @@ const char *const MASTER_PLAYLIST = "master.m3u8";
 class Folder {
 public:
     Folder(const HlsOptions &options, const Source &source);
+    void remove(const std::string &name);
     void write(const std::string &name, const uint8_t *bytes, size_t size);
     void write(const std::string &name, const std::string &text)
     {
@@ -57,6 +58,11 @@ ExitStatus hls(const HlsOptions &options)
         if (stop_signal() != 0)
             throw NotWritten(options.folder, fmt::format("stopped by {}", stop_signal_name()));
         if (!fault.empty()) throw NotDone(source->path(), fmt::format("segment {}: {}", i, fault));
+        if (i == 0) {
+            // Those of an older film would lead to segments of both.
+            folder.remove(MASTER_PLAYLIST);
+            folder.remove(MEDIA_PLAYLIST);
+        }
         folder.write(std::to_string(i) + ".ts", segment.data(), segment.size());
         if (progress.is_due(folder.bytes()))
             progress.show(folder.bytes(),
@@ -88,6 +94,15 @@ Folder::Folder(const HlsOptions &options, const Source &source)
     // Of a longer film segments would be left.
     if (!m_f_force && !std::filesystem::is_empty(m_path, error))
         throw NotWritten(options.folder, "isn't empty; --force replaces what is in the way");
+}
+
+void Folder::remove(const std::string &name)
+{
+    const std::string path = (m_path / name).string();
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) == 0 && is_same_file(status, m_input))
+        throw NotWritten(path, "is the input itself");
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) throw NotWritten(path, error_text(errno));
 }
 
 void Folder::write(const std::string &name, const uint8_t *bytes, size_t size)

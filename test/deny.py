@@ -13,6 +13,7 @@ import sys
 # The numbers of the calls, by the audit architecture that the filter sees.
 X86_64, I386, AARCH64 = 0xC000003E, 0x40000003, 0xC00000B7
 CALLS = {"fsync": {X86_64: 74, I386: 118, AARCH64: 82}, "openat2": {X86_64: 437, I386: 437, AARCH64: 437},
+         "landlock_create_ruleset": {X86_64: 444, I386: 444, AARCH64: 444},
          "renameat2": {X86_64: 316, I386: 353, AARCH64: 276}, "rt_sigaction": {X86_64: 13, I386: 174, AARCH64: 134}}
 # Of linux/seccomp.h, linux/filter.h and linux/prctl.h.
 FAIL, KILL, ALLOW = 0x00050000, 0x80000000, 0x7FFF0000

@@ -117,8 +117,11 @@ blocks() {
     local key missing=()
     files
     cp "$TOP/samples/short.m2ts" .
+    # Of a constant rate, but for the first PCR.
+    ffmpeg -v error -nostdin -i movie.mp4 -c copy -muxrate 4M constant.ts
+    perl -0777 -pe 's/^((?:.{188})*?G..[ -?].[\x10-\x1F\x50-\x5F].{5})(.)/$1 . ($2 ^ "\x80")/es' constant.ts >jitter.ts
     golt info --scan --json movie.mp4 movie.mkv short.m2ts recording.ts >documents
-    golt check --json movie.mkv recording.ts short.m2ts >>documents || true
+    golt check --json movie.mkv recording.ts short.m2ts jitter.ts >>documents || true
     golt frames --json recording.ts >>documents
     golt frames --json movie.mp4 >>documents
     golt info --json none >>documents || true

@@ -139,6 +139,11 @@ cut_film() {
     run -1 $GOLT hls movie.mp4 out
     [[ $output == *"out: isn't empty; --force replaces"* ]]
     run -0 $GOLT hls --force movie.mp4 out
+    # A folder that is ended early has no playlists, not even those of an older film.
+    rm out/2.ts
+    mkdir out/2.ts
+    run -1 $GOLT hls --force movie.mp4 out
+    [ "$(ls out)" = $'0.ts\n1.ts\n2.ts\n3.ts' ]
     run -1 $GOLT hls movie.mp4 movie.mp4
     run -1 $GOLT hls --format mkv movie.mp4 other
     $ffmpeg -i movie.mp4 -c:v mpeg4 -an visual.mp4

@@ -207,11 +207,17 @@ work() {
         $GOLT $subcommand --help >help
         [ "$(wc -l <help)" -le 40 ]
         grep -q '^  golt '$subcommand help
-        for option in $(grep -o -- '--[a-z]\+' help | sort -u); do
+        for option in $(grep -o -- '--[a-z-]\+' help | sort -u); do
             echo "$subcommand $option"
             [ "$option" = --help ] || grep -qE "Fl (. , )?-${option#--}\b" "$host/golt.1"
             grep "^ *$subcommand)\|http=\|shared=" "$host/completions/golt.bash" | grep -q -e "$option\b"
             grep -q -e "$option\b" "$host/completions/_golt"
+        done
+        # Where a value is no file, none is proposed.
+        for option in $(grep -oE -- '--[a-z-]+ [A-Z:]+' help | grep -vE ' (FILE|TEXT|E)$' | sed 's/ .*//'); do
+            echo "$subcommand $option"
+            [ -z "$(bash -c '. "$1"; COMP_WORDS=(golt "${@:2}" ""); COMP_CWORD=3; _golt; echo "${COMPREPLY[@]}"' \
+                - "$host/completions/golt.bash" $subcommand $option)" ]
         done
     done
 }

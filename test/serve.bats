@@ -245,6 +245,27 @@ TEXT
     [ -z "$(pgrep -g "$pid")" ]
 }
 
+# tries ARGUMENTS...: a maker of this server tries what it shouldn't, and is refused.
+tries() {
+    LD_PRELOAD=$TAKEN_OVER serve "$@"
+    ! grep "aren't limited" said || skip "without libseccomp"
+    curl -s -o body "$base/films/movie.mp4/details.json"
+    says '^tried'
+    run ! grep 'not refused' said
+}
+
+@test "a process that was taken over has no way out" {
+    [ -n "$TAKEN_OVER" ] || skip "emulated, or with sanitizers"
+    : >secret
+    tries films films
+    tries films http://127.0.0.1:1/none.mp4
+    # On a kernel before 5.13.
+    GOLT="python3 $BATS_TEST_DIRNAME/deny.py landlock_create_ruleset $GOLT" tries films films
+    ln -s movie.mp4 films/link.mp4
+    answers 200 /films/movie.mp4/index.m3u8
+    answers 404 /films/link.mp4/index.m3u8
+}
+
 # faults PART...: of the script that has them for longer, too.
 faults() {
     local program
@@ -395,12 +416,16 @@ same() {
 @test "takes a socket of the service manager" {
     cat >activate.py <<'TEXT'
 import os, socket, sys
-listener = socket.create_server(("127.0.0.1", 0))
+listener = socket.socket(socket.AF_UNIX) if sys.argv[1] == "unix" else socket.socket()
+listener.bind("unix" if sys.argv[1] == "unix" else ("127.0.0.1", 0))
+listener.listen()
 os.dup2(listener.fileno(), 3)
 os.set_inheritable(3, True)
 os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1")
-os.execvp(sys.argv[1], sys.argv[1:])
+os.execvp(sys.argv[2], sys.argv[2:])
 TEXT
-    GOLT="python3 activate.py $GOLT" serve films --workers 1
+    run -1 timeout 20 python3 activate.py unix $GOLT serve films
+    [[ $output == *"isn't a socket of IPv4 or IPv6" ]]
+    GOLT="python3 activate.py tcp $GOLT" serve films --workers 1
     answers 200 /movie.mp4/details.json
 }

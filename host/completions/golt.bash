@@ -11,7 +11,7 @@ _golt() {
         return
         ;;
     --start | --to | --frames | --count | --timeout | --header) return ;;
-    --bind | --port | --cache | --workers | --connections | --per-address) return ;;
+    --bind | --port | --cache | --workers | --connections | --per-address | --idle) return ;;
     esac
     if [ "$COMP_CWORD" -eq 1 ]; then
         mapfile -t COMPREPLY < <(compgen -W "remux info frames check plot hls serve --help --version" -- "$word")

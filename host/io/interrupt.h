@@ -1,5 +1,5 @@
 // Signals that ask the program to stop. The first one is noted, so that what was done so far can be
-// brought to an end; a second one ends the program at once.
+// brought to an end; a second one, half a second later or more, ends the program at once.
 
 #ifndef HOST_IO_INTERRUPT_H
 #define HOST_IO_INTERRUPT_H

@@ -13,7 +13,6 @@
 
 namespace {
 
-bool is_same_file(const struct stat &one, const struct stat &other);
 bool is_name_of(const std::string &path, int fd);
 std::string behind_links(const std::string &path);
 bool is_locked(int fd);
@@ -27,6 +26,11 @@ bool leads_to_standard_output(const std::string &path)
     if (fstat(STDOUT_FILENO, &standard) == 0)
         return stat(path.c_str(), &status) == 0 && is_same_file(status, standard);
     return path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
+}
+
+bool is_same_file(const struct stat &one, const struct stat &other)
+{
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 Output::Output(const std::string &path, Descriptor standard_output, const struct stat &input,
@@ -94,8 +98,11 @@ void Output::open_file(const std::string &path, const struct stat &input)
     open_part(input, f_exists ? 0600 : 0666);
     if (f_exists) {
         // Users who could read the old file can read the new one. Another owner takes the rights to
-        // give files away.
-        if (fchown(m_file.get(), status.st_uid, status.st_gid) != 0) errno = 0;
+        // give files away; a group only that this user is in it.
+        constexpr auto SAME_OWNER = static_cast<uid_t>(-1);
+        if (fchown(m_file.get(), status.st_uid, status.st_gid) != 0 &&
+            fchown(m_file.get(), SAME_OWNER, status.st_gid) != 0)
+            errno = 0;
         fchmod(m_file.get(), status.st_mode & 0777);
     }
 }
@@ -139,11 +146,6 @@ void Output::open_part(const struct stat &input, unsigned mode)
 }
 
 namespace {
-
-bool is_same_file(const struct stat &one, const struct stat &other)
-{
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
 
 // Whether the name leads, not by a link, to the file that is open.
 bool is_name_of(const std::string &path, int fd)

@@ -14,6 +14,9 @@
 /// take_standard_output: afterwards such names lead elsewhere.
 bool leads_to_standard_output(const std::string &path);
 
+/// Whether both are of the same file, by whatever names.
+bool is_same_file(const struct stat &one, const struct stat &other);
+
 class Output {
 public:
     /// path: "-" means standard_output. input: the file that is read, which is never written

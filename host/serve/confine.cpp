@@ -6,8 +6,11 @@
 
 #include <fcntl.h>
 #include <linux/landlock.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,8 +24,8 @@
 namespace {
 
 void limit_resources(Role role);
-void limit_files(const Tree &tree, bool f_network);
-void limit_calls(Role role, bool f_network);
+bool limit_files(const Tree &tree, bool f_network);
+void limit_calls(Role role, bool f_network, bool f_files_limited);
 
 #if GOLT_HAS_SECCOMP
 struct SeccompLibrary {
@@ -49,9 +52,6 @@ const char *const CALLS[] = {"read",
                              "lseek",
                              "_llseek",
                              "pread64",
-                             "fcntl",
-                             "fcntl64",
-                             "openat2",
                              "getdents64",
                              "mmap",
                              "mmap2",
@@ -82,7 +82,6 @@ const char *const CALLS[] = {"read",
                              "clock_nanosleep_time64",
                              "getpid",
                              "gettid",
-                             "tgkill",
                              "exit",
                              "exit_group",
                              "alarm",
@@ -92,8 +91,6 @@ const char *const CALLS[] = {"read",
                              "fadvise64",
                              "fadvise64_64",
                              "send",
-                             "sendto",
-                             "sendmsg",
                              "recv",
                              "recvfrom",
                              "recvmsg",
@@ -101,55 +98,22 @@ const char *const CALLS[] = {"read",
 const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1", "epoll_ctl",
                                     "epoll_wait", "epoll_pwait", "eventfd2",      "setsockopt",
                                     "getsockopt", "getsockname", "getpeername",   "sendfile",
-                                    "sendfile64"};
+                                    "sendfile64", "sendmsg"};
 // For libcurl, its thread that resolves names, and TLS.
-const char *const NETWORK_CALLS[] = {"socket",
-                                     "socketpair",
-                                     "connect",
-                                     "bind",
-                                     "setsockopt",
-                                     "getsockopt",
-                                     "getsockname",
-                                     "getpeername",
-                                     "sendmmsg",
-                                     "recvmmsg",
-                                     "ioctl",
-                                     "clone",
-                                     "clone3",
-                                     "set_robust_list",
-                                     "rseq",
+const char *const NETWORK_CALLS[] = {
+    "connect",     "bind",      "setsockopt",      "getsockopt", "getsockname",
+    "getpeername", "sendmsg",   "sendto",          "sendmmsg",   "recvmmsg",
+    "clone",       "clone3",    "set_robust_list", "rseq",       "sched_getaffinity",
+    "prctl",       "eventfd2",  "epoll_create1",   "epoll_ctl",  "epoll_wait",
+    "epoll_pwait", "uname",     "sysinfo",         "getuid",     "getuid32",
+    "geteuid",     "geteuid32", "getgid",          "getgid32",   "getegid",
+    "getegid32",   "access",    "faccessat",       "faccessat2", "stat",
+    "stat64",      "lstat",     "lstat64",         "readlink",   "readlinkat",
+    "statfs",      "statfs64",  "fstatfs",         "fstatfs64"};
 
-                                     "sched_getaffinity",
-                                     "prctl",
-
-                                     "eventfd2",
-                                     "epoll_create1",
-                                     "epoll_ctl",
-                                     "epoll_wait",
-                                     "epoll_pwait",
-                                     "uname",
-                                     "sysinfo",
-                                     "getuid",
-                                     "getuid32",
-                                     "geteuid",
-                                     "geteuid32",
-                                     "getgid",
-                                     "getgid32",
-                                     "getegid",
-                                     "getegid32",
-                                     "access",
-                                     "faccessat",
-                                     "faccessat2",
-                                     "stat",
-                                     "stat64",
-                                     "lstat",
-                                     "lstat64",
-                                     "readlink",
-                                     "readlinkat",
-                                     "statfs",
-                                     "statfs64",
-                                     "fstatfs",
-                                     "fstatfs64"};
+constexpr uint64_t INT_BITS = UINT32_MAX;
+// The others are SOCK_CLOEXEC and SOCK_NONBLOCK.
+constexpr uint64_t SOCKET_TYPE_BITS = 0xf;
 #endif
 
 }  // namespace
@@ -177,8 +141,8 @@ void confine(Role role, const Tree &tree, bool f_network)
 {
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     limit_resources(role);
-    limit_files(tree, f_network);
-    limit_calls(role, f_network);
+    const bool f_files_limited = limit_files(tree, f_network);
+    limit_calls(role, f_network, f_files_limited);
 }
 
 namespace {
@@ -199,8 +163,8 @@ void limit_resources(Role role)
 #endif
 }
 
-// Landlock; kernels from 5.13 on.
-void limit_files(const Tree &tree, bool f_network)
+// Landlock; kernels from 5.13 on. Returns whether this one has it.
+bool limit_files(const Tree &tree, bool f_network)
 {
     constexpr uint64_t READ = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
     // All that the first version knows, from EXECUTE to MAKE_SYM.
@@ -211,13 +175,13 @@ void limit_files(const Tree &tree, bool f_network)
 
     const long version =
         syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
-    if (version < 1) return;
+    if (version < 1) return false;
     landlock_ruleset_attr rules = {};
     rules.handled_access_fs = ALL | (version >= VERSION_WITH_TRUNCATE ? TRUNCATE : 0);
     if (f_network) rules.handled_access_fs &= ~READ;
     const Descriptor set(
         static_cast<int>(syscall(SYS_landlock_create_ruleset, &rules, sizeof rules, 0)));
-    if (!set.is_open()) return;
+    if (!set.is_open()) return false;
     for (const Root &root : tree.roots()) {
         if (!root.folder.is_open() || f_network) continue;
         landlock_path_beneath_attr rule = {};
@@ -225,37 +189,59 @@ void limit_files(const Tree &tree, bool f_network)
         rule.parent_fd = root.folder.get();
         syscall(SYS_landlock_add_rule, set.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
     }
-    syscall(SYS_landlock_restrict_self, set.get(), 0);
+    return syscall(SYS_landlock_restrict_self, set.get(), 0) == 0;
 }
 
 #if GOLT_HAS_SECCOMP
 
 // Everything else fails with EPERM: a C library that tries something new goes on without it.
-void limit_calls(Role role, bool f_network)
+void limit_calls(Role role, bool f_network, bool f_files_limited)
 {
     if (!g_seccomp.f_found) return;
     scmp_filter_ctx filter = g_seccomp.init(SCMP_ACT_ERRNO(EPERM));
     if (filter == nullptr) return;
     const auto allow = [&](const char *const *names, size_t count) {
-        for (size_t i = 0; i < count; ++i) {
-            const int call = g_seccomp.resolve_name(names[i]);
-            if (call >= 0) g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, call, 0, nullptr);
-        }
+        for (size_t i = 0; i < count; ++i)
+            g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, g_seccomp.resolve_name(names[i]), 0,
+                                     nullptr);
+    };
+    // Where these bits of the argument have this value. On 32-bit x86 all calls for sockets are one, whose
+    // arguments no filter can see; the library has negative numbers for them.
+    const auto allow_if = [&](const char *name, unsigned argument, uint64_t bits, int value) {
+        const int call = g_seccomp.resolve_name(name);
+        const scmp_arg_cmp condition = {argument, SCMP_CMP_MASKED_EQ, bits,
+                                        static_cast<uint32_t>(value)};
+        g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, call, call < 0 ? 0 : 1, &condition);
     };
     allow(CALLS, std::size(CALLS));
     if (role == Role::SERVER) allow(SERVER_CALLS, std::size(SERVER_CALLS));
     if (f_network) allow(NETWORK_CALLS, std::size(NETWORK_CALLS));
     // Opening is for reading alone. What openat2 opens for, no filter can see; Landlock does.
-    const scmp_arg_cmp for_reading = {2, SCMP_CMP_MASKED_EQ,
-                                      O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0};
-    g_seccomp.rule_add_array(filter, SCMP_ACT_ALLOW, g_seccomp.resolve_name("openat"), 1,
-                             &for_reading);
+    allow_if("openat", 2, O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0);
+    const char *const openat2 = "openat2";
+    if (f_files_limited) allow(&openat2, 1);
+    // Others of its commands have signals sent to any process.
+    for (const int command : {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL}) {
+        allow_if("fcntl", 1, INT_BITS, command);
+        allow_if("fcntl64", 1, INT_BITS, command);
+    }
+    allow_if("tgkill", 0, INT_BITS, getpid());
+    // Only to the other end: sockets of jobs could reach those of other programs.
+    if (!f_network) allow_if("sendto", 4, UINT64_MAX, 0);
+    if (f_network) {
+        for (const int family : {AF_INET, AF_INET6, AF_NETLINK})
+            allow_if("socket", 0, INT_BITS, family);
+        // Of datagrams either end could be connected to sockets of other programs.
+        allow_if("socketpair", 1, SOCKET_TYPE_BITS, SOCK_STREAM);
+        for (const int request : {FIONBIO, FIONREAD, SIOCGIFINDEX})
+            allow_if("ioctl", 1, INT_BITS, request);
+    }
     g_seccomp.load(filter);
 }
 
 #else
 
-void limit_calls(Role /*role*/, bool /*f_network*/) {}
+void limit_calls(Role /*role*/, bool /*f_network*/, bool /*f_files_limited*/) {}
 
 #endif
 

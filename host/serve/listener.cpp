@@ -94,6 +94,10 @@ Descriptor passed_listener()
     if (getsockopt(FIRST_PASSED, SOL_SOCKET, SO_ACCEPTCONN, &is_listening, &size) != 0 ||
         is_listening == 0)
         throw NotDone("LISTEN_FDS", "it isn't a socket that listens");
+    int family = AF_UNSPEC;
+    getsockopt(FIRST_PASSED, SOL_SOCKET, SO_DOMAIN, &family, &size);
+    if (family != AF_INET && family != AF_INET6)
+        throw NotDone("LISTEN_FDS", "it isn't a socket of IPv4 or IPv6");
     fcntl(FIRST_PASSED, F_SETFD, FD_CLOEXEC);
     fcntl(FIRST_PASSED, F_SETFL, fcntl(FIRST_PASSED, F_GETFL) | O_NONBLOCK);
     return Descriptor(FIRST_PASSED);

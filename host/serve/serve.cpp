@@ -69,7 +69,7 @@ public:
 private:
     void announce() const;
     void start(size_t slot);
-    [[noreturn]] void become(size_t slot);
+    [[noreturn]] void become(size_t slot, pid_t parent);
     void wait();
     void relay();
     void bury();
@@ -179,8 +179,9 @@ void Parent::start(size_t slot)
 {
     Post &post = m_posts[slot];
     post.started_ms = now_ms();
+    const pid_t parent = getpid();
     const pid_t pid = fork();
-    if (pid == 0) become(slot);
+    if (pid == 0) become(slot, parent);
     if (pid < 0) {
         post.not_before_ms = now_ms() + post.pause_ms;
         return;
@@ -194,14 +195,14 @@ void Parent::start(size_t slot)
 }
 
 // In the new process.
-void Parent::become(size_t slot)
+void Parent::become(size_t slot, pid_t parent)
 {
     const Role role = m_posts[slot].role;
-    const pid_t parent = getppid();
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(EXIT_NOT_DONE);
-    // They may write to no file, not even to the one that the messages go to.
-    dup2(m_to_say.get(), STDERR_FILENO);
+    // They may write to no file, not even to the one that the messages go to, and reach no terminal.
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(m_to_say.get(), standard);
     m_said.close();
     // A terminal sends them to all; the parent says when it is time.
     std::signal(SIGINT, SIG_IGN);

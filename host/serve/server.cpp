@@ -6,14 +6,13 @@
 #include <list>
 #include <optional>
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "client_address.h"
 #include "exchange.h"
 #include "io/interrupt.h"
 #include "io/message.h"
-#include "listener.h"
 #include "maker.h"
 
 namespace {
@@ -63,8 +62,6 @@ private:
     // Of the client that has been let in last, until its connection begins.
     std::optional<size_t> m_place;
 };
-
-ClientAddress client_address(const sockaddr *address);
 
 }  // namespace
 
@@ -241,19 +238,6 @@ void Server::on_end(void *server, MHD_Connection *connection, void **exchange,
 size_t Server::leave_encoded(void * /*server*/, MHD_Connection * /*connection*/, char *text)
 {
     return strlen(text);
-}
-
-ClientAddress client_address(const sockaddr *address)
-{
-    ClientAddress bytes = {};
-    if (address->sa_family == AF_INET6) {
-        const auto six = copy_of<sockaddr_in6>(address);
-        memcpy(bytes.data(), &six.sin6_addr, sizeof six.sin6_addr);
-    } else if (address->sa_family == AF_INET) {
-        const auto four = copy_of<sockaddr_in>(address);
-        memcpy(bytes.data(), &four.sin_addr, sizeof four.sin_addr);
-    }
-    return bytes;
 }
 
 }  // namespace

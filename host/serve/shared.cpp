@@ -47,8 +47,6 @@ struct Shared::Connection {
 
 struct Shared::Region {
     pthread_mutex_t mutex;
-    uint64_t budget;
-    uint64_t connections;    // places for them
     int64_t without_makers;  // since; 0: there are some
     uint64_t end;            // of the line
     uint64_t entry_count;
@@ -59,6 +57,8 @@ struct Shared::Region {
 };
 
 Shared::Shared(uint64_t budget, uint64_t connections)
+    : m_budget(budget)
+    , m_connection_count(connections)
 {
     constexpr uint64_t MOST = SIZE_MAX / 4;
     const uint64_t size = sizeof(Region) + connections * sizeof(Connection) + budget;
@@ -70,8 +70,6 @@ Shared::Shared(uint64_t budget, uint64_t connections)
     m_region = new (memory) Region();
     m_connections = reinterpret_cast<Connection *>(m_region + 1);
     m_bytes = reinterpret_cast<uint8_t *>(m_connections + connections);
-    m_region->budget = budget;
-    m_region->connections = connections;
     m_region->without_makers = steady_seconds();
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
@@ -79,11 +77,6 @@ Shared::Shared(uint64_t budget, uint64_t connections)
     pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
     pthread_mutex_init(&m_region->mutex, &attributes);
     pthread_mutexattr_destroy(&attributes);
-}
-
-uint64_t Shared::budget() const
-{
-    return m_region->budget;
 }
 
 std::optional<uint64_t> Shared::find(const std::string &key) const
@@ -107,8 +100,7 @@ bool Shared::read(const std::string &key, uint64_t offset, uint8_t *to, size_t s
 bool Shared::put(const std::string &key, const uint8_t *bytes, size_t size)
 {
     Entry entry = {hash_of(key), 0, static_cast<uint32_t>(key.size()), size};
-    const uint64_t budget = m_region->budget;
-    if (key.size() > budget || size > budget - key.size()) return false;
+    if (key.size() > m_budget || size > m_budget - key.size()) return false;
     {
         // Taken before anything is written there: what lay there isn't found from now on.
         const Lock lock(*this);
@@ -136,7 +128,7 @@ Counters Shared::counters() const
 uint64_t Shared::cached() const
 {
     const Lock lock(*this);
-    return std::min(m_region->end, m_region->budget);
+    return std::min(m_region->end, m_budget);
 }
 
 Slot Shared::slot(size_t slot) const
@@ -149,7 +141,7 @@ void Shared::clear(size_t slot)
 {
     const Lock lock(*this);
     m_region->slots[slot] = {};
-    for (size_t i = 0; i < m_region->connections; ++i) {
+    for (size_t i = 0; i < m_connection_count; ++i) {
         if (m_connections[i].owner == slot + 1) m_connections[i].owner = 0;
     }
     const bool f_maker = std::any_of(std::begin(m_region->slots), std::end(m_region->slots),
@@ -196,7 +188,7 @@ std::optional<size_t> Shared::enter(size_t slot, const ClientAddress &address, u
     const Lock lock(*this);
     uint64_t count = 0;
     std::optional<size_t> place;
-    for (size_t i = 0; i < m_region->connections; ++i) {
+    for (size_t i = 0; i < m_connection_count; ++i) {
         const Connection &connection = m_connections[i];
         if (connection.owner == 0)
             place = i;
@@ -290,22 +282,22 @@ const Shared::Entry *Shared::entry_of(const std::string &key, uint64_t hash) con
 bool Shared::is_kept(const Entry &entry) const
 {
     const uint64_t from = m_region->end - entry.at;
-    return entry.at <= m_region->end && from <= m_region->budget && entry.size <= from &&
+    return entry.at <= m_region->end && from <= m_budget && entry.size <= from &&
            entry.key_size <= from - entry.size;
 }
 
 void Shared::copy_out(uint64_t at, uint8_t *to, size_t size) const
 {
-    const uint64_t from = at % m_region->budget;
-    const auto first = static_cast<size_t>(std::min<uint64_t>(size, m_region->budget - from));
+    const uint64_t from = at % m_budget;
+    const auto first = static_cast<size_t>(std::min<uint64_t>(size, m_budget - from));
     memcpy(to, m_bytes + from, first);
     memcpy(to + first, m_bytes, size - first);
 }
 
 void Shared::copy_in(uint64_t at, const uint8_t *from, size_t size)
 {
-    const uint64_t to = at % m_region->budget;
-    const auto first = static_cast<size_t>(std::min<uint64_t>(size, m_region->budget - to));
+    const uint64_t to = at % m_budget;
+    const auto first = static_cast<size_t>(std::min<uint64_t>(size, m_budget - to));
     memcpy(m_bytes + to, from, first);
     memcpy(m_bytes, from + first, size - first);
 }

@@ -14,6 +14,8 @@
 
 #include <sys/types.h>
 
+#include "client_address.h"
+
 /// What is counted over all processes since the start.
 struct Counters {
     /// Upper ends of the classes of times, in ms; the last class has none.
@@ -50,9 +52,6 @@ struct Slot {
     uint64_t cpu_us;   ///< that the process had used before
 };
 
-/// The address of a client: of IPv6, or of IPv4 in its first bytes.
-using ClientAddress = std::array<uint8_t, 16>;
-
 class Shared {
 public:
     static constexpr size_t MOST_SLOTS = 130;
@@ -63,7 +62,7 @@ public:
     /// budget: bytes of the cache; connections: at most, of all servers. Throws NotDone.
     Shared(uint64_t budget, uint64_t connections);
 
-    uint64_t budget() const;
+    uint64_t budget() const { return m_budget; }
 
     /// The size of what is kept under the key. Of two processes one may find it no more.
     std::optional<uint64_t> find(const std::string &key) const;
@@ -132,6 +131,9 @@ private:
     void copy_out(uint64_t at, uint8_t *to, size_t size) const;
     void copy_in(uint64_t at, const uint8_t *from, size_t size);
 
+    // Not in the block, where a process that was taken over could change them.
+    const uint64_t m_budget;
+    const uint64_t m_connection_count;
     Region *m_region;
     Connection *m_connections;
     uint8_t *m_bytes;

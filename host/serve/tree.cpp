@@ -45,9 +45,6 @@ Tree::Tree(const std::vector<std::string> &paths)
             root.name = name + " (" + std::to_string(number) + ")";
         m_roots.push_back(std::move(root));
     }
-    // Kernels before 5.6, and containers that know no call of it, refuse it whatever is asked for.
-    const Descriptor probe(open_by_kernel(AT_FDCWD, ".", O_PATH | O_CLOEXEC));
-    m_f_openat2 = probe.is_open();
 }
 
 std::optional<Place> Tree::find(const std::vector<std::string> &names) const
@@ -125,8 +122,10 @@ std::optional<std::vector<FolderEntry>> Tree::list(size_t root, const std::strin
 Descriptor Tree::open(size_t root, const std::string &path, int flags) const
 {
     const int folder = m_roots[root].folder.get();
-    return Descriptor(m_f_openat2 ? open_by_kernel(folder, path, flags | O_CLOEXEC)
-                                  : open_by_parts(folder, path, flags | O_CLOEXEC));
+    const int file = open_by_kernel(folder, path, flags | O_CLOEXEC);
+    // Kernels before 5.6, some containers, and confine() on a kernel without Landlock have no such call.
+    const bool f_missing = file < 0 && (errno == ENOSYS || errno == EPERM);
+    return Descriptor(f_missing ? open_by_parts(folder, path, flags | O_CLOEXEC) : file);
 }
 
 bool is_media_name(const std::string &name)

@@ -64,7 +64,6 @@ private:
     Descriptor open(size_t root, const std::string &path, int flags) const;
 
     std::vector<Root> m_roots;
-    bool m_f_openat2;
 };
 
 /// Whether the name is that of a film or of music that people expect to be listed.
