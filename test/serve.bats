@@ -57,12 +57,14 @@ teardown() {
     answers 206 "$address" -r 188- -H "If-Range: $tag"
     answers 200 "$address" -r 188- -H 'If-Range: "other"'
     answers 416 "$address" -r 99999999-
+    [ "$(field cache-control)" = no-store ]
     answers 304 "$address" -H "If-None-Match: \"other\", W/$tag"
     [ ! -s body ]
     answers 200 "$address" -H 'If-None-Match: "other"'
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
     answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'
     answers 412 "$address" -H 'If-Match: "other"'
+    [ "$(field cache-control)" = no-store ]
     answers 404 "$(segment /movie.mp4 99)"
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
     answers 405 /movie.mp4/index.m3u8 -d data

@@ -242,7 +242,6 @@ MHD_Result Exchange::refuse(unsigned status, const std::string &reason)
     Answer answer;
     answer.status = status;
     answer.type = TEXT;
-    answer.caching = "no-store";
     answer.text = printable(reason) + "\n";
     return send(answer);
 }
@@ -281,7 +280,8 @@ MHD_Result Exchange::send(Answer &answer)
         if (!value.empty()) http.add_response_header(response, name, value.c_str());
     };
     if (f_body) add(MHD_HTTP_HEADER_CONTENT_TYPE, answer.type);
-    add(MHD_HTTP_HEADER_CACHE_CONTROL, answer.caching);
+    add(MHD_HTTP_HEADER_CACHE_CONTROL,
+        verdict.status >= MHD_HTTP_BAD_REQUEST ? "no-store" : answer.caching);
     add(MHD_HTTP_HEADER_ETAG, answer.tag);
     if (answer.modified != 0) add(MHD_HTTP_HEADER_LAST_MODIFIED, http_date(answer.modified));
     add(MHD_HTTP_HEADER_LOCATION, answer.location);
