@@ -382,7 +382,8 @@ same() {
     while [ ! -s port ]; do sleep 0.1; done
     local other
     other=http://127.0.0.1:$(cat port)
-    serve "$other/announced/movie.mp4" "$other/drips/movie.mkv" "$other/escapes/music.mp3" films --timeout 2
+    serve "$other/announced/movie.mp4" "$other/drips/movie.mkv" "$other/escapes/music.mp3" films \
+        --timeout 2 --workers 1
     answers 200 "$(segment /movie.mp4 1)"
     cp body whole
     answers 200 "$(segment /films/movie.mp4 1)"
