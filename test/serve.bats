@@ -305,6 +305,27 @@ half.pop().close()
 time.sleep(0.2)
 assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n").recv(12) == b"HTTP/1.1 200"
 TEXT
+    # Long pages that nobody reads are held up to a limit.
+    mkdir films/many
+    printf "films/many/$(printf '&%.0s' {1..240})%d.mp4\0" {1000..2499} | xargs -0 touch
+    serve films --workers 1 --per-address 50
+    timeout 60 python3 - "$base" <<'TEXT'
+import socket, sys
+host, port = sys.argv[1].split("/")[2].split(":")
+def ask():
+    client = socket.socket()
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    client.connect((host, int(port)))
+    client.sendall(b"GET /many/ HTTP/1.1\r\nHost: x\r\n\r\n")
+    return client
+clients = [ask() for _ in range(30)]
+codes = [client.recv(12)[-3:] for client in clients]
+print(codes)
+assert 5 < codes.count(b"200") < 10 and codes.count(b"503") == 30 - codes.count(b"200"), codes
+TEXT
+    answers 200 /many/
+    grep -q 'There are more; these are the first [0-9]*' body
+    [ "$(stat -c %s body)" -lt 2200000 ]
     # When most connections are taken, those that don't get on go soon.
     serve films --workers 1 --connections 4
     timeout 20 python3 - "$base" <<'TEXT'

@@ -39,10 +39,11 @@ constexpr uint64_t LEAST_RATE = 16 * 1024;
 constexpr int MOST_TRIES = 8;
 constexpr const char *SECONDS_TO_RETRY = "5";
 
-// Results that are sent from a buffer of their own, not from the cache.
-constexpr uint64_t MOST_TEXT = 16 * 1024 * 1024;
+// Of all texts that a server holds until they are sent, unless they are short.
+constexpr uint64_t MOST_TEXT_BYTES = 16 * 1024 * 1024;
+constexpr uint64_t SHORT_TEXT = 64 * 1024;
 
-std::string tag_of(const std::string &name);
+std::string tag_of(std::string_view text);
 
 }  // namespace
 
@@ -121,14 +122,17 @@ MHD_Result Exchange::route_part()
     const std::string &hls_js = m_context.setting.parts.hls_js;
     const struct {
         const char *name, *type;
-        std::string text;
-    } rows[] = {
-        {"page.css", "text/css; charset=utf-8", PAGE_CSS},
-        {"page.js", "text/javascript; charset=utf-8", PAGE_JS},
-        {"hls.js", "text/javascript; charset=utf-8", m_address.part == "hls.js" ? hls_js : ""}};
+        std::string_view text;
+    } rows[] = {{"page.css", "text/css; charset=utf-8", PAGE_CSS},
+                {"page.js", "text/javascript; charset=utf-8", PAGE_JS},
+                {"hls.js", "text/javascript; charset=utf-8", hls_js}};
     for (const auto &row : rows) {
         if (m_address.part != row.name || row.text.empty()) continue;
-        Answer answer = own(row.type, NEVER, row.text);
+        Answer answer;
+        answer.type = row.type;
+        answer.caching = NEVER;
+        answer.tag = tag_of(row.text);
+        answer.part = row.text;
         return send(answer);
     }
     return refuse(MHD_HTTP_NOT_FOUND, "there is no such address");
@@ -219,12 +223,13 @@ MHD_Result Exchange::answer_result()
 
 MHD_Result Exchange::answer_kept(uint64_t size)
 {
-    if (m_job.kind == JobKind::SEGMENT) {
+    if (!m_job.version.empty()) {
         m_answer.kept = m_job;
         m_answer.size = size;
         return send(m_answer);
     }
-    if (size > MOST_TEXT) return refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, "it is too long");
+    // Nobody else is given a result without a version: it is held until it is sent.
+    if (size > MOST_TEXT_BYTES) return refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, "it is too long");
     m_answer.text.resize(static_cast<size_t>(size));
     if (!m_context.setting.shared.read(m_job.key(), 0,
                                        reinterpret_cast<uint8_t *>(m_answer.text.data()),
@@ -233,7 +238,7 @@ MHD_Result Exchange::answer_kept(uint64_t size)
         return ++m_tries < MOST_TRIES
                    ? wait()
                    : refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "the cache is too small");
-    if (m_answer.tag.empty()) m_answer.tag = tag_of(m_answer.text);
+    m_answer.tag = tag_of(m_answer.text);
     return send(m_answer);
 }
 
@@ -260,20 +265,20 @@ Answer Exchange::own(const char *type, const char *caching, std::string text) co
 MHD_Result Exchange::send(Answer &answer)
 {
     const HttpLibrary &http = m_context.http;
-    uint64_t size = answer.kept ? answer.size : answer.text.size();
+    uint64_t size = answer.kept           ? answer.size
+                    : answer.part.empty() ? answer.text.size()
+                                          : answer.part.size();
     const uint64_t whole = size;
     Verdict verdict = {answer.status, 0, size};
     if (answer.status == MHD_HTTP_OK)
         verdict = judge(conditions(), answer.tag, answer.modified, size);
     const bool f_body =
         verdict.status == answer.status || verdict.status == MHD_HTTP_PARTIAL_CONTENT;
+    if (f_body && answer.text.size() > SHORT_TEXT &&
+        m_context.text_bytes + answer.text.size() > MOST_TEXT_BYTES)
+        return refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many long pages are under way");
     size = f_body ? verdict.size : 0;
-    MHD_Response *const response =
-        answer.kept && f_body
-            ? make_body(m_context, m_peer, *answer.kept, verdict.first, size)
-            : http.create_response_from_buffer(static_cast<size_t>(size),
-                                               answer.text.data() + (f_body ? verdict.first : 0),
-                                               MHD_RESPMEM_MUST_COPY);
+    MHD_Response *const response = make_response(answer, f_body, verdict.first, size);
     if (response == nullptr) return MHD_NO;
 
     const auto add = [&](const char *name, const std::string &value) {
@@ -319,6 +324,16 @@ MHD_Result Exchange::send(Answer &answer)
     return result;
 }
 
+MHD_Response *Exchange::make_response(Answer &answer, bool f_body, uint64_t first, uint64_t size)
+{
+    if (answer.kept && f_body) return make_body(m_context, m_peer, *answer.kept, first, size);
+    if (f_body && !answer.text.empty())
+        return make_text(m_context, std::move(answer.text), first, size);
+    const char *const part = f_body ? answer.part.data() + first : "";
+    return m_context.http.create_response_from_buffer(
+        static_cast<size_t>(size), const_cast<char *>(part), MHD_RESPMEM_PERSISTENT);
+}
+
 Conditions Exchange::conditions() const
 {
     return {field(MHD_HTTP_HEADER_IF_MATCH),          field(MHD_HTTP_HEADER_IF_NONE_MATCH),
@@ -335,7 +350,7 @@ std::string Exchange::field(const char *name) const
 
 namespace {
 
-std::string tag_of(const std::string &text)
+std::string tag_of(std::string_view text)
 {
     return fmt::format("\"{:016x}\"", hash_of(text));
 }

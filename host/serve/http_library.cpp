@@ -31,6 +31,8 @@ HttpLibrary load()
     http.resume_connection = GOLT_FUNCTION(library, MHD_resume_connection);
     http.lookup_connection_value = GOLT_FUNCTION(library, MHD_lookup_connection_value);
     http.create_response_from_buffer = GOLT_FUNCTION(library, MHD_create_response_from_buffer);
+    http.create_response_from_buffer_with_free_callback_cls =
+        GOLT_FUNCTION(library, MHD_create_response_from_buffer_with_free_callback_cls);
     http.create_response_from_callback = GOLT_FUNCTION(library, MHD_create_response_from_callback);
     http.add_response_header = GOLT_FUNCTION(library, MHD_add_response_header);
     http.queue_response = GOLT_FUNCTION(library, MHD_queue_response);

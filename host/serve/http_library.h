@@ -24,6 +24,8 @@ struct HttpLibrary {
     decltype(&::MHD_resume_connection) resume_connection;
     decltype(&::MHD_lookup_connection_value) lookup_connection_value;
     decltype(&::MHD_create_response_from_buffer) create_response_from_buffer;
+    decltype(&::MHD_create_response_from_buffer_with_free_callback_cls)
+        create_response_from_buffer_with_free_callback_cls;
     decltype(&::MHD_create_response_from_callback) create_response_from_callback;
     decltype(&::MHD_add_response_header) add_response_header;
     decltype(&::MHD_queue_response) queue_response;
