@@ -247,6 +247,21 @@ TEXT
     [ -z "$(pgrep -g "$pid")" ]
 }
 
+@test "makers are asked once for what many clients want" {
+    serve films --workers 1
+    local makers before one
+    before=$(count cache_bytes)
+    answers 200 /
+    one=$(($(count cache_bytes) - before))
+    mapfile -t makers < <(pgrep -P "$pid" | tail -n 2)
+    kill -STOP "${makers[@]}"
+    curl -s -Z -o slow "$base/?[1-8]" 3>&- &
+    sleep 1
+    kill -CONT "${makers[@]}"
+    wait $!
+    [ $(($(count cache_bytes) - before)) -lt $((8 * one)) ]
+}
+
 # faults PART...: of the script that has them for longer, too.
 faults() {
     local program
