@@ -66,6 +66,8 @@ teardown() {
     answers 412 "$address" -H 'If-Match: "other"'
     [ "$(field cache-control)" = no-store ]
     answers 404 "$(segment /movie.mp4 99)"
+    answers 404 "$(segment /movie.mp4 99)" -H 'If-None-Match: *'
+    answers 404 "$(segment /movie.mp4 99)" -H "If-Modified-Since: $(date -uRd tomorrow | sed 's/+0000/GMT/')"
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
     answers 405 /movie.mp4/index.m3u8 -d data
     answers 200 /movie.mp4/index.m3u8 -X GET -d data
