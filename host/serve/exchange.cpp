@@ -1,5 +1,6 @@
 #include "exchange.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include <fmt/format.h>
@@ -185,16 +186,21 @@ MHD_Result Exchange::route_result(const Place &place)
     m_answer.caching = row->caching;
     if (place.kind == Place::FILE) {
         m_job.version = version_of(place.status);
-        m_answer.modified = place.status.st_mtime;
-        if (!m_address.version.empty() && m_address.version != m_job.version)
-            return refuse(MHD_HTTP_NOT_FOUND, "the file has changed");
+        if (!m_address.version.empty()) {
+            if (m_address.version != m_job.version)
+                return refuse(MHD_HTTP_NOT_FOUND, "the file has changed");
+            // No later than the answer.
+            m_answer.modified = std::min(place.status.st_mtime, time(nullptr));
+        }
     }
     if (!m_job.version.empty()) {
         const bool f_segment = m_job.kind == JobKind::SEGMENT;
         m_answer.tag = "\"" + m_job.version + "-" +
                        (f_segment ? std::to_string(m_job.number) : row->tag) + "\"";
-        // Nothing has to be made for whoever has it.
-        if (judge(conditions(), m_answer.tag, m_answer.modified, {}).status != MHD_HTTP_OK)
+        // Nothing has to be made for whoever has it. Who doesn't name it may ask for what there isn't.
+        const Conditions asked = conditions();
+        if (asked.if_none_match.find(m_answer.tag) != std::string::npos &&
+            judge(asked, m_answer.tag, m_answer.modified, {}).status == MHD_HTTP_NOT_MODIFIED)
             return send(m_answer);
     }
     const auto size =
