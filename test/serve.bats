@@ -49,6 +49,7 @@ teardown() {
     tag=$(field etag)
     answers 200 "$address" -I
     [ "$(field content-length)" -eq "$(stat -c %s whole)" ]
+    answers 200 "$address" -I -r 100-199
     answers 206 "$address" -r 100-199
     cmp body <(tail -c +101 whole | head -c 100)
     [ "$(field content-range)" = "bytes 100-199/$(stat -c %s whole)" ]

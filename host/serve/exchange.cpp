@@ -342,9 +342,12 @@ MHD_Response *Exchange::make_response(Answer &answer, bool f_body, uint64_t firs
 
 Conditions Exchange::conditions() const
 {
-    return {field(MHD_HTTP_HEADER_IF_MATCH),          field(MHD_HTTP_HEADER_IF_NONE_MATCH),
-            field(MHD_HTTP_HEADER_IF_MODIFIED_SINCE), field(MHD_HTTP_HEADER_IF_UNMODIFIED_SINCE),
-            field(MHD_HTTP_HEADER_IF_RANGE),          field(MHD_HTTP_HEADER_RANGE)};
+    return {field(MHD_HTTP_HEADER_IF_MATCH),
+            field(MHD_HTTP_HEADER_IF_NONE_MATCH),
+            field(MHD_HTTP_HEADER_IF_MODIFIED_SINCE),
+            field(MHD_HTTP_HEADER_IF_UNMODIFIED_SINCE),
+            field(MHD_HTTP_HEADER_IF_RANGE),
+            m_method == "GET" ? field(MHD_HTTP_HEADER_RANGE) : ""};
 }
 
 std::string Exchange::field(const char *name) const
