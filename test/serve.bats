@@ -53,6 +53,7 @@ teardown() {
     answers 206 "$address" -r 100-199
     cmp body <(tail -c +101 whole | head -c 100)
     [ "$(field content-range)" = "bytes 100-199/$(stat -c %s whole)" ]
+    answers 206 "$address" -H 'Range: bytes=100-199  '
     answers 206 "$address" -r -188
     cmp body <(tail -c 188 whole)
     answers 206 "$address" -r 188- -H "If-Range: $tag"
@@ -61,6 +62,7 @@ teardown() {
     [ "$(field cache-control)" = no-store ]
     answers 304 "$address" -H "If-None-Match: \"other\", W/$tag"
     [ ! -s body ]
+    answers 304 "$address" -H 'If-None-Match: "other"' -H "If-None-Match: $tag"
     answers 200 "$address" -H 'If-None-Match: "other"'
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
     answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include <fmt/format.h>
+#include <strings.h>
 
 #include "body.h"
 #include "io/message.h"
@@ -44,7 +45,14 @@ constexpr const char *SECONDS_TO_RETRY = "5";
 constexpr uint64_t MOST_TEXT_BYTES = 16 * 1024 * 1024;
 constexpr uint64_t SHORT_TEXT = 64 * 1024;
 
+/// A field of a request, all of its lines.
+struct Field {
+    const char *name;
+    std::string value;
+};
+
 std::string tag_of(std::string_view text);
+MHD_Result add_line(void *field, MHD_ValueKind kind, const char *name, const char *value);
 
 }  // namespace
 
@@ -352,9 +360,9 @@ Conditions Exchange::conditions() const
 
 std::string Exchange::field(const char *name) const
 {
-    const char *const value =
-        m_context.http.lookup_connection_value(m_peer.connection, MHD_HEADER_KIND, name);
-    return value == nullptr ? "" : value;
+    Field field = {name, ""};
+    m_context.http.get_connection_values(m_peer.connection, MHD_HEADER_KIND, add_line, &field);
+    return field.value;
 }
 
 namespace {
@@ -362,6 +370,16 @@ namespace {
 std::string tag_of(std::string_view text)
 {
     return fmt::format("\"{:016x}\"", hash_of(text));
+}
+
+MHD_Result add_line(void *field, MHD_ValueKind /*kind*/, const char *name, const char *value)
+{
+    auto &wanted = *static_cast<Field *>(field);
+    if (value == nullptr || strcasecmp(name, wanted.name) != 0) return MHD_YES;
+    std::string line = value;
+    line.erase(line.find_last_not_of(" \t") + 1);
+    wanted.value += (wanted.value.empty() ? "" : ", ") + line;
+    return MHD_YES;
 }
 
 }  // namespace

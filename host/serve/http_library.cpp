@@ -29,7 +29,7 @@ HttpLibrary load()
     http.get_connection_info = GOLT_FUNCTION(library, MHD_get_connection_info);
     http.suspend_connection = GOLT_FUNCTION(library, MHD_suspend_connection);
     http.resume_connection = GOLT_FUNCTION(library, MHD_resume_connection);
-    http.lookup_connection_value = GOLT_FUNCTION(library, MHD_lookup_connection_value);
+    http.get_connection_values = GOLT_FUNCTION(library, MHD_get_connection_values);
     http.create_response_from_buffer = GOLT_FUNCTION(library, MHD_create_response_from_buffer);
     http.create_response_from_buffer_with_free_callback_cls =
         GOLT_FUNCTION(library, MHD_create_response_from_buffer_with_free_callback_cls);
