@@ -65,7 +65,10 @@ teardown() {
     answers 304 "$address" -H 'If-None-Match: "other"' -H "If-None-Match: $tag"
     answers 200 "$address" -H 'If-None-Match: "other"'
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
+    answers 304 "$address" -H "If-Modified-Since: $(TZ=UTC date -d tomorrow '+%A, %d-%b-%y %T GMT')"
+    answers 304 "$address" -H "If-Modified-Since: $(TZ=UTC date -d tomorrow '+%a %b %e %T %Y')"
     answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'
+    answers 200 "$address" -H 'If-Modified-Since: Saturday, 01-Jan-00 00:00:00 GMT'
     answers 412 "$address" -H 'If-Match: "other"'
     [ "$(field cache-control)" = no-store ]
     answers 404 "$(segment /movie.mp4 99)"
