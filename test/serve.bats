@@ -77,6 +77,7 @@ teardown() {
     answers 200 /movie.mp4/index.m3u8
     # Its time is too coarse for what may change within a second.
     [ -z "$(field last-modified)" ]
+    answers 200 / --request-target http://example.org/movie.mp4/index.m3u8
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
     answers 405 /movie.mp4/index.m3u8 -d data
     answers 200 /movie.mp4/index.m3u8 -X GET -d data

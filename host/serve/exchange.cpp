@@ -53,13 +53,14 @@ struct Field {
 
 std::string tag_of(std::string_view text);
 MHD_Result add_line(void *field, MHD_ValueKind kind, const char *name, const char *value);
+std::string without_host(const std::string &path);
 
 }  // namespace
 
 Exchange::Exchange(ServerContext &context, Peer &peer, const std::string &path)
     : m_context(context)
     , m_peer(peer)
-    , m_path(path.substr(0, path.find('?')))
+    , m_path(without_host(path.substr(0, path.find('?'))))
 {
     ++m_context.exchanges;
 }
@@ -380,6 +381,15 @@ MHD_Result add_line(void *field, MHD_ValueKind /*kind*/, const char *name, const
     line.erase(line.find_last_not_of(" \t") + 1);
     wanted.value += (wanted.value.empty() ? "" : ", ") + line;
     return MHD_YES;
+}
+
+// A request may name all of the URL, as proxies are asked.
+std::string without_host(const std::string &path)
+{
+    const std::string scheme = "http://";
+    if (strncasecmp(path.c_str(), scheme.c_str(), scheme.size()) != 0) return path;
+    const size_t slash = path.find('/', scheme.size());
+    return slash == std::string::npos ? "/" : path.substr(slash);
 }
 
 }  // namespace
