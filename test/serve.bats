@@ -79,6 +79,7 @@ teardown() {
     [ -z "$(field last-modified)" ]
     answers 200 / --request-target http://example.org/movie.mp4/index.m3u8
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
+    [ "$(field allow)" = 'GET, HEAD, OPTIONS' ]
     answers 405 /movie.mp4/index.m3u8 -d data
     answers 200 /movie.mp4/index.m3u8 -X GET -d data
 
@@ -109,8 +110,8 @@ teardown() {
     [[ $(field content-security-policy) == "default-src 'none'"* ]]
     grep -q '<a href="./a%20%22b%22%20%3Ci%3E%C3%A9/">a "b" &lt;i&gt;é/</a>' body
     [ "$(grep -c '<li ' body)" -eq 6 ]
-    answers 301 /empty
-    [ "$(field location)" = ./empty/ ]
+    answers 301 '/empty?a=b'
+    [ "$(field location)" = './empty/?a=b' ]
     answers 200 /empty/
     answers 200 '/a%20%22b%22%20%3ci%3e%C3%A9/'
     local film='/a%20%22b%22%20%3Ci%3E%C3%A9/100%25%20%26%20%23%3F.mkv'
@@ -332,6 +333,9 @@ slow = connect(b"GET " + sys.argv[2].encode() + b" HTTP/1.1\r\nHost: x\r\n\r\n")
 half.pop().close()
 time.sleep(0.2)
 assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n").recv(12) == b"HTTP/1.1 200"
+half.pop().close()
+time.sleep(0.2)
+assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\nHost: y\r\n\r\n").recv(12) == b"HTTP/1.1 400"
 TEXT
     # Long pages that nobody reads are held up to a limit.
     mkdir films/many

@@ -61,6 +61,7 @@ Exchange::Exchange(ServerContext &context, Peer &peer, const std::string &path)
     : m_context(context)
     , m_peer(peer)
     , m_path(without_host(path.substr(0, path.find('?'))))
+    , m_query(path.substr(std::min(path.find('?'), path.size())))
 {
     ++m_context.exchanges;
 }
@@ -77,6 +78,8 @@ MHD_Result Exchange::step(const char *method, size_t *upload_size)
         m_f_begun = true;
         m_method = method;
         m_peer.deadline = steady_seconds() + m_context.setting.request_seconds();
+        if (field(MHD_HTTP_HEADER_HOST).find(", ") != std::string::npos)
+            return refuse(MHD_HTTP_BAD_REQUEST, "more than one Host");
         // Those with a body are refused before it comes.
         const bool f_known = m_method == "GET" || m_method == "HEAD" || m_method == "OPTIONS";
         return f_known ? MHD_YES : refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD");
@@ -154,7 +157,7 @@ MHD_Result Exchange::route_place(const Place &place)
     Answer answer;
     if (!m_address.f_slash) {
         answer.status = MHD_HTTP_MOVED_PERMANENTLY;
-        answer.location = "./" + encoded(m_address.names.back()) + "/";
+        answer.location = "./" + encoded(m_address.names.back()) + "/" + m_query;
         return send(answer);
     }
     if (place.f_top || place.kind != Place::FOLDER) {
@@ -313,7 +316,8 @@ MHD_Result Exchange::send(Answer &answer)
         add(MHD_HTTP_HEADER_CONTENT_RANGE, fmt::format("bytes */{}", whole));
     if (verdict.status == MHD_HTTP_SERVICE_UNAVAILABLE)
         add(MHD_HTTP_HEADER_RETRY_AFTER, SECONDS_TO_RETRY);
-    if (verdict.status == MHD_HTTP_METHOD_NOT_ALLOWED) add(MHD_HTTP_HEADER_ALLOW, METHODS);
+    if (verdict.status == MHD_HTTP_METHOD_NOT_ALLOWED || m_method == "OPTIONS")
+        add(MHD_HTTP_HEADER_ALLOW, METHODS);
     if (answer.type == HTML) {
         add("Content-Security-Policy", POLICY);
         add("Referrer-Policy", "no-referrer");

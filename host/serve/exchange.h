@@ -77,7 +77,7 @@ private:
 
     ServerContext &m_context;
     Peer &m_peer;
-    const std::string m_path;
+    const std::string m_path, m_query;
     Address m_address;
     bool m_f_begun = false;
     std::string m_method;
