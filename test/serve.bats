@@ -62,6 +62,7 @@ teardown() {
     [ "$(field cache-control)" = no-store ]
     answers 304 "$address" -H "If-None-Match: \"other\", W/$tag"
     [ ! -s body ]
+    [ "$(field content-length)" -eq "$(stat -c %s whole)" ]
     answers 304 "$address" -H 'If-None-Match: "other"' -H "If-None-Match: $tag"
     answers 200 "$address" -H 'If-None-Match: "other"'
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
@@ -89,6 +90,8 @@ teardown() {
     local first=$base
     serve films --workers 1 --cache 1M
     [ "$base" != "$first" ]
+    answers 304 "$address" -H "If-None-Match: $tag"
+    [ -z "$(field content-length)$(field transfer-encoding)" ]
     answers 200 "$address"
     cmp body whole
     [ "$(field etag)" = "$tag" ]

@@ -75,7 +75,11 @@ MHD_Response *make_body(ServerContext &context, Peer &peer, const Job &job, uint
     const size_t buffer = static_cast<size_t>(std::min(share, std::max<uint64_t>(size, 1)));
     MHD_Response *const response =
         context.http.create_response_from_callback(size, buffer, read_body, body, free_body);
-    if (response == nullptr) free_body(body);
+    if (response == nullptr)
+        free_body(body);
+    else if (size == MHD_SIZE_UNKNOWN)
+        // Else the head announces chunks, and the last one is sent. So the connection closes instead.
+        context.http.set_response_options(response, MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
     return response;
 }
 

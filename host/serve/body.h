@@ -7,7 +7,8 @@
 
 #include "exchange.h"
 
-/// A response with size bytes from first on of the result of the job; null when there is no memory.
+/// A response with size bytes from first on of the result of the job; null when there is no memory. With
+/// MHD_SIZE_UNKNOWN only a head can be sent.
 MHD_Response *make_body(ServerContext &context, Peer &peer, const Job &job, uint64_t first,
                         uint64_t size);
 /// A response with size bytes of the text from first on, which holds the text; null when there is no memory.

@@ -205,18 +205,21 @@ MHD_Result Exchange::route_result(const Place &place)
             m_answer.modified = std::min(place.status.st_mtime, time(nullptr));
         }
     }
+    const auto size =
+        m_job.version.empty() ? std::nullopt : m_context.setting.shared.find(m_job.key());
     if (!m_job.version.empty()) {
         const bool f_segment = m_job.kind == JobKind::SEGMENT;
         m_answer.tag = "\"" + m_job.version + "-" +
                        (f_segment ? std::to_string(m_job.number) : row->tag) + "\"";
         // Nothing has to be made for whoever has it. Who doesn't name it may ask for what there isn't.
         const Conditions asked = conditions();
-        if (asked.if_none_match.find(m_answer.tag) != std::string::npos &&
-            judge(asked, m_answer.tag, m_answer.modified, {}).status == MHD_HTTP_NOT_MODIFIED)
+        if (!size && asked.if_none_match.find(m_answer.tag) != std::string::npos &&
+            judge(asked, m_answer.tag, m_answer.modified, {}).status == MHD_HTTP_NOT_MODIFIED) {
+            m_answer.kept = m_job;
+            m_answer.size = MHD_SIZE_UNKNOWN;
             return send(m_answer);
+        }
     }
-    const auto size =
-        m_job.version.empty() ? std::nullopt : m_context.setting.shared.find(m_job.key());
     if (m_job.kind == JobKind::SEGMENT)
         m_context.setting.shared.count(
             [&](Counters &counters) { ++(size ? counters.hits : counters.misses); });
@@ -296,7 +299,9 @@ MHD_Result Exchange::send(Answer &answer)
         m_context.text_bytes + answer.text.size() > MOST_TEXT_BYTES)
         return refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many long pages are under way");
     size = f_body ? verdict.size : 0;
-    MHD_Response *const response = make_response(answer, f_body, verdict.first, size);
+    // Who has the body already is told its length, not that of nothing.
+    const uint64_t length = verdict.status == MHD_HTTP_NOT_MODIFIED ? whole : size;
+    MHD_Response *const response = make_response(answer, verdict.first, length);
     if (response == nullptr) return MHD_NO;
 
     const auto add = [&](const char *name, const std::string &value) {
@@ -343,12 +348,12 @@ MHD_Result Exchange::send(Answer &answer)
     return result;
 }
 
-MHD_Response *Exchange::make_response(Answer &answer, bool f_body, uint64_t first, uint64_t size)
+MHD_Response *Exchange::make_response(Answer &answer, uint64_t first, uint64_t size)
 {
-    if (answer.kept && f_body) return make_body(m_context, m_peer, *answer.kept, first, size);
-    if (f_body && !answer.text.empty())
+    if (answer.kept && size != 0) return make_body(m_context, m_peer, *answer.kept, first, size);
+    if (size != 0 && !answer.text.empty())
         return make_text(m_context, std::move(answer.text), first, size);
-    const char *const part = f_body ? answer.part.data() + first : "";
+    const char *const part = size == 0 ? "" : answer.part.data() + first;
     return m_context.http.create_response_from_buffer(
         static_cast<size_t>(size), const_cast<char *>(part), MHD_RESPMEM_PERSISTENT);
 }

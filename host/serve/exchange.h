@@ -44,7 +44,7 @@ struct Answer {
     std::string text;         ///< the body,
     std::string_view part;    ///< unless it is this, which outlives the server,
     std::optional<Job> kept;  ///< or is kept as the result of this job
-    uint64_t size = 0;        ///< of what is kept
+    uint64_t size = 0;        ///< of what is kept; MHD_SIZE_UNKNOWN: of what the client has
 };
 
 class Exchange final : public Waiter {
@@ -70,7 +70,7 @@ private:
     MHD_Result wait();
     MHD_Result refuse(unsigned status, const std::string &reason);
     MHD_Result send(Answer &answer);
-    MHD_Response *make_response(Answer &answer, bool f_body, uint64_t first, uint64_t size);
+    MHD_Response *make_response(Answer &answer, uint64_t first, uint64_t size);
     Answer own(const char *type, const char *caching, std::string text) const;
     std::string field(const char *name) const;
     Conditions conditions() const;

@@ -35,6 +35,7 @@ HttpLibrary load()
         GOLT_FUNCTION(library, MHD_create_response_from_buffer_with_free_callback_cls);
     http.create_response_from_callback = GOLT_FUNCTION(library, MHD_create_response_from_callback);
     http.add_response_header = GOLT_FUNCTION(library, MHD_add_response_header);
+    http.set_response_options = GOLT_FUNCTION(library, MHD_set_response_options);
     http.queue_response = GOLT_FUNCTION(library, MHD_queue_response);
     http.destroy_response = GOLT_FUNCTION(library, MHD_destroy_response);
     return http;

@@ -28,6 +28,7 @@ struct HttpLibrary {
         create_response_from_buffer_with_free_callback_cls;
     decltype(&::MHD_create_response_from_callback) create_response_from_callback;
     decltype(&::MHD_add_response_header) add_response_header;
+    decltype(&::MHD_set_response_options) set_response_options;
     decltype(&::MHD_queue_response) queue_response;
     decltype(&::MHD_destroy_response) destroy_response;
 
