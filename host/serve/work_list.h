@@ -26,9 +26,9 @@ public:
     /// jobs, shared: have to outlive the object. slot: of this server.
     WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers);
 
-    /// Has the job done, or waits for one that is the same. job: its id and server are filled in here. The waiter stays where it is until
-    /// its reply comes, exactly once and never within this call. False when there is too much to do, and
-    /// after give_up_all.
+    /// Has the job done, or waits for one that is the same. job: its id and server are filled in here. The
+    /// waiter stays where it is until its reply comes, exactly once and never within this call. False when
+    /// there is too much to do, and after give_up_all.
     bool add(Job &job, Waiter &waiter);
     /// Passes the reply on; what is lost is done again.
     void take(const Reply &reply);
