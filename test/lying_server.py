@@ -145,6 +145,12 @@ def changes(request):
 
 
 @way
+def nameless(request):
+    """No version at all."""
+    request.part(ETag=None)
+
+
+@way
 def vanishes(request):
     """The version isn't sent again."""
     request.part(ETag=None if request.earlier else '"x"', sent=PIECE)

@@ -49,22 +49,38 @@ teardown() {
     tag=$(field etag)
     answers 200 "$address" -I
     [ "$(field content-length)" -eq "$(stat -c %s whole)" ]
+    answers 200 "$address" -I -r 100-199
     answers 206 "$address" -r 100-199
     cmp body <(tail -c +101 whole | head -c 100)
     [ "$(field content-range)" = "bytes 100-199/$(stat -c %s whole)" ]
+    answers 206 "$address" -H 'Range: bytes=100-199  '
     answers 206 "$address" -r -188
     cmp body <(tail -c 188 whole)
     answers 206 "$address" -r 188- -H "If-Range: $tag"
     answers 200 "$address" -r 188- -H 'If-Range: "other"'
     answers 416 "$address" -r 99999999-
+    [ "$(field cache-control)" = no-store ]
     answers 304 "$address" -H "If-None-Match: \"other\", W/$tag"
     [ ! -s body ]
+    [ "$(field content-length)" -eq "$(stat -c %s whole)" ]
+    answers 304 "$address" -H 'If-None-Match: "other"' -H "If-None-Match: $tag"
     answers 200 "$address" -H 'If-None-Match: "other"'
     answers 304 "$address" -H "If-Modified-Since: $(field last-modified)"
+    answers 304 "$address" -H "If-Modified-Since: $(TZ=UTC date -d tomorrow '+%A, %d-%b-%y %T GMT')"
+    answers 304 "$address" -H "If-Modified-Since: $(TZ=UTC date -d tomorrow '+%a %b %e %T %Y')"
     answers 200 "$address" -H 'If-Modified-Since: Sat, 01 Jan 2000 00:00:00 GMT'
+    answers 200 "$address" -H 'If-Modified-Since: Saturday, 01-Jan-00 00:00:00 GMT'
     answers 412 "$address" -H 'If-Match: "other"'
+    [ "$(field cache-control)" = no-store ]
     answers 404 "$(segment /movie.mp4 99)"
+    answers 404 "$(segment /movie.mp4 99)" -H 'If-None-Match: *'
+    answers 404 "$(segment /movie.mp4 99)" -H "If-Modified-Since: $(date -uRd tomorrow | sed 's/+0000/GMT/')"
+    answers 200 /movie.mp4/index.m3u8
+    # Its time is too coarse for what may change within a second.
+    [ -z "$(field last-modified)" ]
+    answers 200 / --request-target http://example.org/movie.mp4/index.m3u8
     answers 204 /movie.mp4/index.m3u8 -X OPTIONS -H 'Origin: http://example.org'
+    [ "$(field allow)" = 'GET, HEAD, OPTIONS' ]
     answers 405 /movie.mp4/index.m3u8 -d data
     answers 200 /movie.mp4/index.m3u8 -X GET -d data
 
@@ -74,6 +90,8 @@ teardown() {
     local first=$base
     serve films --workers 1 --cache 1M
     [ "$base" != "$first" ]
+    answers 304 "$address" -H "If-None-Match: $tag"
+    [ -z "$(field content-length)$(field transfer-encoding)" ]
     answers 200 "$address"
     cmp body whole
     [ "$(field etag)" = "$tag" ]
@@ -95,8 +113,8 @@ teardown() {
     [[ $(field content-security-policy) == "default-src 'none'"* ]]
     grep -q '<a href="./a%20%22b%22%20%3Ci%3E%C3%A9/">a "b" &lt;i&gt;é/</a>' body
     [ "$(grep -c '<li ' body)" -eq 6 ]
-    answers 301 /empty
-    [ "$(field location)" = ./empty/ ]
+    answers 301 '/empty?a=b'
+    [ "$(field location)" = './empty/?a=b' ]
     answers 200 /empty/
     answers 200 '/a%20%22b%22%20%3ci%3e%C3%A9/'
     local film='/a%20%22b%22%20%3Ci%3E%C3%A9/100%25%20%26%20%23%3F.mkv'
@@ -215,10 +233,11 @@ TEXT
     local address
     address=$(segment /movie.mp4 0)
     answers 200 "$address"
-    touch films/movie.mp4
+    touch -d tomorrow films/movie.mp4
     answers 404 "$address"
     [ "$(cat body)" = 'the file has changed' ]
     answers 200 "$(segment /movie.mp4 0)"
+    [ "$(date -d "$(field last-modified)" +%s)" -le "$(date -d "$(field date)" +%s)" ]
     address=$(segment /movie.mkv 1)
     answers 200 "$address" -I
     truncate -s 50000 films/movie.mkv
@@ -264,6 +283,21 @@ tries() {
     ln -s movie.mp4 films/link.mp4
     answers 200 /films/movie.mp4/index.m3u8
     answers 404 /films/link.mp4/index.m3u8
+}
+
+@test "makers are asked once for what many clients want" {
+    serve films --workers 1
+    local makers before one
+    before=$(count cache_bytes)
+    answers 200 /
+    one=$(($(count cache_bytes) - before))
+    mapfile -t makers < <(pgrep -P "$pid" | tail -n 2)
+    kill -STOP "${makers[@]}"
+    curl -s -Z -o slow "$base/?[1-8]" 3>&- &
+    sleep 1
+    kill -CONT "${makers[@]}"
+    wait $!
+    [ $(($(count cache_bytes) - before)) -lt $((8 * one)) ]
 }
 
 # faults PART...: of the script that has them for longer, too.
@@ -323,7 +357,31 @@ slow = connect(b"GET " + sys.argv[2].encode() + b" HTTP/1.1\r\nHost: x\r\n\r\n")
 half.pop().close()
 time.sleep(0.2)
 assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\n\r\n").recv(12) == b"HTTP/1.1 200"
+half.pop().close()
+time.sleep(0.2)
+assert connect(b"GET /status HTTP/1.1\r\nHost: x\r\nHost: y\r\n\r\n").recv(12) == b"HTTP/1.1 400"
 TEXT
+    # Long pages that nobody reads are held up to a limit.
+    mkdir films/many
+    printf "films/many/$(printf '&%.0s' {1..240})%d.mp4\0" {1000..2499} | xargs -0 touch
+    serve films --workers 1 --per-address 50
+    timeout 60 python3 - "$base" <<'TEXT'
+import socket, sys
+host, port = sys.argv[1].split("/")[2].split(":")
+def ask():
+    client = socket.socket()
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    client.connect((host, int(port)))
+    client.sendall(b"GET /many/ HTTP/1.1\r\nHost: x\r\n\r\n")
+    return client
+clients = [ask() for _ in range(30)]
+codes = [client.recv(12)[-3:] for client in clients]
+print(codes)
+assert 5 < codes.count(b"200") < 10 and codes.count(b"503") == 30 - codes.count(b"200"), codes
+TEXT
+    answers 200 /many/
+    grep -q 'There are more; these are the first [0-9]*' body
+    [ "$(stat -c %s body)" -lt 2200000 ]
     # When most connections are taken, those that don't get on go soon.
     serve films --workers 1 --connections 4
     timeout 20 python3 - "$base" <<'TEXT'
@@ -401,15 +459,30 @@ same() {
     while [ ! -s port ]; do sleep 0.1; done
     local other
     other=http://127.0.0.1:$(cat port)
-    serve "$other/announced/movie.mp4" "$other/drips/movie.mkv" "$other/escapes/music.mp3" films --timeout 2
+    # An address that stands for a version outlives this run where the other server states one.
+    local way first
+    for way in announced nameless; do
+        serve "$other/$way/movie.mp4"
+        first=$(media /movie.mp4)
+        serve "$other/$way/movie.mp4"
+        answers "$([ $way = announced ] && echo 200 || echo 404)" "$first"
+    done
+    serve "$other/announced/movie.mp4" "$other/drips/movie.mkv" "$other/escapes/music.mp3" films \
+        --timeout 2 --workers 1
     answers 200 "$(segment /movie.mp4 1)"
     cp body whole
     answers 200 "$(segment /films/movie.mp4 1)"
     cmp body whole
+    local address
+    address=$(segment /films/movie.mkv 1)
     curl -s -o slow "$base/movie.mkv/index.m3u8" 3>&- &
     pids+=($!)
     sleep 0.5
-    answers 200 "$(segment /films/movie.mkv 1)" -m 2
+    # Nor for versions of it that somebody makes up.
+    curl -s -Z --parallel-max 90 -o slow "$base/movie.mkv/00000000000000[10-99]/0.ts" 3>&- &
+    pids+=($!)
+    sleep 0.5
+    answers 200 "$address" -m 4
     answers 502 /music.mp3/index.m3u8
 }
 

@@ -29,6 +29,26 @@ private:
     bool m_f_failed = false;
 };
 
+/// A text that the server holds until it is sent.
+class Text {
+public:
+    Text(ServerContext &context, std::string text)
+        : m_context(context)
+        , m_text(std::move(text))
+    {
+        m_context.text_bytes += m_text.size();
+    }
+    ~Text() { m_context.text_bytes -= m_text.size(); }
+    Text(const Text &) = delete;
+    Text &operator=(const Text &) = delete;
+
+    char *at(uint64_t place) { return &m_text[static_cast<size_t>(place)]; }
+
+private:
+    ServerContext &m_context;
+    std::string m_text;
+};
+
 ssize_t read_body(void *body, uint64_t at, char *to, size_t most)
 {
     return static_cast<Body *>(body)->read(at, to, most);
@@ -37,6 +57,11 @@ ssize_t read_body(void *body, uint64_t at, char *to, size_t most)
 void free_body(void *body)
 {
     delete static_cast<Body *>(body);
+}
+
+void free_text(void *text)
+{
+    delete static_cast<Text *>(text);
 }
 
 }  // namespace
@@ -50,7 +75,20 @@ MHD_Response *make_body(ServerContext &context, Peer &peer, const Job &job, uint
     const size_t buffer = static_cast<size_t>(std::min(share, std::max<uint64_t>(size, 1)));
     MHD_Response *const response =
         context.http.create_response_from_callback(size, buffer, read_body, body, free_body);
-    if (response == nullptr) free_body(body);
+    if (response == nullptr)
+        free_body(body);
+    else if (size == MHD_SIZE_UNKNOWN)
+        // Else the head announces chunks, and the last one is sent. So the connection closes instead.
+        context.http.set_response_options(response, MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
+    return response;
+}
+
+MHD_Response *make_text(ServerContext &context, std::string text, uint64_t first, uint64_t size)
+{
+    auto *const body = new Text(context, std::move(text));
+    MHD_Response *const response = context.http.create_response_from_buffer_with_free_callback_cls(
+        static_cast<size_t>(size), body->at(first), free_text, body);
+    if (response == nullptr) free_text(body);
     return response;
 }
 

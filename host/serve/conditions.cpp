@@ -12,6 +12,8 @@ constexpr unsigned STATUS_PRECONDITION_FAILED = 412;
 constexpr unsigned STATUS_RANGE_NOT_SATISFIABLE = 416;
 
 const char *const DATE_FORM = "%a, %d %b %Y %H:%M:%S GMT";
+// Of old clients, too.
+const char *const READ_FORMS[] = {DATE_FORM, "%a, %d-%b-%y %H:%M:%S GMT", "%a %b %d %H:%M:%S %Y"};
 
 bool names_tag(const std::string &list, const std::string &tag, bool f_weak);
 std::optional<int64_t> time_of(const std::string &date);
@@ -73,10 +75,12 @@ bool names_tag(const std::string &list, const std::string &tag, bool f_weak)
 
 std::optional<int64_t> time_of(const std::string &date)
 {
-    tm parts = {};
-    const char *const end = strptime(date.c_str(), DATE_FORM, &parts);
-    if (end == nullptr || *end != '\0') return {};
-    return timegm(&parts);
+    for (const char *const form : READ_FORMS) {
+        tm parts = {};
+        const char *const end = strptime(date.c_str(), form, &parts);
+        if (end != nullptr && *end == '\0') return timegm(&parts);
+    }
+    return {};
 }
 
 // One range; the whole answer where it is none, or there are several.

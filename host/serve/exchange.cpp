@@ -1,8 +1,10 @@
 #include "exchange.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include <fmt/format.h>
+#include <strings.h>
 
 #include "body.h"
 #include "io/message.h"
@@ -39,17 +41,27 @@ constexpr uint64_t LEAST_RATE = 16 * 1024;
 constexpr int MOST_TRIES = 8;
 constexpr const char *SECONDS_TO_RETRY = "5";
 
-// Results that are sent from a buffer of their own, not from the cache.
-constexpr uint64_t MOST_TEXT = 16 * 1024 * 1024;
+// Of all texts that a server holds until they are sent, unless they are short.
+constexpr uint64_t MOST_TEXT_BYTES = 16 * 1024 * 1024;
+constexpr uint64_t SHORT_TEXT = 64 * 1024;
 
-std::string tag_of(const std::string &name);
+/// A field of a request, all of its lines.
+struct Field {
+    const char *name;
+    std::string value;
+};
+
+std::string tag_of(std::string_view text);
+MHD_Result add_line(void *field, MHD_ValueKind kind, const char *name, const char *value);
+std::string without_host(const std::string &path);
 
 }  // namespace
 
 Exchange::Exchange(ServerContext &context, Peer &peer, const std::string &path)
     : m_context(context)
     , m_peer(peer)
-    , m_path(path.substr(0, path.find('?')))
+    , m_path(without_host(path.substr(0, path.find('?'))))
+    , m_query(path.substr(std::min(path.find('?'), path.size())))
 {
     ++m_context.exchanges;
 }
@@ -66,6 +78,8 @@ MHD_Result Exchange::step(const char *method, size_t *upload_size)
         m_f_begun = true;
         m_method = method;
         m_peer.deadline = steady_seconds() + m_context.setting.request_seconds();
+        if (field(MHD_HTTP_HEADER_HOST).find(", ") != std::string::npos)
+            return refuse(MHD_HTTP_BAD_REQUEST, "more than one Host");
         // Those with a body are refused before it comes.
         const bool f_known = m_method == "GET" || m_method == "HEAD" || m_method == "OPTIONS";
         return f_known ? MHD_YES : refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD");
@@ -121,14 +135,17 @@ MHD_Result Exchange::route_part()
     const std::string &hls_js = m_context.setting.parts.hls_js;
     const struct {
         const char *name, *type;
-        std::string text;
-    } rows[] = {
-        {"page.css", "text/css; charset=utf-8", PAGE_CSS},
-        {"page.js", "text/javascript; charset=utf-8", PAGE_JS},
-        {"hls.js", "text/javascript; charset=utf-8", m_address.part == "hls.js" ? hls_js : ""}};
+        std::string_view text;
+    } rows[] = {{"page.css", "text/css; charset=utf-8", PAGE_CSS},
+                {"page.js", "text/javascript; charset=utf-8", PAGE_JS},
+                {"hls.js", "text/javascript; charset=utf-8", hls_js}};
     for (const auto &row : rows) {
         if (m_address.part != row.name || row.text.empty()) continue;
-        Answer answer = own(row.type, NEVER, row.text);
+        Answer answer;
+        answer.type = row.type;
+        answer.caching = NEVER;
+        answer.tag = tag_of(row.text);
+        answer.part = row.text;
         return send(answer);
     }
     return refuse(MHD_HTTP_NOT_FOUND, "there is no such address");
@@ -140,7 +157,7 @@ MHD_Result Exchange::route_place(const Place &place)
     Answer answer;
     if (!m_address.f_slash) {
         answer.status = MHD_HTTP_MOVED_PERMANENTLY;
-        answer.location = "./" + encoded(m_address.names.back()) + "/";
+        answer.location = "./" + encoded(m_address.names.back()) + "/" + m_query;
         return send(answer);
     }
     if (place.f_top || place.kind != Place::FOLDER) {
@@ -181,20 +198,28 @@ MHD_Result Exchange::route_result(const Place &place)
     m_answer.caching = row->caching;
     if (place.kind == Place::FILE) {
         m_job.version = version_of(place.status);
-        m_answer.modified = place.status.st_mtime;
-        if (!m_address.version.empty() && m_address.version != m_job.version)
-            return refuse(MHD_HTTP_NOT_FOUND, "the file has changed");
+        if (!m_address.version.empty()) {
+            if (m_address.version != m_job.version)
+                return refuse(MHD_HTTP_NOT_FOUND, "the file has changed");
+            // No later than the answer.
+            m_answer.modified = std::min(place.status.st_mtime, time(nullptr));
+        }
     }
+    const auto size =
+        m_job.version.empty() ? std::nullopt : m_context.setting.shared.find(m_job.key());
     if (!m_job.version.empty()) {
         const bool f_segment = m_job.kind == JobKind::SEGMENT;
         m_answer.tag = "\"" + m_job.version + "-" +
                        (f_segment ? std::to_string(m_job.number) : row->tag) + "\"";
-        // Nothing has to be made for whoever has it.
-        if (judge(conditions(), m_answer.tag, m_answer.modified, {}).status != MHD_HTTP_OK)
+        // Nothing has to be made for whoever has it. Who doesn't name it may ask for what there isn't.
+        const Conditions asked = conditions();
+        if (!size && asked.if_none_match.find(m_answer.tag) != std::string::npos &&
+            judge(asked, m_answer.tag, m_answer.modified, {}).status == MHD_HTTP_NOT_MODIFIED) {
+            m_answer.kept = m_job;
+            m_answer.size = MHD_SIZE_UNKNOWN;
             return send(m_answer);
+        }
     }
-    const auto size =
-        m_job.version.empty() ? std::nullopt : m_context.setting.shared.find(m_job.key());
     if (m_job.kind == JobKind::SEGMENT)
         m_context.setting.shared.count(
             [&](Counters &counters) { ++(size ? counters.hits : counters.misses); });
@@ -219,12 +244,13 @@ MHD_Result Exchange::answer_result()
 
 MHD_Result Exchange::answer_kept(uint64_t size)
 {
-    if (m_job.kind == JobKind::SEGMENT) {
+    if (!m_job.version.empty()) {
         m_answer.kept = m_job;
         m_answer.size = size;
         return send(m_answer);
     }
-    if (size > MOST_TEXT) return refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, "it is too long");
+    // Nobody else is given a result without a version: it is held until it is sent.
+    if (size > MOST_TEXT_BYTES) return refuse(MHD_HTTP_INTERNAL_SERVER_ERROR, "it is too long");
     m_answer.text.resize(static_cast<size_t>(size));
     if (!m_context.setting.shared.read(m_job.key(), 0,
                                        reinterpret_cast<uint8_t *>(m_answer.text.data()),
@@ -233,7 +259,7 @@ MHD_Result Exchange::answer_kept(uint64_t size)
         return ++m_tries < MOST_TRIES
                    ? wait()
                    : refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "the cache is too small");
-    if (m_answer.tag.empty()) m_answer.tag = tag_of(m_answer.text);
+    m_answer.tag = tag_of(m_answer.text);
     return send(m_answer);
 }
 
@@ -242,7 +268,6 @@ MHD_Result Exchange::refuse(unsigned status, const std::string &reason)
     Answer answer;
     answer.status = status;
     answer.type = TEXT;
-    answer.caching = "no-store";
     answer.text = printable(reason) + "\n";
     return send(answer);
 }
@@ -261,27 +286,30 @@ Answer Exchange::own(const char *type, const char *caching, std::string text) co
 MHD_Result Exchange::send(Answer &answer)
 {
     const HttpLibrary &http = m_context.http;
-    uint64_t size = answer.kept ? answer.size : answer.text.size();
+    uint64_t size = answer.kept           ? answer.size
+                    : answer.part.empty() ? answer.text.size()
+                                          : answer.part.size();
     const uint64_t whole = size;
     Verdict verdict = {answer.status, 0, size};
     if (answer.status == MHD_HTTP_OK)
         verdict = judge(conditions(), answer.tag, answer.modified, size);
     const bool f_body =
         verdict.status == answer.status || verdict.status == MHD_HTTP_PARTIAL_CONTENT;
+    if (f_body && answer.text.size() > SHORT_TEXT &&
+        m_context.text_bytes + answer.text.size() > MOST_TEXT_BYTES)
+        return refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many long pages are under way");
     size = f_body ? verdict.size : 0;
-    MHD_Response *const response =
-        answer.kept && f_body
-            ? make_body(m_context, m_peer, *answer.kept, verdict.first, size)
-            : http.create_response_from_buffer(static_cast<size_t>(size),
-                                               answer.text.data() + (f_body ? verdict.first : 0),
-                                               MHD_RESPMEM_MUST_COPY);
+    // Who has the body already is told its length, not that of nothing.
+    const uint64_t length = verdict.status == MHD_HTTP_NOT_MODIFIED ? whole : size;
+    MHD_Response *const response = make_response(answer, verdict.first, length);
     if (response == nullptr) return MHD_NO;
 
     const auto add = [&](const char *name, const std::string &value) {
         if (!value.empty()) http.add_response_header(response, name, value.c_str());
     };
     if (f_body) add(MHD_HTTP_HEADER_CONTENT_TYPE, answer.type);
-    add(MHD_HTTP_HEADER_CACHE_CONTROL, answer.caching);
+    add(MHD_HTTP_HEADER_CACHE_CONTROL,
+        verdict.status >= MHD_HTTP_BAD_REQUEST ? "no-store" : answer.caching);
     add(MHD_HTTP_HEADER_ETAG, answer.tag);
     if (answer.modified != 0) add(MHD_HTTP_HEADER_LAST_MODIFIED, http_date(answer.modified));
     add(MHD_HTTP_HEADER_LOCATION, answer.location);
@@ -293,7 +321,8 @@ MHD_Result Exchange::send(Answer &answer)
         add(MHD_HTTP_HEADER_CONTENT_RANGE, fmt::format("bytes */{}", whole));
     if (verdict.status == MHD_HTTP_SERVICE_UNAVAILABLE)
         add(MHD_HTTP_HEADER_RETRY_AFTER, SECONDS_TO_RETRY);
-    if (verdict.status == MHD_HTTP_METHOD_NOT_ALLOWED) add(MHD_HTTP_HEADER_ALLOW, METHODS);
+    if (verdict.status == MHD_HTTP_METHOD_NOT_ALLOWED || m_method == "OPTIONS")
+        add(MHD_HTTP_HEADER_ALLOW, METHODS);
     if (answer.type == HTML) {
         add("Content-Security-Policy", POLICY);
         add("Referrer-Policy", "no-referrer");
@@ -319,25 +348,57 @@ MHD_Result Exchange::send(Answer &answer)
     return result;
 }
 
+MHD_Response *Exchange::make_response(Answer &answer, uint64_t first, uint64_t size)
+{
+    if (answer.kept && size != 0) return make_body(m_context, m_peer, *answer.kept, first, size);
+    if (size != 0 && !answer.text.empty())
+        return make_text(m_context, std::move(answer.text), first, size);
+    const char *const part = size == 0 ? "" : answer.part.data() + first;
+    return m_context.http.create_response_from_buffer(
+        static_cast<size_t>(size), const_cast<char *>(part), MHD_RESPMEM_PERSISTENT);
+}
+
 Conditions Exchange::conditions() const
 {
-    return {field(MHD_HTTP_HEADER_IF_MATCH),          field(MHD_HTTP_HEADER_IF_NONE_MATCH),
-            field(MHD_HTTP_HEADER_IF_MODIFIED_SINCE), field(MHD_HTTP_HEADER_IF_UNMODIFIED_SINCE),
-            field(MHD_HTTP_HEADER_IF_RANGE),          field(MHD_HTTP_HEADER_RANGE)};
+    return {field(MHD_HTTP_HEADER_IF_MATCH),
+            field(MHD_HTTP_HEADER_IF_NONE_MATCH),
+            field(MHD_HTTP_HEADER_IF_MODIFIED_SINCE),
+            field(MHD_HTTP_HEADER_IF_UNMODIFIED_SINCE),
+            field(MHD_HTTP_HEADER_IF_RANGE),
+            m_method == "GET" ? field(MHD_HTTP_HEADER_RANGE) : ""};
 }
 
 std::string Exchange::field(const char *name) const
 {
-    const char *const value =
-        m_context.http.lookup_connection_value(m_peer.connection, MHD_HEADER_KIND, name);
-    return value == nullptr ? "" : value;
+    Field field = {name, ""};
+    m_context.http.get_connection_values(m_peer.connection, MHD_HEADER_KIND, add_line, &field);
+    return field.value;
 }
 
 namespace {
 
-std::string tag_of(const std::string &text)
+std::string tag_of(std::string_view text)
 {
     return fmt::format("\"{:016x}\"", hash_of(text));
+}
+
+MHD_Result add_line(void *field, MHD_ValueKind /*kind*/, const char *name, const char *value)
+{
+    auto &wanted = *static_cast<Field *>(field);
+    if (value == nullptr || strcasecmp(name, wanted.name) != 0) return MHD_YES;
+    std::string line = value;
+    line.erase(line.find_last_not_of(" \t") + 1);
+    wanted.value += (wanted.value.empty() ? "" : ", ") + line;
+    return MHD_YES;
+}
+
+// A request may name all of the URL, as proxies are asked.
+std::string without_host(const std::string &path)
+{
+    const std::string scheme = "http://";
+    if (strncasecmp(path.c_str(), scheme.c_str(), scheme.size()) != 0) return path;
+    const size_t slash = path.find('/', scheme.size());
+    return slash == std::string::npos ? "/" : path.substr(slash);
 }
 
 }  // namespace

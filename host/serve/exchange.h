@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "address.h"
 #include "conditions.h"
@@ -27,8 +28,9 @@ struct ServerContext {
     const ServerSetting &setting;
     const HttpLibrary &http;
     WorkList work;
-    uint64_t exchanges = 0;  ///< under way
-    uint64_t bodies = 0;     ///< of them, that are sent from the cache
+    uint64_t exchanges = 0;   ///< under way
+    uint64_t bodies = 0;      ///< of them, that are sent from the cache
+    uint64_t text_bytes = 0;  ///< of the others, that are held until they are sent
 };
 
 /// What there is to say.
@@ -40,8 +42,9 @@ struct Answer {
     int64_t modified = 0;  ///< seconds since 1970; 0: not known
     std::string location;
     std::string text;         ///< the body,
-    std::optional<Job> kept;  ///< unless it is kept as the result of this job
-    uint64_t size = 0;        ///< of what is kept
+    std::string_view part;    ///< unless it is this, which outlives the server,
+    std::optional<Job> kept;  ///< or is kept as the result of this job
+    uint64_t size = 0;        ///< of what is kept; MHD_SIZE_UNKNOWN: of what the client has
 };
 
 class Exchange final : public Waiter {
@@ -67,13 +70,14 @@ private:
     MHD_Result wait();
     MHD_Result refuse(unsigned status, const std::string &reason);
     MHD_Result send(Answer &answer);
+    MHD_Response *make_response(Answer &answer, uint64_t first, uint64_t size);
     Answer own(const char *type, const char *caching, std::string text) const;
     std::string field(const char *name) const;
     Conditions conditions() const;
 
     ServerContext &m_context;
     Peer &m_peer;
-    const std::string m_path;
+    const std::string m_path, m_query;
     Address m_address;
     bool m_f_begun = false;
     std::string m_method;

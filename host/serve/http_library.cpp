@@ -29,10 +29,13 @@ HttpLibrary load()
     http.get_connection_info = GOLT_FUNCTION(library, MHD_get_connection_info);
     http.suspend_connection = GOLT_FUNCTION(library, MHD_suspend_connection);
     http.resume_connection = GOLT_FUNCTION(library, MHD_resume_connection);
-    http.lookup_connection_value = GOLT_FUNCTION(library, MHD_lookup_connection_value);
+    http.get_connection_values = GOLT_FUNCTION(library, MHD_get_connection_values);
     http.create_response_from_buffer = GOLT_FUNCTION(library, MHD_create_response_from_buffer);
+    http.create_response_from_buffer_with_free_callback_cls =
+        GOLT_FUNCTION(library, MHD_create_response_from_buffer_with_free_callback_cls);
     http.create_response_from_callback = GOLT_FUNCTION(library, MHD_create_response_from_callback);
     http.add_response_header = GOLT_FUNCTION(library, MHD_add_response_header);
+    http.set_response_options = GOLT_FUNCTION(library, MHD_set_response_options);
     http.queue_response = GOLT_FUNCTION(library, MHD_queue_response);
     http.destroy_response = GOLT_FUNCTION(library, MHD_destroy_response);
     return http;

@@ -22,10 +22,13 @@ struct HttpLibrary {
     decltype(&::MHD_get_connection_info) get_connection_info;
     decltype(&::MHD_suspend_connection) suspend_connection;
     decltype(&::MHD_resume_connection) resume_connection;
-    decltype(&::MHD_lookup_connection_value) lookup_connection_value;
+    decltype(&::MHD_get_connection_values) get_connection_values;
     decltype(&::MHD_create_response_from_buffer) create_response_from_buffer;
+    decltype(&::MHD_create_response_from_buffer_with_free_callback_cls)
+        create_response_from_buffer_with_free_callback_cls;
     decltype(&::MHD_create_response_from_callback) create_response_from_callback;
     decltype(&::MHD_add_response_header) add_response_header;
+    decltype(&::MHD_set_response_options) set_response_options;
     decltype(&::MHD_queue_response) queue_response;
     decltype(&::MHD_destroy_response) destroy_response;
 

@@ -31,7 +31,8 @@ bool receive_bytes(const Descriptor &from, std::string &bytes)
 
 uint64_t Job::subject() const
 {
-    return hash_of(version + "/" + std::to_string(root) + "/" + path);
+    // A request for a URL may name any version.
+    return hash_of((path.empty() ? "" : version) + "/" + std::to_string(root) + "/" + path);
 }
 
 Channel::Channel()

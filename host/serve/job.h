@@ -21,7 +21,8 @@ struct Job {
     std::string version;  ///< of the file; empty where only the maker can find it
     std::string path;
 
-    /// Under which the result is kept. A result without a version belongs to this job alone.
+    /// Under which the result is kept. A result without a version belongs to this job alone:
+    /// those who ask later want to see what has changed.
     std::string key() const;
     /// Which file it is about.
     uint64_t subject() const;

@@ -235,9 +235,11 @@ OpenFile Maker::open(const Job &job)
     const Root &root = m_setting.tree.roots()[job.root];
     if (!root.url.empty()) {
         file.source = open_http_source(root.url, m_setting.http);
+        const std::string stated = file.source->version();
+        // Where nothing is stated, the next run may find other bytes of the same size.
         file.version = fmt::format(
             "{:016x}", hash_of(fmt::format("{} {} {}", GOLT_version(), file.source->size(),
-                                           file.source->version())));
+                                           stated.empty() ? m_setting.run : stated)));
     } else {
         Descriptor descriptor = m_setting.tree.open_file(job.root, job.path);
         if (!descriptor.is_open()) throw Refusal(STATUS_GONE, "there is no such file");

@@ -23,6 +23,7 @@ struct MakerSetting {
     const Channel &jobs;
     const std::vector<Channel> &replies;  ///< to each server, by its slot
     const HttpOptions &http;
+    std::string run;  ///< that no other run of the program has
 };
 
 /// Doesn't return.

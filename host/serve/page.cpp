@@ -28,7 +28,7 @@ std::string page(const std::string &title, const Names &names, const std::string
                  const std::string &body);
 std::string filled(const char *form, const std::map<std::string, std::string> &values);
 std::string way_to(const Names &names, const std::string &top);
-std::string rows_of(const std::vector<FolderEntry> &entries, const std::string &note);
+std::string rows_of(const std::vector<FolderEntry> &entries, bool f_more);
 std::string size_text(uint64_t size);
 Names names_of(const Tree &tree, size_t root, const std::string &path);
 std::string title_of(const Tree &tree);
@@ -60,23 +60,20 @@ std::string top_page(const Tree &tree)
     std::vector<FolderEntry> entries;
     for (const Root &root : tree.roots())
         entries.push_back({root.name, root.is_folder(), 0, 0});
-    return listing_page("Films", {}, entries, "");
+    return listing_page("Films", {}, entries, false);
 }
 
 std::string folder_page(const Tree &tree, size_t root, const std::string &path,
                         const std::vector<FolderEntry> &entries, bool f_more)
 {
     const Names names = names_of(tree, root, path);
-    std::string note;
-    if (entries.empty()) note = "There are no films in this folder.";
-    if (f_more) note = fmt::format("There are more; these are the first {}.", entries.size());
-    return listing_page(names.empty() ? title_of(tree) : names.back(), names, entries, note);
+    return listing_page(names.empty() ? title_of(tree) : names.back(), names, entries, f_more);
 }
 
 std::string listing_page(const std::string &title, const Names &names,
-                         const std::vector<FolderEntry> &entries, const std::string &note)
+                         const std::vector<FolderEntry> &entries, bool f_more)
 {
-    return page(title, names, "", rows_of(entries, note));
+    return page(title, names, "", rows_of(entries, f_more));
 }
 
 std::string film_page(const PageParts &parts, const Names &names)
@@ -152,10 +149,13 @@ std::string way_to(const Names &names, const std::string &top)
     return way;
 }
 
-std::string rows_of(const std::vector<FolderEntry> &entries, const std::string &note)
+std::string rows_of(const std::vector<FolderEntry> &entries, bool f_more)
 {
-    std::string rows;
-    for (const FolderEntry &entry : entries) {
+    if (entries.empty()) return "<p>There are no films in this folder.</p>\n";
+    std::string rows = "<ul>\n";
+    size_t shown = 0;
+    for (; shown < entries.size() && rows.size() < MOST_LISTED_BYTES; ++shown) {
+        const FolderEntry &entry = entries[shown];
         // "./" keeps a colon in the name from being taken for the end of a scheme.
         rows += fmt::format("<li class=\"{}\"><a href=\"./{}/\">{}{}</a>",
                             entry.f_folder ? "folder" : "film", encoded(entry.name),
@@ -165,8 +165,10 @@ std::string rows_of(const std::vector<FolderEntry> &entries, const std::string &
                                 entry.size == 0 ? "" : size_text(entry.size));
         rows += "</li>\n";
     }
-    if (!rows.empty()) rows = "<ul>\n" + rows + "</ul>\n";
-    return note.empty() ? rows : rows + "<p>" + xml_text(note) + "</p>\n";
+    rows += "</ul>\n";
+    if (f_more || shown < entries.size())
+        rows += fmt::format("<p>There are more; these are the first {}.</p>\n", shown);
+    return rows;
 }
 
 std::string size_text(uint64_t size)

@@ -234,8 +234,13 @@ void Parent::become(size_t slot, pid_t parent)
             std::signal(SIGALRM, SIG_DFL);
             std::signal(SIGPROF, SIG_DFL);
             sigprocmask(SIG_SETMASK, &m_waiting, nullptr);
-            const MakerSetting setting = {slot,   m_tree,    m_shared,
-                                          m_jobs, m_replies, m_options.http};
+            const MakerSetting setting = {slot,
+                                          m_tree,
+                                          m_shared,
+                                          m_jobs,
+                                          m_replies,
+                                          m_options.http,
+                                          fmt::format("{} {}", m_start, parent)};
             confine(role, m_tree, f_network);
             run_maker(setting);
         }

@@ -235,7 +235,7 @@ bool Shared::is_suspect(uint64_t subject) const
                        });
 }
 
-uint64_t hash_of(const std::string &text)
+uint64_t hash_of(std::string_view text)
 {
     uint64_t hash = 0xcbf29ce484222325;
     for (const char letter : text)

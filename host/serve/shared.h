@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include <sys/types.h>
 
@@ -140,7 +141,7 @@ private:
 };
 
 /// FNV-1a
-uint64_t hash_of(const std::string &text);
+uint64_t hash_of(std::string_view text);
 
 /// Of a clock that is never set, in seconds.
 int64_t steady_seconds();

@@ -20,6 +20,13 @@ constexpr unsigned TIMES_MISSED_WHEN_LOST = 2;
 
 constexpr unsigned STATUS_UNAVAILABLE = 503;
 
+// What is asked for. Without a version, the key would tell whose job it is.
+std::string task_of(Job job)
+{
+    job.id = 0;
+    return job.key();
+}
+
 }  // namespace
 
 WorkList::WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers)
@@ -36,15 +43,15 @@ bool WorkList::add(Job &job, Waiter &waiter)
 {
     if (m_f_given_up) return false;
     job.server = m_slot;
-    job.id = ++m_next;
-    const auto same = m_by_key.find(job.key());
-    if (same != m_by_key.end()) {
+    const std::string task = task_of(job);
+    const auto same = m_by_task.find(task);
+    if (same != m_by_task.end()) {
         job.id = same->second;
         m_pending.at(same->second).waiters.push_back(&waiter);
         return true;
     }
     if (m_pending.size() >= MOST_PENDING) return false;
-    m_by_key[job.key()] = job.id;
+    m_by_task[task] = job.id = ++m_next;
     const int64_t now = steady_seconds();
     send(m_pending[job.id] = {job, now, now, {&waiter}});
     return true;
@@ -60,7 +67,7 @@ void WorkList::take(const Reply &reply)
         return;
     }
     const Pending pending = std::move(found->second);
-    m_by_key.erase(pending.job.key());
+    m_by_task.erase(task_of(pending.job));
     m_pending.erase(found);
     if (reply.status == Reply::LOST) {
         const Reply last = {reply.id, STATUS_UNAVAILABLE, 0,

@@ -26,9 +26,9 @@ public:
     /// jobs, shared: have to outlive the object. slot: of this server.
     WorkList(const Channel &jobs, const Shared &shared, size_t slot, size_t makers);
 
-    /// Has the job done. job: its id and server are filled in here. The waiter stays where it is until
-    /// its reply comes, exactly once and never within this call. False when there is too much to do, and
-    /// after give_up_all.
+    /// Has the job done, or waits for one that is the same. job: its id and server are filled in here. The
+    /// waiter stays where it is until its reply comes, exactly once and never within this call. False when
+    /// there is too much to do, and after give_up_all.
     bool add(Job &job, Waiter &waiter);
     /// Passes the reply on; what is lost is done again.
     void take(const Reply &reply);
@@ -62,7 +62,7 @@ private:
     const uint32_t m_slot;
     uint64_t m_next;
     std::map<uint64_t, Pending> m_pending;  // by their id
-    std::map<std::string, uint64_t> m_by_key;
+    std::map<std::string, uint64_t> m_by_task;
     // Files that a maker has in hand. One that is slow takes no more makers than there are servers.
     std::set<uint64_t> m_busy;
     bool m_f_room = false;  // there may be some for what hasn't been sent
