@@ -238,3 +238,21 @@ part() {
     [ "$(part v.mp4 3 4)" = '0 25 0' ]
     [ "$(part hours.mp4 3 4)" = '3 25 48' ]
 }
+
+# The next picture in order of decoding is shown after a pause, of which only a key picture tells that none before it is
+# still to be shown.
+@test "pictures after a pause" {
+    $ffmpeg -f lavfi -i testsrc2=s=64x48:r=25:d=12 $noise -c:v libx264 -threads 1 -preset ultrafast -bf 2 -g 25 \
+        -keyint_min 25 -sc_threshold 0 -c:a aac -t 12 a.mp4
+    local later
+    paused() { # PICTURE TICKS
+        later="gte(N\\,$1)*$2"
+        $ffmpeg -i a.mp4 -c copy -bsf:v "setts=pts=PTS+$later:dts=DTS+$later" paused.mp4
+    }
+    paused 100 89600
+    remuxed 0 paused.mp4
+    [ "$(wc -l <<<"$output")" -eq 1 ]
+    run -0 $GOLT check out.ts
+    paused 99 18000
+    remuxed 3 paused.mp4 'interleaved: 1 frame comes up to '
+}
