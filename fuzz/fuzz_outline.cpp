@@ -86,7 +86,7 @@ void follow(FuzzedBytes &source, const Outline &outline, uint32_t time_ms)
     source.allow(Reader::MOST_LOADS);
     const std::optional<EvenIndex> even_index = make_even_index(source, outline, selection);
     if (even_index) check_index(*even_index, outline, selection);
-    source.allow(3 * 8192 + 4096);
+    source.allow(3 * 3 * 8192 + 4096);
     find_sync_point(source, outline, selection, time_ms, false,
                     even_index ? &*even_index : nullptr);
     source.allow(1u << 17);

@@ -151,9 +151,10 @@ std::string Job::fault_in_times() const
     if (counts.misordered > 0)
         return "pictures in an order that their parameter sets don't allow: " +
                std::to_string(counts.misordered);
-    if (counts.late > 0)
-        return fmt::format("badly interleaved: {} come up to {} ms too late",
-                           counted(counts.late, "frame"), counts.worst_late / TICKS_PER_MS);
+    if (counts.worst_late >= TICKS_PER_MS)
+        return fmt::format("badly interleaved: {} {} up to {} ms too late",
+                           counted(counts.late, "frame"), counts.late == 1 ? "comes" : "come",
+                           counts.worst_late / TICKS_PER_MS);
     if (counts.worst_apart > MOST_APART)
         return fmt::format("audio and video are up to {:.1f} s apart",
                            static_cast<double>(counts.worst_apart) / TICKS_PER_SECOND);

@@ -16,6 +16,28 @@ TEST(Stage, CountsMoreExactlyThanWhatItIsTold)
               90000 + (int64_t{499} * 1152 * 90000 + 22050) / 44100);
 }
 
+// The clock goes on with the audio. Pictures after the pause can't be decoded at the times of those before it.
+TEST(Stage, DecodesInTimeAfterAPause)
+{
+    golt::StageHints hints;
+    hints.audio_durations = golt::Durations::TOLD;
+    Staged out(GOLT_VCODEC_H264, GOLT_ACODEC_AAC, hints);
+    const std::vector<uint64_t> pts = {0, 120, 40, 80, 9000, 9120, 9040, 9080};
+    const std::vector<int64_t> dts = {-40, 0, 40, 80, 8960, 9000, 9040, 9080};
+    uint64_t audio_ms = 0;
+    for (const uint64_t each : pts) {
+        for (; audio_ms < each; audio_ms += 20)
+            out.audio(audio_ms, Bytes(50, 0x55));
+        out.video(each, each % 1000 == 0 ? unit(sps_of(1)) + unit(PPS) + slice(0x65, 9, 1)
+                                         : slice(0x41, 9, 1));
+    }
+    const std::vector<FinishedUnit> pictures = out.finish().of(VIDEO);
+    ASSERT_EQ(pictures.size(), dts.size());
+    for (size_t i = 0; i < dts.size(); ++i)
+        EXPECT_EQ((pictures[i].dts - out.stage.shift()) / 90, dts[i]) << i;
+    EXPECT_EQ(out.stage.counts().late, 0u);
+}
+
 // Times of 33 bits start again after 26.5 hours, at frame 4,110,418. What begins near there or later goes on as the whole
 // does; without a hint the two streams are at least near one another.
 TEST(Stage, BeginsWhereTimesHaveStartedAgain)

@@ -98,4 +98,57 @@ TEST(SyncPoint, IsTheLastKeyPictureBefore)
     EXPECT_EQ(keys(bare), (std::vector<int64_t>{0, 80, 160}));
 }
 
+// The library counts samples by the mean interval of their track.
+TEST(SyncPoint, IsEarlyEnoughForTheAudio)
+{
+    // Pictures of 40 ms, then of 120 ms; 80 ms is the mean.
+    Mp4Track video = Mp4Track::video();
+    video.samples.assign(8, {1});
+    video.stss = {1, 3, 5, 7};
+    video.put["stts"] = table_box("stts", 2, {4, 40, 4, 120});
+    video.duration = 640;
+    Mp4Track shown_later = video;
+    shown_later.put["ctts"] = table_box("ctts", 1, {8, 2000});
+    Mp4Track audio = Mp4Track::audio();
+    audio.samples.assign(40, {1});
+    audio.time_scale = 1000;
+    audio.delta = 20;
+    Mp4Track short_audio = audio, gap = audio;
+    short_audio.samples.resize(2);
+    // At 0, 20, 40, 140, 160...
+    gap.samples.resize(8);
+    gap.put["stts"] = table_box("stts", 3, {2, 20, 1, 100, 5, 20});
+    gap.duration = 240;
+    EvenIndex index;
+    index.keys = {0, 10, 30, 60};
+    index.interval = 40;
+    const struct {
+        const char *name;
+        Bytes file;
+        const EvenIndex *index;
+        uint32_t time;
+        int64_t ask, from;  // ask -1: from the start
+    } rows[] = {
+        {"the key picture before", Mp4File().add(video).add(audio).build(), nullptr, 200, 160, 159},
+        {"none before", Mp4File().add(video).add(audio).build(), nullptr, 90, -1, 79},
+        {"no audio there", Mp4File().add(video).add(short_audio).build(), nullptr, 200, 320, 159},
+        {"index", Mp4File().add(shown_later).add(audio).build(), &index, 2500, 1200, 2399},
+        {"index, early enough", Mp4File().add(shown_later).add(audio).build(), &index, 2200, 1200,
+         2159},
+        {"gap", Mp4File().add(gap).build(), nullptr, 185, 179, 185},
+        {"audio alone", Mp4File().add(audio).build(), nullptr, 185, 185, 185},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        Bytes file = row.file;
+        Memory memory(file);
+        const Outline outline = read_outline(memory);
+        const auto point =
+            find_sync_point(memory, outline, select_tracks(outline), row.time, false, row.index);
+        ASSERT_TRUE(point.has_value());
+        EXPECT_EQ(point->ask_ms ? static_cast<int64_t>(*point->ask_ms) : -1, row.ask);
+        EXPECT_EQ(point->from_ms, row.from);
+    }
+}
+
 }  // namespace

@@ -117,6 +117,25 @@ TEST(Tally, PassesFromTheTimeWanted)
     EXPECT_EQ(tally.passed(), 3u);
 }
 
+// Each of the two as far as it goes; one may be far ahead.
+TEST(Tally, PassesUpToTheTimeWanted)
+{
+    Sink sink;
+    Tally tally(sink);
+    tally.begin(content());
+    tally.expect_around(int64_t{7} * 3600 * TICKS_PER_SECOND);
+    tally.pass_from(3000);
+    tally.pass_until(9000);
+    write(tally, {audio(2880), audio(9000)});
+    EXPECT_TRUE(tally.is_ending());
+    EXPECT_FALSE(tally.has_ended());
+    write(tally, {picture(3600), picture(9001), rest(VIDEO_PID, 1), picture(7200)});
+    EXPECT_TRUE(tally.has_ended());
+    EXPECT_EQ(sink.stream, audio(2880) + picture(3600) + picture(7200));
+    EXPECT_EQ(tally.first_passed(), 2880);
+    EXPECT_EQ(tally.end(), 10800);  // the mean step after the last
+}
+
 // Its frames all have the time of the first; what passes begins where the samples say.
 TEST(Tally, GivesAudioWithoutAClockTheTimeOfItsStart)
 {

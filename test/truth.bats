@@ -211,3 +211,48 @@ begins() {
     remuxed 0 long.mp3 ' from 01:00:59.9' --start 1:01:00 --frames 50
     remuxed 0 long.mkv ' from 01:01:00.0' --start 1:01:10 --to 1:01:15
 }
+
+# part FILE START TO: the exit status, and how many frames of video and of audio the part has.
+part() {
+    run $GOLT remux -q --force --start "$2" --to "$3" "$1" out.ts
+    echo "$1: $status: $output" >&2
+    for pid in 0x100 0x101; do
+        ffprobe -v error -select_streams i:$pid -show_entries packet=pts_time -of csv=p=0 out.ts | grep -c . || true
+    done | xargs echo "$status"
+}
+
+# The library finds a time by the mean interval of a track, and takes frames in that order.
+@test "starts with the audio where intervals vary" {
+    local source="-f lavfi -i testsrc2=s=64x48:r=25:d=20" sound="-f lavfi -i anoisesrc=r=48000:d=20 -b:a 32k"
+    local options="-c:v libx264 -threads 1 -preset ultrafast -bf 0 -g 25 -keyint_min 25 -sc_threshold 0 -fps_mode vfr"
+    $ffmpeg $sound -af "aselect=lt(t\,5)+gt(t\,13)" -c:a aac gap.m4a
+    begins gap.m4a 15 14.99
+    # Few pictures in one half, in order of time, and not.
+    $ffmpeg $source $sound $options -vf "select=lt(n\,250)+not(mod(n\,12))" a.mp4
+    [[ $(part a.mp4 9 10) == '0 '*' 48' ]]
+    $ffmpeg -i a.mp4 -itsoffset 0.5 -i a.mp4 -map 0:v -map 1:a -c copy late.mp4
+    [ "$(part late.mp4 9 10)" = '3 25 48' ]
+    # Most of the hours are in few pictures: those that are wanted come two hours later in that order.
+    $ffmpeg $source $options -vf "setpts=(N+4999*max(0\,N-100))/25/TB" v.mp4
+    $ffmpeg -i v.mp4 -itsoffset 0.5 -i a.mp4 -map 0:v -map 1:a -c copy hours.mp4
+    [ "$(part v.mp4 3 4)" = '0 25 0' ]
+    [ "$(part hours.mp4 3 4)" = '3 25 48' ]
+}
+
+# The next picture in order of decoding is shown after a pause, of which only a key picture tells that none before it is
+# still to be shown.
+@test "pictures after a pause" {
+    $ffmpeg -f lavfi -i testsrc2=s=64x48:r=25:d=12 $noise -c:v libx264 -threads 1 -preset ultrafast -bf 2 -g 25 \
+        -keyint_min 25 -sc_threshold 0 -c:a aac -t 12 a.mp4
+    local later
+    paused() { # PICTURE TICKS
+        later="gte(N\\,$1)*$2"
+        $ffmpeg -i a.mp4 -c copy -bsf:v "setts=pts=PTS+$later:dts=DTS+$later" paused.mp4
+    }
+    paused 100 89600
+    remuxed 0 paused.mp4
+    [ "$(wc -l <<<"$output")" -eq 1 ]
+    run -0 $GOLT check out.ts
+    paused 99 18000
+    remuxed 3 paused.mp4 'interleaved: 1 frame comes up to '
+}

@@ -53,6 +53,13 @@ int64_t DecodeTimes::next(int64_t pts)
     return time;
 }
 
+int64_t DecodeTimes::begin_again(int64_t pts, int64_t lowest)
+{
+    if (m_last >= pts - static_cast<int64_t>(m_depth) * USUAL_STEP) return m_last;
+    begin(m_depth, &pts, 1, lowest);
+    return next(pts);
+}
+
 // Audio
 
 int64_t AudioTimes::next(int64_t told, Durations durations)

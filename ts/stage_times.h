@@ -29,6 +29,9 @@ public:
     /// The time at which a picture with this time of presentation is decoded. It rises with each call; where it
     /// can't be as low as pts, it is above.
     int64_t next(int64_t pts);
+    /// Begins anew with the picture that came last, if this makes its time of decoding later: all that came before are
+    /// shown before it. Returns that time. lowest: as far as it can be kept to.
+    int64_t begin_again(int64_t pts, int64_t lowest);
     bool has_last() const { return m_last != INT64_MIN; }
     int64_t last() const { return m_last; }
 

@@ -255,6 +255,9 @@ void Stage::State::order_picture(PesStart &start)
     }
     int64_t pts = m_time;
     int64_t dts = m_decode.next(pts);
+    // After a pause it is the time of a picture before that, and the clock has gone on.
+    const int64_t in_time = m_pcr + ClockBound::LEAD;
+    if (dts < in_time && m_head.is_idr()) dts = m_decode.begin_again(pts, in_time);
     if (dts > pts && dts - pts <= SAME_TIME) pts = dts;
     if (dts > pts) {
         // It is reordered farther than its parameter sets state; those after it may be, too.

@@ -99,6 +99,7 @@ public:
 
     /// Whether decoding can begin with this picture: IDR, recovery point, or sequence header.
     bool is_key() const;
+    bool is_idr() const { return m_codec == VideoCodec::H264 && m_first_slice == nal::IDR; }
     bool begins_with_delimiter() const;
     /// Of MPEG-2 video, by its sequence extension: 0 where low_delay is set; -1 without a sequence header.
     int mpeg2_depth() const;

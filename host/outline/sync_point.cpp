@@ -8,8 +8,9 @@
 
 namespace {
 
-std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms,
-                                     const EvenIndex *even_index);
+std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, const Track *audio,
+                                     uint32_t time_ms, const EvenIndex *even_index);
+SyncPoint find_audio_in_mp4(ByteSource &source, const Track &audio, uint32_t time_ms);
 std::optional<SyncPoint> find_in_matroska(ByteSource &source, const Outline &outline,
                                           const Track &video, uint32_t time_ms, bool f_remote);
 
@@ -19,16 +20,17 @@ std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outl
                                          const Selection &selection, uint32_t time_ms,
                                          bool f_remote, const EvenIndex *even_index)
 {
-    const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO);
-    SyncPoint from_start = {{}, time_ms};
+    const std::optional<size_t> video_at = selection.taken(outline, TrackKind::VIDEO),
+                                audio_at = selection.taken(outline, TrackKind::AUDIO);
+    const Track *const video = video_at ? &outline.tracks[*video_at] : nullptr;
+    const Track *const audio = audio_at ? &outline.tracks[*audio_at] : nullptr;
+    const SyncPoint from_start = {{}, time_ms};
     switch (outline.container) {
     case Container::MP4:
-        if (video) return find_in_mp4(source, outline.tracks[*video], time_ms, even_index);
-        from_start.ask_ms = time_ms;  // audio is sought to the frame that covers the time
-        return from_start;
+        if (video != nullptr) return find_in_mp4(source, *video, audio, time_ms, even_index);
+        return audio != nullptr ? find_audio_in_mp4(source, *audio, time_ms) : from_start;
     case Container::MATROSKA:
-        if (video)
-            return find_in_matroska(source, outline, outline.tracks[*video], time_ms, f_remote);
+        if (video != nullptr) return find_in_matroska(source, outline, *video, time_ms, f_remote);
         return from_start;
     case Container::MPEG_AUDIO: return from_start;
     case Container::TRANSPORT_STREAM:
@@ -60,8 +62,36 @@ bool list_key_pictures(ByteSource &source, const Outline &outline, const Selecti
 
 namespace {
 
-std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uint32_t time_ms,
-                                     const EvenIndex *even_index)
+// How far the library's order may be from that of time; ms. By an EvenIndex it is no farther.
+constexpr int64_t MOST_OFF = 500;
+
+bool is_apart(const Mp4Details &one, const Mp4Details &other)
+{
+    return std::max(one.most_off - other.least_off, other.most_off - one.least_off) > MOST_OFF;
+}
+
+// The greatest time to ask for with which the library comes to the frame that is shown at a time, or at most so many
+// frames after it. None: there is no limit.
+std::optional<uint32_t> latest_to_ask(ByteSource &source, const Track &audio, int64_t time_ms,
+                                      uint64_t next_ones)
+{
+    KeySamples samples(source, audio.mp4);
+    uint64_t after = 1;  // the first frame may come later
+    bool f_ended = true;
+    const bool f_read = samples.walk([&](const KeySample &frame) {
+        f_ended = frame.shown_ms <= time_ms;
+        if (f_ended) after = frame.number + 1;
+        return f_ended;
+    });
+    if (!f_read || (f_ended && samples.end() * 1000 / audio.mp4.timescale <= time_ms)) return {};
+    const std::optional<uint32_t> ask_ms = samples.time_to_ask(after + next_ones);
+    return ask_ms && *ask_ms > 0 ? std::optional<uint32_t>(*ask_ms - 1) : ask_ms;
+}
+
+// The library comes to audio by the mean length of a frame, which may be far too late. Then it goes to a key picture
+// before, and what isn't wanted is left out.
+std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, const Track *audio,
+                                     uint32_t time_ms, const EvenIndex *even_index)
 {
     KeySamples samples(source, video.mp4, KeySamples::Sizes::LEFT_OUT, even_index);
     std::optional<KeySample> best;
@@ -72,10 +102,37 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, uin
     });
     if (!f_read || !best) return {};
     SyncPoint point;
-    if (best->sample != 0) point.ask_ms = samples.time_to_ask(best->number);
-    if (best->sample != 0 && !point.ask_ms) return {};
     // The library cuts its times to milliseconds.
     point.from_ms = best->shown_ms - 1;
+    point.f_apart = audio != nullptr && even_index == nullptr && is_apart(video.mp4, audio->mp4);
+    if (best->sample == 0) return point;
+    point.ask_ms = samples.time_to_ask(best->number);
+    if (!point.ask_ms) return {};
+    if (audio == nullptr) return point;
+    // A frame isn't worth all the pictures from one key picture to the next.
+    constexpr uint64_t MAY_LACK = 1;
+    std::optional<uint32_t> latest;
+    if (even_index != nullptr)
+        latest = static_cast<uint32_t>(std::max<int64_t>(point.from_ms - MOST_OFF, 0));
+    else
+        latest = latest_to_ask(source, *audio, point.from_ms, MAY_LACK);
+    if (!latest || *point.ask_ms <= *latest) return point;
+    point.ask_ms.reset();
+    samples.walk([&](const KeySample &key) {
+        const std::optional<uint32_t> ask_ms = samples.time_to_ask(key.number);
+        if (!ask_ms || *ask_ms > *latest) return false;
+        if (key.sample != 0) point.ask_ms = ask_ms;
+        return true;
+    });
+    return point;
+}
+
+SyncPoint find_audio_in_mp4(ByteSource &source, const Track &audio, uint32_t time_ms)
+{
+    SyncPoint point = {time_ms, time_ms};
+    if (audio.mp4.least_off >= 0) return point;
+    if (const auto latest = latest_to_ask(source, audio, int64_t{time_ms} - 1, 0))
+        point.ask_ms = std::min(time_ms, *latest);
     return point;
 }
 

@@ -17,6 +17,8 @@ struct SyncPoint {
     /// From which time on frames are wanted, in the library's milliseconds. With video it is that of the
     /// key picture.
     int64_t from_ms = 0;
+    /// In the library's order one of audio and video may come to that time long after the other.
+    bool f_apart = false;
 };
 
 /// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. even_index: by which

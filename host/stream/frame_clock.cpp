@@ -2,15 +2,10 @@
 
 #include <algorithm>
 
-namespace {
-
-constexpr unsigned HOST_PTS_BITS = 32;  // of the times that a host gets
-
-}  // namespace
-
-FrameClock::FrameClock(uint32_t start_ms)
-    : m_clock(HOST_PTS_BITS, int64_t{start_ms} * TICKS_PER_MS)
+void FrameClock::begin_around(int64_t time)
 {
+    m_clock = CutClock(HOST_PTS_BITS, time);
+    m_clock.settle();
 }
 
 void FrameClock::count()

@@ -10,8 +10,8 @@
 
 class FrameClock {
 public:
-    /// start_ms: about where the first frame is expected.
-    explicit FrameClock(uint32_t start_ms);
+    /// The first frame is expected a few hours before or after a time, 90 kHz. Without a call it may have any time.
+    void begin_around(int64_t time);
 
     /// Takes the next frame's time and returns it in milliseconds, without the cut.
     int64_t follow(uint32_t pts) { return m_clock.follow(pts) / TICKS_PER_MS; }
@@ -22,7 +22,9 @@ public:
     int64_t reached_ms() const { return m_reached / TICKS_PER_MS; }
 
 private:
-    CutClock m_clock;
+    static constexpr unsigned HOST_PTS_BITS = 32;  // of the times that a host gets
+
+    CutClock m_clock{HOST_PTS_BITS, 0};
     int64_t m_reached = 0;
     bool m_f_counting = false;
 };

@@ -71,7 +71,6 @@ Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
     , m_options(input.options())
     , m_tally(sink)
     , m_muxer(input.library().make_muxer(input.demuxer(), m_tally))
-    , m_clock(0)
 {
     if (m_muxer == nullptr || !m_muxer->getContentInfo(&m_content))
         throw NotDone(m_input.source().path(), "nothing in it can be played");
@@ -99,10 +98,15 @@ void Pump::seek_to_start()
                                         time_text(start_ms)));
     // A seek that the library refuses leaves the place as it was; then all up to the start is read.
     const bool f_moved = point->ask_ms && m_input.demuxer()->seekToTime(*point->ask_ms);
-    const uint32_t expected_ms = f_moved ? *point->ask_ms : 0;
-    m_clock = FrameClock(expected_ms);
-    m_tally.expect(int64_t{expected_ms} * TICKS_PER_MS);
+    if (f_moved) {
+        // What it was asked for may be hours from the times there: of MP4 it counts samples.
+        const int64_t around = std::max<int64_t>(point->from_ms, 0) * TICKS_PER_MS;
+        m_clock.begin_around(around);
+        m_tally.expect_around(around);
+    }
     m_tally.pass_from(point->from_ms * TICKS_PER_MS);
+    m_f_apart = point->f_apart && m_options.to_ms;
+    if (m_f_apart) m_tally.pass_until(*m_options.to_ms * TICKS_PER_MS);
 }
 
 std::optional<SyncPoint> Pump::find_start(uint32_t start_ms)
@@ -142,7 +146,7 @@ bool Pump::copy_frame()
     const Frame frame = m_input.library().make_frame();
     if (!m_input.demuxer()->readFrame(frame.get())) {
         // A source that waits ends its reads at a signal.
-        m_f_stopped = stop_signal() != 0;
+        m_f_stopped = m_tally.is_ending() || stop_signal() != 0;
         return false;
     }
     if (m_input.format().f_times) {
@@ -151,7 +155,8 @@ bool Pump::copy_frame()
         const EvenIndex *const even = m_input.even_index();
         if (even != nullptr && even->is_filler(pts)) return true;
         const int64_t time_ms = m_clock.follow(pts);
-        m_f_stopped = m_options.to_ms && time_ms >= *m_options.to_ms;
+        m_f_stopped =
+            m_f_apart ? m_tally.has_ended() : m_options.to_ms && time_ms >= *m_options.to_ms;
         if (m_f_stopped) return false;
     }
     if (!m_muxer->writeFrame(frame.get()))

@@ -87,16 +87,25 @@ void Tally::begin(const PELA::MediaBuffer::ContentInfo &content)
     m_f_gated = m_streams[VIDEO].f_dropped || m_streams[AUDIO].f_dropped;
 }
 
-void Tally::expect(int64_t time)
+void Tally::expect_around(int64_t time)
 {
-    for (Stream &stream : m_streams)
+    for (Stream &stream : m_streams) {
         stream.clock = CutClock(PTS_BITS, time);
+        stream.clock.settle();
+    }
 }
 
 void Tally::pass_from(int64_t time)
 {
     for (Stream &stream : m_streams)
         stream.from = time;
+    m_f_gated = true;
+}
+
+void Tally::pass_until(int64_t time)
+{
+    for (Stream &stream : m_streams)
+        stream.until = time;
     m_f_gated = true;
 }
 
@@ -130,6 +139,11 @@ void Tally::begin_frame(Stream &stream, uint8_t *packet)
     const uint64_t cut = time_of_field(ByteView{pes + PTS_AT, PTS_FIELD_SIZE}.get(PTS_FIELD_SIZE));
     const int64_t time = stream.clock.follow(cut);
     stream.clock.settle();
+    stream.f_passes = false;
+    if (stream.until && time >= *stream.until) {
+        stream.f_ended = true;
+        return;
+    }
     count(stream, time, pes, size);
     stream.f_passes = is_wanted(stream, time);
     if (!stream.f_passes) return;
@@ -230,7 +244,7 @@ bool Tally::is_wanted(Stream &stream, int64_t time)
     stream.shift = start - time;
     stream.from.reset();
     m_f_gated = std::any_of(m_streams.begin(), m_streams.end(), [](const Stream &one) {
-        return one.f_dropped || one.from.has_value();
+        return one.f_dropped || one.from.has_value() || one.until.has_value();
     });
     return true;
 }

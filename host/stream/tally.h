@@ -49,14 +49,20 @@ public:
     /// The packets are ready-made: they pass, and are watched.
     void watch_packets() { m_f_foreign = m_f_gated = true; }
     const PacketWatch &packets() const { return m_packets; }
-    /// About where the first frames are, 90 kHz; 0 without a call.
-    void expect(int64_t time);
+    /// The first frames are expected some hours before or after a time, 90 kHz. Without a call they may have any times.
+    void expect_around(int64_t time);
     /// Lets nothing of the video, or the audio, pass.
     void drop_video() { m_streams[VIDEO].f_dropped = true; }
     void drop_audio() { m_streams[AUDIO].f_dropped = true; }
     /// Lets video pass from the first picture at the time on, and audio from the frame on that covers it;
     /// 90 kHz.
     void pass_from(int64_t time);
+
+    /// Lets nothing pass that is shown at the time or later, and doesn't count it; 90 kHz.
+    void pass_until(int64_t time);
+    /// Of one stream, or of both, something has come that is too late for that.
+    bool is_ending() const { return m_streams[VIDEO].f_ended || m_streams[AUDIO].f_ended; }
+    bool has_ended() const { return m_streams[VIDEO].f_ended && m_streams[AUDIO].f_ended; }
 
     int write(uint8_t *buffer, int size) override
     {
@@ -86,7 +92,8 @@ private:
         bool f_damaged = false;  // likewise, and counted
         int64_t time = 0;        // of it
         CutClock clock{PTS_BITS, 0};
-        std::optional<int64_t> from;
+        std::optional<int64_t> from, until;
+        bool f_ended = false;     // something has come that isn't before until
         int64_t frame_start = 0;  // of the present frame, of audio by its samples
         int64_t shift = 0;        // added to the times of audio that has no clock
     };
