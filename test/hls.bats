@@ -69,6 +69,20 @@ cut_film() {
     grep -q 'CODECS="mp4a.40.33"$' out/master.m3u8
 }
 
+# Files whose tables other muxers have written. edited NAME SEGMENTS EDIT...: of movie.mp4; or of audio.m4a.
+edited() {
+    local name=$1 segments=$2
+    shift 2
+    "$BATS_TEST_DIRNAME/support/mp4_edit.py" "${source:-movie.mp4}" "$name.mp4" "$@"
+    cut_film "$name.mp4" "$segments"
+}
+
+@test "segments of MP4 are the stream, whatever its tables state" {
+    film movie.mp4 -video_track_timescale 12800
+    # An edit list that skips more than an hour.
+    edited skipped 4 vide elst 0:47360000 soun elst 0:163170000
+}
+
 @test "segments of Matroska are the stream" {
     film movie.mp4
     $ffmpeg -i movie.mp4 -c copy ffmpeg.mkv

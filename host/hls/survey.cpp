@@ -29,10 +29,6 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     SegmentRun run(source, film, begin, cutter);
     run.look();
     std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
-    for (std::optional<int64_t> *first : {&video, &audio})
-        if (*first)
-            *first = CutClock(PTS_BITS, time + begin.later + run.stage().shift())
-                         .follow(static_cast<uint64_t>(**first));
     if (!video && !audio)
         throw NotDone(source.path(),
                       source.fault().empty() ? "no frame in it can be read" : source.fault());
@@ -41,6 +37,12 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     file.video_offset = hints.video.offset;
     file.audio_offset = hints.audio.offset;
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
+    const int64_t shifted = time + begin.later + run.stage().shift();
+    const auto whole_time = [&](int64_t first, int64_t offset) {
+        return CutClock(PTS_BITS, shifted + offset).follow(static_cast<uint64_t>(first));
+    };
+    if (video) video = whole_time(*video, file.video_offset);
+    if (audio) audio = whole_time(*audio, file.audio_offset);
     file.audio_grid = run.stage().audio_grid();
     file.first_time = std::min(video.value_or(INT64_MAX), audio.value_or(INT64_MAX));
     file.video_start = video.value_or(file.first_time) - file.first_time;
