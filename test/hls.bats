@@ -81,6 +81,9 @@ edited() {
     film movie.mp4 -video_track_timescale 12800
     # An edit list that skips more than an hour.
     edited skipped 4 vide elst 0:47360000 soun elst 0:163170000
+    # The library would have audio of more than ten seconds first, and then pictures from two seconds before it on.
+    $ffmpeg -itsoffset -12 -i movie.mp4 -i movie.mp4 -map 1:v -map 0:a -c copy apart.mp4
+    source=apart.mp4 edited uncounted 4 vide elst 0:25600 soun elst 0:0 soun stts 100:1024,1:1025,:1024 soun mdhd 0
 }
 
 @test "segments of Matroska are the stream" {

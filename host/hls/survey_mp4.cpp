@@ -6,6 +6,7 @@
 #include "io/message.h"
 #include "sample_tables.h"
 #include "sample_walk.h"
+#include "stream/even_source.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
 #include "ts_packet.h"
@@ -127,10 +128,17 @@ private:
     uint64_t m_bytes = 0;  // of the samples before the walk's
 };
 
-std::optional<EvenIndex> even_index_of(Source &source, const Film &film)
+// Makes the index first, as segments are read by it.
+int64_t look(Source &source, Film &film)
 {
-    SourceBytes bytes(source);
-    return make_even_index(bytes, film.file.outline, film.file.selection);
+    std::optional<EvenIndex> &index = film.file.even_index;
+    {
+        SourceBytes bytes(source);
+        index = make_even_index(bytes, film.file.outline, film.file.selection);
+    }
+    if (!index) return look_at_begin(source, film, 0, 0);
+    EvenSource even_source(source, *index);
+    return look_at_begin(even_source, film, 0, 0);
 }
 
 // end: about, of video and audio; audio_end: exactly.
@@ -170,7 +178,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
 
 void survey_mp4(Source &source, Film &film)
 {
-    const int64_t first = look_at_begin(source, film, 0, 0);
+    const int64_t first = look(source, film);
     const Track *const video = taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
     int64_t end = 0, audio_end = 0;
@@ -182,7 +190,6 @@ void survey_mp4(Source &source, Film &film)
         end = std::max(end, audio_end);
     }
     if (video != nullptr) {
-        film.file.even_index = even_index_of(source, film);
         plan_by_keys(source, film, first, end, audio_end);
         return;
     }
