@@ -84,6 +84,9 @@ edited() {
     # The library would have audio of more than ten seconds first, and then pictures from two seconds before it on.
     $ffmpeg -itsoffset -12 -i movie.mp4 -i movie.mp4 -map 1:v -map 0:a -c copy apart.mp4
     source=apart.mp4 edited uncounted 4 vide elst 0:25600 soun elst 0:0 soun stts 100:1024,1:1025,:1024 soun mdhd 0
+    # No durations of samples: they are those of the tracks by the number of samples.
+    film plain.mp4 -bf 0 -video_track_timescale 12800
+    source=plain.mp4 edited untimed 4 vide stts :0 vide mdhd 256000 soun stts :0 soun mdhd 883712
 }
 
 @test "segments of Matroska are the stream" {

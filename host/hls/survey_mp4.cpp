@@ -62,7 +62,8 @@ int64_t ticks_of(double seconds)
 int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
 {
     const Mp4Details &mp4 = track.mp4;
-    double seconds = static_cast<double>(mp4.ticks.value_or(0)) / mp4.timescale;
+    const uint64_t ticks = mp4.ticks.value_or(0);
+    double seconds = static_cast<double>(ticks != 0 ? ticks : mp4.duration) / mp4.timescale;
     const bool f_cut = mp4.end.value_or(0) > bytes.size();
     if (f_cut && mp4.samples != 0)
         seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
@@ -72,10 +73,9 @@ int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
 }
 
 // Where the samples end that were walked over.
-int64_t end_of(const KeySamples &samples, const Film &film, const Track &track)
+int64_t end_of(const KeySamples &samples, const Film &film)
 {
-    const double seconds = static_cast<double>(samples.end()) / track.mp4.timescale;
-    return film_time(film, ticks_of(seconds), TrackKind::VIDEO);
+    return film_time(film, ticks_of(samples.end()), TrackKind::VIDEO);
 }
 
 /// How much of the audio comes before a time: a part of the whole, or, where the rate varies or there are gaps, by its
@@ -169,7 +169,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
         return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
-    if (!film.f_cut) end = std::max(audio_end, end_of(samples, film, video));
+    if (!film.f_cut) end = std::max(audio_end, end_of(samples, film));
     plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
                       audio.bytes_at(end));
 }

@@ -152,14 +152,15 @@ bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
                 if (keys == m_even_index->keys.size()) return false;
                 key.number = m_even_index->keys[keys++];
             }
-            key.shown_ms = f_table ? shown * 1000 / m_mp4.timescale
-                                   : static_cast<int64_t>(static_cast<double>(sample) * m_interval);
+            key.shown_ms =
+                f_table ? shown * 1000 / m_mp4.timescale : static_cast<int64_t>(ms_of(sample));
             if (!take(key)) break;
             key.f_leading = false;
             shown_last = shown;
         }
         key.f_leading = key.f_leading || shown < shown_last;
         m_end = std::max(m_end, shown + length);
+        if (!f_table && length == 0) m_untimed = sample + 1;
         if (m_sizes == Sizes::READ) key.bytes += sizes.next();
         decoded += length;
         if (decoded > INT64_MAX / 2000) break;
@@ -172,6 +173,12 @@ void KeySamples::set_interval(bool f_table, uint32_t first_length)
 {
     m_interval = f_table ? 0 : first_length * (1000.0 / m_mp4.timescale);
     if (m_interval == 0) m_interval = mean_interval(m_mp4);
+}
+
+double KeySamples::end() const
+{
+    constexpr double MS_PER_SECOND = 1000;
+    return std::max(static_cast<double>(m_end) / m_mp4.timescale, ms_of(m_untimed) / MS_PER_SECOND);
 }
 
 std::optional<uint32_t> KeySamples::time_to_ask(uint64_t number) const
