@@ -103,8 +103,9 @@ public:
         const Mp4Details &mp4 = m_audio->mp4;
         if (!m_walk) {
             const double part = static_cast<double>(time) / static_cast<double>(m_end);
-            return static_cast<uint64_t>(
-                part * static_cast<double>(served_bytes(mp4.bytes.value_or(0), mp4.samples)));
+            constexpr double MOST = 1e15;
+            const uint64_t whole = served_bytes(mp4.bytes.value_or(0), mp4.samples);
+            return static_cast<uint64_t>(std::min(part * static_cast<double>(whole), MOST));
         }
         while (m_f_more && m_time < time) {
             m_bytes += m_walk->sample().size;
