@@ -87,6 +87,11 @@ edited() {
     # No durations of samples: they are those of the tracks by the number of samples.
     film plain.mp4 -bf 0 -video_track_timescale 12800
     source=plain.mp4 edited untimed 4 vide stts :0 vide mdhd 256000 soun stts :0 soun mdhd 883712
+    # Audio alone with gaps of which one is off the grid; with a last frame that is long; with frames of two lengths.
+    $ffmpeg -i movie.mp4 -vn -c copy audio.m4a
+    source=audio.m4a edited gaps 5 soun stts 100:1024,1:4311024,600:1024,1:1174,:1024
+    source=audio.m4a edited last 4 soun stts 500:1024,1:90000,361:1024,:882000
+    source=audio.m4a edited halves 18 soun stts 400:10240,:1024
 }
 
 @test "segments of Matroska are the stream" {
@@ -172,9 +177,10 @@ edited() {
 
     # As far as it goes.
     $ffmpeg -i movie.mp4 -c copy -movflags +faststart first.mp4
+    $ffmpeg -i movie.mp4 -vn -c copy -movflags +faststart first.m4a
     $ffmpeg -i movie.mp4 -c copy movie.mkv
     local file
-    for file in first.mp4 movie.mkv; do
+    for file in first.mp4 first.m4a movie.mkv; do
         head -c $(($(stat -c %s "$file") / 2)) "$file" >"cut.$file"
         run -3 $GOLT hls "cut.$file" "cut.$file.hls"
         [[ $output == *": the file was cut off"* ]]

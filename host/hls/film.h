@@ -25,6 +25,8 @@ struct Segment {
     uint64_t place =
         0;  ///< where reading begins: an offset in the file; of MP4 a time to seek to, ms
     uint64_t bytes = 0;  ///< of it as it is served, at most, as far as the file's index tells
+    int64_t later =
+        0;  ///< of audio alone: how much later than the first frames' grid that of the frames at place begins
 };
 
 /// What making segments needs to know of the file.

@@ -72,19 +72,30 @@ int64_t frame_time_at(const Film &film, int64_t time)
     return first + (number * frame + grid.rate / 2) / grid.rate;
 }
 
-void plan_by_time(Film &film, int64_t end, uint64_t bytes,
-                  const std::function<uint64_t(int64_t time)> &place_of)
+FrameTimes::FrameTimes(const Film &film)
+    : m_film(film)
+    , m_grid(film.file.audio_grid)
+    , m_first(m_grid.time - film.file.audio_offset)
+    , m_begin(m_first)
+    , m_time(m_first)
+    , m_next(m_first)
+    , m_rest(m_grid.rate / 2)
 {
-    Plan plan(film.segments, {0, place_of(0), 0});
-    for (int64_t time = Plan::USUAL_LENGTH; time < end && !plan.is_full();
-         time += Plan::USUAL_LENGTH) {
-        const int64_t exact = frame_time_at(film, time);
-        const double part = static_cast<double>(exact) / static_cast<double>(end);
-        if (exact < end)
-            plan.cut(
-                {exact, place_of(exact), static_cast<uint64_t>(static_cast<double>(bytes) * part)});
+}
+
+void FrameTimes::add(int64_t told)
+{
+    constexpr int64_t ROUNDING = 2 * TICKS_PER_MS;  // as the stage has it
+    const bool f_grid = m_grid.samples != 0 && m_grid.rate != 0;
+    if (!f_grid || std::abs(m_next - told) > ROUNDING) {
+        m_begin = m_next = told;
+        m_rest = m_grid.rate / 2;
     }
-    plan.end(end, bytes);
+    m_time = m_next;
+    if (!f_grid) return;
+    const int64_t ticks = m_rest + int64_t{m_grid.samples} * TICKS_PER_SECOND;
+    m_next += ticks / m_grid.rate;
+    m_rest = ticks % m_grid.rate;
 }
 
 // Headers of a frame, an access unit delimiter, and the last packet, which is filled up.

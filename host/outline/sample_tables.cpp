@@ -117,14 +117,20 @@ private:
 
 uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size)
 {
-    Reader chunks_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS);
+    Reader chunks_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS),
+        sizes_reader(source, MOST_LOADS);
+    SampleSizes sizes(sizes_reader, mp4.stsz);
     ChunkSamples chunks(chunks_reader, mp4.stsc);
     Stretch offsets(offsets_reader, mp4.stco.begin, mp4.stco.end);
     offsets.skip(8);
+    const uint64_t most = std::min(mp4.samples, MOST_SAMPLES);
     uint64_t samples = 0;
-    while (offsets.left() >= 4 && samples < mp4.samples) {
-        if (offsets.u32() >= size) return samples;
-        samples += chunks.next();
+    while (offsets.left() >= 4 && samples < most) {
+        uint64_t end = offsets.u32();
+        for (uint32_t left = chunks.next(); left > 0 && samples < most; --left, ++samples) {
+            end += sizes.next();
+            if (end > size) return samples;
+        }
     }
     return mp4.samples;
 }
@@ -183,9 +189,8 @@ double KeySamples::end() const
 
 std::optional<uint32_t> KeySamples::time_to_ask(uint64_t number) const
 {
-    const double interval = m_even_index != nullptr ? m_even_index->interval : m_interval;
-    const double exact = static_cast<double>(number) * interval;
-    if (interval <= 0 || exact >= UINT32_MAX) return {};
+    const double exact = static_cast<double>(number) * interval();
+    if (interval() <= 0 || exact >= UINT32_MAX) return {};
     const auto whole = static_cast<uint32_t>(exact);
     return whole < exact ? whole + 1 : whole;
 }

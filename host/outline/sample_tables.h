@@ -33,6 +33,11 @@ public:
 
     /// Shows the key samples in the order of decoding, until take returns false. False where a table can't be read.
     bool walk(const std::function<bool(const KeySample &)> &take);
+    /// By which the library counts, ms. After a walk.
+    double interval() const
+    {
+        return m_even_index != nullptr ? m_even_index->interval : m_interval;
+    }
     /// What the library has to be asked for so that it goes to a key sample; ms. After a walk. None: it can't go there.
     std::optional<uint32_t> time_to_ask(uint64_t number) const;
     /// When the last of the samples that the walk has come to has been shown; seconds.
@@ -51,7 +56,7 @@ private:
     uint64_t m_untimed = 0;  // samples that have no times but by the interval
 };
 
-/// How many samples of a track come before the first chunk that begins after the end of a file of this size; bytes.
+/// How many samples of a track come before the first one that isn't whole in a file of this size; bytes.
 uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size);
 
 #endif
