@@ -143,8 +143,7 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     const bool f_last = number + 1 == film.segments.size();
     Cutter::Range range;
     range.f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
-    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0, 0,
-                               film.segments[from].later};
+    SegmentRun::Begin begin = {film.segments[from].place, source.size(), 0, 0};
     if (f_audio_file) {
         begin.later = wanted.start;
         if (!f_last) begin.to = film.segments[number + 1].place;
@@ -156,8 +155,10 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
         if (!f_last) range.to = first + wanted.end;
     }
     if (film.file.outline.container == Container::MATROSKA) {
-        begin.later = later_at_cluster(source, film, begin.place);
+        begin.later = film.segments[from].later;
         begin.time -= begin.later;
+    } else {
+        begin.grid_later = film.segments[from].later;
     }
     // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
     // there is.

@@ -19,14 +19,11 @@ const Track *taken_track(const Film &film, TrackKind kind)
     return index ? &film.file.outline.tracks[*index] : nullptr;
 }
 
-int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
+int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time, int64_t later)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun::Begin begin = {place, source.size(), 0, time};
-    if (film.file.outline.container == Container::MATROSKA)
-        begin.later = later_at_cluster(source, film, place);
-    SegmentRun run(source, film, begin, cutter);
+    SegmentRun run(source, film, {place, source.size(), later, time}, cutter);
     run.look();
     std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
     if (!video && !audio)
@@ -37,7 +34,7 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     file.video_offset = hints.video.offset;
     file.audio_offset = hints.audio.offset;
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
-    const int64_t shifted = time + begin.later + run.stage().shift();
+    const int64_t shifted = time + later + run.stage().shift();
     const auto whole_time = [&](int64_t first, int64_t offset) {
         return CutClock(PTS_BITS, shifted + offset).follow(static_cast<uint64_t>(first));
     };
@@ -60,16 +57,6 @@ int64_t film_time(const Film &film, int64_t file_time, TrackKind kind)
 int64_t time_in_file(const Film &film, int64_t time, TrackKind kind)
 {
     return time - film_time(film, 0, kind);
-}
-
-int64_t frame_time_at(const Film &film, int64_t time)
-{
-    const golt::AudioGrid &grid = film.file.audio_grid;
-    const int64_t first = grid.time + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
-    if (grid.samples == 0 || grid.rate == 0 || time <= first) return time;
-    const int64_t frame = int64_t{grid.samples} * TICKS_PER_SECOND;
-    const int64_t number = ((time - first) * grid.rate + frame - 1) / frame;
-    return first + (number * frame + grid.rate / 2) / grid.rate;
 }
 
 FrameTimes::FrameTimes(const Film &film)
