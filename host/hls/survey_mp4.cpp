@@ -201,7 +201,10 @@ void plan_by_frames(Source &source, Film &film)
     const uint64_t there = samples_there(bytes, film, mp4);
     KeySamples samples(bytes, mp4, KeySamples::Sizes::READ);
     FrameTimes times(film);
-    std::array<int64_t, FRAMES_BEFORE + 1> laters;
+    std::array<int64_t, FRAMES_BEFORE + 1> laters = {};
+    const auto later_of = [&](uint64_t frame) -> int64_t & {
+        return laters[static_cast<size_t>(frame % laters.size())];
+    };
     Plan plan(film.segments, {0, 0, 0});
     int64_t clocks = 0;
     const auto served = [&](uint64_t frame_bytes, uint64_t frames) {
@@ -212,13 +215,13 @@ void plan_by_frames(Source &source, Film &film)
         const int64_t before = times.time();
         times.add(ticks_of_ms(frame.shown_ms));
         clocks += std::clamp<int64_t>(times.time() - before, 0, CLOCK_JUMP) / CLOCK_STEP;
-        laters[frame.sample % laters.size()] = times.later();
+        later_of(frame.sample) = times.later();
         if (times.time() < plan.due()) return true;
         const uint64_t first = frame.sample - std::min<uint64_t>(frame.sample, FRAMES_BEFORE);
         const bool f_ask = samples.interval() >= SHORTEST_INTERVAL;
         const uint64_t place = f_ask ? samples.time_to_ask(first).value_or(0) : 0;
         plan.cut({times.time(), place, served(frame.bytes, frame.sample),
-                  place == 0 ? 0 : laters[first % laters.size()]});
+                  place == 0 ? 0 : later_of(first)});
         return !plan.is_full();
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
