@@ -146,11 +146,14 @@ void check_playlists(const Film &film)
             "one variant, a line of its own for each of its parts");
 }
 
-// Reached by a time of 33 bits, but for the millisecond that the library cuts off.
-bool is_reached(int64_t time, int64_t bound)
+// Reached by a time of 33 bits, but for the millisecond that the library cuts off, and for half a frame of audio alone.
+bool is_reached(const Film &film, int64_t time, int64_t bound)
 {
     constexpr int64_t RANGE = int64_t{1} << 33, MS = 90;
-    return ((time - bound + MS) % RANGE + RANGE) % RANGE < RANGE / 2;
+    const golt::AudioGrid &grid = film.file.audio_grid;
+    const bool f_frames = !film.f_video && grid.rate != 0;
+    const int64_t frame = f_frames ? std::min(grid.samples * SECOND / grid.rate, SECOND) : 0;
+    return ((time - bound + MS + frame / 2) % RANGE + RANGE) % RANGE < RANGE / 2;
 }
 
 // Packets of each PID come in sixteens, so that counters go on in any other segment, unless there aren't bytes enough
@@ -190,9 +193,10 @@ void check_segment(const Film &film, size_t number, const Bytes &bytes)
     for (const FinishedUnit &unit : finished.of(film.f_video ? 0x100 : 0x101)) {
         // One that is too long for a PES packet goes on in another, without a time.
         if (unit.pts == NOT_TOLD) continue;
-        require(number == 0 || !f_first || is_reached(unit.pts, first + segment.start),
+        require(number == 0 || !f_first || is_reached(film, unit.pts, first + segment.start),
                 "a segment begins with its begin");
-        require(number + 1 == film.segments.size() || !is_reached(unit.pts, first + segment.end),
+        require(number + 1 == film.segments.size() ||
+                    !is_reached(film, unit.pts, first + segment.end),
                 "a segment ends before the next one");
         f_first = false;
     }

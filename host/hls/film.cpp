@@ -124,6 +124,14 @@ std::string why_unknown(Source &source)
     return other.empty() ? "its format isn't known" : other;
 }
 
+// The times of a frame of audio may differ a little from run to run. Halfway to the frame before there is none.
+int64_t half_frame(const Film &film)
+{
+    const golt::AudioGrid &grid = film.file.audio_grid;
+    const int64_t length = int64_t{grid.samples} * TICKS_PER_SECOND / std::max(grid.rate, 1u);
+    return std::min<int64_t>(length, TICKS_PER_SECOND) / 2;
+}
+
 // A run that begins where segment from does. f_sure: enough came before the segment for it to be as in a run from
 // the film's begin.
 std::string run_from(Source &source, const Film &film, size_t number, size_t from,
@@ -142,12 +150,15 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     } else {
         begin.time = time_in_file(film, film.segments[from].start,
                                   range.f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
-        if (number > 0) range.from = film.file.first_time + wanted.start;
-        if (!f_last) range.to = film.file.first_time + wanted.end;
+        const int64_t first = film.file.first_time - (range.f_video ? 0 : half_frame(film));
+        if (number > 0) range.from = first + wanted.start;
+        if (!f_last) range.to = first + wanted.end;
     }
     if (film.file.outline.container == Container::MATROSKA) {
-        begin.later = later_at_cluster(source, film, begin.place);
+        begin.later = film.segments[from].later;
         begin.time -= begin.later;
+    } else {
+        begin.grid_later = film.segments[from].later;
     }
     // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
     // there is.

@@ -25,6 +25,9 @@ struct Segment {
     uint64_t place =
         0;  ///< where reading begins: an offset in the file; of MP4 a time to seek to, ms
     uint64_t bytes = 0;  ///< of it as it is served, at most, as far as the file's index tells
+    /// Of audio alone, what is added from place on to the film's grid of audio (MP4) or to the times that the library
+    /// tells (Matroska); ticks of 90 kHz.
+    int64_t later = 0;
 };
 
 /// What making segments needs to know of the file.

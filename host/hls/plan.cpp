@@ -32,6 +32,6 @@ void Plan::cut(const KeyPlace &at)
     m_before.reset();
     if (is_full()) return;
     const uint64_t bytes = at.bytes > m_begun.bytes ? at.bytes - m_begun.bytes : 0;
-    m_segments.push_back({m_begun.time, at.time, m_begun.place, bytes});
+    m_segments.push_back({m_begun.time, at.time, m_begun.place, bytes, m_begun.later});
     m_begun = at;
 }

@@ -12,6 +12,7 @@ struct KeyPlace {
     int64_t time = 0;    ///< ticks of 90 kHz since the film's begin
     uint64_t place = 0;  ///< as Segment::place
     uint64_t bytes = 0;  ///< of the film before it, as it is served
+    int64_t later = 0;   ///< as Segment::later
 };
 
 class Plan {
@@ -32,6 +33,8 @@ public:
     /// The film ends at the time, with so many bytes before it.
     void end(int64_t time, uint64_t bytes);
     int64_t begun() const { return m_begun.time; }  ///< of the segment that is open
+    /// From when on another one may begin, of a film that can be cut anywhere.
+    int64_t due() const { return (m_begun.time / USUAL_LENGTH + 1) * USUAL_LENGTH; }
     bool is_full() const { return m_segments.size() >= MOST_SEGMENTS; }
 
 private:

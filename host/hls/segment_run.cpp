@@ -24,7 +24,7 @@ StageSetup setup_of(const Film &film, const SegmentRun::Begin &begin)
     setup.hints.video.offset += film.file.more_shift;
     setup.hints.audio.offset += film.file.more_shift + begin.later;
     setup.hints.audio_grid = film.file.audio_grid;
-    setup.hints.audio_grid.time += film.file.more_shift;
+    setup.hints.audio_grid.time += film.file.more_shift + begin.grid_later;
     setup.hints.begin = begin.time;
     return setup;
 }

@@ -15,10 +15,11 @@
 class SegmentRun {
 public:
     struct Begin {
-        uint64_t place = 0;  ///< as Segment::place
-        uint64_t to = 0;     ///< offset where the file ends for it
-        int64_t later = 0;   ///< added to the library's times of audio; ticks of 90 kHz
-        int64_t time = 0;    ///< of the library there, about, without offsets; likewise
+        uint64_t place = 0;      ///< as Segment::place
+        uint64_t to = 0;         ///< offset where the file ends for it
+        int64_t later = 0;       ///< added to the library's times of audio; ticks of 90 kHz
+        int64_t time = 0;        ///< of the library there, about, without offsets; likewise
+        int64_t grid_later = 0;  ///< added to the film's grid of audio; likewise
     };
 
     /// source, film, cutter: have to outlive the object. Throws NotDone.

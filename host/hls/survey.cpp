@@ -19,20 +19,13 @@ const Track *taken_track(const Film &film, TrackKind kind)
     return index ? &film.file.outline.tracks[*index] : nullptr;
 }
 
-int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
+int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time, int64_t later)
 {
     std::vector<uint8_t> none;
     Cutter cutter({INT64_MAX / 2, {}, true}, none, 0);
-    SegmentRun::Begin begin = {place, source.size(), 0, time};
-    if (film.file.outline.container == Container::MATROSKA)
-        begin.later = later_at_cluster(source, film, place);
-    SegmentRun run(source, film, begin, cutter);
+    SegmentRun run(source, film, {place, source.size(), later, time}, cutter);
     run.look();
     std::optional<int64_t> video = cutter.first_video(), audio = cutter.first_audio();
-    for (std::optional<int64_t> *first : {&video, &audio})
-        if (*first)
-            *first = CutClock(PTS_BITS, time + begin.later + run.stage().shift())
-                         .follow(static_cast<uint64_t>(**first));
     if (!video && !audio)
         throw NotDone(source.path(),
                       source.fault().empty() ? "no frame in it can be read" : source.fault());
@@ -41,6 +34,12 @@ int64_t look_at_begin(Source &source, Film &film, uint64_t place, int64_t time)
     file.video_offset = hints.video.offset;
     file.audio_offset = hints.audio.offset;
     file.more_shift = run.stage().shift() - USUAL_SHIFT;
+    const int64_t shifted = time + later + run.stage().shift();
+    const auto whole_time = [&](int64_t first, int64_t offset) {
+        return CutClock(PTS_BITS, shifted + offset).follow(static_cast<uint64_t>(first));
+    };
+    if (video) video = whole_time(*video, file.video_offset);
+    if (audio) audio = whole_time(*audio, file.audio_offset);
     file.audio_grid = run.stage().audio_grid();
     file.first_time = std::min(video.value_or(INT64_MAX), audio.value_or(INT64_MAX));
     file.video_start = video.value_or(file.first_time) - file.first_time;
@@ -60,29 +59,30 @@ int64_t time_in_file(const Film &film, int64_t time, TrackKind kind)
     return time - film_time(film, 0, kind);
 }
 
-int64_t frame_time_at(const Film &film, int64_t time)
+FrameTimes::FrameTimes(const Film &film)
+    : m_film(film)
+    , m_grid(film.file.audio_grid)
+    , m_first(m_grid.time - film.file.audio_offset)
+    , m_begin(m_first)
+    , m_time(m_first)
+    , m_next(m_first)
+    , m_rest(m_grid.rate / 2)
 {
-    const golt::AudioGrid &grid = film.file.audio_grid;
-    const int64_t first = grid.time + USUAL_SHIFT + film.file.more_shift - film.file.first_time;
-    if (grid.samples == 0 || grid.rate == 0 || time <= first) return time;
-    const int64_t frame = int64_t{grid.samples} * TICKS_PER_SECOND;
-    const int64_t number = ((time - first) * grid.rate + frame - 1) / frame;
-    return first + (number * frame + grid.rate / 2) / grid.rate;
 }
 
-void plan_by_time(Film &film, int64_t end, uint64_t bytes,
-                  const std::function<uint64_t(int64_t time)> &place_of)
+void FrameTimes::add(int64_t told)
 {
-    Plan plan(film.segments, {0, place_of(0), 0});
-    for (int64_t time = Plan::USUAL_LENGTH; time < end && !plan.is_full();
-         time += Plan::USUAL_LENGTH) {
-        const int64_t exact = frame_time_at(film, time);
-        const double part = static_cast<double>(exact) / static_cast<double>(end);
-        if (exact < end)
-            plan.cut(
-                {exact, place_of(exact), static_cast<uint64_t>(static_cast<double>(bytes) * part)});
+    constexpr int64_t ROUNDING = 2 * TICKS_PER_MS;  // as the stage has it
+    const bool f_grid = m_grid.samples != 0 && m_grid.rate != 0;
+    if (!f_grid || std::abs(m_next - told) > ROUNDING) {
+        m_begin = m_next = told;
+        m_rest = m_grid.rate / 2;
     }
-    plan.end(end, bytes);
+    m_time = m_next;
+    if (!f_grid) return;
+    const int64_t ticks = m_rest + int64_t{m_grid.samples} * TICKS_PER_SECOND;
+    m_next += ticks / m_grid.rate;
+    m_rest = ticks % m_grid.rate;
 }
 
 // Headers of a frame, an access unit delimiter, and the last packet, which is filled up.

@@ -31,29 +31,46 @@ int64_t time_of(const Outline &outline, int64_t file_ticks)
 /// The clusters from which those that come can be reached.
 class Approach {
 public:
-    explicit Approach(uint64_t first_cluster) { m_places.push_back({INT64_MIN, first_cluster}); }
-    void add(int64_t time, uint64_t cluster)
-    {
-        const Place &last = m_places.back();
-        if (last.time < time && last.cluster != cluster) m_places.push_back({time, cluster});
-    }
-    /// The last one that is early enough.
-    uint64_t to(int64_t time)
-    {
-        while (m_places.size() > 1 && m_places[1].time <= time - TIME_BEFORE)
-            m_places.pop_front();
-        return m_places.front().cluster;
-    }
-
-private:
     struct Place {
         int64_t time;
         uint64_t cluster;
+        int64_t later = 0;  // as Segment::later
     };
+
+    explicit Approach(uint64_t first_cluster, int64_t later = 0)
+    {
+        m_places.push_back({INT64_MIN, first_cluster, later});
+    }
+    void add(const Place &place)
+    {
+        const Place &last = m_places.back();
+        if (last.time < place.time && last.cluster != place.cluster) m_places.push_back(place);
+    }
+    /// The last one that is early enough.
+    const Place &to(int64_t time)
+    {
+        while (m_places.size() > 1 && m_places[1].time <= time - TIME_BEFORE)
+            m_places.pop_front();
+        return m_places.front();
+    }
+
+private:
     std::deque<Place> m_places;
 };
 
-/// Takes points of the file, each with its cluster, and makes the plan.
+// Of video and audio together, in a second.
+double frame_rate_of(const Film &film)
+{
+    constexpr double USUAL_PICTURES = 30, USUAL_FRAMES = 50, NS_PER_SECOND = 1e9;
+    const Track *const video = taken_track(film, TrackKind::VIDEO);
+    const golt::AudioGrid &grid = film.file.audio_grid;
+    const uint64_t each_ns = video->matroska.default_duration_ns.value_or(0);
+    const double pictures =
+        each_ns == 0 ? USUAL_PICTURES : NS_PER_SECOND / static_cast<double>(each_ns);
+    return pictures + (grid.samples == 0 ? USUAL_FRAMES : double{1} * grid.rate / grid.samples);
+}
+
+/// Takes points of a film of pictures, each with its cluster, and makes the plan.
 class Planner {
 public:
     Planner(Film &film, int64_t first)
@@ -70,63 +87,21 @@ public:
     /// time: in ticks of the file.
     void add(int64_t time, uint64_t cluster, bool f_key)
     {
-        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
-        const int64_t shown = film_time(m_film, time_of(m_film.file.outline, time),
-                                        f_video ? TrackKind::VIDEO : TrackKind::AUDIO);
-        if (f_key && f_video && shown > m_first) m_plan.add(place(shown, cluster));
-        // Audio can be cut anywhere: a segment begins in the cluster before the point.
-        if (!f_video) add_times(shown);
-        m_last_cluster = cluster;
-        m_approach.add(shown, cluster);
+        const int64_t shown =
+            film_time(m_film, time_of(m_film.file.outline, time), TrackKind::VIDEO);
+        if (f_key && shown > m_first)
+            m_plan.add({shown, m_approach.to(shown).cluster, estimate(shown, cluster)});
+        m_approach.add({shown, cluster});
     }
-    void end(int64_t time, uint64_t offset)
-    {
-        const uint64_t bytes = estimate(time, offset);
-        const bool f_video = taken_track(m_film, TrackKind::VIDEO) != nullptr;
-        if (!f_video) add_times(time);
-        m_plan.end(time, bytes);
-        if (f_video || time <= 0) return;
-        // Clusters are longer than segments may be.
-        for (Segment &segment : m_film.segments)
-            segment.bytes =
-                static_cast<uint64_t>(static_cast<double>(bytes) / static_cast<double>(time) *
-                                      static_cast<double>(segment.end - segment.start));
-    }
+    void end(int64_t time, uint64_t offset) { m_plan.end(time, estimate(time, offset)); }
 
 private:
-    KeyPlace place(int64_t shown, uint64_t cluster)
-    {
-        return {shown, m_approach.to(shown), estimate(shown, cluster)};
-    }
     // What is in the clusters, of all tracks.
     uint64_t estimate(int64_t shown, uint64_t offset) const
     {
         const double seconds = static_cast<double>(std::max<int64_t>(shown, 0)) / TICKS_PER_SECOND;
         return served_bytes(offset - std::min(offset, m_first_cluster),
                             static_cast<uint64_t>(seconds * m_frame_rate));
-    }
-    // Of video and audio together, in a second.
-    static double frame_rate_of(const Film &film)
-    {
-        constexpr double USUAL_PICTURES = 30, USUAL_FRAMES = 50, NS_PER_SECOND = 1e9;
-        const Track *const video = taken_track(film, TrackKind::VIDEO);
-        const golt::AudioGrid &grid = film.file.audio_grid;
-        const uint64_t each_ns =
-            video != nullptr ? video->matroska.default_duration_ns.value_or(0) : 0;
-        const double pictures = video == nullptr ? 0
-                                : each_ns == 0   ? USUAL_PICTURES
-                                                 : NS_PER_SECOND / static_cast<double>(each_ns);
-        return pictures + (grid.samples == 0 ? USUAL_FRAMES : double{1} * grid.rate / grid.samples);
-    }
-    // Up to a point.
-    void add_times(int64_t shown)
-    {
-        while (!m_plan.is_full() && m_plan.begun() + Plan::USUAL_LENGTH < shown) {
-            const int64_t next = (m_plan.begun() / Plan::USUAL_LENGTH + 1) * Plan::USUAL_LENGTH;
-            const int64_t exact = frame_time_at(m_film, next);
-            if (exact >= shown) return;
-            m_plan.cut(place(exact, m_last_cluster));
-        }
     }
 
     Film &m_film;
@@ -135,7 +110,6 @@ private:
     const double m_frame_rate;
     Approach m_approach;
     Plan m_plan;
-    uint64_t m_last_cluster = 0;
 };
 
 // The library would go where the SeekHead leads to.
@@ -306,16 +280,53 @@ int64_t library_time(int64_t file_ticks)
     return int64_t{static_cast<uint32_t>(file_ticks)} * TICKS_PER_MS;
 }
 
-}  // namespace
-
-int64_t later_at_cluster(Source &source, const Film &film, uint64_t cluster)
+// Audio alone, in one pass over the file. The library counts its frames on from the first one, whatever later blocks
+// state, and so do all segments. time, later: of the first cluster.
+void plan_by_frames(Source &source, Film &film, int64_t time, int64_t later)
 {
     constexpr uint64_t NS_PER_MS = 1000000;
-    const Outline &outline = film.file.outline;
-    if (outline.matroska.timestamp_scale == NS_PER_MS) return 0;
-    const int64_t time = first_time_at(source, film, cluster);
-    return time_of(outline, time) - library_time(time);
+    const FilmFile &file = film.file;
+    const Track &track = leading_track(film);
+    const uint64_t first_cluster = *file.outline.matroska.first_cluster;
+    const auto each_ns = static_cast<uint32_t>(track.matroska.default_duration_ns.value_or(0));
+    FrameTimes times(film);
+    Approach approach(first_cluster, later);
+    Plan plan(film.segments, {0, first_cluster, 0, later});
+    uint64_t frames = 0;
+    const auto take_frame = [&](const BlockSeen &block) {
+        int64_t told = times.next();
+        if (each_ns != 0)
+            told = time + static_cast<int64_t>(frames * each_ns / NS_PER_MS) * TICKS_PER_MS;
+        else if (file.audio_grid.samples == 0)
+            told = time_of(file.outline, block.time);
+        times.add(told);
+        ++frames;
+        approach.add({times.time(), block.cluster, told - library_time(block.time)});
+        if (times.time() < plan.due()) return;
+        const Approach::Place &place = approach.to(times.time());
+        plan.cut({times.time(), place.cluster, 0, place.later});
+    };
+    WalkOptions options;
+    options.on_block = [&](const BlockSeen &block) {
+        if (block.track != track.number) return true;
+        for (uint64_t left = block.frames; left > 0 && !plan.is_full(); --left)
+            take_frame(block);
+        return !plan.is_full();
+    };
+    SourceBytes bytes(source);
+    walk_clusters(bytes, file.outline, options);
+    plan.end(times.end(), 0);
+    // Clusters are longer than segments may be.
+    const uint64_t size = source.size() - std::min(source.size(), first_cluster);
+    const auto whole = static_cast<double>(served_bytes(size, frames));
+    const auto length = static_cast<double>(film.segments.back().end);
+    for (Segment &segment : film.segments) {
+        const auto part = static_cast<double>(segment.end - segment.start) / length;
+        segment.bytes = static_cast<uint64_t>(whole * part);
+    }
 }
+
+}  // namespace
 
 void survey_matroska(Source &source, Film &film)
 {
@@ -326,9 +337,13 @@ void survey_matroska(Source &source, Film &film)
     SourceBytes bytes(source);
     file.head_end = first_cluster;
     hide_seek_heads(bytes, file);
-    const int64_t time = library_time(first_time_at(source, film, first_cluster));
-    const int64_t first = look_at_begin(source, film, first_cluster, time);
+    const int64_t ticks = first_time_at(source, film, first_cluster);
+    const bool f_video = taken_track(film, TrackKind::VIDEO) != nullptr;
+    const int64_t time = time_of(file.outline, ticks);
+    const int64_t later = f_video ? 0 : time - library_time(ticks);
+    const int64_t first = look_at_begin(source, film, first_cluster, library_time(ticks), later);
     film.f_cut = file.outline.matroska.segment_end.value_or(0) > source.size();
+    if (!f_video) return plan_by_frames(source, film, time, later);
     // 0: the blocks tell.
     const int64_t end = film.f_cut ? 0 : stated_end(film);
     if (end > 0 && file.outline.matroska.f_cues) {
@@ -336,14 +351,13 @@ void survey_matroska(Source &source, Film &film)
         const bool f_cues = plan_by_cues(bytes, film, planner);
         planner.end(end, source.size());
         if (f_cues && !is_sparse(film)) {
-            if (taken_track(film, TrackKind::VIDEO) != nullptr)
-                film.f_independent = !has_open_groups(bytes, film);
+            film.f_independent = !has_open_groups(bytes, film);
             return;
         }
     }
     Planner planner(film, first);
     const ClusterWalk walk = plan_by_walk(bytes, film, planner);
-    const int64_t walked = walked_end(film, walk, leading_track(film).kind);
+    const int64_t walked = walked_end(film, walk, TrackKind::VIDEO);
     const int64_t told = end > 0 ? end : walked_end(film, walk, TrackKind::AUDIO);
     planner.end(std::max(told, walked), source.size());
 }

@@ -6,6 +6,7 @@
 #include "io/message.h"
 #include "sample_tables.h"
 #include "sample_walk.h"
+#include "stream/even_source.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
 #include "ts_packet.h"
@@ -16,6 +17,9 @@ namespace {
 // Pictures before a segment that the stage has to see so that it goes on with the times of decoding: their depth
 // of reordering twice.
 constexpr uint64_t PICTURES_BEFORE = 34;
+
+// Between frames the clock has packets of its own: so often, unless it jumps.
+constexpr int64_t CLOCK_STEP = 40 * TICKS_PER_MS, CLOCK_JUMP = 10 * TICKS_PER_SECOND;
 
 /// The key samples that may be sought to for those that come.
 class Approach {
@@ -57,28 +61,39 @@ int64_t ticks_of(double seconds)
     return (half_ticks + 1) / 2;
 }
 
-// Where a track ends that begins at a time of the film, or where the file is cut; chunks are short.
-int64_t end_of(ByteSource &bytes, Film &film, const Track &track, int64_t begin)
+// A few bytes may state ages.
+int64_t ticks_of_ms(int64_t ms)
 {
-    const Mp4Details &mp4 = track.mp4;
-    double seconds = static_cast<double>(mp4.ticks.value_or(0)) / mp4.timescale;
-    const bool f_cut = mp4.end.value_or(0) > bytes.size();
-    if (f_cut && mp4.samples != 0)
-        seconds *= static_cast<double>(samples_within(bytes, mp4, bytes.size())) /
-                   static_cast<double>(mp4.samples);
-    film.f_cut = film.f_cut || f_cut;
+    constexpr int64_t MOST = 1000000000000;
+    return std::clamp(ms, -MOST, MOST) * TICKS_PER_MS;
+}
+
+// How many samples of a track are there; of a film that is cut only the first ones.
+uint64_t samples_there(ByteSource &bytes, Film &film, const Mp4Details &mp4)
+{
+    if (mp4.end.value_or(0) <= bytes.size()) return mp4.samples;
+    film.f_cut = true;
+    return samples_within(bytes, mp4, bytes.size());
+}
+
+// Where a track ends that begins at a time of the film, or where the file is cut.
+int64_t end_of(ByteSource &bytes, Film &film, const Mp4Details &mp4, int64_t begin)
+{
+    const uint64_t ticks = mp4.ticks.value_or(0);
+    double seconds = static_cast<double>(ticks != 0 ? ticks : mp4.duration) / mp4.timescale;
+    const uint64_t there = samples_there(bytes, film, mp4);
+    if (mp4.samples != 0) seconds *= static_cast<double>(there) / static_cast<double>(mp4.samples);
     return begin + ticks_of(seconds);
 }
 
 // Where the samples end that were walked over.
-int64_t end_of(const KeySamples &samples, const Film &film, const Track &track)
+int64_t end_of(const KeySamples &samples, const Film &film)
 {
-    const double seconds = static_cast<double>(samples.end()) / track.mp4.timescale;
-    return film_time(film, ticks_of(seconds), TrackKind::VIDEO);
+    return film_time(film, ticks_of(samples.end()), TrackKind::VIDEO);
 }
 
 /// How much of the audio comes before a time: a part of the whole, or, where the rate varies or there are gaps, by its
-/// samples. The clock then has packets of its own between the pictures.
+/// samples. The clock then has packets of its own.
 class AudioBefore {
 public:
     AudioBefore(ByteSource &source, const Film &film, int64_t end, bool f_by_samples)
@@ -102,8 +117,9 @@ public:
         const Mp4Details &mp4 = m_audio->mp4;
         if (!m_walk) {
             const double part = static_cast<double>(time) / static_cast<double>(m_end);
-            return static_cast<uint64_t>(
-                part * static_cast<double>(served_bytes(mp4.bytes.value_or(0), mp4.samples)));
+            constexpr double MOST = 1e15;
+            const uint64_t whole = served_bytes(mp4.bytes.value_or(0), mp4.samples);
+            return static_cast<uint64_t>(std::min(part * static_cast<double>(whole), MOST));
         }
         while (m_f_more && m_time < time) {
             m_bytes += m_walk->sample().size;
@@ -111,8 +127,7 @@ public:
             const double seconds = static_cast<double>(m_walk->sample().time) / mp4.timescale;
             m_time = film_time(m_film, ticks_of(seconds), TrackKind::AUDIO);
         }
-        constexpr uint64_t CLOCKS_PER_SECOND = 25;
-        const auto clocks = static_cast<uint64_t>(time) * CLOCKS_PER_SECOND / TICKS_PER_SECOND;
+        const auto clocks = static_cast<uint64_t>(time / CLOCK_STEP);
         return served_bytes(m_bytes, m_walk->number()) + clocks * TS_PACKET_SIZE;
     }
 
@@ -127,10 +142,17 @@ private:
     uint64_t m_bytes = 0;  // of the samples before the walk's
 };
 
-std::optional<EvenIndex> even_index_of(Source &source, const Film &film)
+// Makes the index first, as segments are read by it.
+int64_t look(Source &source, Film &film)
 {
-    SourceBytes bytes(source);
-    return make_even_index(bytes, film.file.outline, film.file.selection);
+    std::optional<EvenIndex> &index = film.file.even_index;
+    {
+        SourceBytes bytes(source);
+        index = make_even_index(bytes, film.file.outline, film.file.selection);
+    }
+    if (!index) return look_at_begin(source, film, 0, 0);
+    EvenSource even_source(source, *index);
+    return look_at_begin(even_source, film, 0, 0);
 }
 
 // end: about, of video and audio; audio_end: exactly.
@@ -147,7 +169,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
     Plan plan(film.segments, {0, 0, 0});
     Approach approach;
     const bool f_read = samples.walk([&](const KeySample &key) {
-        const int64_t time = film_time(film, key.shown_ms * TICKS_PER_MS, TrackKind::VIDEO);
+        const int64_t time = film_time(film, ticks_of_ms(key.shown_ms), TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
         if (time > first && time < end) {
             const uint64_t from = approach.to(key);
@@ -161,37 +183,65 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
         return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
-    if (!film.f_cut) end = std::max(audio_end, end_of(samples, film, video));
+    if (!film.f_cut) end = std::max(audio_end, end_of(samples, film));
     plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
                       audio.bytes_at(end));
+}
+
+// Audio alone is cut at its frames: so each segment has one, however far they are apart. The times of all of them tell
+// on which grid those are where a segment's run begins.
+void plan_by_frames(Source &source, Film &film)
+{
+    // Of which the stage makes its clock.
+    constexpr size_t FRAMES_BEFORE = 48;
+    constexpr double SHORTEST_INTERVAL = 1;  // ms; below, the library can't be asked for each frame
+    Mp4Details mp4 = taken_track(film, TrackKind::AUDIO)->mp4;
+    mp4.sync_samples.reset();  // it goes to any sample
+    SourceBytes bytes(source);
+    const uint64_t there = samples_there(bytes, film, mp4);
+    KeySamples samples(bytes, mp4, KeySamples::Sizes::READ);
+    FrameTimes times(film);
+    std::array<int64_t, FRAMES_BEFORE + 1> laters = {};
+    const auto later_of = [&](uint64_t frame) -> int64_t & {
+        return laters[static_cast<size_t>(frame % laters.size())];
+    };
+    Plan plan(film.segments, {0, 0, 0});
+    int64_t clocks = 0;
+    const auto served = [&](uint64_t frame_bytes, uint64_t frames) {
+        return served_bytes(frame_bytes, frames) + static_cast<uint64_t>(clocks) * TS_PACKET_SIZE;
+    };
+    const bool f_read = samples.walk([&](const KeySample &frame) {
+        if (frame.sample >= there) return false;
+        const int64_t before = times.time();
+        times.add(ticks_of_ms(frame.shown_ms));
+        clocks += std::clamp<int64_t>(times.time() - before, 0, CLOCK_JUMP) / CLOCK_STEP;
+        later_of(frame.sample) = times.later();
+        if (times.time() < plan.due()) return true;
+        const uint64_t first = frame.sample - std::min<uint64_t>(frame.sample, FRAMES_BEFORE);
+        const bool f_ask = samples.interval() >= SHORTEST_INTERVAL;
+        const uint64_t place = f_ask ? samples.time_to_ask(first).value_or(0) : 0;
+        plan.cut({times.time(), place, served(frame.bytes, frame.sample),
+                  place == 0 ? 0 : later_of(first)});
+        return !plan.is_full();
+    });
+    if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
+    plan.end(times.end(), served(mp4.bytes.value_or(0), mp4.samples));
 }
 
 }  // namespace
 
 void survey_mp4(Source &source, Film &film)
 {
-    const int64_t first = look_at_begin(source, film, 0, 0);
+    const int64_t first = look(source, film);
     const Track *const video = taken_track(film, TrackKind::VIDEO);
     const Track *const audio = taken_track(film, TrackKind::AUDIO);
+    if (video == nullptr) return plan_by_frames(source, film);
     int64_t end = 0, audio_end = 0;
     {
         SourceBytes bytes(source);
-        if (video != nullptr) end = end_of(bytes, film, *video, first);
+        end = end_of(bytes, film, video->mp4, first);
         if (audio != nullptr)
-            audio_end = end_of(bytes, film, *audio, film_time(film, 0, TrackKind::AUDIO));
-        end = std::max(end, audio_end);
+            audio_end = end_of(bytes, film, audio->mp4, film_time(film, 0, TrackKind::AUDIO));
     }
-    if (video != nullptr) {
-        film.file.even_index = even_index_of(source, film);
-        plan_by_keys(source, film, first, end, audio_end);
-        return;
-    }
-    // The library counts by the mean length of a frame.
-    constexpr int64_t EARLIER_MS = 1000;
-    const int64_t begin = film_time(film, 0, TrackKind::AUDIO);
-    plan_by_time(film, end, served_bytes(audio->mp4.bytes.value_or(0), audio->mp4.samples),
-                 [&](int64_t time) {
-                     const int64_t ms = (time - begin) / TICKS_PER_MS - EARLIER_MS;
-                     return static_cast<uint64_t>(std::clamp<int64_t>(ms, 0, UINT32_MAX));
-                 });
+    plan_by_keys(source, film, first, std::max(end, audio_end), audio_end);
 }

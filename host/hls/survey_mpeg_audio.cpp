@@ -31,8 +31,7 @@ void survey_mpeg_audio(Source &source, Film &film)
         if (!header || header->size < HEADER_SIZE) break;
         const int64_t time = static_cast<int64_t>(
             (frames * grid.samples * uint64_t{TICKS_PER_SECOND} + grid.rate / 2) / grid.rate);
-        const int64_t due = (plan.begun() / Plan::USUAL_LENGTH + 1) * Plan::USUAL_LENGTH;
-        if (time >= due && !plan.is_full())
+        if (time >= plan.due() && !plan.is_full())
             plan.cut({time, at, served_bytes(at - first_frame, frames)});
         at += header->size;
     }

@@ -158,7 +158,7 @@ bool Walker::take_group(const Element &group)
 // False where the walk is to end.
 bool Walker::take_block(Stretch body, bool f_key, bool f_simple)
 {
-    constexpr uint8_t KEY = 0x80;
+    constexpr uint8_t KEY = 0x80, LACING = 0x06;
     // TrackNumber is a variable-length integer; more than two bytes of it are of no use here.
     uint64_t track = body.u8();
     if ((track & 0x80) != 0)
@@ -168,6 +168,8 @@ bool Walker::take_block(Stretch body, bool f_key, bool f_simple)
     const int64_t time = m_time + static_cast<int16_t>(body.u16());
     const uint8_t flags = body.u8();
     if (body.is_short()) return true;
+    const uint64_t laced = (flags & LACING) != 0 ? body.u8() + uint64_t{1} : 1;
+    const uint64_t frames = std::min(laced, std::max<uint64_t>(body.left(), 1));
     if (m_walk.tracks.size() >= MOST_TRACKS && m_walk.tracks.count(track) == 0) return true;
     BlockSpan &span = m_walk.tracks[track];
     ++span.blocks;
@@ -176,7 +178,7 @@ bool Walker::take_block(Stretch body, bool f_key, bool f_simple)
     const bool f_is_key = f_simple ? (flags & KEY) != 0 : f_key;
     if (f_is_key && track == m_options.key_track && time <= m_options.key_until)
         m_walk.key = std::max(m_walk.key.value_or(time), time);
-    return !m_options.on_block || m_options.on_block({track, time, f_is_key, m_cluster});
+    return !m_options.on_block || m_options.on_block({track, time, f_is_key, m_cluster, frames});
 }
 
 bool Walker::end_damaged(uint64_t offset)

@@ -31,6 +31,7 @@ struct BlockSeen {
     int64_t time;    ///< in ticks
     bool f_key;
     uint64_t cluster;  ///< offset of the one that it is in
+    uint64_t frames;   ///< by its lacing
 };
 
 struct WalkOptions {

@@ -117,14 +117,20 @@ private:
 
 uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size)
 {
-    Reader chunks_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS);
+    Reader chunks_reader(source, MOST_LOADS), offsets_reader(source, MOST_LOADS),
+        sizes_reader(source, MOST_LOADS);
+    SampleSizes sizes(sizes_reader, mp4.stsz);
     ChunkSamples chunks(chunks_reader, mp4.stsc);
     Stretch offsets(offsets_reader, mp4.stco.begin, mp4.stco.end);
     offsets.skip(8);
+    const uint64_t most = std::min(mp4.samples, MOST_SAMPLES);
     uint64_t samples = 0;
-    while (offsets.left() >= 4 && samples < mp4.samples) {
-        if (offsets.u32() >= size) return samples;
-        samples += chunks.next();
+    while (offsets.left() >= 4 && samples < most) {
+        uint64_t end = offsets.u32();
+        for (uint32_t left = chunks.next(); left > 0 && samples < most; --left, ++samples) {
+            end += sizes.next();
+            if (end > size) return samples;
+        }
     }
     return mp4.samples;
 }
@@ -152,14 +158,15 @@ bool KeySamples::walk(const std::function<bool(const KeySample &)> &take)
                 if (keys == m_even_index->keys.size()) return false;
                 key.number = m_even_index->keys[keys++];
             }
-            key.shown_ms = f_table ? shown * 1000 / m_mp4.timescale
-                                   : static_cast<int64_t>(static_cast<double>(sample) * m_interval);
+            key.shown_ms =
+                f_table ? shown * 1000 / m_mp4.timescale : static_cast<int64_t>(ms_of(sample));
             if (!take(key)) break;
             key.f_leading = false;
             shown_last = shown;
         }
         key.f_leading = key.f_leading || shown < shown_last;
         m_end = std::max(m_end, shown + length);
+        if (!f_table && length == 0) m_untimed = sample + 1;
         if (m_sizes == Sizes::READ) key.bytes += sizes.next();
         decoded += length;
         if (decoded > INT64_MAX / 2000) break;
@@ -174,11 +181,16 @@ void KeySamples::set_interval(bool f_table, uint32_t first_length)
     if (m_interval == 0) m_interval = mean_interval(m_mp4);
 }
 
+double KeySamples::end() const
+{
+    constexpr double MS_PER_SECOND = 1000;
+    return std::max(static_cast<double>(m_end) / m_mp4.timescale, ms_of(m_untimed) / MS_PER_SECOND);
+}
+
 std::optional<uint32_t> KeySamples::time_to_ask(uint64_t number) const
 {
-    const double interval = m_even_index != nullptr ? m_even_index->interval : m_interval;
-    const double exact = static_cast<double>(number) * interval;
-    if (interval <= 0 || exact >= UINT32_MAX) return {};
+    const double exact = static_cast<double>(number) * interval();
+    if (interval() <= 0 || exact >= UINT32_MAX) return {};
     const auto whole = static_cast<uint32_t>(exact);
     return whole < exact ? whole + 1 : whole;
 }

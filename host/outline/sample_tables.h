@@ -33,23 +33,30 @@ public:
 
     /// Shows the key samples in the order of decoding, until take returns false. False where a table can't be read.
     bool walk(const std::function<bool(const KeySample &)> &take);
+    /// By which the library counts, ms. After a walk.
+    double interval() const
+    {
+        return m_even_index != nullptr ? m_even_index->interval : m_interval;
+    }
     /// What the library has to be asked for so that it goes to a key sample; ms. After a walk. None: it can't go there.
     std::optional<uint32_t> time_to_ask(uint64_t number) const;
-    /// When the last of the samples that the walk has come to has been shown, in ticks of the track.
-    int64_t end() const { return m_end; }
+    /// When the last of the samples that the walk has come to has been shown; seconds.
+    double end() const;
 
 private:
     void set_interval(bool f_table, uint32_t first_length);
+    double ms_of(uint64_t samples) const { return static_cast<double>(samples) * m_interval; }
 
     ByteSource &m_source;
     const Mp4Details &m_mp4;
     const Sizes m_sizes;
     const EvenIndex *const m_even_index;
-    double m_interval = 0;  // ms, by which the library counts
-    int64_t m_end = 0;
+    double m_interval = 0;   // ms, by which the library counts
+    int64_t m_end = 0;       // ticks
+    uint64_t m_untimed = 0;  // samples that have no times but by the interval
 };
 
-/// How many samples of a track come before the first chunk that begins after the end of a file of this size; bytes.
+/// How many samples of a track come before the first one that isn't whole in a file of this size; bytes.
 uint64_t samples_within(ByteSource &source, const Mp4Details &mp4, uint64_t size);
 
 #endif
