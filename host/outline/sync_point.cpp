@@ -83,7 +83,7 @@ std::optional<uint32_t> latest_to_ask(ByteSource &source, const Track &audio, in
         if (f_ended) after = frame.number + 1;
         return f_ended;
     });
-    if (!f_read || (f_ended && samples.end() * 1000 / audio.mp4.timescale <= time_ms)) return {};
+    if (!f_read || (f_ended && samples.end() * 1000 <= static_cast<double>(time_ms))) return {};
     const std::optional<uint32_t> ask_ms = samples.time_to_ask(after + next_ones);
     return ask_ms && *ask_ms > 0 ? std::optional<uint32_t>(*ask_ms - 1) : ask_ms;
 }
