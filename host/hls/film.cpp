@@ -132,6 +132,15 @@ int64_t half_frame(const Film &film)
     return std::min<int64_t>(length, TICKS_PER_SECOND) / 2;
 }
 
+// Of a file of this size. A few bytes may state a gap of hours, for which the stream has a clock all the same: an hour of
+// it has 17 MB.
+size_t largest_segment(uint64_t file_size)
+{
+    constexpr uint64_t CLOCK_SIZE = 16 * 1024 * 1024;
+    const uint64_t most = std::min<uint64_t>(file_size, LARGEST_SEGMENT) * 4 + CLOCK_SIZE;
+    return static_cast<size_t>(std::min<uint64_t>(most, LARGEST_SEGMENT));
+}
+
 // A run that begins where segment from does. f_sure: enough came before the segment for it to be as in a run from
 // the film's begin.
 std::string run_from(Source &source, const Film &film, size_t number, size_t from,
@@ -163,15 +172,15 @@ std::string run_from(Source &source, const Film &film, size_t number, size_t fro
     // Memory that isn't used costs nothing; memory that grows is there twice for a while. An index may state more than
     // there is.
     constexpr uint64_t MORE = 64 * 1024;
+    const size_t most = largest_segment(source.size());
     segment.reserve(static_cast<size_t>(
-        std::min({wanted.bytes, 2 * source.size(), uint64_t{LARGEST_SEGMENT} - MORE}) + MORE));
-    Cutter cutter(range, segment, LARGEST_SEGMENT);
+        std::min({wanted.bytes, 2 * source.size(), uint64_t{most} - MORE}) + MORE));
+    Cutter cutter(range, segment, most);
     SegmentRun run(source, film, begin, cutter);
     run.run();
     f_sure = f_audio_file || number == 0 ||
              cutter.units_before() >= (range.f_video ? PICTURES_BEFORE : 1);
-    if (cutter.is_full())
-        return fmt::format("it has more than {} MiB", LARGEST_SEGMENT / (1024 * 1024));
+    if (cutter.is_full()) return fmt::format("it has more than {} MiB", most / (1024 * 1024));
     if (!source.fault().empty()) return source.fault();
     return run.fault();
 }
