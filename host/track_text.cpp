@@ -1,7 +1,6 @@
 #include "track_text.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include <fmt/format.h>
 
@@ -237,9 +236,9 @@ template <typename Number> Json number_or_null(Number number)
 Json ms_of(double ticks, uint32_t timescale)
 {
     const double ms = ticks * 1000 / timescale;
-    constexpr double EXACT = 1e15;
-    if (std::abs(ms) < EXACT && ms == std::floor(ms)) return static_cast<int64_t>(ms);
-    return ms;
+    constexpr double MOST = 1e15;
+    const auto whole = static_cast<int64_t>(std::clamp(ms, -MOST, MOST));
+    return ms == static_cast<double>(whole) ? Json(whole) : Json(ms);
 }
 
 Json edits_json(const Outline &outline, const Mp4Details &mp4)
