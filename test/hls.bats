@@ -29,7 +29,7 @@ cut_film() {
     rm -rf out
     $GOLT hls -q "$file" out
     [ "$(find out -name '*.ts' | wc -l)" = "$2" ]
-    $GOLT remux -q --force "$file" whole.ts || [ $? = 3 ]
+    $GOLT remux -q --force "$file" whole.ts || [ $? = "${may_end_with:-0}" ]
     for ((number = 0; number < $2; ++number)); do cat "out/$number.ts"; done >joined.ts
     packets whole.ts >expected
     [ "$(wc -l <expected)" -gt 100 ]
@@ -74,7 +74,8 @@ edited() {
     local name=$1 segments=$2
     shift 2
     "$BATS_TEST_DIRNAME/support/mp4_edit.py" "${source:-movie.mp4}" "$name.mp4" "$@"
-    cut_film "$name.mp4" "$segments"
+    # Some are badly interleaved.
+    may_end_with=3 cut_film "$name.mp4" "$segments"
 }
 
 @test "segments of MP4 are the stream, whatever its tables state" {
@@ -117,8 +118,8 @@ edited() {
     "$BATS_TEST_DIRNAME/support/mp4_edit.py" audio.m4a gap.mp4 soun stts 300:1024,1:309724,:1024
     $ffmpeg -ignore_editlist 1 -i gap.mp4 -c copy gap.mkv
     mkvmerge -q -o gap.mka gap.mp4
-    cut_film gap.mkv 4
-    cut_film gap.mka 4
+    may_end_with=3 cut_film gap.mkv 4
+    may_end_with=3 cut_film gap.mka 4
 }
 
 # With a clock by samples, which the library takes for milliseconds: its times start again after 33 minutes.

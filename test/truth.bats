@@ -212,9 +212,9 @@ begins() {
     remuxed 0 long.mkv ' from 01:01:00.0' --start 1:01:10 --to 1:01:15
 }
 
-# part FILE START TO: the exit status, and how many frames of video and of audio the part has.
+# part FILE START TO: the exit status, and how many frames of video and of audio the part has. START may be empty.
 part() {
-    run $GOLT remux -q --force --start "$2" --to "$3" "$1" out.ts
+    run $GOLT remux -q --force ${2:+--start "$2"} --to "$3" "$1" out.ts
     echo "$1: $status: $output" >&2
     for pid in 0x100 0x101; do
         ffprobe -v error -select_streams i:$pid -show_entries packet=pts_time -of csv=p=0 out.ts | grep -c . || true
@@ -229,7 +229,8 @@ part() {
     begins gap.m4a 15 14.99
     # Few pictures in one half, in order of time, and not.
     $ffmpeg $source $sound $options -vf "select=lt(n\,250)+not(mod(n\,12))" a.mp4
-    [[ $(part a.mp4 9 10) == '0 '*' 48' ]]
+    [ "$(part a.mp4 9 10)" = '0 25 48' ]
+    [ "$(part a.mp4 '' 10)" = '0 250 469' ]
     $ffmpeg -i a.mp4 -itsoffset 0.5 -i a.mp4 -map 0:v -map 1:a -c copy late.mp4
     [ "$(part late.mp4 9 10)" = '3 25 48' ]
     # Most of the hours are in few pictures: those that are wanted come two hours later in that order.
@@ -237,6 +238,12 @@ part() {
     $ffmpeg -i v.mp4 -itsoffset 0.5 -i a.mp4 -map 0:v -map 1:a -c copy hours.mp4
     [ "$(part v.mp4 3 4)" = '0 25 0' ]
     [ "$(part hours.mp4 3 4)" = '3 25 48' ]
+    [ "$(part hours.mp4 '' 4)" = '3 100 188' ]
+    # Of a file that is cut audio comes so far, and no picture.
+    $ffmpeg -i hours.mp4 -c copy -movflags +faststart cut.mp4
+    truncate -s $(($(stat -c %s cut.mp4) * 2 / 5)) cut.mp4
+    [[ $(part cut.mp4 3 4 2>said) == '3 0 '* ]]
+    grep 'the file was cut off' said
 }
 
 # The next picture in order of decoding is shown after a pause, of which only a key picture tells that none before it is

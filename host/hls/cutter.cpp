@@ -14,6 +14,7 @@ constexpr uint8_t HAS_PCR = 0x10;  // a flag of an adaptation field
 constexpr size_t PCR_AT = 6, PCR_SIZE = 6;
 // Times are those of the plan; the library may cut them to milliseconds in another way.
 constexpr int64_t TOLERANCE = TICKS_PER_MS;
+constexpr size_t ROOM = 64 * 1024;  // for what is put in at the end; bytes
 // Tables come in pairs, each time the clock has gone on.
 constexpr size_t MOST_WAITING = 64;
 
@@ -89,7 +90,7 @@ void Cutter::take_start(const uint8_t *packet, bool f_video)
     std::optional<int64_t> &first = m_first[f_video ? 0 : 1];
     if (!first) first = pts;
     if (f_video != m_range.f_video) return;
-    // Where nothing is shown for longer than a segment it has tables alone.
+    // If nothing comes before its end, a segment has tables alone.
     m_f_done = m_range.to && is_reached(*pts, *m_range.to);
     if (m_f_begun) return;
     if (m_f_done || is_reached(*pts, *m_range.from))
@@ -132,7 +133,10 @@ void Cutter::keep_waiting()
 void Cutter::keep(const uint8_t *packet)
 {
     m_f_full = m_f_full || m_most - m_out.size() < TS_PACKET_SIZE;
-    if (!m_f_full) m_out.insert(m_out.end(), packet, packet + TS_PACKET_SIZE);
+    if (m_f_full) return;
+    if (m_out.capacity() - m_out.size() < TS_PACKET_SIZE)
+        m_out.reserve(std::min(2 * m_out.capacity(), m_most) + ROOM);
+    m_out.insert(m_out.end(), packet, packet + TS_PACKET_SIZE);
 }
 
 // Counters

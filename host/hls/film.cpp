@@ -132,11 +132,11 @@ int64_t half_frame(const Film &film)
     return std::min<int64_t>(length, TICKS_PER_SECOND) / 2;
 }
 
-// Of a file of this size. A few bytes may state a gap of hours, for which the stream has a clock all the same: an hour of
-// it has 17 MB.
+// Of a file of this size. A few bytes may state hours of pictures or frames that are a few seconds apart. Clock and tables
+// have 34 MB in an hour, of which nobody needs more in one piece.
 size_t largest_segment(uint64_t file_size)
 {
-    constexpr uint64_t CLOCK_SIZE = 16 * 1024 * 1024;
+    constexpr uint64_t CLOCK_SIZE = 24 * 1024 * 1024;
     const uint64_t most = std::min<uint64_t>(file_size, LARGEST_SEGMENT) * 4 + CLOCK_SIZE;
     return static_cast<size_t>(std::min<uint64_t>(most, LARGEST_SEGMENT));
 }

@@ -168,6 +168,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
     KeySamples samples(bytes, video.mp4, KeySamples::Sizes::READ, even_index);
     Plan plan(film.segments, {0, 0, 0});
     Approach approach;
+    uint64_t pictures = video.mp4.samples, picture_bytes = video.mp4.bytes.value_or(0);
     const bool f_read = samples.walk([&](const KeySample &key) {
         const int64_t time = film_time(film, ticks_of_ms(key.shown_ms), TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
@@ -180,12 +181,15 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
         }
         ++keys;
         approach.add(key);
+        if (film.f_cut && time >= end) {
+            pictures = key.sample;
+            picture_bytes = key.bytes;
+        }
         return !plan.is_full() && time < end;
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
     if (!film.f_cut) end = std::max(audio_end, end_of(samples, film));
-    plan.end(end, served_bytes(video.mp4.bytes.value_or(0), video.mp4.samples) + keys * EACH_KEY +
-                      audio.bytes_at(end));
+    plan.end(end, served_bytes(picture_bytes, pictures) + keys * EACH_KEY + audio.bytes_at(end));
 }
 
 // Audio alone is cut at its frames: so each segment has one, however far they are apart. The times of all of them tell
@@ -207,11 +211,17 @@ void plan_by_frames(Source &source, Film &film)
     };
     Plan plan(film.segments, {0, 0, 0});
     int64_t clocks = 0;
-    const auto served = [&](uint64_t frame_bytes, uint64_t frames) {
-        return served_bytes(frame_bytes, frames) + static_cast<uint64_t>(clocks) * TS_PACKET_SIZE;
+    const auto served = [&](uint64_t bytes_before, uint64_t frames_before) {
+        return served_bytes(bytes_before, frames_before) +
+               static_cast<uint64_t>(clocks) * TS_PACKET_SIZE;
     };
+    uint64_t frames = mp4.samples, frame_bytes = mp4.bytes.value_or(0);
     const bool f_read = samples.walk([&](const KeySample &frame) {
-        if (frame.sample >= there) return false;
+        if (frame.sample >= there) {
+            frames = frame.sample;
+            frame_bytes = frame.bytes;
+            return false;
+        }
         const int64_t before = times.time();
         times.add(ticks_of_ms(frame.shown_ms));
         clocks += std::clamp<int64_t>(times.time() - before, 0, CLOCK_JUMP) / CLOCK_STEP;
@@ -225,7 +235,7 @@ void plan_by_frames(Source &source, Film &film)
         return !plan.is_full();
     });
     if (!f_read) throw NotDone(source.path(), "its sample tables can't be read");
-    plan.end(times.end(), served(mp4.bytes.value_or(0), mp4.samples));
+    plan.end(times.end(), served(frame_bytes, frames));
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 namespace {
 
 // Receivers keep a second of a stream (ISO/IEC 13818-1). Half of it may be used up.
-constexpr double MOST_APART = 500;  // ms
-constexpr double MOST_OFF = 250;    // ms, of each track
+static_assert(MOST_APART_MS <= 500, "the stage needs the other half");
+constexpr double MOST_OFF = MOST_APART_MS / 2;  // of each track
 // Below a millisecond the library can't be asked for each number.
 constexpr double SHORTEST_INTERVAL = 1.01;  // ms
 // Of a track with fillers, and for each byte of the file: 4.8 hours of 60 pictures a second, with audio of 8 kbit/s. So a
@@ -184,7 +184,7 @@ bool is_uneven(const Plans &plans)
 {
     const Plan &video = plans[VIDEO], &audio = plans[AUDIO];
     return std::max(video.most_off() - audio.least_off(), audio.most_off() - video.least_off()) >
-           MOST_APART;
+           MOST_APART_MS;
 }
 
 // Without fillers the library counts as it does for the file itself.

@@ -11,6 +11,9 @@
 #include "outline.h"
 #include "selection.h"
 
+/// How far apart the library's order may bring audio and video; ms.
+constexpr int64_t MOST_APART_MS = 500;
+
 struct EvenIndex {
     /// "ftyp", "moov" and the header of an "mdat" that has the whole file in it: what is to be read before the file.
     std::vector<uint8_t> head;

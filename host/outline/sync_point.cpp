@@ -39,6 +39,16 @@ std::optional<SyncPoint> find_sync_point(ByteSource &source, const Outline &outl
     return {};
 }
 
+bool are_apart(const Outline &outline, const Selection &selection, const EvenIndex *even_index)
+{
+    const std::optional<size_t> video = selection.taken(outline, TrackKind::VIDEO),
+                                audio = selection.taken(outline, TrackKind::AUDIO);
+    if (outline.container != Container::MP4 || !video || !audio) return false;
+    const Mp4Details &one = outline.tracks[*video].mp4, &other = outline.tracks[*audio].mp4;
+    return even_index != nullptr ||
+           std::max(one.most_off - other.least_off, other.most_off - one.least_off) > MOST_APART_MS;
+}
+
 bool list_key_pictures(ByteSource &source, const Outline &outline, const Selection &selection,
                        const std::function<void(int64_t time_ms)> &take)
 {
@@ -62,20 +72,14 @@ bool list_key_pictures(ByteSource &source, const Outline &outline, const Selecti
 
 namespace {
 
-// How far the library's order may be from that of time; ms. By an EvenIndex it is no farther.
-constexpr int64_t MOST_OFF = 500;
-
-bool is_apart(const Mp4Details &one, const Mp4Details &other)
-{
-    return std::max(one.most_off - other.least_off, other.most_off - one.least_off) > MOST_OFF;
-}
-
 // The greatest time to ask for with which the library comes to the frame that is shown at a time, or at most so many
 // frames after it. None: there is no limit.
 std::optional<uint32_t> latest_to_ask(ByteSource &source, const Track &audio, int64_t time_ms,
                                       uint64_t next_ones)
 {
-    KeySamples samples(source, audio.mp4);
+    Mp4Details mp4 = audio.mp4;
+    mp4.sync_samples.reset();  // the library goes to any frame
+    KeySamples samples(source, mp4);
     uint64_t after = 1;  // the first frame may come later
     bool f_ended = true;
     const bool f_read = samples.walk([&](const KeySample &frame) {
@@ -104,7 +108,6 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, con
     SyncPoint point;
     // The library cuts its times to milliseconds.
     point.from_ms = best->shown_ms - 1;
-    point.f_apart = audio != nullptr && even_index == nullptr && is_apart(video.mp4, audio->mp4);
     if (best->sample == 0) return point;
     point.ask_ms = samples.time_to_ask(best->number);
     if (!point.ask_ms) return {};
@@ -113,7 +116,7 @@ std::optional<SyncPoint> find_in_mp4(ByteSource &source, const Track &video, con
     constexpr uint64_t MAY_LACK = 1;
     std::optional<uint32_t> latest;
     if (even_index != nullptr)
-        latest = static_cast<uint32_t>(std::max<int64_t>(point.from_ms - MOST_OFF, 0));
+        latest = static_cast<uint32_t>(std::max<int64_t>(point.from_ms - MOST_APART_MS, 0));
     else
         latest = latest_to_ask(source, *audio, point.from_ms, MAY_LACK);
     if (!latest || *point.ask_ms <= *latest) return point;

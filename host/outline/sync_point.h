@@ -17,9 +17,11 @@ struct SyncPoint {
     /// From which time on frames are wanted, in the library's milliseconds. With video it is that of the
     /// key picture.
     int64_t from_ms = 0;
-    /// In the library's order one of audio and video may come to that time long after the other.
-    bool f_apart = false;
 };
+
+/// Whether the library may bring one of audio and video to a time a good while after the other. even_index: by which it
+/// reads the file; null: by its own.
+bool are_apart(const Outline &outline, const Selection &selection, const EvenIndex *even_index);
 
 /// time_ms: in milliseconds of the presentation. f_remote: the file is asked as little as can be. even_index: by which
 /// the library reads it; null: by its own. None: which pictures are independent can't be found out.

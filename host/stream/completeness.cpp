@@ -107,7 +107,8 @@ Reach worst_reach(const Delivery &delivery)
         if (!index) continue;
         const std::optional<int64_t> duration = tracks[*index].duration_ns;
         const int64_t end_ns = duration.value_or(delivery.outline.duration_ns.value_or(0));
-        const Reach reach = {reached_ms(delivery, kind), end_ns / NS_PER_MS,
+        const Reach reach = {reached_ms(delivery, kind),
+                             std::min(end_ns / NS_PER_MS, delivery.end_ms),
                              !duration && tracks.size() > 1};
         if (reach.missing_ms() > worst.missing_ms() || worst.end_ms == 0) worst = reach;
     }

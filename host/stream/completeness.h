@@ -17,6 +17,7 @@ struct Delivery {
     bool f_remote;     ///< the file is on a server: it is asked as little as can be
     bool f_stopped;    ///< before its end, as it was wished
     int64_t start_ms;  ///< what comes before it wasn't wanted
+    int64_t end_ms;    ///< nor what comes after it, of a track that got so far
 };
 
 /// What of the file is missing in the stream, or damaged; empty when nothing is. A quarter of a second

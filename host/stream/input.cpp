@@ -82,10 +82,12 @@ Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
     if (selection.is_unplayable(m_input.outline(), TrackKind::VIDEO)) m_tally.drop_video();
     if (selection.is_unplayable(m_input.outline(), TrackKind::AUDIO)) m_tally.drop_audio();
     m_tally.begin(m_content);
+    m_f_apart = m_options.to_ms && are_apart(m_input.outline(), selection, m_input.even_index());
 }
 
 void Pump::seek_to_start()
 {
+    if (m_f_apart) m_tally.pass_until(*m_options.to_ms * TICKS_PER_MS);
     const uint32_t start_ms = m_options.start_ms.value_or(0);
     if (start_ms == 0) return;
     const std::string &path = m_input.source().path();
@@ -105,8 +107,6 @@ void Pump::seek_to_start()
         m_tally.expect_around(around);
     }
     m_tally.pass_from(point->from_ms * TICKS_PER_MS);
-    m_f_apart = point->f_apart && m_options.to_ms;
-    if (m_f_apart) m_tally.pass_until(*m_options.to_ms * TICKS_PER_MS);
 }
 
 std::optional<SyncPoint> Pump::find_start(uint32_t start_ms)
@@ -146,7 +146,7 @@ bool Pump::copy_frame()
     const Frame frame = m_input.library().make_frame();
     if (!m_input.demuxer()->readFrame(frame.get())) {
         // A source that waits ends its reads at a signal.
-        m_f_stopped = m_tally.is_ending() || stop_signal() != 0;
+        m_f_stopped = stop_signal() != 0;
         return false;
     }
     if (m_input.format().f_times) {
@@ -212,7 +212,8 @@ std::string Pump::fault_in_input()
     } else {
         SourceBytes bytes(source);
         fault = find_loss({m_input.outline(), m_input.selection(), m_tally, is_url(m_options.path),
-                           m_f_stopped, m_options.start_ms.value_or(0)},
+                           m_f_stopped, m_options.start_ms.value_or(0),
+                           m_f_apart ? *m_options.to_ms : INT64_MAX},
                           bytes);
     }
     if (m_f_stopped || source.doubt().empty()) return fault;

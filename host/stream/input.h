@@ -129,7 +129,7 @@ private:
     PELA::MediaBuffer::ContentInfo m_content = {};
     FrameClock m_clock;
     uint64_t m_frames = 0;
-    bool m_f_apart = false;    // audio and video come to the requested end by themselves
+    bool m_f_apart = false;    // audio and video each come to the requested end
     bool m_f_stopped = false;  // by an option or a signal, before the stream's own end
 };
 

@@ -140,10 +140,8 @@ void Tally::begin_frame(Stream &stream, uint8_t *packet)
     const int64_t time = stream.clock.follow(cut);
     stream.clock.settle();
     stream.f_passes = false;
-    if (stream.until && time >= *stream.until) {
-        stream.f_ended = true;
-        return;
-    }
+    stream.f_ended = stream.f_ended || (stream.until && time >= *stream.until);
+    if (stream.f_ended) return;
     count(stream, time, pes, size);
     stream.f_passes = is_wanted(stream, time);
     if (!stream.f_passes) return;

@@ -58,10 +58,9 @@ public:
     /// 90 kHz.
     void pass_from(int64_t time);
 
-    /// Lets nothing pass that is shown at the time or later, and doesn't count it; 90 kHz.
+    /// Lets nothing pass, and counts nothing, from the first frame of each stream on that is shown at the time or later;
+    /// 90 kHz.
     void pass_until(int64_t time);
-    /// Of one stream, or of both, something has come that is too late for that.
-    bool is_ending() const { return m_streams[VIDEO].f_ended || m_streams[AUDIO].f_ended; }
     bool has_ended() const { return m_streams[VIDEO].f_ended && m_streams[AUDIO].f_ended; }
 
     int write(uint8_t *buffer, int size) override
