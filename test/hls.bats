@@ -69,6 +69,8 @@ cut_film() {
     grep -q 'CODECS="mp4a.40.33"$' out/master.m3u8
 }
 
+rate_of() { sed -n 's/.*[:,]BANDWIDTH=\([0-9]*\).*/\1/p' "$1/master.m3u8"; }
+
 # Files whose tables other muxers have written. edited NAME SEGMENTS EDIT...: of movie.mp4; or of audio.m4a.
 edited() {
     local name=$1 segments=$2
@@ -201,5 +203,8 @@ edited() {
         packets "cut.$file.ts" >expected
         cat "cut.$file.hls"/{0,1}.ts >joined.ts
         packets joined.ts | cmp expected -
+        # What isn't there isn't counted.
+        $GOLT hls -q "$file" "$file.hls"
+        [ "$(rate_of "cut.$file.hls")" -le $((2 * $(rate_of "$file.hls"))) ]
     done
 }
