@@ -311,7 +311,11 @@ void add_serve(CLI::App &app, Commands &commands)
     add_http_options(*command, options.http);
     add_verbose(*command, commands);
     command->callback([&commands] {
-        commands.run = [&commands](Descriptor &, Printer &) { return serve(commands.serve); };
+        commands.run = [&commands](Descriptor &standard_output, Printer &) {
+            // Nothing is written to it, and no process of the server is to reach it.
+            standard_output.close();
+            return serve(commands.serve);
+        };
     });
 }
 

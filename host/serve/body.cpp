@@ -9,6 +9,8 @@ namespace {
 constexpr uint64_t BUFFERS_SIZE = 8 * 1024 * 1024;
 constexpr uint64_t LEAST_BUFFER = 16 * 1024;
 constexpr uint64_t MOST_BUFFER = 256 * 1024;
+// In a row, that have been made again and are gone from the cache before they are read.
+constexpr int MOST_TRIES = 64;
 
 class Body final : public Waiter {
 public:
@@ -27,6 +29,7 @@ private:
     const std::string m_key;
     const uint64_t m_first, m_size;
     bool m_f_failed = false;
+    int m_tries = 0;  // since bytes were read
 };
 
 /// A text that the server holds until it is sent.
@@ -36,18 +39,25 @@ public:
         : m_context(context)
         , m_text(std::move(text))
     {
-        m_context.text_bytes += m_text.size();
+        m_context.text_bytes += counted();
     }
-    ~Text() { m_context.text_bytes -= m_text.size(); }
+    ~Text() { m_context.text_bytes -= counted(); }
     Text(const Text &) = delete;
     Text &operator=(const Text &) = delete;
 
     char *at(uint64_t place) { return &m_text[static_cast<size_t>(place)]; }
 
 private:
+    uint64_t counted() const { return m_text.size() > SHORT_TEXT ? m_text.size() : 0; }
+
     ServerContext &m_context;
     std::string m_text;
 };
+
+ssize_t read_nothing(void * /*body*/, uint64_t /*at*/, char * /*to*/, size_t /*most*/)
+{
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
 
 ssize_t read_body(void *body, uint64_t at, char *to, size_t most)
 {
@@ -75,11 +85,7 @@ MHD_Response *make_body(ServerContext &context, Peer &peer, const Job &job, uint
     const size_t buffer = static_cast<size_t>(std::min(share, std::max<uint64_t>(size, 1)));
     MHD_Response *const response =
         context.http.create_response_from_callback(size, buffer, read_body, body, free_body);
-    if (response == nullptr)
-        free_body(body);
-    else if (size == MHD_SIZE_UNKNOWN)
-        // Else the head announces chunks, and the last one is sent. So the connection closes instead.
-        context.http.set_response_options(response, MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
+    if (response == nullptr) free_body(body);
     return response;
 }
 
@@ -89,6 +95,16 @@ MHD_Response *make_text(ServerContext &context, std::string text, uint64_t first
     MHD_Response *const response = context.http.create_response_from_buffer_with_free_callback_cls(
         static_cast<size_t>(size), body->at(first), free_text, body);
     if (response == nullptr) free_text(body);
+    return response;
+}
+
+MHD_Response *make_head(ServerContext &context, uint64_t length)
+{
+    MHD_Response *const response =
+        context.http.create_response_from_callback(length, 1, read_nothing, nullptr, nullptr);
+    // Else the head announces chunks, and the last one is sent. So the connection closes instead.
+    if (response != nullptr && length == MHD_SIZE_UNKNOWN)
+        context.http.set_response_options(response, MHD_RF_HTTP_1_0_COMPATIBLE_STRICT, MHD_RO_END);
     return response;
 }
 
@@ -116,11 +132,13 @@ ssize_t Body::read(uint64_t at, char *to, size_t most)
     const auto size = static_cast<size_t>(std::min<uint64_t>(most, m_size - std::min(at, m_size)));
     if (size == 0) return MHD_CONTENT_READER_END_OF_STREAM;
     if (shared.read(m_key, m_first + at, reinterpret_cast<uint8_t *>(to), size)) {
+        m_tries = 0;
         shared.count([&](Counters &counters) { counters.bytes += size; });
         return static_cast<ssize_t>(size);
     }
     // The client sees an answer that breaks off.
-    if (m_f_failed || !m_context.work.add(m_job, *this)) return MHD_CONTENT_READER_END_WITH_ERROR;
+    if (m_f_failed || ++m_tries > MOST_TRIES || !m_context.work.add(m_job, *this))
+        return MHD_CONTENT_READER_END_WITH_ERROR;
     m_peer.f_waiting = true;
     m_context.http.suspend_connection(m_peer.connection);
     return 0;
@@ -128,7 +146,8 @@ ssize_t Body::read(uint64_t at, char *to, size_t most)
 
 void Body::on_reply(const Reply &reply)
 {
-    m_f_failed = reply.status != MHD_HTTP_OK;
+    // A file may change without a change of its version.
+    m_f_failed = reply.status != MHD_HTTP_OK || reply.size < m_first + m_size;
     m_peer.f_waiting = false;
     // The wait was none of the client's doing.
     m_peer.deadline =

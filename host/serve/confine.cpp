@@ -98,7 +98,7 @@ const char *const CALLS[] = {"read",
 const char *const SERVER_CALLS[] = {"accept",     "accept4",     "epoll_create1", "epoll_ctl",
                                     "epoll_wait", "epoll_pwait", "eventfd2",      "setsockopt",
                                     "getsockopt", "getsockname", "getpeername",   "sendfile",
-                                    "sendfile64", "sendmsg"};
+                                    "sendfile64"};
 // For libcurl, its thread that resolves names, and TLS.
 const char *const NETWORK_CALLS[] = {
     "connect",     "bind",      "setsockopt",      "getsockopt", "getsockname",
@@ -226,12 +226,13 @@ void limit_calls(Role role, bool f_network, bool f_files_limited)
         allow_if("fcntl64", 1, INT_BITS, command);
     }
     allow_if("tgkill", 0, INT_BITS, getpid());
-    // Only to the other end: sockets of jobs could reach those of other programs.
+    // Only to the other end: a listening socket that was shut down can be connected by them.
     if (!f_network) allow_if("sendto", 4, UINT64_MAX, 0);
+    if (role == Role::SERVER) allow_if("sendmsg", 2, MSG_FASTOPEN, 0);
     if (f_network) {
         for (const int family : {AF_INET, AF_INET6, AF_NETLINK})
             allow_if("socket", 0, INT_BITS, family);
-        // Of datagrams either end could be connected to sockets of other programs.
+        // Those for datagrams could be sent from, and connected, to sockets of other programs.
         allow_if("socketpair", 1, SOCKET_TYPE_BITS, SOCK_STREAM);
         for (const int request : {FIONBIO, FIONREAD, SIOCGIFINDEX})
             allow_if("ioctl", 1, INT_BITS, request);

@@ -43,12 +43,12 @@ constexpr const char *SECONDS_TO_RETRY = "5";
 
 // Of all texts that a server holds until they are sent, unless they are short.
 constexpr uint64_t MOST_TEXT_BYTES = 16 * 1024 * 1024;
-constexpr uint64_t SHORT_TEXT = 64 * 1024;
 
 /// A field of a request, all of its lines.
 struct Field {
     const char *name;
-    std::string value;
+    std::string value = {};
+    size_t lines = 0;
 };
 
 std::string tag_of(std::string_view text);
@@ -78,8 +78,9 @@ MHD_Result Exchange::step(const char *method, size_t *upload_size)
         m_f_begun = true;
         m_method = method;
         m_peer.deadline = steady_seconds() + m_context.setting.request_seconds();
-        if (field(MHD_HTTP_HEADER_HOST).find(", ") != std::string::npos)
-            return refuse(MHD_HTTP_BAD_REQUEST, "more than one Host");
+        Field host = {MHD_HTTP_HEADER_HOST};
+        m_context.http.get_connection_values(m_peer.connection, MHD_HEADER_KIND, add_line, &host);
+        if (host.lines > 1) return refuse(MHD_HTTP_BAD_REQUEST, "more than one Host");
         // Those with a body are refused before it comes.
         const bool f_known = m_method == "GET" || m_method == "HEAD" || m_method == "OPTIONS";
         return f_known ? MHD_YES : refuse(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD");
@@ -295,13 +296,17 @@ MHD_Result Exchange::send(Answer &answer)
         verdict = judge(conditions(), answer.tag, answer.modified, size);
     const bool f_body =
         verdict.status == answer.status || verdict.status == MHD_HTTP_PARTIAL_CONTENT;
-    if (f_body && answer.text.size() > SHORT_TEXT &&
-        m_context.text_bytes + answer.text.size() > MOST_TEXT_BYTES)
+    const bool f_too_much = f_body && answer.text.size() > SHORT_TEXT &&
+                            m_context.text_bytes + answer.text.size() > MOST_TEXT_BYTES;
+    // This exchange may last as long as the client likes.
+    if (!f_body || f_too_much) std::string().swap(answer.text);
+    if (f_too_much)
         return refuse(MHD_HTTP_SERVICE_UNAVAILABLE, "too many long pages are under way");
     size = f_body ? verdict.size : 0;
     // Who has the body already is told its length, not that of nothing.
     const uint64_t length = verdict.status == MHD_HTTP_NOT_MODIFIED ? whole : size;
-    MHD_Response *const response = make_response(answer, verdict.first, length);
+    MHD_Response *const response =
+        length == size ? make_response(answer, verdict.first, size) : make_head(m_context, length);
     if (response == nullptr) return MHD_NO;
 
     const auto add = [&](const char *name, const std::string &value) {
@@ -370,7 +375,7 @@ Conditions Exchange::conditions() const
 
 std::string Exchange::field(const char *name) const
 {
-    Field field = {name, ""};
+    Field field = {name};
     m_context.http.get_connection_values(m_peer.connection, MHD_HEADER_KIND, add_line, &field);
     return field.value;
 }
@@ -388,6 +393,7 @@ MHD_Result add_line(void *field, MHD_ValueKind /*kind*/, const char *name, const
     if (value == nullptr || strcasecmp(name, wanted.name) != 0) return MHD_YES;
     std::string line = value;
     line.erase(line.find_last_not_of(" \t") + 1);
+    ++wanted.lines;
     wanted.value += (wanted.value.empty() ? "" : ", ") + line;
     return MHD_YES;
 }

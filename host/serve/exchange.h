@@ -30,7 +30,7 @@ struct ServerContext {
     WorkList work;
     uint64_t exchanges = 0;   ///< under way
     uint64_t bodies = 0;      ///< of them, that are sent from the cache
-    uint64_t text_bytes = 0;  ///< of the others, that are held until they are sent
+    uint64_t text_bytes = 0;  ///< of the others, long ones held until they are sent
 };
 
 /// What there is to say.

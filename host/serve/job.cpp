@@ -38,7 +38,8 @@ uint64_t Job::subject() const
 Channel::Channel()
 {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
+    // Not for datagrams: such sockets can be sent from, and connected, to those of other programs.
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
         throw NotDone("a pair of sockets", error_text(errno));
     to = Descriptor(ends[0]);
     from = Descriptor(ends[1]);

@@ -1,4 +1,4 @@
-// What a server wants of the makers, and how they answer: each a datagram. The makers share one socket,
+// What a server wants of the makers, and how they answer: each one packet. The makers share one socket,
 // so that the kernel gives each job to one that is free; each server has a socket for the replies.
 
 #ifndef HOST_SERVE_JOB_H
