@@ -8,7 +8,7 @@ namespace {
 
 // Receivers keep a second of a stream (ISO/IEC 13818-1). Half of it may be used up.
 static_assert(MOST_APART_MS <= 500, "the stage needs the other half");
-constexpr double MOST_OFF = MOST_APART_MS / 2;  // of each track
+constexpr double MOST_OFF = MOST_APART_MS / 2.0;  // of each track
 // Below a millisecond the library can't be asked for each number.
 constexpr double SHORTEST_INTERVAL = 1.01;  // ms
 // Of a track with fillers, and for each byte of the file: 4.8 hours of 60 pictures a second, with audio of 8 kbit/s. So a
