@@ -32,7 +32,6 @@ public:
     void cut(const KeyPlace &at);
     /// The film ends at the time, with so many bytes before it.
     void end(int64_t time, uint64_t bytes);
-    int64_t begun() const { return m_begun.time; }  ///< of the segment that is open
     /// From when on another one may begin, of a film that can be cut anywhere.
     int64_t due() const { return (m_begun.time / USUAL_LENGTH + 1) * USUAL_LENGTH; }
     bool is_full() const { return m_segments.size() >= MOST_SEGMENTS; }
