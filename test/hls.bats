@@ -62,6 +62,9 @@ cut_film() {
     # Each picture is a key picture; ten of them a second.
     $ffmpeg -f lavfi -i testsrc2=s=64x48:r=10:d=20 $h264 -g 1 intra.mp4
     cut_film intra.mp4 4
+    # A slide show: nearly all of it is clock and tables.
+    $ffmpeg -f lavfi -i testsrc2=s=64x48:r=1/3:d=360 $h264 -g 2 slides.mp4
+    cut_film slides.mp4 60
     $ffmpeg -i movie.mp4 -vn -c copy audio.m4a
     cut_film audio.m4a 4
     $ffmpeg -i movie.mp4 -vn -c:a mp2 layer2.mp4

@@ -12,6 +12,7 @@
 #include "stream/even_source.h"
 #include "stream/source_bytes.h"
 #include "survey.h"
+#include "ts_packet.h"
 
 namespace {
 
@@ -255,7 +256,8 @@ struct Stretch {
     }
     uint64_t bits_per_second() const
     {
-        constexpr double BITS = 8, EACH_SECOND = 6 * 1024, MOST = 1e15;
+        // The clock 25 times, and PAT and PMT half as often, each in a packet of its own.
+        constexpr double BITS = 8, EACH_SECOND = 50 * TS_PACKET_SIZE, MOST = 1e15;
         const double bits = static_cast<double>(bytes) * BITS * TICKS_PER_SECOND /
                             static_cast<double>(std::max<int64_t>(length, 1));
         return static_cast<uint64_t>(std::min(bits + EACH_SECOND * BITS, MOST));

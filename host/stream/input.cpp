@@ -83,11 +83,11 @@ Pump::Pump(Input &input, PELA::AVMuxer::Listener &sink)
     if (selection.is_unplayable(m_input.outline(), TrackKind::AUDIO)) m_tally.drop_audio();
     m_tally.begin(m_content);
     m_f_apart = m_options.to_ms && are_apart(m_input.outline(), selection, m_input.even_index());
+    if (m_f_apart) m_tally.pass_until(*m_options.to_ms * TICKS_PER_MS);
 }
 
 void Pump::seek_to_start()
 {
-    if (m_f_apart) m_tally.pass_until(*m_options.to_ms * TICKS_PER_MS);
     const uint32_t start_ms = m_options.start_ms.value_or(0);
     if (start_ms == 0) return;
     const std::string &path = m_input.source().path();
