@@ -43,12 +43,19 @@ bucket_mem *make_bucket(int size)
     return bucket;
 }
 
+// Null while the pool is down.
+bucket_mem *first_bucket()
+{
+    return g_bucketsInitialised ? g_mem : nullptr;
+}
+
 }  // namespace
 
 GOLT_EXPORT void GOLT_memInit()
 {
-    if (g_bucketsInitialised) return;
     bucket_mem **link = &g_mem;
+    while (*link != nullptr)
+        link = &(*link)->m_next;
     for (const bucket_def *row = buckets; row->size != 0; ++row) {
         for (int i = 0; i < row->count; ++i) {
             bucket_mem *bucket = make_bucket(row->size);
@@ -73,7 +80,7 @@ GOLT_EXPORT void GOLT_memClose()
 
 GOLT_EXPORT uint8_t *GOLT_allocMem(uint32_t size)
 {
-    for (bucket_mem *bucket = g_mem; bucket != nullptr; bucket = bucket->m_next) {
+    for (bucket_mem *bucket = first_bucket(); bucket != nullptr; bucket = bucket->m_next) {
         if (!bucket->m_fAvail || static_cast<uint32_t>(bucket->m_size) < size) continue;
         bucket->m_fAvail = false;
         ASAN_UNPOISON_MEMORY_REGION(bucket->memptr, size);
@@ -86,7 +93,7 @@ GOLT_EXPORT uint8_t *GOLT_allocMem(uint32_t size)
 GOLT_EXPORT void GOLT_freeMem(uint8_t *ptr)
 {
     if (ptr == nullptr) return;
-    for (bucket_mem *bucket = g_mem; bucket != nullptr; bucket = bucket->m_next) {
+    for (bucket_mem *bucket = first_bucket(); bucket != nullptr; bucket = bucket->m_next) {
         if (bucket->memptr != ptr) continue;
         bucket->m_fAvail = true;
         ASAN_POISON_MEMORY_REGION(bucket->memptr, static_cast<size_t>(bucket->m_size));

@@ -7,7 +7,8 @@
 
 #include "golt_common.h"
 
-/// Sets up the pool; does nothing if it is set up. Without memory for all blocks it is smaller.
+/// Sets up the pool; a pool that is up gets the same blocks once more. Without memory for all of
+/// them it is smaller.
 GOLT_EXPORT void GOLT_memInit();
 
 /// Releases every block of the pool, also those that are out: all frames have to be destroyed

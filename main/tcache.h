@@ -49,8 +49,10 @@ public:
     uint32_t fill(uint64_t tgtOffset, Listener *listener, bool fCompleteFill);
     /// Whether a fill up to tgtOffset would ask the host.
     bool needsFill(uint64_t tgtOffset) const { return m_len < minFill(tgtOffset) && isValid(); }
-    /// Whether it is for a block that it doesn't hold whole.
-    bool hasRoom() const { return m_len < m_siz && isValid(); }
+    /// Whether it is for a block that it doesn't hold whole. The distance to the target that lies
+    /// behind all others is 65,535 in a block that ends at a multiple of 4 GiB: the last byte of
+    /// such a block isn't missed.
+    bool hasRoom() const { return needsFill(UINT64_MAX); }
     /// Block, bytes held and bytes handed out as a text; the result is that of snprintf.
     int getDbgInfo(char *str, int maxsize) const;
 

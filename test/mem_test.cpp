@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "golt_poison.h"
+#include "heap.h"
 
 namespace {
 
@@ -38,7 +39,6 @@ TEST(Pool, ServesTheSmallestFreeBlockThatFitsAndThenTheHeap)
         EXPECT_EQ(std::count(pool.begin(), pool.end(), block), 0);
     give(heap);
     give(pool);
-    GOLT_memInit();  // does nothing more
     const Blocks others = {GOLT_allocMem(0x20001), GOLT_allocMem(0x401), GOLT_allocMem(0x20000)};
     EXPECT_EQ(std::count(pool.begin(), pool.end(), others[0]), 0) << "larger than all";
     EXPECT_EQ(others[1], pool[4]) << "larger than the small ones";
@@ -59,6 +59,21 @@ TEST(Pool, ServesTheSmallestFreeBlockThatFitsAndThenTheHeap)
 #endif
     GOLT_memClose();
     GOLT_freeMem(nullptr);
+}
+
+TEST(Pool, HasItsBlocksOnceMoreWhenItIsSetUpAgain)
+{
+    GOLT_memInit();
+    GOLT_memInit();
+    g_heap.granted = 0;
+    {
+        const LibraryCall watch;
+        for (uint32_t i = 0; i < 14; ++i)
+            EXPECT_NE(GOLT_allocMem(i < 2 ? 0x14001 : 1), nullptr) << i;
+        EXPECT_EQ(GOLT_allocMem(1), nullptr);
+    }
+    g_heap.granted = INT_MAX;
+    GOLT_memClose();
 }
 
 }  // namespace

@@ -286,6 +286,12 @@ TEST(CacheBuffer, AsksForWhatItLacksAndGivesWhatItHolds)
     buffer.invalidate();
     EXPECT_FALSE(buffer.isValid() || buffer.needsFill(0) || buffer.incache(BLOCK));
     EXPECT_EQ(buffer.len(), 0u);
+    for (const uint64_t off : {0xFFFE0000, 0xFFFF0000}) {
+        buffer.setup(off);
+        host.script = {BLOCK - 1};
+        buffer.fill(off + 1, &host, false);
+        EXPECT_EQ(buffer.hasRoom(), off == 0xFFFE0000) << "with a byte missing, " << off;
+    }
 }
 
 TEST(CacheList, CutsItsTextToTheRoom)

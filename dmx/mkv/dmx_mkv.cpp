@@ -10,8 +10,8 @@ namespace {
 
 constexpr uint64_t NS_PER_MS = 1000000;
 
-// Video frames that a host may cut before a seek gives up: the missing bytes of them are filled in,
-// and their sizes are only what the file says.
+// Frames that a host may cut before a seek gives up: the missing bytes of them are filled in, and their
+// sizes are only what the file says.
 constexpr uint32_t CUT_FRAMES_MAX = 8;
 
 bool allocate();
@@ -185,8 +185,11 @@ bool read_on_to(uint32_t ui4_time)
     const VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;
     uint32_t cut = 0;
     while (cut < CUT_FRAMES_MAX && AV_buffer_fill() != 0) {
-        if (begins_with_key_frame(t_video) || ui4_time <= t_video.CurTimeCode) return true;
+        const bool f_video = mkvctx.SegInfo.AvailVideoFrameNo != 0;
+        if (f_video && (begins_with_key_frame(t_video) || ui4_time <= t_video.CurTimeCode))
+            return true;
         if (mkvctx.f_ended) ++cut;
+        drop_audio();
         drop_video();
     }
     return false;

@@ -32,7 +32,7 @@ GOLT_EXPORT bool GOLT_DMX_MKVSeekToBytes(int64_t i8_pos);
 
 /// Moves to the last cue point at or before ui8_time milliseconds; a time before the first cue point
 /// moves to that one, which is later. From there it moves to the first video frame that is a key
-/// frame by its first NAL unit, or that isn't before ui8_time. Audio is skipped unread. False, with
+/// frame by its first NAL unit, or that isn't before ui8_time. Audio is read and dropped. False, with
 /// nothing changed, for a source without cues and for a time at or after the last cue point; false
 /// at the end of the stream when no such frame comes, and after eight frames that the source has cut
 /// short.

@@ -6,6 +6,7 @@
 #include "dmx_mkv_frame.h"
 #include "dmx_mkv_ids.h"
 #include "dmx_mkv_lacing.h"
+#include "golt_mem.h"
 
 using namespace mkv;
 
@@ -35,7 +36,7 @@ block_header_t read_block_header(uint32_t BlockLen, block_t &t_block);
 bool read_payload(const block_t &t_block, bool f_audio);
 bool read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing);
 bool read_video_block(uint32_t CurTimeCode, uint32_t DataLen);
-void pass_over_audio_block(const lacing_t &t_lacing);
+frame_read_t drop_audio_frame(uint32_t ui4_size);
 
 bool is_frame_pending()
 {
@@ -180,10 +181,8 @@ bool read_payload(const block_t &t_block, bool f_audio)
 {
     const uint32_t CurTimeCode =
         mkvctx.ClusterInfo.TimeCode + static_cast<uint32_t>(t_block.i4_time);
-    if (!f_audio) return read_video_block(CurTimeCode, t_block.DataLen);
-    if (!mkvctx.f_seeking) return read_audio_block(CurTimeCode, t_block.t_lacing);
-    pass_over_audio_block(t_block.t_lacing);
-    return true;
+    return f_audio ? read_audio_block(CurTimeCode, t_block.t_lacing)
+                   : read_video_block(CurTimeCode, t_block.DataLen);
 }
 
 bool read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing)
@@ -193,11 +192,13 @@ bool read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing)
     uint32_t count = 0;
     frame_read_t last = frame_read_t::WHOLE;
     while (count < t_lacing.count && last == frame_read_t::WHOLE) {
-        last = read_audio_frame(t_lacing.frame_data_num[count], t_audio.AudioData[count]);
+        const uint32_t ui4_size = t_lacing.frame_data_num[count];
+        last = mkvctx.f_seeking ? drop_audio_frame(ui4_size)
+                                : read_audio_frame(ui4_size, t_audio.AudioData[count]);
         if (last != frame_read_t::NONE) ++count;
     }
     t_audio.curFrameNo = 0;
-    t_audio.totalFrameNo = static_cast<uint8_t>(count);
+    t_audio.totalFrameNo = static_cast<uint8_t>(mkvctx.f_seeking ? 0 : count);
     mkvctx.SegInfo.AvailAudioFrameNo = static_cast<uint8_t>(count);
     return last == frame_read_t::WHOLE;
 }
@@ -210,14 +211,15 @@ bool read_video_block(uint32_t CurTimeCode, uint32_t DataLen)
     return result == frame_read_t::WHOLE;
 }
 
-// A seek drops all audio anyway. Reading goes on with what the frames leave of the block, as it does
-// after frames that were read.
-void pass_over_audio_block(const lacing_t &t_lacing)
+// Reads a frame for a seek, which wants none: the host is asked for the same bytes as for one that is
+// kept. Nothing is done for an empty one, as seven bytes of the file can hold 255 of them.
+frame_read_t drop_audio_frame(uint32_t ui4_size)
 {
-    uint32_t ui4_sum = 0;
-    for (uint32_t i = 0; i < t_lacing.count; ++i)
-        ui4_sum += t_lacing.frame_data_num[i];
-    if (ui4_sum != 0) _MKV_Seek(position_after(ui4_sum));
+    if (ui4_size == 0) return frame_read_t::WHOLE;
+    AudioFrameBuffer t_buffer = {};
+    const frame_read_t result = read_audio_frame(ui4_size, t_buffer);
+    GOLT_freeMem(t_buffer.frameData);
+    return result;
 }
 
 }  // namespace

@@ -214,7 +214,7 @@ struct MKV_context_t {
     // A read fell short, or a block was lost or cut, since the pump was started. Set by _MKV_Read
     // and BlockDataAnalyze, whose results have no room for it.
     bool f_ended;
-    bool f_seeking;        // audio is passed over unread
+    bool f_seeking;        // of audio that is pending no frame is held
     uint32_t ui4_damaged;  // element headers in a row that couldn't be read
 };
 
