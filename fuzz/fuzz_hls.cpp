@@ -4,10 +4,9 @@
 #include <malloc.h>
 
 #include <algorithm>
-#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <sstream>
 #include <string_view>
 
@@ -115,16 +114,15 @@ void check_plan(const Film &film)
     require(film.average_bits > 0 && film.peak_bits >= film.average_bits, "a peak is the most");
 }
 
-// As RFC 8216 has them.
+// As RFC 8216 has them. Times are whole numbers: a few bytes may state centuries.
 void check_playlists(const Film &film)
 {
-    // Of a length, by the numbers in between: a few bytes may state centuries.
-    constexpr double ROUNDING = 2 * std::numeric_limits<double>::epsilon();
+    // The last digit of a duration. Ten of them are nine ticks.
+    constexpr int64_t UNITS = 100000, UNIT = 9, TICK = 10;
     std::istringstream media(media_playlist(film, "v/"));
     std::string line;
     size_t number = 0;
-    int64_t target = 0;
-    double sum = 0;
+    int64_t target = 0, sum = 0;
     bool f_ended = false;
     require(std::getline(media, line) && line == "#EXTM3U", "a playlist says that it is one");
     while (std::getline(media, line)) {
@@ -133,21 +131,23 @@ void check_playlists(const Film &film)
         if (line.compare(0, 22, "#EXT-X-TARGETDURATION:") == 0)
             target = std::stoll(line.substr(22));
         if (line.compare(0, 8, "#EXTINF:") != 0) continue;
-        const double seconds = std::stod(line.substr(8));
+        const size_t point = line.find('.');
+        require(point + 7 == line.size() && line.back() == ',', "five digits after the point");
+        const int64_t units =
+            std::stoll(line.substr(8, point - 8)) * UNITS + std::stoll(line.substr(point + 1, 5));
         const Segment &segment = film.segments.at(number);
-        const auto length = static_cast<double>(segment.end - segment.start);
-        require(std::abs(seconds * SECOND - length) <= 0.5 + length * ROUNDING,
+        const int64_t length = segment.end - segment.start;
+        require(std::abs(units * UNIT - length * TICK) <= UNIT / 2,
                 "durations are those of the segments");
-        require(static_cast<int64_t>(seconds + 0.5) <= target, "none is above the target duration");
-        sum += seconds;
+        require((units + UNITS / 2) / UNITS <= target, "none is above the target duration");
+        sum += units;
         require(std::getline(media, line) && line == "v/" + std::to_string(number) + ".ts",
                 "segments in their order");
         ++number;
     }
     require(f_ended && number == film.segments.size(), "all segments, and an end");
-    const auto duration = static_cast<double>(film.duration);
-    const double off = sum * SECOND - duration;
-    require(std::abs(off) <= (0.5 + duration * ROUNDING) * static_cast<double>(number),
+    require(std::abs(sum * UNIT - film.duration * TICK) <=
+                static_cast<int64_t>(number) * (UNIT / 2),
             "durations add up");
     const std::string master = master_playlist(film, "media.m3u8");
     require(std::count(master.begin(), master.end(), '\n') == 4 + film.f_independent,

@@ -173,7 +173,7 @@ constexpr bound_t BOUNDS[4][3] = {
     {{1, 16, 0, 0, 0, 0}, {1.0 / 96, 4, 0, 2, 0, 4 * KIB}, {0, 4, 0, 0, 0, 0}},
     {{0.25, 16, 0, 16, 0, 64 * KIB}, {0.25, 16, 0, 4, 0, 64 * KIB}, {1, 16, 0, 4, 0, 64 * KIB}},
     {{1, 16, 8, 64, 5, TABLES}, {2, 4, 0, 8, 3, FRAME}, {0, 0, 0, 0, 0, 0}},
-    {{2, 128, 6, 16, 2, 256 * KIB}, {2, 384, 6, 264, 2, FRAME}, {2, 384, 1, 16, 2, FRAME}},
+    {{2, 128, 6, 16, 2, 256 * KIB}, {2, 384, 6, 264, 2, FRAME}, {2, 384, 6, 16, 2, FRAME}},
 };
 constexpr bound_t NO_WORK = {};
 // Of the cache: 16 blocks of 64 KiB with their heads, and a read-ahead that waits for nothing.

@@ -6,7 +6,6 @@
 #include "dmx_mkv_frame.h"
 #include "dmx_mkv_ids.h"
 #include "dmx_mkv_lacing.h"
-#include "golt_mem.h"
 
 using namespace mkv;
 
@@ -36,7 +35,6 @@ block_header_t read_block_header(uint32_t BlockLen, block_t &t_block);
 bool read_payload(const block_t &t_block, bool f_audio);
 bool read_audio_block(uint32_t CurTimeCode, const lacing_t &t_lacing);
 bool read_video_block(uint32_t CurTimeCode, uint32_t DataLen);
-frame_read_t drop_audio_frame(uint32_t ui4_size);
 
 bool is_frame_pending()
 {
@@ -209,17 +207,6 @@ bool read_video_block(uint32_t CurTimeCode, uint32_t DataLen)
     const frame_read_t result = read_video_frame(DataLen);
     mkvctx.SegInfo.AvailVideoFrameNo = result != frame_read_t::NONE ? 1 : 0;
     return result == frame_read_t::WHOLE;
-}
-
-// Reads a frame for a seek, which wants none: the host is asked for the same bytes as for one that is
-// kept. Nothing is done for an empty one, as seven bytes of the file can hold 255 of them.
-frame_read_t drop_audio_frame(uint32_t ui4_size)
-{
-    if (ui4_size == 0) return frame_read_t::WHOLE;
-    AudioFrameBuffer t_buffer = {};
-    const frame_read_t result = read_audio_frame(ui4_size, t_buffer);
-    GOLT_freeMem(t_buffer.frameData);
-    return result;
 }
 
 }  // namespace

@@ -157,6 +157,22 @@ frame_read_t mkv::read_audio_frame(uint32_t ui4_size, AudioFrameBuffer &t_buffer
     return f_whole ? frame_read_t::WHOLE : frame_read_t::CUT;
 }
 
+frame_read_t mkv::drop_audio_frame(uint32_t ui4_size)
+{
+    constexpr uint32_t SMALL = 64;  // bytes
+    if (ui4_size > SMALL) {
+        AudioFrameBuffer t_buffer = {};
+        const frame_read_t result = read_audio_frame(ui4_size, t_buffer);
+        GOLT_freeMem(t_buffer.frameData);
+        return result;
+    }
+    uint8_t ab_frame[SMALL + AC3_SYNC_SIZE];
+    const int64_t i8_start = _MKV_FilePos();
+    FileFillAudioBuff(ab_frame, ui4_size);
+    if (!mkvctx.f_ended) return frame_read_t::WHOLE;
+    return _MKV_FilePos() != i8_start ? frame_read_t::CUT : frame_read_t::NONE;
+}
+
 frame_read_t mkv::read_video_frame(uint32_t DataLen)
 {
     VIDEO_FRAME_INFO &t_video = *mkvctx.VideoFrameInfo;

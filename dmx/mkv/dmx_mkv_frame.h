@@ -21,6 +21,10 @@ enum class frame_read_t {
 /// Reads one audio frame of ui4_size bytes, at most PAYLOAD_MAX, into a block of its own.
 frame_read_t read_audio_frame(uint32_t ui4_size, AudioFrameBuffer &t_buffer);
 
+/// The same for a seek, which wants no audio: the host is asked for the same bytes, and nothing is held.
+/// Small frames take no memory, as a block can have 255 of them.
+frame_read_t drop_audio_frame(uint32_t ui4_size);
+
 /// Reads the DataLen bytes of a video block, at most PAYLOAD_MAX, as the pending video frame.
 frame_read_t read_video_frame(uint32_t DataLen);
 

@@ -9,10 +9,13 @@
 
 namespace {
 
-// In units of 10 ms of a second's 90,000 ticks times are exact, but for the last digit.
+// A tick is 1/9 more than a unit of the last digit. Rounded to the nearest, also where a file states centuries.
 std::string seconds_text(int64_t ticks)
 {
-    return fmt::format("{:.5f}", static_cast<double>(ticks) / TICKS_PER_SECOND);
+    constexpr int64_t UNITS = 100000;
+    static_assert(UNITS * 9 == TICKS_PER_SECOND * 10);
+    const int64_t units = (ticks * 10 + 4) / 9;
+    return fmt::format("{}.{:05}", units / UNITS, units % UNITS);
 }
 
 }  // namespace
