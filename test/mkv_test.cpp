@@ -150,6 +150,7 @@ TEST(Mkv, Seeks)
         // The frame of three bytes leaves a block within its own to what comes next.
         {"over a lace", AVC + " " + AAC + " k C0 l06.00.83.010203.A3[81%5(65)] v80(41) q1000",
          "@ v5|65", "@20 1"},
+        {"into a cut frame", AVC + " " + AAC + " k C0 q9 =A3.87.82000000.0102", "!", "@5 1"},
         {"destroyed in a lace", SCENES, "a2000=01", "1"},
         {"destroyed after a seek", SCENES, "@", "@2000"},
     });

@@ -250,7 +250,7 @@ bool get_payload(uint8_t *pb, uint32_t ui4_size)
 {
     const uint32_t ui4_came = get_bytes(pb, ui4_size);
     if (ui4_came == ui4_size) return true;
-    memset(pb + ui4_came, 0, ui4_size - ui4_came);
+    std::fill(pb + ui4_came, pb + ui4_size, uint8_t{0});
     return false;
 }
 
