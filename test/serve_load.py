@@ -9,9 +9,11 @@ import asyncio
 import hashlib
 import json
 import os
+import random
 import re
 import resource
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -193,10 +195,23 @@ def ffmpeg_cost(folder, film):
                 len(list(Path(out).glob("*.ts"))))
 
 
+def free_port():
+    """One that the system doesn't give to a client meanwhile: it takes these from above."""
+    for port in random.sample(range(12000, 22000), 100):
+        with socket.socket() as taken:
+            taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            try:
+                taken.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                pass
+    sys.exit("no port is free")
+
+
 def start_nginx(docs, folder, ports):
     """nginx with the settings that the documentation shows."""
     settings = re.search(r"```nginx\n(.*?)```", Path(docs).read_text(), re.S).group(1)
-    listen = ports[0] + 1 if ports[0] + 1 not in ports else ports[0] + 2
+    listen = free_port()
     for old, new in (("/var/cache/nginx/films", str(folder / "cache")), ("127.0.0.1:8080", "127.0.0.1:%d" % ports[0]),
                      ("127.0.0.1:8081", "127.0.0.1:%d" % ports[1]), ("listen 80;", "listen 127.0.0.1:%d;" % listen)):
         assert old in settings, old
