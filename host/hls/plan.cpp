@@ -4,7 +4,7 @@
 
 void Plan::add(const KeyPlace &key)
 {
-    if (key.time <= (m_before ? m_before->time : m_begun.time)) return;
+    if (key.time <= latest()) return;
     if (is_before_nearer(key.time)) cut(*m_before);
     if (key.time <= m_begun.time + USUAL_LENGTH)
         m_before = key;

@@ -32,6 +32,8 @@ public:
     void cut(const KeyPlace &at);
     /// The film ends at the time, with so many bytes before it.
     void end(int64_t time, uint64_t bytes);
+    /// The time of the last place.
+    int64_t latest() const { return m_before ? m_before->time : m_begun.time; }
     /// From when on another one may begin, of a film that can be cut anywhere.
     int64_t due() const { return (m_begun.time / USUAL_LENGTH + 1) * USUAL_LENGTH; }
     bool is_full() const { return m_segments.size() >= MOST_SEGMENTS; }

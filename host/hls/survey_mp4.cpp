@@ -24,20 +24,20 @@ constexpr int64_t CLOCK_STEP = 40 * TICKS_PER_MS, CLOCK_JUMP = 10 * TICKS_PER_SE
 /// The key samples that may be sought to for those that come.
 class Approach {
 public:
-    void add(const KeySample &key)
-    {
-        to(key);  // those that are too early for it and all later ones go
-        at(m_end++) = {key.sample, key.number};
-    }
-    /// The library's number of the last one that is early enough; 0: the begin.
-    uint64_t to(const KeySample &key)
+    /// Adds a key sample. The result is the library's number of the last one before it that is early enough; 0: the
+    /// begin.
+    uint64_t add(const KeySample &key)
     {
         const auto is_early = [&](const Key &one) {
             return one.sample + PICTURES_BEFORE <= key.sample;
         };
+        // Those that are too early for it and all later ones go.
         while (m_end - m_begin > 1 && is_early(at(m_begin + 1)))
             ++m_begin;
-        return m_begin == m_end || !is_early(at(m_begin)) ? 0 : at(m_begin).number;
+        const bool f_early = m_begin != m_end && is_early(at(m_begin));
+        const uint64_t number = f_early ? at(m_begin).number : 0;
+        at(m_end++) = {key.sample, key.number};
+        return number;
     }
 
 private:
@@ -172,15 +172,14 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
     const bool f_read = samples.walk([&](const KeySample &key) {
         const int64_t time = film_time(film, ticks_of_ms(key.shown_ms), TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
-        if (time > first && time < end) {
-            const uint64_t from = approach.to(key);
+        const uint64_t from = approach.add(key);
+        if (time > std::max(first, plan.latest()) && time < end) {
             const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
             plan.add(
                 {time, place,
                  served_bytes(key.bytes, key.sample) + keys * EACH_KEY + audio.bytes_at(time)});
         }
         ++keys;
-        approach.add(key);
         if (film.f_cut && time >= end) {
             pictures = key.sample;
             picture_bytes = key.bytes;
