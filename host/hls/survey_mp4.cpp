@@ -173,6 +173,7 @@ void plan_by_keys(Source &source, Film &film, int64_t first, int64_t end, int64_
         const int64_t time = film_time(film, ticks_of_ms(key.shown_ms), TrackKind::VIDEO);
         film.f_independent = film.f_independent && !key.f_leading;
         const uint64_t from = approach.add(key);
+        // A few bytes may state millions of key samples with few times. The plan takes one of each.
         if (time > std::max(first, plan.latest()) && time < end) {
             const uint64_t place = from == 0 ? 0 : samples.time_to_ask(from).value_or(0);
             plan.add(
